@@ -1,0 +1,60 @@
+# How everything of the project is compiled: the targets vornix_warnings and vornix_hardening, and the sanitizers.
+
+# What the compilers are asked to find. gcc 12, clang 14 and mingw-w64's gcc 12 know all of these, save those in the
+# generator expression; ./check builds with all three, and a warning is an error.
+add_library(vornix_warnings INTERFACE)
+target_compile_options(vornix_warnings INTERFACE
+  -Werror
+  -Wall
+  -Wextra
+  -Wpedantic
+  -Wcast-align
+  -Wcast-qual
+  -Wconversion
+  -Wdouble-promotion
+  -Wextra-semi
+  -Wformat=2
+  -Wimplicit-fallthrough
+  -Wmissing-declarations
+  -Wnon-virtual-dtor
+  -Wold-style-cast
+  -Woverloaded-virtual
+  -Wshadow
+  -Wsign-conversion
+  -Wundef
+  -Wunused
+  -Wvla
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-branches -Wduplicated-cond -Wlogical-op>)
+
+# The process survives an administrator's mistakes with the disk at stake, so it carries what the platform offers.
+add_library(vornix_hardening INTERFACE)
+target_compile_options(vornix_hardening INTERFACE -fstack-protector-strong)
+if(WIN32)
+  target_link_options(vornix_hardening INTERFACE
+    -static
+    -fstack-protector-strong
+    -Wl,--dynamicbase,--nxcompat,--high-entropy-va
+    # The same sources give the same bytes: no time of the link in the file.
+    -Wl,--no-insert-timestamp)
+else()
+  target_link_options(vornix_hardening INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
+
+# No path of the checkout in what is built, so that two builds in different folders give the same bytes.
+add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
+
+if(VORNIX_SANITIZE)
+  # For all targets, those of the tests too. The first finding ends the process: one that only prints is overlooked.
+  add_compile_options(-O1 -fno-omit-frame-pointer -fsanitize=address,undefined -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
+elseif(NOT WIN32)
+  target_compile_definitions(vornix_hardening INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:_FORTIFY_SOURCE=2>)
+endif()
+
+# Sets `variable` to the absolute paths of the files of the checkout that match the patterns. Editing a folder's content
+# is enough to have it built; no list of files is kept by hand.
+function(vornix_glob variable)
+  list(TRANSFORM ARGN PREPEND "${PROJECT_SOURCE_DIR}/")
+  file(GLOB files CONFIGURE_DEPENDS ${ARGN})
+  set(${variable} ${files} PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,15 @@
+// The guarded way to the shadow copy service, on Linux. The missing library is raised as a C++ exception here.
+#include "snapshot/create_components_guarded.h"
+
+namespace vornix {
+
+HRESULT CreateComponentsGuarded(IVssBackupComponents** components) {
+    try {
+        return CreateVssBackupComponents(components);
+    } catch (...) {
+        *components = nullptr;
+        return static_cast<HRESULT>(0x8007007Eu);
+    }
+}
+
+} // namespace vornix

@@ -1,0 +1,298 @@
+// Disks of the Linux build: which block devices are disks, how they are opened, and the answers to DeviceIoControl.
+#include "linux_disks.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+
+#include "last_error.h"
+#include "linux_calls.h"
+#include "root_disks.h"
+#include "share_modes.h"
+#include "unsupported.h"
+
+namespace vornix::platform {
+
+namespace {
+
+std::string ReadSysfsLine(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+bool IsAttributeSet(const std::string& path) {
+    const std::string value = ReadSysfsLine(path);
+    return !value.empty() && value != "0";
+}
+
+// What is no disk although the kernel lists it as a whole block device: memory, devices composed of others (they are
+// reached through the disks they are composed of), optical and floppy drives, and the special areas of flash cards.
+bool IsNoDisk(const std::string& name) {
+    for (const char* prefix : {"ram", "zram", "nullb", "dm-", "md", "bcache", "zd", "sr", "fd", "mtdblock"}) {
+        if (name.starts_with(prefix)) {
+            return true;
+        }
+    }
+    return name.starts_with("mmcblk") &&
+           (name.find("boot") != std::string::npos || name.find("rpmb") != std::string::npos);
+}
+
+std::vector<HostDisk> EnumerateDisks() {
+    std::vector<HostDisk> hardware;
+    std::vector<HostDisk> others;
+    const std::string root = "/sys/block";
+    DIR* const folder = opendir(root.c_str());
+    if (folder == nullptr) {
+        return hardware;
+    }
+    while (const dirent* entry = readdir(folder)) {
+        const std::string name = entry->d_name;
+        std::string path = root;
+        path += '/';
+        path += name;
+        unsigned majorNumber = 0;
+        unsigned minorNumber = 0;
+        // The hidden attribute marks the single paths of a disk that is reached over several.
+        if (name[0] == '.' || IsNoDisk(name) || IsAttributeSet(path + "/hidden") ||
+            std::sscanf(ReadSysfsLine(path + "/dev").c_str(), "%u:%u", &majorNumber, &minorNumber) != 2) {
+            continue;
+        }
+        const HostDisk disk{name, makedev(majorNumber, minorNumber)};
+        if (access((path + "/device").c_str(), F_OK) == 0) {
+            hardware.push_back(disk);
+        } else if (IsAttributeSet(path + "/size")) {
+            others.push_back(disk);
+        }
+    }
+    (void)closedir(folder);
+    const auto byDeviceNumber = [](const HostDisk& a, const HostDisk& b) {
+        return major(a.Device) != major(b.Device) ? major(a.Device) < major(b.Device)
+                                                  : minor(a.Device) < minor(b.Device);
+    };
+    std::sort(hardware.begin(), hardware.end(), byDeviceNumber);
+    std::sort(others.begin(), others.end(), byDeviceNumber);
+    hardware.insert(hardware.end(), others.begin(), others.end());
+    return hardware;
+}
+
+DWORD ErrorOfDiskOpen(int code) {
+    // A node without its device is a disk that is not there; once open, it would be one that was pulled out.
+    return code == ENXIO || code == ENODEV ? ERROR_FILE_NOT_FOUND : ErrorFromErrno(code, Subject::Disk);
+}
+
+// What direct transfers demand of memory: the kernel's own word where it gives one, else whole sectors.
+uint32_t DirectMemoryAlignment([[maybe_unused]] int descriptor, uint32_t sectorSize) {
+#ifdef STATX_DIOALIGN
+    struct statx status {};
+    if (statx(descriptor, "", AT_EMPTY_PATH, STATX_DIOALIGN, &status) == 0 && (status.stx_mask & STATX_DIOALIGN) != 0 &&
+        status.stx_dio_mem_align != 0) {
+        return status.stx_dio_mem_align;
+    }
+#endif
+    return sectorSize;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Device control
+
+// Puts the answer of a control call into the caller's buffer.
+BOOL Answer(const void* record, size_t length, LPVOID out, DWORD outLength, LPDWORD returned) {
+    if (outLength < length) {
+        return FailWith(ERROR_INSUFFICIENT_BUFFER);
+    }
+    std::memcpy(out, record, length);
+    *returned = static_cast<DWORD>(length);
+    return TRUE;
+}
+
+BOOL AnswerLength(const OpenObject& disk, LPVOID out, DWORD outLength, LPDWORD returned) {
+    if ((disk.Access & GENERIC_READ) == 0) {
+        return FailWith(ERROR_ACCESS_DENIED);
+    }
+    GET_LENGTH_INFORMATION answer{};
+    answer.Length.QuadPart = static_cast<LONGLONG>(disk.Length);
+    return Answer(&answer, sizeof answer, out, outLength, returned);
+}
+
+BOOL AnswerGeometry(const OpenObject& disk, LPVOID out, DWORD outLength, LPDWORD returned) {
+    // The cylinders of no disk of today; these are the figures that Windows translates every disk to.
+    constexpr uint64_t tracksPerCylinder = 255;
+    constexpr uint64_t sectorsPerTrack = 63;
+    DISK_GEOMETRY_EX answer{};
+    answer.Geometry.Cylinders.QuadPart =
+        static_cast<LONGLONG>(disk.Length / disk.SectorSize / (tracksPerCylinder * sectorsPerTrack));
+    answer.Geometry.MediaType = disk.Removable ? RemovableMedia : FixedMedia;
+    answer.Geometry.TracksPerCylinder = tracksPerCylinder;
+    answer.Geometry.SectorsPerTrack = sectorsPerTrack;
+    answer.Geometry.BytesPerSector = disk.SectorSize;
+    answer.DiskSize.QuadPart = static_cast<LONGLONG>(disk.Length);
+    return Answer(&answer, sizeof answer, out, outLength, returned);
+}
+
+BOOL RereadPartitionTable(const OpenObject& disk, LPDWORD returned) {
+    *returned = 0;
+    if (ioctl(disk.Descriptor, BLKRRPART) != 0) {
+        return FailWith(ErrorFromErrno(errno, Subject::Disk));
+    }
+    return TRUE;
+}
+
+// No disk has this number: the program's are non-negative signed 32-bit values, and this is -1 as one of them.
+constexpr DWORD numberOfNoDisk = 0xFFFFFFFF;
+
+DWORD NumberOfDisk(dev_t device) {
+    const std::vector<HostDisk>& disks = HostDisks();
+    const auto found =
+        std::find_if(disks.begin(), disks.end(), [device](const HostDisk& disk) { return disk.Device == device; });
+    return found == disks.end() ? numberOfNoDisk : static_cast<DWORD>(found - disks.begin());
+}
+
+BOOL AnswerSystemExtents(LPVOID out, DWORD outLength, LPDWORD returned) {
+    *returned = 0;
+    std::vector<HostExtent> extents = FindRootExtents();
+    if (extents.empty()) {
+        // The system runs from memory or from the network. It still has a volume, but on no disk.
+        extents.emplace_back();
+    }
+    constexpr size_t head = offsetof(VOLUME_DISK_EXTENTS, Extents);
+    if (outLength < head + sizeof(DISK_EXTENT)) {
+        return FailWith(ERROR_INSUFFICIENT_BUFFER);
+    }
+    const size_t room = (outLength - head) / sizeof(DISK_EXTENT);
+    auto* const bytes = static_cast<uint8_t*>(out);
+    VOLUME_DISK_EXTENTS header{};
+    header.NumberOfDiskExtents = static_cast<DWORD>(extents.size());
+    std::memcpy(bytes, &header, head);
+    const size_t count = std::min(room, extents.size());
+    for (size_t i = 0; i < count; i++) {
+        DISK_EXTENT extent{};
+        extent.DiskNumber = extents[i].Disk == 0 ? numberOfNoDisk : NumberOfDisk(extents[i].Disk);
+        extent.StartingOffset.QuadPart = static_cast<LONGLONG>(extents[i].Start);
+        extent.ExtentLength.QuadPart = static_cast<LONGLONG>(extents[i].Length);
+        std::memcpy(bytes + head + i * sizeof extent, &extent, sizeof extent);
+    }
+    *returned = static_cast<DWORD>(head + count * sizeof(DISK_EXTENT));
+    return count == extents.size() ? TRUE : FailWith(ERROR_MORE_DATA);
+}
+
+} // namespace
+
+const std::vector<HostDisk>& HostDisks() {
+    static const std::vector<HostDisk>& disks = *new std::vector<HostDisk>(EnumerateDisks());
+    return disks;
+}
+
+std::unique_ptr<OpenObject> OpenDisk(uint64_t number, DWORD access, DWORD share, DWORD flags) {
+    if (number >= HostDisks().size()) {
+        (void)FailWith(ERROR_FILE_NOT_FOUND);
+        return nullptr;
+    }
+    const HostDisk& disk = HostDisks()[static_cast<size_t>(number)];
+    std::string path = "/dev/" + disk.Name;
+    std::replace(path.begin() + 5, path.end(), '!', '/');
+
+    int mode = O_CLOEXEC | O_NONBLOCK;
+    mode |= (access & GENERIC_WRITE) == 0 ? O_RDONLY : (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
+    mode |= (flags & FILE_FLAG_NO_BUFFERING) != 0 ? O_DIRECT : 0;
+    // The kernel gives this claim to nobody while the disk or a partition of it is mounted, part of a RAID or in any
+    // other exclusive use, and to nobody else while it is held.
+    mode |= (share & (FILE_SHARE_READ | FILE_SHARE_WRITE)) != (FILE_SHARE_READ | FILE_SHARE_WRITE) ? O_EXCL : 0;
+
+    // Some kernels refuse this open and others every single write; here it is the open, before anything happens.
+    if ((access & GENERIC_WRITE) != 0 && IsAttributeSet("/sys/block/" + disk.Name + "/ro")) {
+        (void)FailWith(ERROR_WRITE_PROTECT);
+        return nullptr;
+    }
+
+    auto object = std::make_unique<OpenObject>();
+    object->Kind = ObjectKind::Disk;
+    object->Access = access;
+    object->Descriptor = open(path.c_str(), mode);
+    if (object->Descriptor < 0) {
+        (void)FailWith(ErrorOfDiskOpen(errno));
+        return nullptr;
+    }
+    struct stat status {};
+    if (fstat(object->Descriptor, &status) != 0 || !S_ISBLK(status.st_mode) || status.st_rdev != disk.Device) {
+        // The name belongs to another device by now, or to none.
+        (void)FailWith(ERROR_FILE_NOT_FOUND);
+        return nullptr;
+    }
+    int sectorSize = 0;
+    if (ioctl(object->Descriptor, BLKGETSIZE64, &object->Length) != 0 ||
+        ioctl(object->Descriptor, BLKSSZGET, &sectorSize) != 0) {
+        (void)FailWith(ErrorFromErrno(errno, Subject::Disk));
+        return nullptr;
+    }
+    if (object->Length == 0) {
+        (void)FailWith(ERROR_NOT_READY);
+        return nullptr;
+    }
+    object->SectorSize = static_cast<uint32_t>(sectorSize);
+    object->Removable = IsAttributeSet("/sys/block/" + disk.Name + "/removable");
+    if ((flags & FILE_FLAG_NO_BUFFERING) != 0) {
+        object->MemoryAlignment = DirectMemoryAlignment(object->Descriptor, object->SectorSize);
+    }
+    if (!TakeSharePlace(object->Descriptor, access, share)) {
+        (void)FailWith(ERROR_SHARING_VIOLATION);
+        return nullptr;
+    }
+    return object;
+}
+
+std::unique_ptr<OpenObject> OpenSystemVolume(DWORD access) {
+    if (access != GENERIC_READ) {
+        EndUnsupported("CreateFileW", "access to the system volume", access);
+    }
+    auto object = std::make_unique<OpenObject>();
+    object->Kind = ObjectKind::SystemVolume;
+    object->Access = access;
+    return object;
+}
+
+} // namespace vornix::platform
+
+using namespace vornix::platform;
+
+BOOL WINAPI LinuxDeviceIoControl(HANDLE device, DWORD code, LPVOID in, DWORD inLength, LPVOID out, DWORD outLength,
+                                 LPDWORD returned, LPOVERLAPPED overlapped) {
+    if (overlapped != nullptr) {
+        EndUnsupported("DeviceIoControl", "an overlapped request");
+    }
+    if (returned == nullptr) {
+        EndUnsupported("DeviceIoControl", "a request without a count");
+    }
+    if (in != nullptr || inLength != 0) {
+        EndUnsupported("DeviceIoControl", "input with control code", code);
+    }
+    const OpenObject* const object = FindObject(device);
+    if (object == nullptr) {
+        return FALSE;
+    }
+    const bool isDisk = object->Kind == ObjectKind::Disk;
+    switch (code) {
+    case IOCTL_DISK_GET_LENGTH_INFO:
+        return isDisk ? AnswerLength(*object, out, outLength, returned) : FailWith(ERROR_INVALID_FUNCTION);
+    case IOCTL_DISK_GET_DRIVE_GEOMETRY_EX:
+        return isDisk ? AnswerGeometry(*object, out, outLength, returned) : FailWith(ERROR_INVALID_FUNCTION);
+    case IOCTL_DISK_UPDATE_PROPERTIES:
+        return isDisk ? RereadPartitionTable(*object, returned) : FailWith(ERROR_INVALID_FUNCTION);
+    case IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS:
+        return object->Kind == ObjectKind::SystemVolume ? AnswerSystemExtents(out, outLength, returned)
+                                                        : FailWith(ERROR_INVALID_FUNCTION);
+    default:
+        EndUnsupported("DeviceIoControl", "control code", code);
+    }
+}

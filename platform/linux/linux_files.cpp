@@ -1,0 +1,595 @@
+// Files and devices: the answers to CreateFileW, ReadFile, WriteFile, SetFilePointerEx, GetFileSizeEx, CloseHandle,
+// GetFileAttributesA and MoveFileExW. Device control and the disks themselves are in linux_disks.cpp.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "host_paths.h"
+#include "last_error.h"
+#include "linux_calls.h"
+#include "linux_disks.h"
+#include "open_objects.h"
+#include "share_modes.h"
+#include "unsupported.h"
+
+using namespace vornix::platform;
+
+namespace {
+
+// A sequential run is read this far ahead of the program: enough to keep a disk busy while a chunk is hashed.
+constexpr uint64_t readAheadWindow = uint64_t{8} << 20;
+// Written bytes are handed to the disk in stretches of this size, so that a close or a rename that waits for them
+// finds little left to wait for.
+constexpr uint64_t writeBehindStretch = uint64_t{8} << 20;
+// Transfers shorter than this are headers and tables; hints for them would cost more than they bring.
+constexpr uint64_t smallTransfer = uint64_t{64} << 10;
+// The kernel cuts a single transfer just below 2 GiB; this is a multiple of any sector size.
+constexpr size_t largestPiece = size_t{1} << 30;
+// Memory that direct I/O cannot use is copied through a block of this size.
+constexpr size_t bounceSize = size_t{1} << 20;
+
+int OpenModeOf(DWORD access) {
+    if ((access & GENERIC_WRITE) == 0) {
+        return O_RDONLY;
+    }
+    return (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// CreateFileW
+
+void RefuseUnsupportedOpen(DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD flags,
+                           HANDLE templateFile) {
+    if (access == 0 || (access & ~(GENERIC_READ | GENERIC_WRITE)) != 0) {
+        EndUnsupported("CreateFileW", "access", access);
+    }
+    if ((share & ~(FILE_SHARE_READ | FILE_SHARE_WRITE)) != 0) {
+        EndUnsupported("CreateFileW", "share mode", share);
+    }
+    if (security != nullptr) {
+        EndUnsupported("CreateFileW", "a security descriptor");
+    }
+    if (disposition != CREATE_NEW && disposition != CREATE_ALWAYS && disposition != OPEN_EXISTING) {
+        EndUnsupported("CreateFileW", "disposition", disposition);
+    }
+    if (disposition != OPEN_EXISTING && (access & GENERIC_WRITE) == 0) {
+        EndUnsupported("CreateFileW", "creation without write access, disposition", disposition);
+    }
+    if ((flags & ~(FILE_ATTRIBUTE_NORMAL | FILE_FLAG_NO_BUFFERING | FILE_FLAG_SEQUENTIAL_SCAN)) != 0) {
+        EndUnsupported("CreateFileW", "flags", flags);
+    }
+    if (templateFile != nullptr) {
+        EndUnsupported("CreateFileW", "a template");
+    }
+}
+
+// Opens, or creates, the ordinary file at `path` without changing its content. Gives the descriptor, or -1 with the
+// error. `created` tells whether the file is new.
+int OpenOrdinaryFile(const std::string& path, int mode, DWORD disposition, bool& created, DWORD& error) {
+    // Without O_NONBLOCK a pipe at this path would hold the open until somebody came to its other end.
+    const int openFlags = mode | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    constexpr mode_t newFileMode = 0666;
+    created = false;
+    if (disposition == OPEN_EXISTING) {
+        const int descriptor = open(path.c_str(), openFlags);
+        if (descriptor < 0) {
+            error = ErrorOfPath(errno, path);
+        }
+        return descriptor;
+    }
+    // The name may come or go between the two opens of a round.
+    for (int round = 0; round < 8; round++) {
+        int descriptor = open(path.c_str(), openFlags | O_CREAT | O_EXCL, newFileMode);
+        if (descriptor >= 0) {
+            created = true;
+            return descriptor;
+        }
+        if (errno != EEXIST) {
+            error = ErrorOfPath(errno, path);
+            return -1;
+        }
+        if (disposition == CREATE_NEW) {
+            error = ERROR_FILE_EXISTS;
+            return -1;
+        }
+        descriptor = open(path.c_str(), openFlags);
+        if (descriptor >= 0) {
+            return descriptor;
+        }
+        error = ErrorOfPath(errno, path);
+        if (errno != ENOENT) {
+            return -1;
+        }
+    }
+    return -1;
+}
+
+// Turns the open ordinary file into a direct one where its file system takes that, and sets the rules for transfers.
+void MakeUnbuffered(OpenObject& file) {
+    constexpr uint32_t usualSector = 512;
+    file.SectorSize = usualSector;
+    const int statusFlags = fcntl(file.Descriptor, F_GETFL);
+    if (statusFlags < 0 || fcntl(file.Descriptor, F_SETFL, statusFlags | O_DIRECT) != 0) {
+        // Buffered transfers give the same bytes; unbuffered is a wish about caching, not about content.
+        return;
+    }
+    file.MemoryAlignment = usualSector;
+#ifdef STATX_DIOALIGN
+    struct statx status {};
+    if (statx(file.Descriptor, "", AT_EMPTY_PATH, STATX_DIOALIGN, &status) == 0 &&
+        (status.stx_mask & STATX_DIOALIGN) != 0) {
+        if (status.stx_dio_offset_align == 0) {
+            (void)fcntl(file.Descriptor, F_SETFL, statusFlags);
+            file.MemoryAlignment = 1;
+            return;
+        }
+        file.SectorSize = std::max(usualSector, status.stx_dio_offset_align);
+        file.MemoryAlignment = status.stx_dio_mem_align;
+    }
+#endif
+}
+
+HANDLE OpenHostFile(const std::string& path, DWORD access, DWORD share, DWORD disposition, DWORD flags) {
+    // Looked at first, because opening some devices does something.
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        (void)FailWith(disposition == CREATE_NEW ? ERROR_FILE_EXISTS : ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (path.ends_with('/')) {
+        // No file has such a name, whether or not there is one in front of the separator.
+        (void)FailWith(ERROR_INVALID_NAME);
+        return INVALID_HANDLE_VALUE;
+    }
+
+    auto file = std::make_unique<OpenObject>();
+    file->Access = access;
+    bool created = false;
+    DWORD error = ERROR_FILE_NOT_FOUND;
+    file->Descriptor = OpenOrdinaryFile(path, OpenModeOf(access), disposition, created, error);
+    if (file->Descriptor < 0) {
+        (void)FailWith(error);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (fstat(file->Descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+        (void)FailWith(ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    // Before anything is cut off: a refused open changes nothing.
+    if (!TakeSharePlace(file->Descriptor, access, share)) {
+        (void)FailWith(ERROR_SHARING_VIOLATION);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (disposition == CREATE_ALWAYS && !created && ftruncate(file->Descriptor, 0) != 0) {
+        (void)FailWith(ErrorFromErrno(errno, Subject::File));
+        return INVALID_HANDLE_VALUE;
+    }
+    if ((flags & FILE_FLAG_NO_BUFFERING) != 0) {
+        MakeUnbuffered(*file);
+    }
+    // A successful open sets the last error: this disposition tells by it whether the file was there before.
+    SetLastError(disposition == CREATE_ALWAYS && !created ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+    return RegisterObject(std::move(file));
+}
+
+// The number in "PhysicalDrive<N>", spelt as Windows spells it: decimal, with no zeros in front.
+std::optional<uint64_t> DiskNumberOf(std::string_view device) {
+    constexpr std::string_view prefix = "PhysicalDrive";
+    if (device.size() <= prefix.size() || !EqualsIgnoringCase(device.substr(0, prefix.size()), prefix)) {
+        return std::nullopt;
+    }
+    const std::string_view digits = device.substr(prefix.size());
+    if (digits.size() > 10 || (digits.size() > 1 && digits[0] == '0') ||
+        digits.find_first_not_of("0123456789") != std::string_view::npos) {
+        return std::nullopt;
+    }
+    uint64_t number = 0;
+    for (const char digit : digits) {
+        number = number * 10 + static_cast<uint64_t>(digit - '0');
+    }
+    return number;
+}
+
+HANDLE OpenDevice(std::string_view device, DWORD access, DWORD share, DWORD flags) {
+    std::unique_ptr<OpenObject> object;
+    if (const std::optional<uint64_t> number = DiskNumberOf(device)) {
+        object = OpenDisk(*number, access, share, flags);
+    } else if (EqualsIgnoringCase(device, "C:")) {
+        object = OpenSystemVolume(access);
+    } else {
+        // No other device exists here, the change tracker's among them.
+        (void)FailWith(ERROR_FILE_NOT_FOUND);
+    }
+    if (object == nullptr) {
+        return INVALID_HANDLE_VALUE;
+    }
+    SetLastError(ERROR_SUCCESS);
+    return RegisterObject(std::move(object));
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Transfers
+
+// Moves one stretch between memory and the file, as far as it goes. Gives 0 or the errno value that stopped it; a
+// stretch that ends early with 0 ended at the end of the file.
+int TransferStretch(const OpenObject& file, bool writing, uint8_t* memory, size_t length, uint64_t position,
+                    size_t& done) {
+    done = 0;
+    while (done < length) {
+        const size_t piece = std::min(length - done, largestPiece);
+        const auto offset = static_cast<off_t>(position + done);
+        const ssize_t moved = writing ? pwrite(file.Descriptor, memory + done, piece, offset)
+                                      : pread(file.Descriptor, memory + done, piece, offset);
+        if (moved < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        if (moved == 0) {
+            return writing ? ENOSPC : 0;
+        }
+        done += static_cast<size_t>(moved);
+        // A direct transfer that stops within a sector has met the end of the file; from there it could not go on.
+        if (file.MemoryAlignment > 1 && done % file.SectorSize != 0) {
+            return 0;
+        }
+    }
+    return 0;
+}
+
+int TransferThroughBounce(OpenObject& file, bool writing, uint8_t* memory, size_t length, size_t& done) {
+    done = 0;
+    const size_t blockSize = std::max<size_t>(bounceSize, file.SectorSize);
+    if (file.Bounce == nullptr) {
+        void* block = nullptr;
+        // Page alignment satisfies every device whose sector is no larger than a page; larger ones need their own.
+        const auto alignment = std::max<size_t>({4096, file.SectorSize, file.MemoryAlignment});
+        if (posix_memalign(&block, alignment, blockSize) != 0) {
+            return ENOMEM;
+        }
+        file.Bounce.reset(block);
+    }
+    auto* const bounce = static_cast<uint8_t*>(file.Bounce.get());
+    while (done < length) {
+        const size_t piece = std::min(length - done, blockSize);
+        if (writing) {
+            std::memcpy(bounce, memory + done, piece);
+        }
+        size_t moved = 0;
+        const int code = TransferStretch(file, writing, bounce, piece, file.Position + done, moved);
+        if (!writing) {
+            std::memcpy(memory + done, bounce, moved);
+        }
+        done += moved;
+        if (code != 0 || moved < piece) {
+            return code;
+        }
+    }
+    return 0;
+}
+
+// Asks for what a sequential reader will want next. Nothing depends on the answer.
+void ReadAhead(OpenObject& file, uint64_t start, uint64_t end) {
+    if (end - start < smallTransfer) {
+        return;
+    }
+    const bool sequential = start == file.LastReadEnd;
+    file.LastReadEnd = end;
+    if (!sequential) {
+        file.ReadAheadEnd = end;
+        return;
+    }
+    const uint64_t from = std::max(file.ReadAheadEnd, end);
+    const uint64_t upTo = end + readAheadWindow;
+    if (from >= upTo) {
+        return;
+    }
+    (void)posix_fadvise(file.Descriptor, static_cast<off_t>(from), static_cast<off_t>(upTo - from),
+                        POSIX_FADV_WILLNEED);
+    file.ReadAheadEnd = upTo;
+}
+
+// Starts the way to the disk of what a sequential writer has finished. Nothing depends on the answer, and nothing is
+// waited for: a failure of the writing itself is told by the sync of the rename.
+void WriteBehind(OpenObject& file, uint64_t start, uint64_t end) {
+    if (start != file.LastWriteEnd) {
+        file.WriteBehindStart = start;
+    }
+    file.LastWriteEnd = end;
+    if (end - file.WriteBehindStart < writeBehindStretch) {
+        return;
+    }
+    (void)sync_file_range(file.Descriptor, static_cast<off_t>(file.WriteBehindStart),
+                          static_cast<off_t>(end - file.WriteBehindStart), SYNC_FILE_RANGE_WRITE);
+    file.WriteBehindStart = end;
+}
+
+BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DWORD length, LPDWORD transferred,
+              LPOVERLAPPED overlapped) {
+    if (overlapped != nullptr) {
+        EndUnsupported(call, "an overlapped transfer");
+    }
+    if (transferred == nullptr) {
+        EndUnsupported(call, "a transfer without a count");
+    }
+    *transferred = 0;
+    OpenObject* const file = FindObject(handle);
+    if (file == nullptr) {
+        return FALSE;
+    }
+    if (file->Kind == ObjectKind::SystemVolume) {
+        EndUnsupported(call, "a transfer on the system volume");
+    }
+    if ((file->Access & (writing ? GENERIC_WRITE : GENERIC_READ)) == 0) {
+        return FailWith(ERROR_ACCESS_DENIED);
+    }
+    if (file->Position % file->SectorSize != 0 || length % file->SectorSize != 0) {
+        return FailWith(ERROR_INVALID_PARAMETER);
+    }
+    if (length == 0) {
+        return TRUE;
+    }
+    size_t wanted = length;
+    const bool isDisk = file->Kind == ObjectKind::Disk;
+    if (isDisk) {
+        if (file->Position >= file->Length) {
+            return FailWith(ERROR_SECTOR_NOT_FOUND);
+        }
+        wanted = static_cast<size_t>(std::min<uint64_t>(wanted, file->Length - file->Position));
+    }
+
+    size_t done = 0;
+    const bool misaligned = reinterpret_cast<uintptr_t>(memory) % file->MemoryAlignment != 0;
+    const int code = misaligned ? TransferThroughBounce(*file, writing, memory, wanted, done)
+                                : TransferStretch(*file, writing, memory, wanted, file->Position, done);
+    *transferred = static_cast<DWORD>(done);
+    if (code != 0) {
+        return FailWith(ErrorFromErrno(code, isDisk ? Subject::Disk : Subject::File));
+    }
+    const uint64_t start = file->Position;
+    file->Position += done;
+    if (!isDisk && file->SectorSize == 1) {
+        if (writing) {
+            WriteBehind(*file, start, file->Position);
+        } else {
+            ReadAhead(*file, start, file->Position);
+        }
+    }
+    return TRUE;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// MoveFileExW
+
+// An open descriptor that closes itself.
+class Descriptor {
+public:
+    explicit Descriptor(int value) : value_(value) {}
+    ~Descriptor() {
+        if (value_ >= 0) {
+            (void)close(value_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    Descriptor(Descriptor&&) = delete;
+    Descriptor& operator=(Descriptor&&) = delete;
+    int Get() const { return value_; }
+    bool IsOpen() const { return value_ >= 0; }
+
+private:
+    int value_;
+};
+
+// Gives `from` the name `to` unless something has that name. 0 or an errno value, EEXIST where the name is taken.
+int RenameWithoutReplacing(const std::string& from, const std::string& to) {
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+        return 0;
+    }
+    if (errno != EINVAL && errno != ENOSYS) {
+        return errno;
+    }
+    // A file system without the atomic form. A second name takes the place just as atomically.
+    if (link(from.c_str(), to.c_str()) == 0) {
+        if (unlink(from.c_str()) == 0) {
+            return 0;
+        }
+        const int code = errno;
+        (void)unlink(to.c_str());
+        return code;
+    }
+    if (errno == EEXIST || errno == ENOENT || errno == EXDEV || errno == ENOSPC || errno == EROFS) {
+        return errno;
+    }
+    // Nor can it give a file two names. An empty file claims the name, and only that file is replaced.
+    const int claim = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (claim < 0) {
+        return errno;
+    }
+    (void)close(claim);
+    if (rename(from.c_str(), to.c_str()) == 0) {
+        return 0;
+    }
+    const int code = errno;
+    (void)unlink(to.c_str());
+    return code;
+}
+
+DWORD ErrorOfRename(int code, const std::string& from, const std::string& to) {
+    if (code == ENOENT) {
+        struct stat status {};
+        return lstat(from.c_str(), &status) != 0 ? ErrorOfPath(errno, from) : ERROR_PATH_NOT_FOUND;
+    }
+    return ErrorOfPath(code, to);
+}
+
+// Waits until the folder's entries are on the disk. Where the folder cannot be opened or synced by itself, the whole
+// file system of `file` is.
+int SyncFolder(const Descriptor& folder, const Descriptor& file) {
+    if (folder.IsOpen() && fsync(folder.Get()) == 0) {
+        return 0;
+    }
+    if (folder.IsOpen() && errno != EINVAL && errno != EBADF) {
+        return errno;
+    }
+    return syncfs(file.Get()) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+HANDLE WINAPI LinuxCreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                               DWORD disposition, DWORD flags, HANDLE templateFile) {
+    RefuseUnsupportedOpen(access, share, security, disposition, flags, templateFile);
+    const std::string hostPath = HostPath(path);
+    if (hostPath.starts_with(R"(\\.\)") || hostPath.starts_with(R"(\\?\)")) {
+        if (disposition != OPEN_EXISTING) {
+            EndUnsupported("CreateFileW", "creation of a device, disposition", disposition);
+        }
+        return OpenDevice(std::string_view(hostPath).substr(4), access, share, flags);
+    }
+    return OpenHostFile(hostPath, access, share, disposition, flags);
+}
+
+BOOL WINAPI LinuxReadFile(HANDLE file, LPVOID buffer, DWORD length, LPDWORD transferred, LPOVERLAPPED overlapped) {
+    return Transfer("ReadFile", file, false, static_cast<uint8_t*>(buffer), length, transferred, overlapped);
+}
+
+BOOL WINAPI LinuxWriteFile(HANDLE file, LPCVOID buffer, DWORD length, LPDWORD transferred, LPOVERLAPPED overlapped) {
+    // The memory is only read from; the common path below handles both directions.
+    auto* const memory = static_cast<uint8_t*>(const_cast<void*>(buffer));
+    return Transfer("WriteFile", file, true, memory, length, transferred, overlapped);
+}
+
+BOOL WINAPI LinuxSetFilePointerEx(HANDLE handle, LARGE_INTEGER distance, PLARGE_INTEGER newPosition, DWORD method) {
+    OpenObject* const file = FindObject(handle);
+    if (file == nullptr) {
+        return FALSE;
+    }
+    LONGLONG origin = 0;
+    if (method == FILE_CURRENT) {
+        origin = static_cast<LONGLONG>(file->Position);
+    } else if (method == FILE_END && file->Kind == ObjectKind::File) {
+        struct stat status {};
+        if (fstat(file->Descriptor, &status) != 0) {
+            return FailWith(ErrorFromErrno(errno, Subject::File));
+        }
+        origin = status.st_size;
+    } else if (method != FILE_BEGIN) {
+        EndUnsupported("SetFilePointerEx", "method", method);
+    }
+    LONGLONG position = 0;
+    if (__builtin_add_overflow(origin, distance.QuadPart, &position)) {
+        return FailWith(ERROR_INVALID_PARAMETER);
+    }
+    if (position < 0) {
+        return FailWith(ERROR_NEGATIVE_SEEK);
+    }
+    file->Position = static_cast<uint64_t>(position);
+    if (newPosition != nullptr) {
+        newPosition->QuadPart = position;
+    }
+    return TRUE;
+}
+
+BOOL WINAPI LinuxGetFileSizeEx(HANDLE handle, PLARGE_INTEGER size) {
+    OpenObject* const file = FindObject(handle);
+    if (file == nullptr) {
+        return FALSE;
+    }
+    if (file->Kind != ObjectKind::File) {
+        // A disk has no file size; its length is a question for DeviceIoControl.
+        return FailWith(ERROR_INVALID_FUNCTION);
+    }
+    struct stat status {};
+    if (fstat(file->Descriptor, &status) != 0) {
+        return FailWith(ErrorFromErrno(errno, Subject::File));
+    }
+    size->QuadPart = status.st_size;
+    return TRUE;
+}
+
+BOOL WINAPI LinuxCloseHandle(HANDLE handle) {
+    const std::unique_ptr<OpenObject> object = UnregisterObject(handle);
+    if (object == nullptr) {
+        return FALSE;
+    }
+    const int descriptor = object->Descriptor;
+    object->Descriptor = -1;
+    // The handle is gone whatever close says; after EINTR the descriptor is gone as well.
+    if (descriptor >= 0 && close(descriptor) != 0 && errno != EINTR) {
+        return FailWith(ErrorFromErrno(errno, object->Kind == ObjectKind::Disk ? Subject::Disk : Subject::File));
+    }
+    return TRUE;
+}
+
+DWORD WINAPI LinuxGetFileAttributesA(LPCSTR path) {
+    constexpr DWORD reparsePoint = 0x00000400;
+    const std::string hostPath = path;
+    struct stat status {};
+    // The name itself is asked about, as on Windows: a link whose target is missing still has the name.
+    if (lstat(path, &status) != 0) {
+        (void)FailWith(ErrorOfPath(errno, hostPath));
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    DWORD attributes = 0;
+    if (S_ISLNK(status.st_mode)) {
+        attributes |= reparsePoint;
+        struct stat target {};
+        if (stat(path, &target) == 0) {
+            status = target;
+        }
+    }
+    if (S_ISDIR(status.st_mode)) {
+        attributes |= FILE_ATTRIBUTE_DIRECTORY;
+    } else if ((status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0) {
+        attributes |= FILE_ATTRIBUTE_READONLY;
+    }
+    return attributes != 0 ? attributes : FILE_ATTRIBUTE_NORMAL;
+}
+
+BOOL WINAPI LinuxMoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
+    if (flags != MOVEFILE_WRITE_THROUGH) {
+        EndUnsupported("MoveFileExW", "flags", flags);
+    }
+    const std::string source = HostPath(from);
+    const std::string target = HostPath(to);
+    // Everything that the sync will need is opened before anything changes.
+    const Descriptor file(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (!file.IsOpen()) {
+        return FailWith(ErrorOfPath(errno, source));
+    }
+    const Descriptor sourceFolder(open(FolderOfHostPath(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Descriptor targetFolder(open(FolderOfHostPath(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (IsHeldByAnother(file.Get())) {
+        return FailWith(ERROR_SHARING_VIOLATION);
+    }
+    // The bytes first: whoever sees the new name after a power failure must find them all under it.
+    if (fsync(file.Get()) != 0) {
+        return FailWith(ErrorFromErrno(errno, Subject::File));
+    }
+    if (const int code = RenameWithoutReplacing(source, target); code != 0) {
+        return FailWith(ErrorOfRename(code, source, target));
+    }
+    if (const int code = SyncFolder(targetFolder, file); code != 0) {
+        return FailWith(ErrorFromErrno(code, Subject::File));
+    }
+    struct stat sourceStatus {};
+    struct stat targetStatus {};
+    const bool sameFolder = sourceFolder.IsOpen() && targetFolder.IsOpen() &&
+                            fstat(sourceFolder.Get(), &sourceStatus) == 0 &&
+                            fstat(targetFolder.Get(), &targetStatus) == 0 &&
+                            sourceStatus.st_dev == targetStatus.st_dev && sourceStatus.st_ino == targetStatus.st_ino;
+    if (!sameFolder) {
+        if (const int code = SyncFolder(sourceFolder, file); code != 0) {
+            return FailWith(ErrorFromErrno(code, Subject::File));
+        }
+    }
+    return TRUE;
+}

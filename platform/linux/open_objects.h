@@ -1,0 +1,64 @@
+// What a handle of this platform stands for, and the table that handles are looked up in.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace vornix::platform {
+
+enum class ObjectKind {
+    File,
+    Disk,
+    SystemVolume,
+};
+
+struct FreeAlignedBlock {
+    void operator()(void* block) const;
+};
+
+// An open file or device. Owns its descriptor.
+struct OpenObject {
+    OpenObject() = default;
+    ~OpenObject();
+    OpenObject(const OpenObject&) = delete;
+    OpenObject& operator=(const OpenObject&) = delete;
+    OpenObject(OpenObject&&) = delete;
+    OpenObject& operator=(OpenObject&&) = delete;
+
+    ObjectKind Kind = ObjectKind::File;
+    int Descriptor = -1; // -1 for the system volume, which is asked about and never read
+    DWORD Access = 0;    // GENERIC_READ, GENERIC_WRITE
+    uint64_t Position = 0;
+
+    // Disks alone: the length in bytes when it was opened, and whether its medium can be taken out.
+    uint64_t Length = 0;
+    bool Removable = false;
+
+    // Offset and length of a transfer must be whole multiples of this; 1 where there is no such rule.
+    uint32_t SectorSize = 1;
+    // What the kernel demands of the memory of a direct transfer; 1 for a buffered handle. Other memory is copied
+    // through Bounce, which is allocated at the first transfer that needs it and kept.
+    uint32_t MemoryAlignment = 1;
+    std::unique_ptr<void, FreeAlignedBlock> Bounce;
+
+    // Buffered files alone, for the hints of a sequential run: where the last transfer ended, up to where reading
+    // ahead was asked for, and from where written bytes have not been handed to the disk yet.
+    uint64_t LastReadEnd = 0;
+    uint64_t ReadAheadEnd = 0;
+    uint64_t WriteBehindStart = 0;
+    uint64_t LastWriteEnd = 0;
+};
+
+// Takes the object into the table and gives its handle. Handles are never null, never INVALID_HANDLE_VALUE, and not
+// given again soon after they were closed.
+HANDLE RegisterObject(std::unique_ptr<OpenObject> object);
+
+// The object of a handle, or null with ERROR_INVALID_HANDLE recorded. Owned by the table.
+OpenObject* FindObject(HANDLE handle);
+
+// Takes the object out of the table, or gives null with ERROR_INVALID_HANDLE recorded.
+std::unique_ptr<OpenObject> UnregisterObject(HANDLE handle);
+
+} // namespace vornix::platform

@@ -1,0 +1,38 @@
+// What a capture over a base image decides before its first chunk: whether the tracker proves what changed since the
+// base was made, and whether the paths allow a thin image. What follows for each chunk stands in the capture's loop.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "image/open_image.h"
+#include "image/thin_trailer.h"
+#include "tracker/tracker_client.h"
+
+namespace vornix {
+
+// How the source is split; what the base must have in common with it.
+struct SourceLayout {
+    uint64_t diskLength;
+    uint32_t sectorSize;
+    uint32_t chunkSize;
+    uint64_t chunkCount;
+};
+
+// The epoch that an image carries; 0 is none.
+uint64_t EpochOfImage(const ImageHeader& header);
+
+// Why the tracker proves nothing about what changed since the base, in the words of the console; null when the proof
+// holds.
+const char* FindMissingProof(const TrackerState& tracker, uint64_t baseEpoch);
+
+// Opens the base and settles the mode, with all its console lines. The result tells whether the bitmap proves what
+// changed. Without a proof and without `thin` the base's file is closed again and marked invalid, since the run then
+// captures in full. Ends the process where the base does not open or is of another shape than the source, and with
+// `thin` where the paths do not allow a thin image.
+bool SettleIncrementalMode(const std::string& basePath, const std::string& passwordFile, const std::string& outPath,
+                           bool thin, const SourceLayout& source, const TrackerState& tracker,
+                           std::optional<OpenImage>& base);
+
+} // namespace vornix

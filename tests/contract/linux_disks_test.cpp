@@ -1,0 +1,581 @@
+// The contract of disks on Linux, on loop devices of 512 and 4096-byte sectors: numbering, opening, direct transfers,
+// the exclusive claim, device control, and the disk that the system runs from.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <winioctl.h>
+
+#include <malloc.h>
+
+#include <fcntl.h>
+#include <linux/blkpg.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "linux/linux_disks.h"
+#include "linux_host_calls.h"
+#include "linux_loop_disks.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using vornix::platform::HostDisk;
+using vornix::platform::HostDisks;
+
+constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
+
+HANDLE OpenNumber(int number, DWORD access, DWORD share, DWORD flags = FILE_FLAG_NO_BUFFERING) {
+    const std::wstring path = L"\\\\.\\PhysicalDrive" + std::to_wstring(number);
+    return CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING, flags, nullptr);
+}
+
+struct FreeAligned {
+    void operator()(char* block) const { _aligned_free(block); }
+};
+
+using AlignedBytes = std::unique_ptr<char[], FreeAligned>;
+
+AlignedBytes MakeAligned(size_t size) {
+    return AlignedBytes(static_cast<char*>(_aligned_malloc(size, 4096)));
+}
+
+void FillWithPattern(char* bytes, size_t size, uint32_t seed) {
+    uint32_t state = seed * 2654435761u + 1;
+    for (size_t i = 0; i < size; i++) {
+        state = state * 1664525u + 1013904223u;
+        bytes[i] = static_cast<char>(state >> 24);
+    }
+}
+
+// What a command does before each of its transfers.
+BOOL Seek(HANDLE disk, uint64_t offset) {
+    return SetFilePointerEx(disk, LargeInteger(static_cast<long long>(offset)), nullptr, FILE_BEGIN);
+}
+
+class LinuxDisks : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!TheLoopDisks().WhyNone.empty()) {
+            GTEST_SKIP() << TheLoopDisks().WhyNone;
+        }
+        ASSERT_GE(Small().Number, 0);
+        ASSERT_GE(Large().Number, 0);
+        ASSERT_GE(ReadOnly().Number, 0);
+    }
+    static const LoopDisk& Small() { return TheLoopDisks().Small; }
+    static const LoopDisk& Large() { return TheLoopDisks().Large; }
+    static const LoopDisk& ReadOnly() { return TheLoopDisks().ReadOnly; }
+};
+
+// ---------------------------------------------------------------------------------------------------------------
+// Numbering
+
+TEST(LinuxDiskNumbers, HardwareComesFirstAndEachKindInTheKernelsOrder) {
+    bool isPastHardware = false;
+    dev_t last = 0;
+    for (const HostDisk& disk : HostDisks()) {
+        const std::string path = "/sys/block/" + disk.Name;
+        const bool isHardware = access((path + "/device").c_str(), F_OK) == 0;
+        if (!isHardware && !isPastHardware) {
+            isPastHardware = true;
+            last = 0;
+        }
+        EXPECT_NE(isHardware, isPastHardware) << disk.Name << " is hardware behind other devices";
+        EXPECT_GT(disk.Device, last) << disk.Name;
+        last = disk.Device;
+        for (const char* prefix : {"ram", "zram", "dm-", "md", "sr", "fd"}) {
+            EXPECT_FALSE(disk.Name.starts_with(prefix)) << disk.Name;
+        }
+    }
+}
+
+TEST(LinuxDiskNumbers, EmptyLoopDevicesAreNoDisks) {
+    for (const HostDisk& disk : HostDisks()) {
+        if (disk.Name.starts_with("loop")) {
+            std::ifstream size("/sys/block/" + disk.Name + "/size");
+            long long sectors = 0;
+            size >> sectors;
+            EXPECT_GT(sectors, 0) << disk.Name;
+        }
+    }
+}
+
+TEST_F(LinuxDisks, NumberIsSpeltAsWindowsSpellsIt) {
+    const std::wstring number = std::to_wstring(Small().Number);
+    const auto opens = [](const std::wstring& path) {
+        const ScopedHandle handle(
+            CreateFileW(path.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+        return handle.IsOpen();
+    };
+    EXPECT_TRUE(opens(L"\\\\.\\PhysicalDrive" + number));
+    EXPECT_TRUE(opens(L"\\\\.\\PHYSICALDRIVE" + number));
+    for (const std::wstring& path : std::vector<std::wstring>{
+             L"\\\\.\\PhysicalDrive0" + number, L"\\\\.\\PhysicalDrive", L"\\\\.\\PhysicalDrive-1",
+             L"\\\\.\\PhysicalDrive" + number + L"x", L"\\\\.\\PhysicalDrive99999999999999999999"}) {
+        EXPECT_FALSE(opens(path));
+        EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Device control
+
+TEST_F(LinuxDisks, LengthAndSectorSizeAreTheDevices) {
+    for (const LoopDisk* disk : {&Small(), &Large(), &ReadOnly()}) {
+        const ScopedHandle handle(OpenNumber(disk->Number, GENERIC_READ, shareAll, 0));
+        ASSERT_TRUE(handle.IsOpen()) << GetLastError();
+        GET_LENGTH_INFORMATION length{};
+        DWORD returned = 0;
+        EXPECT_TRUE(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof length,
+                                    &returned, nullptr));
+        EXPECT_EQ(returned, 8u);
+        EXPECT_EQ(length.Length.QuadPart, static_cast<LONGLONG>(disk->Length));
+        DISK_GEOMETRY_EX geometry{};
+        EXPECT_TRUE(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry,
+                                    sizeof geometry, &returned, nullptr));
+        EXPECT_EQ(returned, 40u);
+        EXPECT_EQ(geometry.Geometry.BytesPerSector, disk->SectorSize);
+        EXPECT_EQ(geometry.Geometry.MediaType, FixedMedia);
+
+        EXPECT_FALSE(
+            DeviceIoControl(handle.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, 7, &returned, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_FALSE(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, 39,
+                                     &returned, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+        unsigned char extents[224];
+        EXPECT_FALSE(DeviceIoControl(handle.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, extents,
+                                     sizeof extents, &returned, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+        LARGE_INTEGER size;
+        EXPECT_FALSE(GetFileSizeEx(handle.Get(), &size));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Transfers
+
+TEST_F(LinuxDisks, WrittenBytesAreOnTheDeviceAndReadBack) {
+    constexpr DWORD block = 4 << 20;
+    for (const LoopDisk* disk : {&Small(), &Large()}) {
+        AlignedBytes written = MakeAligned(block);
+        AlignedBytes read = MakeAligned(block);
+        const ScopedHandle handle(OpenNumber(disk->Number, readWrite, 0));
+        ASSERT_TRUE(handle.IsOpen()) << GetLastError();
+        DWORD count = 0;
+        for (uint64_t offset = 0; offset < disk->Length; offset += block) {
+            const DWORD length = static_cast<DWORD>(std::min<uint64_t>(block, disk->Length - offset));
+            FillWithPattern(written.get(), length, static_cast<uint32_t>(offset + disk->SectorSize));
+            ASSERT_TRUE(Seek(handle.Get(), offset));
+            ASSERT_TRUE(WriteFile(handle.Get(), written.get(), length, &count, nullptr)) << GetLastError();
+            ASSERT_EQ(count, length);
+            ASSERT_TRUE(Seek(handle.Get(), offset));
+            ASSERT_TRUE(ReadFile(handle.Get(), read.get(), length, &count, nullptr)) << GetLastError();
+            ASSERT_EQ(count, length);
+            ASSERT_EQ(std::memcmp(read.get(), written.get(), length), 0);
+
+            std::ifstream file(disk->File, std::ios::binary);
+            file.seekg(static_cast<std::streamoff>(offset));
+            file.read(read.get(), length);
+            ASSERT_EQ(std::memcmp(read.get(), written.get(), length), 0) << "not in the file behind the device";
+        }
+    }
+}
+
+TEST_F(LinuxDisks, MemoryOfAnyAlignmentServes) {
+    // The plain bytes of a sealed chunk lie in an ordinary array, and its length is more than one bounce.
+    constexpr DWORD length = (3 << 20) + 8192;
+    for (const LoopDisk* disk : {&Small(), &Large()}) {
+        std::vector<char> memory(length + 16);
+        std::vector<char> back(length + 16, '?');
+        for (const size_t shift : {size_t{1}, size_t{8}, size_t{16}}) {
+            FillWithPattern(memory.data(), memory.size(), static_cast<uint32_t>(shift));
+            const ScopedHandle handle(OpenNumber(disk->Number, readWrite, 0));
+            ASSERT_TRUE(handle.IsOpen()) << GetLastError();
+            DWORD count = 0;
+            ASSERT_TRUE(Seek(handle.Get(), 4096));
+            ASSERT_TRUE(WriteFile(handle.Get(), memory.data() + shift, length, &count, nullptr)) << GetLastError();
+            ASSERT_EQ(count, length);
+            ASSERT_TRUE(Seek(handle.Get(), 4096));
+            ASSERT_TRUE(ReadFile(handle.Get(), back.data() + 16 - shift, length, &count, nullptr)) << GetLastError();
+            ASSERT_EQ(count, length);
+            ASSERT_EQ(std::memcmp(memory.data() + shift, back.data() + 16 - shift, length), 0);
+        }
+    }
+}
+
+TEST_F(LinuxDisks, TransfersAreWholeSectors) {
+    for (const LoopDisk* disk : {&Small(), &Large()}) {
+        for (const DWORD flags : {DWORD{0}, static_cast<DWORD>(FILE_FLAG_NO_BUFFERING)}) {
+            const ScopedHandle handle(OpenNumber(disk->Number, readWrite, 0, flags));
+            ASSERT_TRUE(handle.IsOpen()) << GetLastError();
+            AlignedBytes buffer = MakeAligned(8192);
+            FillWithPattern(buffer.get(), 8192, 1);
+            DWORD count = 99;
+            EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize - 1, &count, nullptr));
+            EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(count, 0u);
+            EXPECT_FALSE(WriteFile(handle.Get(), buffer.get(), disk->SectorSize + 1, &count, nullptr));
+            EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+            ASSERT_TRUE(Seek(handle.Get(), disk->SectorSize / 2));
+            EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
+            EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+        }
+    }
+}
+
+TEST_F(LinuxDisks, TransferAtTheEndIsRefusedAndAcrossItIsCut) {
+    for (const LoopDisk* disk : {&Small(), &Large()}) {
+        const ScopedHandle handle(OpenNumber(disk->Number, readWrite, 0));
+        AlignedBytes buffer = MakeAligned(16 * 4096);
+        FillWithPattern(buffer.get(), 16 * 4096, 5);
+        DWORD count = 99;
+        ASSERT_TRUE(Seek(handle.Get(), disk->Length));
+        EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_SECTOR_NOT_FOUND);
+        EXPECT_EQ(count, 0u);
+        EXPECT_FALSE(WriteFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_SECTOR_NOT_FOUND);
+        ASSERT_TRUE(Seek(handle.Get(), disk->Length + 4096));
+        EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_SECTOR_NOT_FOUND);
+        ASSERT_TRUE(Seek(handle.Get(), disk->Length - 2 * disk->SectorSize));
+        EXPECT_TRUE(WriteFile(handle.Get(), buffer.get(), 8 * disk->SectorSize, &count, nullptr));
+        EXPECT_EQ(count, 2 * disk->SectorSize);
+        ASSERT_TRUE(Seek(handle.Get(), disk->Length - 2 * disk->SectorSize));
+        EXPECT_TRUE(ReadFile(handle.Get(), buffer.get(), 8 * disk->SectorSize, &count, nullptr));
+        EXPECT_EQ(count, 2 * disk->SectorSize);
+    }
+}
+
+TEST_F(LinuxDisks, FailedTransferTellsItsErrorAndHowFarItCame) {
+    const ScopedHandle handle(OpenNumber(Small().Number, readWrite, 0));
+    AlignedBytes buffer = MakeAligned(8192);
+    std::memset(buffer.get(), 0, 8192);
+    const ScopedHostCalls scope;
+    const struct {
+        int HostError;
+        DWORD Error;
+    } cases[] = {{EIO, ERROR_IO_DEVICE},
+                 {ENODATA, ERROR_CRC},
+                 {ENOMEDIUM, ERROR_NOT_READY},
+                 {ENODEV, ERROR_DEVICE_NOT_CONNECTED}};
+    for (const auto& oneCase : cases) {
+        TheHostCalls().TransferError = oneCase.HostError;
+        TheHostCalls().LongestTransfer = 2048;
+        TheHostCalls().FailTransferAfter = 3;
+        DWORD count = 99;
+        ASSERT_TRUE(Seek(handle.Get(), 0));
+        EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), 8192, &count, nullptr));
+        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
+        EXPECT_EQ(count, 3u * 2048);
+        TheHostCalls().FailTransferAfter = 1;
+        EXPECT_FALSE(WriteFile(handle.Get(), buffer.get(), 8192, &count, nullptr));
+        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
+        EXPECT_EQ(count, 2048u);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// The exclusive claim
+
+TEST_F(LinuxDisks, HandlesHonourEachOthersShareModes) {
+    {
+        const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
+        ASSERT_TRUE(reader.IsOpen());
+        const ScopedHandle second(OpenNumber(Small().Number, GENERIC_READ, shareAll));
+        EXPECT_TRUE(second.IsOpen());
+        EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    }
+    const ScopedHandle target(OpenNumber(Small().Number, readWrite, 0));
+    ASSERT_TRUE(target.IsOpen());
+    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(OpenNumber(Small().Number, GENERIC_READ, shareAll), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+}
+
+TEST_F(LinuxDisks, ClaimOfTheKernelKeepsADiskInUseFromBeingWritten) {
+    // What mounting does with a whole disk.
+    const int claim = open(("/dev/" + Small().Name).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+    ASSERT_GE(claim, 0);
+    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    {
+        const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
+        EXPECT_TRUE(reader.IsOpen()) << "a disk in use can be read";
+    }
+    close(claim);
+    const ScopedHandle target(OpenNumber(Small().Number, readWrite, 0));
+    EXPECT_TRUE(target.IsOpen());
+}
+
+TEST_F(LinuxDisks, WriteProtectedDiskIsReadAndNotOpenedForWriting) {
+    const ScopedHandle reader(OpenNumber(ReadOnly().Number, GENERIC_READ, shareAll));
+    EXPECT_TRUE(reader.IsOpen());
+    EXPECT_EQ(OpenNumber(ReadOnly().Number, readWrite, shareAll), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
+}
+
+constexpr uint64_t partitionStart = 8 << 20;
+
+std::string PartitionOf(const LoopDisk& loop) {
+    return loop.Name + "p1";
+}
+
+// Tells the kernel of one partition behind partitionStart, without a partition table: not every kernel reads those.
+bool AddPartition(const LoopDisk& loop) {
+    const int device = open(("/dev/" + loop.Name).c_str(), O_RDONLY | O_CLOEXEC);
+    blkpg_partition partition{};
+    partition.pno = 1;
+    partition.start = static_cast<long long>(partitionStart);
+    partition.length = static_cast<long long>(loop.Length - partitionStart);
+    blkpg_ioctl_arg argument{BLKPG_ADD_PARTITION, 0, sizeof partition, &partition};
+    const bool isAdded = device >= 0 && ioctl(device, BLKPG, &argument) == 0;
+    close(device);
+    return isAdded;
+}
+
+// Makes the system look at the partition table of a disk, which is what a command does after it wrote one.
+BOOL UpdateProperties(const LoopDisk& loop, DWORD& returned) {
+    const ScopedHandle target(OpenNumber(loop.Number, readWrite, 0));
+    AlignedBytes sector = MakeAligned(loop.SectorSize);
+    std::memset(sector.get(), 0, loop.SectorSize);
+    DWORD count = 0;
+    EXPECT_TRUE(Seek(target.Get(), 0));
+    EXPECT_TRUE(WriteFile(target.Get(), sector.get(), loop.SectorSize, &count, nullptr)) << GetLastError();
+    return DeviceIoControl(target.Get(), IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0, &returned, nullptr);
+}
+
+// Opens a partition exclusively, once the system has made its node.
+int ClaimPartition(const LoopDisk& loop) {
+    for (int attempt = 0; attempt < 200; attempt++) {
+        const int claim = open(("/dev/" + PartitionOf(loop)).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+        if (claim >= 0) {
+            return claim;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return -1;
+}
+
+TEST_F(LinuxDisks, ClaimedPartitionGuardsItsDisk) {
+    ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+    const int claim = ClaimPartition(Small());
+    ASSERT_GE(claim, 0) << "no node for the partition";
+    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    {
+        const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
+        EXPECT_TRUE(reader.IsOpen());
+    }
+    close(claim);
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+TEST_F(LinuxDisks, UpdatedPropertiesForgetWhatIsNotInTheTable) {
+    ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+    const std::string partition = "/sys/block/" + Small().Name + "/" + PartitionOf(Small());
+    ASSERT_TRUE(std::filesystem::exists(partition));
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+    EXPECT_EQ(returned, 0u);
+    EXPECT_FALSE(std::filesystem::exists(partition));
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// The disk that the system runs from
+
+struct RootAnswer {
+    DWORD Count;
+    DWORD Disk;
+    LONGLONG Start;
+    LONGLONG Length;
+};
+
+bool AskForRoot(RootAnswer& answer) {
+    const ScopedHandle volume(CreateFileW(L"\\\\.\\C:", GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+    unsigned char buffer[224] = {};
+    DWORD returned = 0;
+    if (!volume.IsOpen() || !DeviceIoControl(volume.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buffer,
+                                             sizeof buffer, &returned, nullptr)) {
+        return false;
+    }
+    VOLUME_DISK_EXTENTS extents;
+    std::memcpy(&extents, buffer, sizeof extents);
+    answer = {extents.NumberOfDiskExtents, extents.Extents[0].DiskNumber, extents.Extents[0].StartingOffset.QuadPart,
+              extents.Extents[0].ExtentLength.QuadPart};
+    return returned == offsetof(VOLUME_DISK_EXTENTS, Extents) + extents.NumberOfDiskExtents * sizeof(DISK_EXTENT);
+}
+
+constexpr DWORD numberOfNoDisk = 0xFFFFFFFF;
+
+TEST(LinuxSystemVolume, LiesOnTheDiskOfTheRootFolder) {
+    RootAnswer answer{};
+    ASSERT_TRUE(AskForRoot(answer));
+    EXPECT_GE(answer.Count, 1u);
+    struct stat root {};
+    ASSERT_EQ(stat("/", &root), 0);
+    const std::string device =
+        "/sys/dev/block/" + std::to_string(major(root.st_dev)) + ":" + std::to_string(minor(root.st_dev));
+    std::error_code code;
+    std::filesystem::path whole = std::filesystem::canonical(device, code);
+    if (code) {
+        GTEST_SKIP() << "the root folder lies on no block device of its own";
+    }
+    if (std::filesystem::exists(whole / "partition")) {
+        whole = whole.parent_path();
+    }
+    if (std::filesystem::exists(whole / "slaves") && !std::filesystem::is_empty(whole / "slaves")) {
+        GTEST_SKIP() << "the root folder lies on a composed device";
+    }
+    ASSERT_LT(answer.Disk, HostDisks().size());
+    EXPECT_EQ(HostDisks()[answer.Disk].Name, whole.filename().string());
+}
+
+TEST(LinuxSystemVolume, NeedsRoomForAnExtent) {
+    const ScopedHandle volume(CreateFileW(L"\\\\.\\C:", GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+    unsigned char buffer[32] = {};
+    DWORD returned = 99;
+    EXPECT_FALSE(DeviceIoControl(volume.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buffer, 31, &returned,
+                                 nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_FALSE(DeviceIoControl(volume.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, buffer, 32, &returned, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+}
+
+// Runs with another root folder, in a process and a mount namespace of its own: `mountRoot` mounts it at the path
+// given. 0 if the answer is the expected one; 77 where such a root cannot be made here.
+template <typename MountRoot>
+int AskUnderAnotherRoot(const std::string& point, MountRoot mountRoot, RootAnswer& answer) {
+    int channel[2];
+    if (pipe(channel) != 0) {
+        return 77;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            !mountRoot(point)) {
+            _exit(77);
+        }
+        for (const char* name : {"proc", "sys", "dev"}) {
+            const std::string target = point + "/" + name;
+            (void)mkdir(target.c_str(), 0755);
+            if (mount((std::string("/") + name).c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+                _exit(77);
+            }
+        }
+        RootAnswer asked{};
+        if (chroot(point.c_str()) != 0 || chdir("/") != 0) {
+            _exit(77);
+        }
+        if (!AskForRoot(asked) || write(channel[1], &asked, sizeof asked) != sizeof asked) {
+            _exit(1);
+        }
+        _exit(0);
+    }
+    close(channel[1]);
+    const bool isAnswered = read(channel[0], &answer, sizeof answer) == sizeof answer;
+    close(channel[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return isAnswered ? 0 : WEXITSTATUS(status);
+}
+
+class LinuxOtherRoots : public TemporaryFolderTest {};
+
+TEST_F(LinuxOtherRoots, RootInMemoryLiesOnNoDisk) {
+    RootAnswer answer{};
+    const int status = AskUnderAnotherRoot(
+        Folder().string(),
+        [](const std::string& point) { return mount("none", point.c_str(), "tmpfs", 0, nullptr) == 0; }, answer);
+    if (status == 77) {
+        GTEST_SKIP() << "no mount namespaces here";
+    }
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(answer.Count, 1u);
+    EXPECT_EQ(answer.Disk, numberOfNoDisk);
+}
+
+TEST_F(LinuxOtherRoots, OverlayInMemoryLiesOnNoDisk) {
+    RootAnswer answer{};
+    const int status = AskUnderAnotherRoot(
+        Folder().string(),
+        [](const std::string& point) {
+            if (mount("none", point.c_str(), "tmpfs", 0, nullptr) != 0) {
+                return false;
+            }
+            for (const char* name : {"/lower", "/upper", "/work", "/root"}) {
+                if (mkdir((point + name).c_str(), 0755) != 0) {
+                    return false;
+                }
+            }
+            const std::string options =
+                "lowerdir=" + point + "/lower,upperdir=" + point + "/upper,workdir=" + point + "/work";
+            return mount("overlay", (point + "/root").c_str(), "overlay", 0, options.c_str()) == 0 &&
+                   mount((point + "/root").c_str(), point.c_str(), nullptr, MS_MOVE, nullptr) == 0;
+        },
+        answer);
+    if (status == 77) {
+        GTEST_SKIP() << "no overlays in mount namespaces here";
+    }
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(answer.Disk, numberOfNoDisk);
+}
+
+TEST_F(LinuxOtherRoots, RootOnAPartitionLiesOnItsStretchOfTheDisk) {
+    const LoopDisk& loop = TheLoopDisks().Large;
+    if (!TheLoopDisks().WhyNone.empty()) {
+        GTEST_SKIP() << TheLoopDisks().WhyNone;
+    }
+    ASSERT_TRUE(AddPartition(loop)) << std::strerror(errno);
+    const int claim = ClaimPartition(loop);
+    ASSERT_GE(claim, 0);
+    close(claim);
+    const std::string partition = "/dev/" + PartitionOf(loop);
+    if (std::system(("mke2fs -q -F -t ext2 " + partition + " >/dev/null 2>&1").c_str()) != 0) {
+        GTEST_SKIP() << "no mke2fs here";
+    }
+    RootAnswer answer{};
+    const int status = AskUnderAnotherRoot(
+        Folder().string(),
+        [&partition](const std::string& point) {
+            return mount(partition.c_str(), point.c_str(), "ext2", 0, nullptr) == 0;
+        },
+        answer);
+    DWORD returned = 0;
+    EXPECT_TRUE(UpdateProperties(loop, returned)) << GetLastError();
+    if (status == 77) {
+        GTEST_SKIP() << "no such file system in mount namespaces here";
+    }
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(answer.Count, 1u);
+    // The file behind the loop device is out of sight from the new root, so the device itself is the disk.
+    EXPECT_EQ(answer.Disk, static_cast<DWORD>(loop.Number));
+    EXPECT_EQ(answer.Start, static_cast<LONGLONG>(partitionStart));
+    EXPECT_EQ(answer.Length, static_cast<LONGLONG>(loop.Length - partitionStart));
+}
+
+} // namespace

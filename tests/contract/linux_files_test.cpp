@@ -1,0 +1,422 @@
+// What the file calls promise on Linux beyond their common contract: the errors of the host as those of Windows, share
+// modes between processes, unbuffered transfers, and a rename that reaches the disk on any file system.
+#include "temporary_folder.h"
+
+#include <malloc.h>
+#include <stdio.h>
+
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <memory>
+
+#include "linux_host_calls.h"
+
+namespace {
+
+constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
+
+class LinuxFiles : public TemporaryFolderTest {
+protected:
+    BOOL Move(const std::wstring& from, const std::wstring& to) const {
+        return MoveFileExW(WidePath(from).c_str(), WidePath(to).c_str(), MOVEFILE_WRITE_THROUGH);
+    }
+};
+
+// Runs `body` in a process of its own and gives what it returned, 0 to 255.
+int InChild(const std::function<int()>& body) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(body());
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+    return WEXITSTATUS(status);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Names
+
+TEST_F(LinuxFiles, BackslashIsAnOrdinaryCharacter) {
+    MakeFile(L"a\\b", "x");
+    EXPECT_TRUE(std::filesystem::exists(Folder() / "a\\b"));
+}
+
+TEST_F(LinuxFiles, UnpairedSurrogateHasANameOfItsOwn) {
+    MakeFile(std::wstring(1, static_cast<wchar_t>(0xD83D)), "x");
+    EXPECT_TRUE(std::filesystem::exists(Folder() / "\xED\xA0\xBD"));
+}
+
+TEST_F(LinuxFiles, UnitIsSixteenBitsOfItsWideCharacter) {
+    // What a byte widened by its sign leaves in the wider type of this platform.
+    MakeFile(std::wstring(1, static_cast<wchar_t>(static_cast<signed char>(0xC3))), "x");
+    EXPECT_TRUE(std::filesystem::exists(Folder() / "\xEF\xBF\x83"));
+}
+
+TEST_F(LinuxFiles, NameThatIsTooLongSaysSo) {
+    EXPECT_EQ(Open(std::wstring(256, L'a'), GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(Open(std::wstring(256, L'a'), GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+}
+
+TEST_F(LinuxFiles, LinksThatLeadNowhereAreNames) {
+    std::filesystem::create_symlink("none", Folder() / "dangling");
+    std::filesystem::create_symlink("loop", Folder() / "loop");
+    EXPECT_NE(GetFileAttributesA(NarrowPath("dangling").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(Open(L"dangling", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Open(L"loop", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_CANT_RESOLVE_FILENAME);
+    MakeFile(L"from", "x");
+    EXPECT_FALSE(Move(L"from", L"dangling"));
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+}
+
+TEST_F(LinuxFiles, LinkToAFolderIsAFolder) {
+    std::filesystem::create_directory(Folder() / "folder");
+    std::filesystem::create_symlink("folder", Folder() / "link");
+    const DWORD attributes = GetFileAttributesA(NarrowPath("link").c_str());
+    EXPECT_EQ(attributes & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
+}
+
+TEST_F(LinuxFiles, PipeAndDeviceAreNoFiles) {
+    ASSERT_EQ(mkfifo((Folder() / "pipe").c_str(), 0666), 0);
+    EXPECT_EQ(Open(L"pipe", GENERIC_READ, shareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(CreateFileW(L"/dev/null", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+TEST_F(LinuxFiles, ReadOnlyFileHasItsAttribute) {
+    MakeFile(L"file", "x");
+    ASSERT_EQ(chmod((Folder() / "file").c_str(), 0444), 0);
+    EXPECT_EQ(GetFileAttributesA(NarrowPath("file").c_str()), FILE_ATTRIBUTE_READONLY);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Errors of the host
+
+TEST_F(LinuxFiles, LackOfRightsIsAccessDenied) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "takes another user's rights away, which needs root";
+    }
+    MakeFile(L"file", "x");
+    ASSERT_EQ(chmod((Folder() / "file").c_str(), 0600), 0);
+    ASSERT_EQ(chmod(Folder().c_str(), 0755), 0);
+    EXPECT_EQ(InChild([this] {
+                  constexpr uid_t nobody = 65534;
+                  if (setegid(nobody) != 0 || seteuid(nobody) != 0) {
+                      return 100;
+                  }
+                  if (Open(L"file", GENERIC_READ, 0, OPEN_EXISTING) != INVALID_HANDLE_VALUE ||
+                      GetLastError() != ERROR_ACCESS_DENIED) {
+                      return 1;
+                  }
+                  if (Open(L"new", GENERIC_WRITE, 0, CREATE_ALWAYS) != INVALID_HANDLE_VALUE ||
+                      GetLastError() != ERROR_ACCESS_DENIED) {
+                      return 2;
+                  }
+                  if (Move(L"file", L"other") || GetLastError() != ERROR_ACCESS_DENIED) {
+                      return 3;
+                  }
+                  FILE* stream = nullptr;
+                  if (fopen_s(&stream, NarrowPath("file").c_str(), "rb") != EACCES ||
+                      GetLastError() != ERROR_ACCESS_DENIED) {
+                      return 4;
+                  }
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(ContentOf(L"file"), "x");
+}
+
+TEST_F(LinuxFiles, TooManyOpenFilesSaySo) {
+    MakeFile(L"file", "x");
+    EXPECT_EQ(InChild([this] {
+                  const struct rlimit limit { 3, 3 };
+                  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+                      return 100;
+                  }
+                  return Open(L"file", GENERIC_READ, 0, OPEN_EXISTING) == INVALID_HANDLE_VALUE &&
+                                 GetLastError() == ERROR_TOO_MANY_OPEN_FILES
+                             ? 0
+                             : 1;
+              }),
+              0);
+}
+
+TEST_F(LinuxFiles, WriteBeyondTheLargestFileFillsTheDisk) {
+    EXPECT_EQ(InChild([this] {
+                  const struct rlimit limit { 1 << 20, 1 << 20 };
+                  if (setrlimit(RLIMIT_FSIZE, &limit) != 0 || std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR) {
+                      return 100;
+                  }
+                  const HANDLE file = Open(L"file", GENERIC_WRITE, 0, CREATE_NEW);
+                  const std::vector<char> buffer(3 << 19, 'x');
+                  DWORD count = 0;
+                  const BOOL written =
+                      WriteFile(file, buffer.data(), static_cast<DWORD>(buffer.size()), &count, nullptr);
+                  return !written && GetLastError() == ERROR_DISK_FULL && count == 1 << 20 ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(LinuxFiles, FullDiskTellsHowFarTheWriteCame) {
+    const std::string point = NarrowPath("small");
+    std::filesystem::create_directory(point);
+    if (mount("none", point.c_str(), "tmpfs", 0, "size=1m") != 0) {
+        GTEST_SKIP() << "mounting is not allowed here";
+    }
+    {
+        const ScopedHandle file(Open(L"small/file", GENERIC_WRITE, 0, CREATE_NEW));
+        const std::vector<char> buffer(2 << 20, 'x');
+        DWORD count = 0;
+        EXPECT_FALSE(WriteFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &count, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+        EXPECT_GT(count, 0u);
+        EXPECT_LE(count, 1u << 20);
+    }
+    EXPECT_EQ(mount("none", point.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(Open(L"small/other", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
+    MakeFile(L"from", "x");
+    EXPECT_FALSE(Move(L"from", L"small/to"));
+    EXPECT_EQ(GetLastError(), ERROR_NOT_SAME_DEVICE);
+    EXPECT_EQ(umount(point.c_str()), 0);
+}
+
+TEST_F(LinuxFiles, FailedTransferTellsItsErrorAndHowFarItCame) {
+    MakeFile(L"file", std::string(100, 'x'));
+    const ScopedHandle file(Open(L"file", readWrite, 0, OPEN_EXISTING));
+    const ScopedHostCalls scope;
+    char buffer[100];
+    DWORD count = 99;
+    const struct {
+        int HostError;
+        DWORD Error;
+    } cases[] = {{EIO, ERROR_CRC},
+                 {ENOSPC, ERROR_DISK_FULL},
+                 {EDQUOT, ERROR_DISK_FULL},
+                 {EROFS, ERROR_WRITE_PROTECT},
+                 {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
+                 {ENOLINK, ERROR_GEN_FAILURE}};
+    for (const auto& oneCase : cases) {
+        TheHostCalls().TransferError = oneCase.HostError;
+        TheHostCalls().LongestTransfer = 30;
+        TheHostCalls().FailTransferAfter = 2;
+        ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
+        EXPECT_FALSE(ReadFile(file.Get(), buffer, 100, &count, nullptr));
+        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
+        EXPECT_EQ(count, 60u);
+        TheHostCalls().FailTransferAfter = 0;
+        EXPECT_FALSE(WriteFile(file.Get(), buffer, 100, &count, nullptr));
+        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
+        EXPECT_EQ(count, 0u);
+    }
+}
+
+TEST_F(LinuxFiles, ShortAndInterruptedTransfersGoOn) {
+    std::string content(10'000, '\0');
+    for (size_t i = 0; i < content.size(); i++) {
+        content[i] = static_cast<char>(i * 31);
+    }
+    {
+        const ScopedHostCalls scope;
+        TheHostCalls().LongestTransfer = 333;
+        TheHostCalls().InterruptTransfers = 3;
+        MakeFile(L"file", content);
+        TheHostCalls().InterruptTransfers = 3;
+        EXPECT_EQ(ContentOf(L"file"), content);
+    }
+    EXPECT_EQ(ContentOf(L"file"), content);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Share modes between processes
+
+TEST_F(LinuxFiles, ShareModesHoldBetweenProcesses) {
+    MakeFile(L"file", "x");
+    {
+        const ScopedHandle writer(Open(L"file", GENERIC_WRITE, FILE_SHARE_READ, OPEN_EXISTING));
+        EXPECT_EQ(InChild([this] {
+                      if (Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING) != INVALID_HANDLE_VALUE ||
+                          GetLastError() != ERROR_SHARING_VIOLATION) {
+                          return 1;
+                      }
+                      if (Open(L"file", GENERIC_WRITE, shareAll, CREATE_ALWAYS) != INVALID_HANDLE_VALUE ||
+                          GetLastError() != ERROR_SHARING_VIOLATION) {
+                          return 2;
+                      }
+                      if (Move(L"file", L"other") || GetLastError() != ERROR_SHARING_VIOLATION) {
+                          return 3;
+                      }
+                      return Open(L"file", GENERIC_READ, shareAll, OPEN_EXISTING) != INVALID_HANDLE_VALUE ? 0 : 4;
+                  }),
+                  0);
+    }
+    EXPECT_EQ(ContentOf(L"file"), "x");
+}
+
+TEST_F(LinuxFiles, EndOfAProcessGivesItsFilesBack) {
+    MakeFile(L"file", "x");
+    EXPECT_EQ(InChild([this] { return Open(L"file", readWrite, 0, OPEN_EXISTING) != INVALID_HANDLE_VALUE ? 0 : 1; }),
+              0);
+    const ScopedHandle file(Open(L"file", readWrite, 0, OPEN_EXISTING));
+    EXPECT_TRUE(file.IsOpen());
+}
+
+TEST_F(LinuxFiles, OneOfManyThatWantAFileAloneGetsIt) {
+    MakeFile(L"file", "x");
+    int channel[2];
+    ASSERT_EQ(pipe(channel), 0);
+    constexpr int contenders = 6;
+    std::vector<pid_t> children;
+    for (int i = 0; i < contenders; i++) {
+        const pid_t child = fork();
+        if (child == 0) {
+            const HANDLE file = Open(L"file", readWrite, 0, OPEN_EXISTING);
+            const char won = file != INVALID_HANDLE_VALUE ? 1 : 0;
+            // Held until all have tried: the parent closes its end only then.
+            if (write(channel[1], &won, 1) != 1) {
+                _exit(1);
+            }
+            pause();
+        }
+        children.push_back(child);
+    }
+    int winners = 0;
+    for (int i = 0; i < contenders; i++) {
+        char won = 0;
+        ASSERT_EQ(read(channel[0], &won, 1), 1);
+        winners += won;
+    }
+    for (const pid_t child : children) {
+        kill(child, SIGKILL);
+        int status = 0;
+        waitpid(child, &status, 0);
+    }
+    close(channel[0]);
+    close(channel[1]);
+    EXPECT_EQ(winners, 1);
+}
+
+TEST_F(LinuxFiles, FileSystemWithoutLocksStillOpens) {
+    const ScopedHostCalls scope;
+    TheHostCalls().HasLocks = false;
+    MakeFile(L"file", "x");
+    EXPECT_EQ(ContentOf(L"file"), "x");
+    EXPECT_TRUE(Move(L"file", L"other"));
+}
+
+TEST_F(LinuxFiles, StreamHoldsItsFileAgainstWriters) {
+    MakeFile(L"file", "x");
+    FILE* stream = nullptr;
+    ASSERT_EQ(fopen_s(&stream, NarrowPath("file").c_str(), "rb"), 0);
+    EXPECT_EQ(Open(L"file", GENERIC_WRITE, shareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    fclose(stream);
+    const ScopedHandle writer(Open(L"file", GENERIC_WRITE, 0, OPEN_EXISTING));
+    ASSERT_TRUE(writer.IsOpen());
+    EXPECT_EQ(fopen_s(&stream, NarrowPath("file").c_str(), "rb"), EACCES);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(stream, nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Unbuffered files
+
+TEST_F(LinuxFiles, UnbufferedTransfersAreWholeSectors) {
+    constexpr DWORD block = 4096;
+    std::string content(3 * block, '\0');
+    for (size_t i = 0; i < content.size(); i++) {
+        content[i] = static_cast<char>(i * 7 + i / 256);
+    }
+    MakeFile(L"file", content.substr(0, 2 * block + 100));
+    const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING));
+    ASSERT_TRUE(file.IsOpen()) << GetLastError();
+    auto* const aligned = static_cast<char*>(_aligned_malloc(4 * block, block));
+    DWORD count = 99;
+    EXPECT_FALSE(ReadFile(file.Get(), aligned, 100, &count, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(count, 0u);
+    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(100), nullptr, FILE_BEGIN));
+    EXPECT_FALSE(ReadFile(file.Get(), aligned, block, &count, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    // The end of the file cuts a transfer anywhere.
+    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(block), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(ReadFile(file.Get(), aligned, 2 * block, &count, nullptr));
+    EXPECT_EQ(count, block + 100);
+    EXPECT_EQ(std::string(aligned, count), content.substr(block, count));
+    // Memory of any alignment serves.
+    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(ReadFile(file.Get(), aligned + 1, 2 * block, &count, nullptr));
+    EXPECT_EQ(count, 2 * block);
+    EXPECT_EQ(std::string(aligned + 1, count), content.substr(0, count));
+    _aligned_free(aligned);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// The rename
+
+TEST_F(LinuxFiles, MoveBringsBytesAndNamesToTheDisk) {
+    MakeFile(L"from", "content");
+    std::filesystem::create_directory(Folder() / "folder");
+    const ScopedHostCalls scope;
+    EXPECT_TRUE(Move(L"from", L"to"));
+    EXPECT_EQ(TheHostCalls().Order, (std::vector<std::string>{"sync file", "rename", "sync folder"}));
+    TheHostCalls().Order.clear();
+    EXPECT_TRUE(Move(L"to", L"folder/to"));
+    EXPECT_EQ(TheHostCalls().Order, (std::vector<std::string>{"sync file", "rename", "sync folder", "sync folder"}));
+}
+
+TEST_F(LinuxFiles, MoveOfBytesThatDoNotReachTheDiskFails) {
+    MakeFile(L"from", "content");
+    const ScopedHostCalls scope;
+    TheHostCalls().SyncError = ENOSPC;
+    EXPECT_FALSE(Move(L"from", L"to"));
+    EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+    EXPECT_EQ(TheHostCalls().Order, std::vector<std::string>{"sync file"});
+    EXPECT_TRUE(std::filesystem::exists(Folder() / "from"));
+    EXPECT_FALSE(std::filesystem::exists(Folder() / "to"));
+}
+
+TEST_F(LinuxFiles, MoveNeverReplacesOnAnyFileSystem) {
+    for (const bool hasHardLinks : {true, false}) {
+        MakeFile(L"from", "new");
+        MakeFile(L"taken", "old");
+        const ScopedHostCalls scope;
+        TheHostCalls().HasRenameWithoutReplacing = false;
+        TheHostCalls().HasHardLinks = hasHardLinks;
+        EXPECT_FALSE(Move(L"from", L"taken"));
+        EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+        EXPECT_EQ(ContentOf(L"taken"), "old");
+        EXPECT_FALSE(Move(L"from", L"none/to"));
+        EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+        EXPECT_TRUE(Move(L"from", L"to"));
+        EXPECT_EQ(ContentOf(L"to"), "new");
+        EXPECT_FALSE(std::filesystem::exists(Folder() / "from"));
+        std::filesystem::remove(Folder() / "to");
+        std::filesystem::remove(Folder() / "taken");
+    }
+}
+
+TEST_F(LinuxFiles, MoveOfAFolderKeepsItsContent) {
+    std::filesystem::create_directory(Folder() / "from");
+    MakeFile(L"from/file", "content");
+    EXPECT_TRUE(Move(L"from", L"to"));
+    EXPECT_EQ(ContentOf(L"to/file"), "content");
+}
+
+} // namespace

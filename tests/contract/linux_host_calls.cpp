@@ -1,0 +1,109 @@
+// The layer between the platform and the kernel that linux_host_calls.h tells of.
+#include "linux_host_calls.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+
+HostCalls& TheHostCalls() {
+    static HostCalls& calls = *new HostCalls;
+    return calls;
+}
+
+namespace {
+
+// Decides a transfer: false if it fails, with errno set; else `length` is what it may move.
+bool AdmitTransfer(size_t& length) {
+    HostCalls& calls = TheHostCalls();
+    if (calls.InterruptTransfers > 0) {
+        calls.InterruptTransfers--;
+        errno = EINTR;
+        return false;
+    }
+    if (calls.FailTransferAfter == 0) {
+        calls.FailTransferAfter = -1;
+        errno = calls.TransferError;
+        return false;
+    }
+    if (calls.FailTransferAfter > 0) {
+        calls.FailTransferAfter--;
+    }
+    if (calls.LongestTransfer != 0) {
+        length = std::min(length, calls.LongestTransfer);
+    }
+    return true;
+}
+
+} // namespace
+
+extern "C" {
+
+// Asked by the address sanitizer, where the tests run under it: an allocation that is too large gives a null pointer,
+// as it does without it.
+const char* __asan_default_options();
+const char* __asan_default_options() {
+    return "allocator_may_return_null=1";
+}
+
+ssize_t pread(int descriptor, void* buffer, size_t length, off_t offset) {
+    return AdmitTransfer(length) ? syscall(SYS_pread64, descriptor, buffer, length, offset) : -1;
+}
+
+ssize_t pwrite(int descriptor, const void* buffer, size_t length, off_t offset) {
+    return AdmitTransfer(length) ? syscall(SYS_pwrite64, descriptor, buffer, length, offset) : -1;
+}
+
+int fcntl(int descriptor, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    const auto argument = va_arg(arguments, uintptr_t);
+    va_end(arguments);
+    if ((command == F_OFD_SETLK || command == F_OFD_GETLK) && !TheHostCalls().HasLocks) {
+        errno = ENOLCK;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fcntl, descriptor, command, argument));
+}
+
+int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) {
+    if (flags != 0 && !TheHostCalls().HasRenameWithoutReplacing) {
+        errno = EINVAL;
+        return -1;
+    }
+    TheHostCalls().Order.emplace_back("rename");
+    return static_cast<int>(syscall(SYS_renameat2, fromFolder, from, toFolder, to, flags));
+}
+
+int rename(const char* from, const char* to) noexcept {
+    TheHostCalls().Order.emplace_back("rename");
+    return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+
+int link(const char* from, const char* to) noexcept {
+    if (!TheHostCalls().HasHardLinks) {
+        errno = EPERM;
+        return -1;
+    }
+    TheHostCalls().Order.emplace_back("rename");
+    return static_cast<int>(syscall(SYS_linkat, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+
+int fsync(int descriptor) {
+    struct stat status {};
+    const bool isFolder = fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
+    TheHostCalls().Order.emplace_back(isFolder ? "sync folder" : "sync file");
+    if (!isFolder && TheHostCalls().SyncError != 0) {
+        errno = TheHostCalls().SyncError;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+} // extern "C"

@@ -1,0 +1,35 @@
+// A thin layer between the platform and the kernel, for the tests of what a host does only on a bad day: it fails or
+// shortens a system call that the platform makes, and records the order of those that bring a file to its disk.
+//
+// The functions of the same names in linux_host_calls.cpp stand before the C library's when the test program is linked.
+// With nothing asked of them they go on to the kernel.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct HostCalls {
+    int FailTransferAfter = -1; // so many transfers pass, the next one fails with TransferError; -1: none fails
+    int TransferError = 0;
+    size_t LongestTransfer = 0; // a transfer moves no more than this; 0: as much as it likes
+    int InterruptTransfers = 0; // so many transfers are interrupted by a signal before they move anything
+
+    bool HasLocks = true; // the file system has advisory locks
+    bool HasRenameWithoutReplacing = true;
+    bool HasHardLinks = true;
+    int SyncError = 0; // fsync of an ordinary file fails with this
+
+    std::vector<std::string> Order; // "sync file", "rename", "sync folder"
+};
+
+// What the layer does from now on.
+HostCalls& TheHostCalls();
+
+// Puts the layer back to doing nothing at the end of a test.
+class ScopedHostCalls {
+public:
+    ScopedHostCalls() { TheHostCalls() = HostCalls(); }
+    ~ScopedHostCalls() { TheHostCalls() = HostCalls(); }
+    ScopedHostCalls(const ScopedHostCalls&) = delete;
+    ScopedHostCalls& operator=(const ScopedHostCalls&) = delete;
+};

@@ -1,0 +1,91 @@
+// Loop devices for the tests of disks.
+#include "linux_loop_disks.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "linux/linux_disks.h"
+
+namespace {
+
+LoopDisks& Disks() {
+    static LoopDisks& disks = *new LoopDisks;
+    return disks;
+}
+
+// Attaches a loop device over a file that has no name any more, and keeps both open: the device goes with its last
+// descriptor and the file with the device, however the test program ends.
+bool Attach(LoopDisk& disk, uint64_t length, uint32_t sectorSize, bool isReadOnly) {
+    char path[] = "/tmp/vornix-loop-XXXXXX";
+    const int file = mkostemp(path, O_CLOEXEC);
+    if (file < 0 || unlink(path) != 0 || ftruncate(file, static_cast<off_t>(length)) != 0) {
+        return false;
+    }
+    disk.File = "/proc/self/fd/" + std::to_string(file);
+    disk.Length = length;
+    disk.SectorSize = sectorSize;
+    const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+    if (control < 0) {
+        return false;
+    }
+    // Another process may take the free device between the two steps.
+    for (int attempt = 0; attempt < 10 && disk.Name.empty(); attempt++) {
+        const int number = ioctl(control, LOOP_CTL_GET_FREE);
+        const std::string name = "loop" + std::to_string(number);
+        const int device = number < 0 ? -1 : open(("/dev/" + name).c_str(), O_RDWR | O_CLOEXEC);
+        if (device < 0) {
+            break;
+        }
+        loop_config config{};
+        config.fd = static_cast<uint32_t>(file);
+        config.block_size = sectorSize;
+        config.info.lo_flags = LO_FLAGS_PARTSCAN | LO_FLAGS_AUTOCLEAR | (isReadOnly ? LO_FLAGS_READ_ONLY : 0);
+        if (ioctl(device, LOOP_CONFIGURE, &config) == 0) {
+            disk.Name = name;
+        } else {
+            close(device);
+        }
+    }
+    const int code = errno;
+    close(control);
+    errno = code;
+    return !disk.Name.empty();
+}
+
+class LoopEnvironment : public testing::Environment {
+public:
+    void SetUp() override {
+        LoopDisks& disks = Disks();
+        constexpr uint64_t length = 16 << 20;
+        // A last stretch that is no whole chunk, and for the small sectors no whole page.
+        if (!Attach(disks.Small, length + 3 * 512, 512, false) ||
+            !Attach(disks.Large, length + 3 * 4096, 4096, false) || !Attach(disks.ReadOnly, length, 512, true)) {
+            disks.WhyNone = std::string("no loop devices here: ") + std::strerror(errno);
+            return;
+        }
+        const auto& hostDisks = vornix::platform::HostDisks();
+        for (LoopDisk* disk : {&disks.Small, &disks.Large, &disks.ReadOnly}) {
+            for (size_t i = 0; i < hostDisks.size(); i++) {
+                if (hostDisks[i].Name == disk->Name) {
+                    disk->Number = static_cast<int>(i);
+                }
+            }
+        }
+    }
+};
+
+[[maybe_unused]] testing::Environment* const environment = testing::AddGlobalTestEnvironment(new LoopEnvironment);
+
+} // namespace
+
+const LoopDisks& TheLoopDisks() {
+    return Disks();
+}

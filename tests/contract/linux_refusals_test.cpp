@@ -1,0 +1,155 @@
+// What the Linux platform does not support it does not pretend to: the process ends and names what was asked for. And
+// what has no counterpart here is missing in the way that the program has a path for.
+#include "temporary_folder.h"
+
+#include <winioctl.h>
+
+#include <bcrypt.h>
+#include <objbase.h>
+
+#include <vss.h>
+#include <vswriter.h>
+
+#include <vsbackup.h>
+
+#include <malloc.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <cerrno>
+
+#include "snapshot/create_components_guarded.h"
+
+namespace {
+
+class RefusalDeathTest : public TemporaryFolderTest {};
+
+HANDLE OpenWith(DWORD access, DWORD share, DWORD disposition, DWORD flags) {
+    return CreateFileW(L"/none", access, share, nullptr, disposition, flags, nullptr);
+}
+
+TEST_F(RefusalDeathTest, OpenNamesWhatItDoesNotSupport) {
+    EXPECT_DEATH(OpenWith(0, 0, OPEN_EXISTING, 0), "CreateFileW: access 0x0 is not supported");
+    EXPECT_DEATH(OpenWith(0x10000000u, 0, OPEN_EXISTING, 0), "CreateFileW: access 0x10000000 is not supported");
+    EXPECT_DEATH(OpenWith(GENERIC_READ, FILE_SHARE_DELETE, OPEN_EXISTING, 0), "CreateFileW: share mode 0x4");
+    EXPECT_DEATH(OpenWith(GENERIC_READ, 0, OPEN_ALWAYS, 0), "CreateFileW: disposition 0x4");
+    EXPECT_DEATH(OpenWith(GENERIC_READ, 0, CREATE_ALWAYS, 0), "CreateFileW: creation without write access");
+    EXPECT_DEATH(OpenWith(GENERIC_READ, 0, OPEN_EXISTING, FILE_FLAG_OVERLAPPED), "CreateFileW: flags 0x40000000");
+    SECURITY_ATTRIBUTES security{};
+    EXPECT_DEATH(CreateFileW(L"/none", GENERIC_READ, 0, &security, OPEN_EXISTING, 0, nullptr),
+                 "CreateFileW: a security descriptor");
+}
+
+TEST_F(RefusalDeathTest, TransferNamesWhatItDoesNotSupport) {
+    MakeFile(L"file", "x");
+    const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+    char byte = 0;
+    DWORD count = 0;
+    OVERLAPPED overlapped{};
+    EXPECT_DEATH(ReadFile(file.Get(), &byte, 1, &count, &overlapped), "ReadFile: an overlapped transfer");
+    EXPECT_DEATH(WriteFile(file.Get(), &byte, 1, nullptr, nullptr), "WriteFile: a transfer without a count");
+    EXPECT_DEATH(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, 3), "SetFilePointerEx: method 0x3");
+}
+
+TEST_F(RefusalDeathTest, MoveNamesWhatItDoesNotSupport) {
+    EXPECT_DEATH(MoveFileExW(L"a", L"b", 0), "MoveFileExW: flags 0x0");
+    EXPECT_DEATH(MoveFileExW(L"a", L"b", MOVEFILE_WRITE_THROUGH | MOVEFILE_REPLACE_EXISTING), "MoveFileExW: flags 0x9");
+}
+
+TEST_F(RefusalDeathTest, DeviceControlNamesWhatItDoesNotSupport) {
+    MakeFile(L"file", "x");
+    const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+    DWORD returned = 0;
+    EXPECT_DEATH(DeviceIoControl(file.Get(), 0x8C7D2004u, nullptr, 0, nullptr, 0, &returned, nullptr),
+                 "DeviceIoControl: control code 0x8C7D2004");
+}
+
+TEST_F(RefusalDeathTest, CryptographyNamesWhatItDoesNotSupport) {
+    BCRYPT_ALG_HANDLE algorithm = nullptr;
+    EXPECT_DEATH((void)BCryptOpenAlgorithmProvider(&algorithm, L"MD5", nullptr, 0), "algorithm \"MD5\"");
+    EXPECT_DEATH((void)BCryptOpenAlgorithmProvider(&algorithm, L"AES", nullptr, BCRYPT_ALG_HANDLE_HMAC_FLAG),
+                 "BCryptOpenAlgorithmProvider: flags 0x8");
+    ASSERT_EQ(BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_AES_ALGORITHM, nullptr, 0), 0);
+    UCHAR secret[32] = {};
+    ULONG written = 0;
+    BCRYPT_KEY_HANDLE key = nullptr;
+    EXPECT_DEATH((void)BCryptGetProperty(algorithm, L"BlockLength", secret, 4, &written, 0),
+                 "property \"BlockLength\"");
+    std::wstring mode = L"ChainingModeCBC";
+    EXPECT_DEATH((void)BCryptSetProperty(algorithm, BCRYPT_CHAINING_MODE, reinterpret_cast<PUCHAR>(mode.data()), 32, 0),
+                 "chaining mode \"ChainingModeCBC\"");
+    EXPECT_DEATH((void)BCryptGenerateSymmetricKey(algorithm, &key, nullptr, 0, secret, 32, 0),
+                 "a chaining mode other than GCM");
+    EXPECT_DEATH((void)BCryptGenerateSymmetricKey(algorithm, &key, nullptr, 0, secret, 16, 0), "a key of length 0x10");
+    EXPECT_EQ(BCryptCloseAlgorithmProvider(algorithm, 0), 0);
+}
+
+TEST_F(RefusalDeathTest, RuntimeNamesWhatItDoesNotSupport) {
+    FILE* stream = nullptr;
+    EXPECT_DEATH(fopen_s(&stream, "file", "w"), "fopen_s: mode \"w\"");
+    EXPECT_DEATH(_fullpath(nullptr, "file", 260), "_fullpath: a result without a buffer");
+    EXPECT_DEATH(CoInitializeEx(nullptr, 0x10), "CoInitializeEx: flags 0x10");
+}
+
+TEST(AbsenceOnLinux, ChangeTrackerDoesNotOpen) {
+    EXPECT_EQ(CreateFileW(L"\\\\.\\Wendrel", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+}
+
+TEST(AbsenceOnLinux, NoVolumesAreEnumerated) {
+    WCHAR name[260] = {};
+    EXPECT_EQ(FindFirstVolumeW(name, 260), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_NO_MORE_FILES);
+    EXPECT_FALSE(FindNextVolumeW(INVALID_HANDLE_VALUE, name, 260));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(FindVolumeClose(INVALID_HANDLE_VALUE));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST(AbsenceOnLinux, ShadowCopyLibraryIsMissing) {
+    IVssBackupComponents* components = nullptr;
+    EXPECT_ANY_THROW((void)CreateVssBackupComponentsInternal(&components));
+    VSS_SNAPSHOT_PROP properties{};
+    EXPECT_ANY_THROW(VssFreeSnapshotPropertiesInternal(&properties));
+    components = reinterpret_cast<IVssBackupComponents*>(&properties);
+    EXPECT_EQ(vornix::CreateComponentsGuarded(&components), static_cast<HRESULT>(0x8007007Eu));
+    EXPECT_EQ(components, nullptr);
+}
+
+TEST(AbsenceOnLinux, FullPathThatDoesNotFitSaysSo) {
+    char buffer[2];
+    errno = 0;
+    EXPECT_EQ(_fullpath(buffer, "/ab", sizeof buffer), nullptr);
+    EXPECT_EQ(errno, ERANGE);
+}
+
+TEST(CryptoOnLinux, UnauthenticatedBytesAreWipedFromTheOutput) {
+    BCRYPT_ALG_HANDLE algorithm = nullptr;
+    ASSERT_EQ(BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_AES_ALGORITHM, nullptr, 0), 0);
+    std::wstring mode = BCRYPT_CHAIN_MODE_GCM;
+    ASSERT_EQ(BCryptSetProperty(algorithm, BCRYPT_CHAINING_MODE, reinterpret_cast<PUCHAR>(mode.data()), 32, 0), 0);
+    UCHAR secret[32] = {1};
+    BCRYPT_KEY_HANDLE key = nullptr;
+    ASSERT_EQ(BCryptGenerateSymmetricKey(algorithm, &key, nullptr, 0, secret, 32, 0), 0);
+    UCHAR nonce[12] = {};
+    UCHAR tag[16] = {};
+    BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info{};
+    info.cbSize = sizeof info;
+    info.dwInfoVersion = BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO_VERSION;
+    info.pbNonce = nonce;
+    info.cbNonce = sizeof nonce;
+    info.pbTag = tag;
+    info.cbTag = sizeof tag;
+    std::vector<UCHAR> sealed(100, 5);
+    std::vector<UCHAR> plain(100, 0xEE);
+    ULONG written = 99;
+    EXPECT_EQ(BCryptDecrypt(key, sealed.data(), 100, &info, nullptr, 0, plain.data(), 100, &written, 0),
+              static_cast<NTSTATUS>(0xC000A002u));
+    EXPECT_EQ(plain, std::vector<UCHAR>(100, 0));
+    EXPECT_EQ(written, 0u);
+    EXPECT_EQ(BCryptDestroyKey(key), 0);
+    EXPECT_EQ(BCryptCloseAlgorithmProvider(algorithm, 0), 0);
+}
+
+} // namespace

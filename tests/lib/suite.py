@@ -1,0 +1,311 @@
+"""The frame of a scenario suite: assertions on runs, recordings, and the runner.
+
+A suite is a file of Scenario classes that ends with `suite.main()`. It prints nothing but failures, each with the whole
+context of its runs, and as its last line `N passed, N failed, N skipped`; its exit status is 1 when anything failed.
+
+    python3 tests/scenarios/test_verify.py               all of it
+    python3 tests/scenarios/test_verify.py -k hash       the tests whose name contains "hash"
+    python3 tests/scenarios/test_verify.py --list        the names
+
+With VORNIX_RECORD=FOLDER each test leaves a normalised account of its runs in FOLDER/<suite>/<test>.json, for the
+comparison of two builds. VORNIX_JOBS says how many tests run at a time (2 when absent).
+"""
+
+import argparse
+import concurrent.futures
+import hashlib
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import traceback
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import image  # noqa: E402
+from console import ANY_NUMBER  # noqa: E402
+from machine import SETTINGS, Machine  # noqa: E402
+
+ANY_NUMBER_BYTES = ANY_NUMBER.encode()
+
+
+def as_bytes(text):
+    return text if isinstance(text, bytes) else text.encode()
+
+
+def matches(actual, expected):
+    """Whether the bytes are those expected, where ANY_NUMBER stands for any decimal number."""
+    parts = [re.escape(part) for part in as_bytes(expected).split(ANY_NUMBER_BYTES)]
+    return re.fullmatch(rb"[0-9]+".join(parts), actual, re.DOTALL) is not None
+
+
+class Scenario(unittest.TestCase):
+    """One test on described machines of its own.
+
+    `self.folder` is empty at the start and gone at the end. `self.machine()` makes a machine in it.
+    """
+
+    maxDiff = None
+    recorded = True  # False: the suite's runs are too many or too sampled to be compared between builds
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="vornix-")
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.machines = []
+
+    def tearDown(self):
+        record_folder = os.environ.get("VORNIX_RECORD")
+        if record_folder and self.recorded:
+            write_recording(record_folder, self)
+
+    def skipTest(self, reason):
+        self.recorded = False
+        super().skipTest(reason)
+
+    @property
+    def settings(self):
+        return SETTINGS
+
+    def machine(self, **options):
+        made = Machine(os.path.join(self.folder, f"m{len(self.machines) + 1}"), **options)
+        self.machines.append(made)
+        return made
+
+    # --- Assertions on runs ---
+
+    def expect(self, result, status=0, stdout="", stderr=""):
+        """Status, standard output and standard error of a run, byte for byte (ANY_NUMBER for a number that means
+        nothing). Gives the result back."""
+        problems = []
+        if result.status != status:
+            problems.append(f"status {result.status} where {status} was expected")
+        for name, actual, expected in (("stdout", result.stdout, stdout), ("stderr", result.stderr, stderr)):
+            if not matches(actual, expected):
+                problems.append(f"{name} differs\n    expected {as_bytes(expected)!r}\n    actual   {actual!r}")
+            elif ANY_NUMBER_BYTES in as_bytes(expected):
+                result.meaningless.append((name, as_bytes(expected)))
+        if problems:
+            self.fail("\n".join(problems))
+        return result
+
+    def expect_abnormal(self, result):
+        """The run ended as by an uncaught exception, with nothing printed."""
+        self.assertTrue(result.abnormal, result.describe())
+        return self.expect(result, self.settings.abnormal_status)
+
+    def expect_disk(self, machine, number, expected):
+        """The bytes of a disk, without a dump of them where they differ."""
+        actual = machine.disk_bytes(number)
+        if actual != expected:
+            self.fail(f"disk {number} differs: {first_difference(actual, expected)}")
+
+    def expect_file(self, machine, name, expected):
+        actual = machine.read(name)
+        if actual != expected:
+            self.fail(f"{name} differs: {first_difference(actual, expected)}")
+
+    def expect_good_image(self, machine, name, plain, password=None):
+        """The second reader finds nothing wrong with the image, and it stands for exactly these bytes."""
+        self.assertEqual(image.check_image(machine.path(name), password), [], name)
+        actual = image.reference_plain_bytes(machine.path(name), password)
+        if actual != plain:
+            self.fail(f"{name} stands for another disk: {first_difference(actual, plain)}")
+
+    def failure_context(self):
+        return "\n".join(result.describe() for machine in self.machines for result in machine.runs)
+
+
+def first_difference(actual, expected):
+    if len(actual) != len(expected):
+        return f"{len(actual)} bytes where {len(expected)} were expected"
+    at = next(index for index, pair in enumerate(zip(actual, expected)) if pair[0] != pair[1])
+    return f"at {at}: {actual[at:at + 16].hex()} where {expected[at:at + 16].hex()} was expected"
+
+
+# --- Recordings -----------------------------------------------------------------------------------------------------
+
+MASKED_FIELDS = {
+    "BCryptEncrypt": ["nonce"],
+    "BCryptDecrypt": ["nonce"],
+    "BCryptDeriveKeyPBKDF2": ["salt"],
+    "_fullpath": ["result"],
+}
+
+
+def _mask_folder(text, folder):
+    forms = [folder, "Z:" + folder.replace("/", "\\"), "Z:" + folder, "z:" + folder.replace("/", "\\")]
+    for form in sorted(forms, key=len, reverse=True):
+        text = text.replace(form, "<folder>")
+    if text.startswith("<folder>"):  # a path and nothing else
+        return text.replace("\\", "/")
+    if "<folder>" not in text:
+        return text
+    return re.sub(r"\\(work)\\", r"/\1/", text.replace("<folder>\\m", "<folder>/m"))
+
+
+def _normal_stream(name, result, folder):
+    data = result.stdout if name == "stdout" else result.stderr
+    for stream, expected in result.meaningless:
+        if stream == name:
+            data = expected
+    return _mask_folder(data.decode("utf-8", "backslashreplace"), folder)
+
+
+def _normal_log(log, folder):
+    lines = []
+    for line in log:
+        copy = {key: _mask_folder(value, folder) if isinstance(value, str) else value for key, value in line.items()}
+        for name in MASKED_FIELDS.get(line["call"], []):
+            if name in copy:
+                copy[name] = "*"
+        lines.append(copy)
+    return lines
+
+
+def _normal_file(path, randomised):
+    """A file as comparable text: its hash, or for an image with random salt and nonces what it says without them."""
+    try:
+        header, records = image.read_table(path)
+    except (image.ImageError, OSError):
+        header = None
+    size = os.path.getsize(path)
+    if header is None or header.magic != image.MAGIC:
+        return f"{size} bytes" if randomised else f"{size} bytes sha256 {_hash_file(path)}"
+    if header.encrypted == 0 and header.version == 2:
+        return f"{size} bytes sha256 {_hash_file(path)}"
+    header.salt = bytes(16)
+    rest = hashlib.sha256(header.pack())
+    for record in records:
+        rest.update(record.pack()[:44])
+    return f"{size} bytes, image without salt, nonces and pin sha256 {rest.hexdigest()}"
+
+
+def _hash_file(path):
+    digest = hashlib.sha256()
+    with open(path, "rb") as file:
+        while block := file.read(1048576):
+            digest.update(block)
+    return digest.hexdigest()
+
+
+def write_recording(record_folder, test):
+    """The normalised account of a test: every run with its streams and log, every file, every disk."""
+    account = []
+    for made in test.machines:
+        randomised = any(str(argument).lower() == "--encrypt" for result in made.runs for argument in result.arguments)
+        runs = []
+        for result in made.runs:
+            status = "abnormal" if result.abnormal and result.status in (3, -6, 134) else result.status
+            runs.append({
+                "arguments": [_mask_folder(str(argument), test.folder) for argument in result.arguments],
+                "status": status,
+                "stdout": _normal_stream("stdout", result, test.folder),
+                "stderr": _normal_stream("stderr", result, test.folder),
+                "log": _normal_log(result.log, test.folder),
+            })
+        files = {}
+        for name in made.files():
+            path = made.path(name)
+            files[name] = "folder" if os.path.isdir(path) else _normal_file(path, randomised)
+        # A scenario may have left a description that no machine can be made of.
+        for disk in made.description["disks"]:
+            path = disk.get("file")
+            if isinstance(path, str) and os.path.exists(os.path.join(made.home, path)):
+                files[f"disk {disk.get('number')}"] = _hash_file(os.path.join(made.home, path))
+        tracker = made.description.get("tracker")
+        if isinstance(tracker, str) and os.path.exists(os.path.join(made.home, tracker)):
+            with open(os.path.join(made.home, tracker), encoding="utf-8", errors="replace") as file:
+                text = file.read()
+            try:
+                files["tracker"] = json.loads(text)
+            except ValueError:
+                files["tracker"] = text
+        account.append({"runs": runs, "files": files})
+    suite_name = os.path.splitext(os.path.basename(sys.argv[0]))[0]
+    folder = os.path.join(record_folder, suite_name)
+    os.makedirs(folder, exist_ok=True)
+    name = f"{type(test).__name__}.{test._testMethodName}.json"
+    with open(os.path.join(folder, name), "w", encoding="utf-8") as file:
+        json.dump(account, file, indent=1, sort_keys=True)
+
+
+# --- The runner -----------------------------------------------------------------------------------------------------
+
+def _flatten(tests):
+    for test in tests:
+        if isinstance(test, unittest.TestSuite):
+            yield from _flatten(test)
+        else:
+            yield test
+
+
+def _run_one(test):
+    result = unittest.TestResult()
+    try:
+        test.run(result)
+    except Exception:  # the frame itself broke: a failure like any other
+        result.errors.append((test, traceback.format_exc()))
+    return test, result
+
+
+class WineSession:
+    """Keeps one Wine session up for as long as the suite runs.
+
+    The server of Wine otherwise goes seconds after its last client and comes with the next one, and a run that meets it
+    on its way out fails without a word. A client that waits for input holds it. Without Wine this does nothing.
+    """
+
+    def __init__(self, settings=SETTINGS):
+        self.settings, self.client = settings, None
+
+    def __enter__(self):
+        runner = self.settings.runner
+        if runner and os.path.basename(runner[0]).startswith("wine"):
+            self.client = subprocess.Popen([*runner, "cmd"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                           stderr=subprocess.DEVNULL, env=self.settings.environment())
+        return self
+
+    def __exit__(self, *_):
+        if self.client is not None:
+            self.client.stdin.close()
+            try:
+                self.client.wait(30)
+            except subprocess.TimeoutExpired:
+                self.client.kill()
+                self.client.wait()
+
+
+def main():
+    """Runs the tests of the file that was started, and ends the process."""
+    parser = argparse.ArgumentParser(description="Runs this suite.")
+    parser.add_argument("-k", metavar="TEXT", action="append", help="only tests whose name contains TEXT")
+    parser.add_argument("--list", action="store_true", help="print the names of the tests")
+    arguments = parser.parse_args()
+    tests = list(_flatten(unittest.defaultTestLoader.loadTestsFromModule(sys.modules["__main__"])))
+    if arguments.k:
+        tests = [test for test in tests if any(text in test.id() for text in arguments.k)]
+    if arguments.list:
+        print("\n".join(test.id().removeprefix("__main__.") for test in tests))
+        sys.exit(0)
+    jobs = int(os.environ.get("VORNIX_JOBS") or 2)
+    passed = failed = skipped = 0
+    with WineSession(), concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        for test, result in pool.map(_run_one, tests):
+            troubles = result.failures + result.errors
+            if troubles or result.unexpectedSuccesses:
+                failed += 1
+                for where, text in troubles:
+                    print(f"FAILED {where.id().removeprefix('__main__.')}\n{text}", flush=True)
+                if isinstance(test, Scenario) and hasattr(test, "machines"):
+                    print(test.failure_context() + "\n", flush=True)
+            elif result.skipped:
+                skipped += 1
+            else:
+                passed += 1
+    if not tests:
+        print("no test of that name")
+    print(f"{passed} passed, {failed} failed, {skipped} skipped")
+    sys.exit(1 if failed or not tests else 0)

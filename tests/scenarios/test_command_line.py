@@ -1,0 +1,260 @@
+"""The command line: which words are commands, how options are found and converted, what is usage and what is not."""
+
+import os
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from console import (RESTORE_UNCONFIRMED, USAGE, capture_text, fatal, restore_text, source_line, verify_text)
+from image import build_image
+from machine import pattern
+
+SMALL = 4096
+
+
+class CommandLine(suite.Scenario):
+    def small(self, **options):
+        return self.machine(source=pattern(SMALL, "source"), **options)
+
+    def expect_usage(self, machine, *arguments):
+        result = self.expect(machine.run(*arguments), 1, USAGE)
+        self.assertEqual([line["call"] for line in result.log], ["exit"], "usage touches nothing")
+
+    def expect_thrown(self, machine, *arguments):
+        result = self.expect_abnormal(machine.run(*arguments))
+        self.assertEqual(result.log, [], "the conversion comes before everything else")
+
+
+class Words(CommandLine):
+    def test_no_arguments_give_the_usage_text(self):
+        self.expect_usage(self.small())
+
+    def test_an_unknown_word_gives_the_usage_text(self):
+        machine = self.small()
+        for word in ("help", "--help", "-h", "", "listdisks", "capture ", "--disk"):
+            self.expect_usage(machine, word)
+
+    def test_command_words_match_with_case(self):
+        machine = self.small()
+        self.expect_usage(machine, "CAPTURE", "--disk", "0", "--out", "x")
+        for word in ("List-Disks", "Capture", "Verify", "Restore", "Clone", "Consolidate"):
+            self.expect_usage(machine, word, "--disk", "1", "--out", "x", "--in", "x", "--from", "1", "--to", "2")
+        self.assertEqual(machine.files(), [])
+
+    def test_the_command_word_must_come_first(self):
+        self.expect_usage(self.small(), "--disk", "1", "capture", "--out", "x")
+
+    def test_option_names_match_without_case(self):
+        machine = self.small()
+        result = machine.run("capture", "--DISK", "1", "--OUT", "x")
+        self.expect(result, 0, capture_text(1, SMALL, "x"))
+        result = machine.run("verify", "--In", "x")
+        self.expect(result, 0, verify_text("x", SMALL, 0x400000))
+
+    def test_list_disks_reads_no_option(self):
+        machine = self.small()
+        machine.description["disks"] = []
+        self.expect(machine.run("list-disks", "--disk", "abc", "--nonsense"), 0, "")
+
+    def test_unknown_arguments_are_ignored(self):
+        machine = self.small()
+        result = machine.run("capture", "stray", "--bogus", "--disk", "1", "7", "--out", "x", "--also-bogus")
+        self.expect(result, 0, capture_text(1, SMALL, "x"))
+
+
+class Required(CommandLine):
+    def test_capture_without_disk_or_out_gives_the_usage_text(self):
+        machine = self.small()
+        self.expect_usage(machine, "capture")
+        self.expect_usage(machine, "capture", "--disk", "1")
+        self.expect_usage(machine, "capture", "--out", "x")
+        self.expect_usage(machine, "capture", "--disk", "1", "--out", "")
+
+    def test_capture_with_encrypt_and_no_password_file_gives_the_usage_text(self):
+        machine = self.small()
+        self.expect_usage(machine, "capture", "--disk", "0", "--out", "x", "--encrypt")
+        self.expect_usage(machine, "capture", "--disk", "0", "--out", "x", "--encrypt", "--password-file")
+        self.expect_usage(machine, "capture", "--disk", "0", "--out", "x", "--encrypt", "--password-file", "")
+
+    def test_verify_without_in_gives_the_usage_text(self):
+        machine = self.small()
+        self.expect_usage(machine, "verify")
+        self.expect_usage(machine, "verify", "--password-file", "p")
+        self.expect_usage(machine, "verify", "--in", "")
+
+    def test_restore_without_in_or_disk_gives_the_usage_text(self):
+        machine = self.small()
+        self.expect_usage(machine, "restore", "--confirm", "YES")
+        self.expect_usage(machine, "restore", "--in", "x", "--confirm", "YES")
+        self.expect_usage(machine, "restore", "--disk", "2", "--confirm", "YES")
+
+    def test_clone_without_from_or_to_gives_the_usage_text(self):
+        machine = self.small()
+        self.expect_usage(machine, "clone", "--confirm", "YES")
+        self.expect_usage(machine, "clone", "--from", "1", "--confirm", "YES")
+        self.expect_usage(machine, "clone", "--to", "1", "--confirm", "YES")
+
+    def test_consolidate_without_in_or_out_gives_the_usage_text(self):
+        machine = self.small()
+        self.expect_usage(machine, "consolidate")
+        self.expect_usage(machine, "consolidate", "--in", "a")
+        self.expect_usage(machine, "consolidate", "--out", "b")
+
+    def test_consolidate_with_encrypt_and_no_password_file_reaches_the_command(self):
+        result = self.small().run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--encrypt")
+        self.expect(result, 1, "", "could not open image file: a.vrnx\n" + fatal("could not open image file", 2))
+
+    def test_restore_with_another_word_than_yes_is_refused_and_no_usage_error(self):
+        machine = self.small()
+        for word in ("yes", "Yes", "YES ", "YE", "Y", ""):
+            result = machine.run("restore", "--in", "x", "--disk", "1", "--confirm", word)
+            self.expect(result, 1, "", RESTORE_UNCONFIRMED)
+        self.expect(machine.run("restore", "--in", "x", "--disk", "1"), 1, "", RESTORE_UNCONFIRMED)
+
+    def test_the_confirmation_option_matches_without_case(self):
+        machine = self.small()
+        build_image(machine.path("x"), pattern(SMALL, "image"))
+        result = machine.run("restore", "--in", "x", "--disk", "2", "--CONFIRM", "YES")
+        self.expect(result, 0, restore_text("x", 2, SMALL, 4096))
+
+
+class Values(CommandLine):
+    def test_a_value_option_as_last_argument_is_not_seen(self):
+        machine = self.small()
+        self.expect_usage(machine, "capture", "--out", "x", "--disk")
+        self.expect_usage(machine, "verify", "--in")
+        self.expect(machine.run("restore", "--in", "x", "--disk", "2", "--confirm"), 1, "", RESTORE_UNCONFIRMED)
+
+    def test_a_flag_as_last_argument_is_found(self):
+        machine = self.small(target=bytes(SMALL))
+        build_image(machine.path("zero.vrnx"), bytes(SMALL))
+        result = machine.run("restore", "--in", "zero.vrnx", "--disk", "2", "--confirm", "YES", "--skip-zero")
+        self.expect(result, 0, restore_text("zero.vrnx", 2, SMALL, 4096))
+        self.assertEqual(result.calls("WriteFile"), [])
+
+    def test_the_first_of_two_equal_options_counts(self):
+        machine = self.small()
+        result = machine.run("capture", "--disk", "1", "--disk", "2", "--out", "x", "--out", "y")
+        self.expect(result, 0, capture_text(1, SMALL, "x"))
+        self.assertEqual(machine.files(), ["x"])
+        self.expect_good_image(machine, "x", machine.disk_bytes(1))
+
+    def test_a_value_may_look_like_an_option(self):
+        result = self.small().run("verify", "--in", "--password-file", "p")
+        self.expect(result, 1, "",
+                    "could not open image file: --password-file\n" + fatal("could not open image file", 2))
+
+    def test_a_flag_is_found_as_the_value_of_another_option(self):
+        machine = self.small(target=bytes(SMALL))
+        build_image(machine.path("--skip-zero"), bytes(SMALL))
+        result = machine.run("restore", "--in", "--skip-zero", "--disk", "2", "--confirm", "YES")
+        self.expect(result, 0, restore_text("--skip-zero", 2, SMALL, 4096))
+        self.assertEqual(result.calls("WriteFile"), [])
+
+    def test_an_output_path_that_reads_vss_is_a_path_and_turns_the_flag_on(self):
+        machine = self.small()
+        size = len(machine.disk_bytes(0))
+        result = machine.run("capture", "--disk", "0", "--out", "--vss")
+        self.assertEqual(result.status, 0)
+        text = result.stdout.decode()
+        self.assertTrue(text.startswith(source_line(0, size)))
+        self.assertNotIn("NOTE:", text)
+        self.assertTrue(text.endswith("\nCapture complete: --vss\n"))
+        self.expect_good_image(machine, "--vss", machine.disk_bytes(0))
+
+    def test_incremental_is_another_name_of_base(self):
+        self._expect_base("--incremental", "base.vrnx")
+
+    def test_an_empty_base_gives_way_to_incremental(self):
+        self._expect_base("--base", "", "--incremental", "base.vrnx")
+
+    def test_base_wins_over_incremental(self):
+        self._expect_base("--incremental", "other.vrnx", "--base", "base.vrnx")
+
+    def _expect_base(self, *options):
+        result = self.small().run("capture", "--disk", "1", "--out", "x", *options)
+        self.assertEqual(result.status, 1)
+        self.assertTrue(result.stdout.decode().endswith("Incremental mode: base image base.vrnx\n"))
+        self.expect(result, 1, result.stdout,
+                    "could not open image file: base.vrnx\n" + fatal("could not open image file", 2))
+
+
+class Numbers(CommandLine):
+    def test_a_disk_number_that_is_no_number_ends_the_process_abnormally(self):
+        machine = self.small()
+        for text in ("abc", "", " ", "-", "+", "- 3", "x1", "--out"):
+            self.expect_thrown(machine, "capture", "--out", "x", "--disk", text, "end")
+        self.assertEqual(machine.files(), [])
+
+    def test_the_conversion_comes_before_the_check_of_other_options(self):
+        machine = self.small()
+        self.expect_thrown(machine, "capture", "--disk", "abc")
+        self.expect_thrown(machine, "restore", "--disk", "abc")
+        self.expect_thrown(machine, "clone", "--from", "abc")
+        self.expect_thrown(machine, "clone", "--to", "abc")
+        self.expect_thrown(machine, "clone", "--from", "-5", "--to", "abc")
+
+    def test_a_number_out_of_range_ends_the_process_abnormally(self):
+        machine = self.small()
+        for text in ("99999999999", "2147483648", "-2147483649", "9" * 40):
+            self.expect_thrown(machine, "capture", "--out", "x", "--disk", text)
+            self.expect_thrown(machine, "restore", "--in", "x", "--disk", text)
+            self.expect_thrown(machine, "clone", "--from", text, "--to", "1")
+
+    def test_a_negative_number_gives_the_usage_text(self):
+        machine = self.small()
+        for text in ("-2", "-1", "-2147483648", " -7x"):
+            self.expect_usage(machine, "capture", "--out", "x", "--disk", text)
+            self.expect_usage(machine, "restore", "--in", "x", "--disk", text)
+            self.expect_usage(machine, "clone", "--from", "1", "--to", text)
+
+    def test_the_largest_number_is_a_disk_like_any_other(self):
+        result = self.small().run("capture", "--out", "x", "--disk", "2147483647")
+        self.expect(result, 1, "", fatal("could not open source disk for raw read (run as Administrator?)", 2))
+        self.assertEqual(result.calls("CreateFileW")[0]["path"], r"\\.\PhysicalDrive2147483647")
+
+    def test_what_follows_the_digits_is_ignored(self):
+        machine = self.small()
+        machine.add_disk(12, pattern(SMALL, "twelve"))
+        self.expect(machine.run("capture", "--disk", "12abc", "--out", "x"), 0, capture_text(12, SMALL, "x"))
+        self.expect_good_image(machine, "x", machine.disk_bytes(12))
+
+    def test_white_space_and_a_sign_before_the_digits_are_taken(self):
+        machine = self.small()
+        machine.add_disk(3, pattern(SMALL, "three"))
+        for place, text in enumerate((" 3", "+3", "\t 3", "03", "3.9", "3 4")):
+            result = machine.run("capture", "--disk", text, "--out", f"x{place}")
+            self.expect(result, 0, capture_text(3, SMALL, f"x{place}"))
+
+    def test_a_hexadecimal_number_reads_as_its_leading_zero(self):
+        machine = self.small()
+        size = len(machine.disk_bytes(0))
+        self.expect(machine.run("capture", "--disk", "0x1", "--out", "x"), 0, capture_text(0, size, "x", system=True))
+
+
+class Ends(CommandLine):
+    def test_a_finished_command_ends_with_0(self):
+        machine = self.small()
+        result = self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 0, capture_text(1, SMALL, "x"))
+        self.assertEqual(result.log[-1], {"n": len(result.log), "call": "exit", "code": 0})
+
+    def test_a_failed_command_ends_with_1_through_the_ordinary_exit(self):
+        result = self.small().run("verify", "--in", "missing.vrnx")
+        self.expect(result, 1, "", "could not open image file: missing.vrnx\n" + fatal("could not open image file", 2))
+        self.assertEqual(result.log[-1], {"n": len(result.log), "call": "exit", "code": 1})
+
+    def test_a_fatal_end_closes_no_handle_and_deletes_no_file(self):
+        machine = self.small()
+        machine.add_fault("WriteFile", error=112)
+        result = machine.run("capture", "--disk", "1", "--out", "x")
+        self.assertEqual(result.status, 1)
+        opened = {line["handle"] for line in result.calls("CreateFileW", ok=True)}
+        closed = {line["handle"] for line in result.calls("CloseHandle")}
+        left = [line["path"] for line in result.calls("CreateFileW", ok=True) if line["handle"] not in closed]
+        self.assertEqual(left, [r"\\.\PhysicalDrive1", "x.partial"])
+        self.assertEqual(closed - opened, set())
+        self.assertEqual(machine.files(), ["x.partial"])
+
+
+if __name__ == "__main__":
+    suite.main()

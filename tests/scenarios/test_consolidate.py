@@ -1,0 +1,802 @@
+"""consolidate: a chain folded into one full image, sealed or unsealed on the way, and everything that is refused."""
+
+import os
+import shutil
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from consolidate_runs import (ALREADY_THERE, BAD_HASH, BAD_TAG, NO_OUTPUT, NO_PATHS, SEALED_INPUT, UNREADABLE,
+                              WRITE_FAILED, consolidate_text, folded_text, plain_full_image, unfinished_image,
+                              verified_text)
+from console import fatal, fatal_status, meter_run, restore_text, verify_failed, verify_text
+from image import (Image, ImageBuilder, build_image, derive_key, digest_of, is_accepted, read_header, read_table,
+                   unseal)
+from incremental import missing_base, other_base
+from machine import ACCESS_WRITE, pattern
+
+CHUNK = 4096
+SIZE = 5 * CHUNK - 1024  # five chunks, the last one short
+PASSWORD = b"correct horse"
+
+
+def change(plain, *chunks, seed="changed"):
+    """The disk with other bytes in these chunks."""
+    changed = bytearray(plain)
+    for index in chunks:
+        end = min((index + 1) * CHUNK, len(plain))
+        changed[index * CHUNK:end] = pattern(end - index * CHUNK, f"{seed} {index}")
+    return bytes(changed)
+
+
+class Consolidate(suite.Scenario):
+    def prepared(self):
+        """A machine with a password file and nothing else that matters here."""
+        machine = self.machine(default=False)
+        machine.add_disk(0, pattern(4096, "system"))
+        machine.system_volume([(0, 512, 512)])
+        machine.write("password", PASSWORD + b"\r\n")
+        return machine
+
+    def full(self, machine, name="a.vrnx", plain=None, **options):
+        plain = pattern(SIZE, "disk") if plain is None else plain
+        return plain, build_image(machine.path(name), plain, **{"chunk_size": CHUNK, **options})
+
+    def chain(self, machine, sealed=(False, False, False), **options):
+        """a.vrnx (full), b.vrnx over it (chunks 1 and 4 changed), c.vrnx over that (chunks 1 and 2 changed); gives the
+        disk that c.vrnx stands for."""
+        plain = pattern(SIZE, "disk")
+        for place, name in enumerate(("a.vrnx", "b.vrnx", "c.vrnx")):
+            if place:
+                plain = change(plain, *((1, 4) if place == 1 else (1, 2)), seed=name)
+            base = machine.path(("a.vrnx", "b.vrnx")[place - 1]) if place else None
+            build_image(machine.path(name), plain, chunk_size=CHUNK, base=base, seed=name,
+                        password=PASSWORD if sealed[place] else None, **options)
+        return plain
+
+    def consolidate(self, machine, *options, path="a.vrnx", out="out.vrnx"):
+        return machine.run("consolidate", "--in", path, "--out", out, *options)
+
+    def expect_folded(self, machine, plain, *options, path="c.vrnx", out="out.vrnx", chunk_size=CHUNK):
+        """A good run: its whole text, its inputs as they were, and an image that stands for the disk by itself."""
+        before = {name: machine.read(name) for name in machine.files() if name != "password"}
+        result = self.expect(self.consolidate(machine, *options, path=path, out=out), 0,
+                             consolidate_text(out, len(plain), chunk_size))
+        self.assertEqual({name for name in machine.files() if name != "password"}, {*before, out})
+        for name, content in before.items():
+            self.expect_file(machine, name, content)
+        self.expect_good_image(machine, out, plain, PASSWORD)
+        return result
+
+    def sealed_chunks(self, machine, name):
+        """The plain chunks of an image as its own key opens them, one by one."""
+        header, records = read_table(machine.path(name))
+        key = derive_key(PASSWORD, header.salt, header.kdf_iterations)
+        opened = Image(machine.path(name), PASSWORD)
+        return [unseal(key, record.nonce, record.tag, opened.stored_bytes(index))
+                for index, record in enumerate(records)]
+
+
+class FullInput(Consolidate):
+    def test_a_plain_image_without_an_epoch_comes_out_byte_for_byte(self):
+        machine = self.prepared()
+        plain, builder = self.full(machine)
+        self.expect(self.consolidate(machine), 0,
+                    "\r   21.05%  0 / 0 MiB  (0.0 MiB/s)   \r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
+                    "Consolidated: out.vrnx (self-contained full image, verifying...)\n"
+                    "Verifying out.vrnx  (5 chunks, 0.00 GiB source disk)\n"
+                    "\r   21.05%  0 / 0 MiB  (0.0 MiB/s)   \r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
+                    "Verify OK - all 5 chunks match their recorded hash.\n")
+        self.expect_file(machine, "out.vrnx", builder.to_bytes())
+        self.assertEqual(digest_of(machine.path("out.vrnx")), digest_of(machine.path("a.vrnx")))
+        self.assertEqual(machine.files(), ["a.vrnx", "out.vrnx", "password"])
+
+    def test_an_epoch_is_the_only_thing_that_goes(self):
+        machine = self.prepared()
+        _, builder = self.full(machine, epoch=0xA1B2C3D4E5F607)
+        self.assertEqual(self.consolidate(machine).status, 0)
+        expected = bytearray(builder.to_bytes())
+        self.assertEqual(bytes(expected[37:44]), bytes.fromhex("07f6e5d4c3b2a1"))
+        expected[37:44] = bytes(7)
+        self.expect_file(machine, "out.vrnx", bytes(expected))
+
+    def test_what_was_captured_comes_out_byte_for_byte(self):
+        machine = self.machine()
+        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "a.vrnx").status, 0)
+        self.expect(self.consolidate(machine), 0, consolidate_text("out.vrnx", machine.SOURCE_SIZE, 0x400000))
+        self.expect_file(machine, "out.vrnx", machine.read("a.vrnx"))
+
+    def test_bytes_behind_the_chunk_data_do_not_come_along(self):
+        machine = self.prepared()
+        builder = ImageBuilder(pattern(SIZE, "disk"), chunk_size=CHUNK)
+        builder.tail = b"left behind by somebody" * 100
+        builder.write(machine.path("a.vrnx"))
+        self.assertEqual(self.consolidate(machine).status, 0)
+        self.expect_file(machine, "out.vrnx", plain_full_image(pattern(SIZE, "disk"), CHUNK))
+
+    def test_a_salt_without_a_seal_does_not_come_along(self):
+        machine = self.prepared()
+        builder = ImageBuilder(pattern(SIZE, "disk"), chunk_size=CHUNK)
+        builder.header.salt = b"sixteen bytes of"
+        builder.write(machine.path("a.vrnx"))
+        self.assertEqual(self.consolidate(machine).status, 0)
+        self.expect_file(machine, "out.vrnx", plain_full_image(pattern(SIZE, "disk"), CHUNK))
+
+    def test_all_sizes_of_disks_chunks_and_sectors(self):
+        for size, chunk, sector in ((512, 512, 512), (1, 4096, 4096), (4096, 4096, 512), (4097, 4096, 1024),
+                                    (8192, 4096, 4096), (65536, 4096, 2048), (33 * 512, 512, 512),
+                                    (64 * 512 + 1, 512, 512), (300000, 65536, 8192)):
+            machine = self.prepared()
+            plain = pattern(size, "disk")
+            self.full(machine, plain=plain, chunk_size=chunk, sector_size=sector)
+            self.expect_folded(machine, plain, path="a.vrnx", chunk_size=chunk)
+            self.expect_file(machine, "out.vrnx", plain_full_image(plain, chunk, sector))
+
+    def test_the_meter_comes_with_every_32nd_chunk_and_the_last(self):
+        machine = self.prepared()
+        plain = pattern(65 * 512, "disk")
+        self.full(machine, plain=plain, chunk_size=512)
+        self.expect(self.consolidate(machine), 0,
+                    "\r    1.54%  0 / 0 MiB  (0.0 MiB/s)   \r   50.77%  0 / 0 MiB  (0.0 MiB/s)   "
+                    "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
+                    "Consolidated: out.vrnx (self-contained full image, verifying...)\n"
+                    + verify_text("out.vrnx", 65 * 512, 512))
+
+
+class Chains(Consolidate):
+    def test_a_chain_of_three_becomes_one_full_image(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        self.expect_folded(machine, plain)
+        self.expect_file(machine, "out.vrnx", plain_full_image(plain, CHUNK))
+
+    def test_every_image_of_a_chain_can_be_folded(self):
+        machine = self.prepared()
+        first = pattern(SIZE, "disk")
+        self.chain(machine)
+        self.expect_folded(machine, change(first, 1, 4, seed="b.vrnx"), path="b.vrnx", out="b2.vrnx")
+        self.expect_folded(machine, first, path="a.vrnx", out="a2.vrnx")
+
+    def test_hashes_and_offsets_are_those_of_the_chain_and_every_chunk_is_stored(self):
+        for sealed, options in (((False, False, False), ()),
+                                ((True, False, True), ("--password-file", "password", "--encrypt"))):
+            machine = self.prepared()
+            plain = self.chain(machine, sealed)
+            self.expect_folded(machine, plain, *options)
+            _, chain = read_table(machine.path("c.vrnx"))
+            header, folded = read_table(machine.path("out.vrnx"))
+            self.assertEqual([record.hash for record in folded], [record.hash for record in chain])
+            self.assertEqual([record.disk_offset for record in folded], [record.disk_offset for record in chain])
+            self.assertEqual([record.stored_length for record in folded], [CHUNK] * 4 + [SIZE - 4 * CHUNK])
+            self.assertEqual(header.version, 2)
+            self.assertEqual(os.path.getsize(machine.path("out.vrnx")), 64 + 5 * 72 + SIZE)
+
+    def test_the_epochs_of_a_chain_are_dropped(self):
+        machine = self.prepared()
+        plain = self.chain(machine, epoch=0x1234)
+        self.expect_folded(machine, plain)
+        self.expect_file(machine, "out.vrnx", plain_full_image(plain, CHUNK))
+
+    def test_the_sector_size_is_that_of_the_top(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine, sector_size=512)
+        build_image(machine.path("b.vrnx"), change(plain, 0), chunk_size=CHUNK, sector_size=2048,
+                    base=machine.path("a.vrnx"))
+        self.expect_folded(machine, change(plain, 0), path="b.vrnx")
+        self.assertEqual(read_header(machine.path("out.vrnx")).sector_size, 2048)
+
+    def test_a_thin_image_without_references(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        build_image(machine.path("b.vrnx"), plain, chunk_size=CHUNK, base=machine.path("a.vrnx"), references=())
+        result = self.expect_folded(machine, plain, path="b.vrnx")
+        self.assertEqual([line["offset"] for line in result.calls("ReadFile", path="a.vrnx")], [0, 64])
+
+    def test_a_thin_image_of_nothing_but_references(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        build_image(machine.path("b.vrnx"), plain, chunk_size=CHUNK, base=machine.path("a.vrnx"))
+        build_image(machine.path("c.vrnx"), plain, chunk_size=CHUNK, base=machine.path("b.vrnx"))
+        self.expect_folded(machine, plain)
+        self.expect_file(machine, "out.vrnx", machine.read("a.vrnx"))
+
+    def test_bytes_between_chunk_data_and_trailer_do_not_come_along(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        builder = ImageBuilder(change(plain, 3), chunk_size=CHUNK, base=machine.path("a.vrnx"))
+        builder.gap = b"gap" * 50
+        builder.write(machine.path("b.vrnx"))
+        self.expect_folded(machine, change(plain, 3), path="b.vrnx")
+
+    def test_a_chain_in_another_folder_folds_into_this_one(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        os.mkdir(machine.path("images"))
+        for name in ("a.vrnx", "b.vrnx", "c.vrnx"):
+            shutil.move(machine.path(name), machine.path(os.path.join("images", name)))
+        self.expect(self.consolidate(machine, path="images/c.vrnx"), 0, consolidate_text("out.vrnx", SIZE, CHUNK))
+        self.expect_good_image(machine, "out.vrnx", plain)
+        self.expect(self.consolidate(machine, path="images/c.vrnx", out="images/out.vrnx"), 0,
+                    consolidate_text("images/out.vrnx", SIZE, CHUNK))
+        self.expect_good_image(machine, "images/out.vrnx", plain)
+
+    def test_the_longest_chain_is_folded_and_a_longer_one_refused(self):
+        machine = self.prepared()
+        plain = pattern(4 * 512, "disk")
+        self.full(machine, "0.vrnx", plain, chunk_size=512)
+        for place in range(1, 66):
+            plain = pattern(512, f"link {place}") + plain[512:]
+            build_image(machine.path(f"{place}.vrnx"), plain, chunk_size=512, base=machine.path(f"{place - 1}.vrnx"))
+            if place == 64:
+                self.expect_folded(machine, plain, path="64.vrnx", chunk_size=512)
+        self.expect(self.consolidate(machine, path="65.vrnx", out="x.vrnx"), 1, "",
+                    fatal("image chain is too deep (or loops back on itself)"))
+        self.assertFalse(machine.exists("x.vrnx"))
+
+    def test_the_result_needs_no_other_file(self):
+        machine = self.prepared()
+        plain = self.chain(machine, (True, False, True))
+        self.assertEqual(self.consolidate(machine, "--password-file", "password", path="c.vrnx").status, 0)
+        alone = self.prepared()
+        alone.write("moved.vrnx", machine.read("out.vrnx"))
+        os.remove(alone.path("password"))
+        alone.add_disk(2, pattern(SIZE, "target"))
+        self.expect(alone.run("verify", "--in", "moved.vrnx"), 0, verify_text("moved.vrnx", SIZE, CHUNK))
+        self.expect(alone.run("restore", "--in", "moved.vrnx", "--disk", "2", "--confirm", "YES"), 0,
+                    restore_text("moved.vrnx", 2, SIZE, CHUNK))
+        self.expect_disk(alone, 2, plain)
+
+    def test_the_chain_stays_valid(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        self.expect_folded(machine, plain)
+        self.expect_good_image(machine, "c.vrnx", plain)
+        self.assertEqual(machine.run("verify", "--in", "c.vrnx").status, 0)
+
+    def test_a_thin_image_made_over_the_chain_does_not_open_over_its_fold(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        build_image(machine.path("d.vrnx"), change(plain, 0), chunk_size=CHUNK, base=machine.path("c.vrnx"))
+        self.assertEqual(self.consolidate(machine, path="c.vrnx").status, 0)
+        os.replace(machine.path("out.vrnx"), machine.path("c.vrnx"))
+        self.expect(machine.run("verify", "--in", "d.vrnx"), 1, "",
+                    other_base("c.vrnx") + fatal("base image does not match the one pinned in the thin image"))
+
+    def test_a_thin_image_made_over_a_full_one_opens_over_its_copy(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        build_image(machine.path("b.vrnx"), change(plain, 0), chunk_size=CHUNK, base=machine.path("a.vrnx"))
+        self.assertEqual(self.consolidate(machine).status, 0)
+        os.replace(machine.path("out.vrnx"), machine.path("a.vrnx"))
+        self.expect_folded(machine, change(plain, 0), path="b.vrnx")
+
+    def test_a_fold_is_no_base_that_the_tracker_can_prove(self):
+        machine = self.machine()
+        tracked = {"number": 1, "has_previous_epoch": 1, "previous_epoch": 5, "current_epoch": 6}
+        machine.tracker([tracked])
+        build_image(machine.path("a.vrnx"), machine.disk_bytes(1), chunk_size=0x400000, epoch=5)
+        self.assertEqual(self.consolidate(machine).status, 0)
+        result = machine.run("capture", "--disk", "1", "--out", "b.vrnx", "--base", "out.vrnx")
+        self.assertEqual(result.status, 0)
+        self.assertIn(b"  --base: cannot prove what changed (base image has no epoch (captured without the tracker)) - "
+                      b"doing a FULL capture (correct, just slower).\n", result.stdout)
+        machine.tracker([tracked])
+        result = machine.run("capture", "--disk", "1", "--out", "c.vrnx", "--base", "a.vrnx")
+        self.assertIn(b"  --base: base epoch 5 matches tracker; ", result.stdout)
+
+
+class Sealing(Consolidate):
+    WITH_PASSWORD = ("--password-file", "password")
+    SEALED = ("--password-file", "password", "--encrypt")
+
+    def expect_fresh_seal(self, machine, plain, *inputs):
+        """Every chunk opens under a key of its own salt, and neither salt nor nonce nor tag was seen before."""
+        header, records = read_table(machine.path("out.vrnx"))
+        self.assertEqual((header.encrypted, header.kdf_iterations, header.epoch), (1, 200000, 0))
+        self.assertEqual(b"".join(self.sealed_chunks(machine, "out.vrnx")), plain)
+        self.assertEqual(len({record.nonce for record in records}), len(records))
+        for name in inputs:
+            before, older = read_table(machine.path(name))
+            self.assertNotEqual(header.salt, before.salt)
+            self.assertEqual({record.nonce for record in records} & {record.nonce for record in older}, set())
+            self.assertEqual({record.tag for record in records} & {record.tag for record in older}, set())
+
+    def test_a_plain_image_is_sealed(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        self.expect_folded(machine, plain, *self.SEALED, path="a.vrnx")
+        self.expect_fresh_seal(machine, plain, "a.vrnx")
+
+    def test_a_sealed_image_is_unsealed_and_verified_without_a_password(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine, password=PASSWORD, epoch=7)
+        result = self.expect_folded(machine, plain, *self.WITH_PASSWORD, path="a.vrnx")
+        self.expect_file(machine, "out.vrnx", plain_full_image(plain, CHUNK))
+        self.assertEqual(len(result.calls("BCryptDeriveKeyPBKDF2")), 1)
+        self.assertEqual(len(result.calls("BCryptDecrypt")), 5)
+
+    def test_a_sealed_image_is_sealed_again(self):
+        for iterations in (100000, 150001, 300000):
+            machine = self.prepared()
+            plain, _ = self.full(machine, password=PASSWORD, iterations=iterations)
+            self.expect_folded(machine, plain, *self.SEALED, path="a.vrnx")
+            self.expect_fresh_seal(machine, plain, "a.vrnx")
+
+    def test_two_runs_draw_different_salts_and_nonces(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        self.assertEqual(self.consolidate(machine, *self.SEALED).status, 0)
+        os.rename(machine.path("out.vrnx"), machine.path("first.vrnx"))
+        self.assertEqual(self.consolidate(machine, *self.SEALED).status, 0)
+        self.expect_fresh_seal(machine, plain, "first.vrnx")
+
+    def test_mixed_chains_are_unsealed(self):
+        for sealed in ((True, False, False), (False, True, False), (False, False, True), (True, True, True)):
+            machine = self.prepared()
+            plain = self.chain(machine, sealed)
+            self.expect_folded(machine, plain, *self.WITH_PASSWORD)
+            self.expect_file(machine, "out.vrnx", plain_full_image(plain, CHUNK))
+
+    def test_mixed_chains_are_sealed(self):
+        for sealed in ((False, False, False), (True, False, True), (False, True, False)):
+            machine = self.prepared()
+            plain = self.chain(machine, sealed)
+            self.expect_folded(machine, plain, *self.SEALED)
+            self.expect_fresh_seal(machine, plain, "a.vrnx", "b.vrnx", "c.vrnx")
+
+    def test_each_sealed_image_the_output_and_the_verification_derive_on_their_own(self):
+        machine = self.prepared()
+        plain = self.chain(machine, (True, False, True))
+        result = self.expect_folded(machine, plain, *self.SEALED)
+        salts = [read_header(machine.path(name)).salt.hex() for name in ("c.vrnx", "a.vrnx", "out.vrnx", "out.vrnx")]
+        self.assertEqual([(line["salt"], line["iterations"], line["length"])
+                          for line in result.calls("BCryptDeriveKeyPBKDF2")],
+                         list(zip(salts, [100000, 100000, 200000, 200000], [32] * 4)))
+
+    def test_the_random_provider_is_opened_for_the_salt_and_for_every_nonce(self):
+        machine = self.prepared()
+        self.full(machine)
+        result = self.consolidate(machine, *self.SEALED)
+        self.assertEqual(len(result.calls("BCryptOpenAlgorithmProvider", algorithm="RNG")), 6)
+        self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16] + [12] * 5)
+        names = result.sequence()
+        for place, name in enumerate(names):
+            if name == "BCryptGenRandom":
+                self.assertEqual(names[place - 1:place + 2], ["BCryptOpenAlgorithmProvider", "BCryptGenRandom",
+                                                              "BCryptCloseAlgorithmProvider"])
+        _, records = read_table(machine.path("out.vrnx"))
+        self.assertEqual([line["nonce"] for line in result.calls("BCryptEncrypt")],
+                         [record.nonce.hex() for record in records])
+
+    def test_every_key_and_provider_is_given_back(self):
+        machine = self.prepared()
+        self.chain(machine, (True, False, True))
+        result = self.consolidate(machine, *self.SEALED, path="c.vrnx")
+        self.assertEqual(len(result.calls("BCryptGenerateSymmetricKey")), 4)
+        self.assertEqual(len(result.calls("BCryptDestroyKey")), 4)
+        self.assertEqual(len(result.calls("BCryptCloseAlgorithmProvider")),
+                         len(result.calls("BCryptOpenAlgorithmProvider")))
+
+    def test_a_password_for_a_plain_chain_is_not_even_read(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        self.expect_folded(machine, plain, "--password-file", "missing")
+
+    def test_a_password_is_its_file_without_the_line_ends(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        machine.write("other", PASSWORD + b"\n\n\r\n")
+        self.assertEqual(self.consolidate(machine, "--encrypt", "--password-file", "other").status, 0)
+        self.expect_good_image(machine, "out.vrnx", plain, PASSWORD)
+
+    def test_sealed_chunks_of_equal_bytes_differ(self):
+        machine = self.prepared()
+        self.full(machine, plain=bytes(3 * CHUNK))
+        self.assertEqual(self.consolidate(machine, *self.SEALED).status, 0)
+        data = machine.read("out.vrnx")[64 + 3 * 72:]
+        self.assertEqual(len({data[place * CHUNK:(place + 1) * CHUNK] for place in range(3)}), 3)
+        self.assertEqual(len({record.hash for record in read_table(machine.path("out.vrnx"))[1]}), 1)
+
+
+class Writing(Consolidate):
+    def test_the_output_is_created_new_for_this_run_alone(self):
+        machine = self.prepared()
+        self.full(machine)
+        result = self.consolidate(machine)
+        opened = [(line["path"], line["access"], line["share"], line["disposition"], line["flags"])
+                  for line in result.calls("CreateFileW")]
+        self.assertEqual(opened, [("a.vrnx", "0x80000000", "0x00000001", 3, "0x00000080"),
+                                  ("out.vrnx", ACCESS_WRITE, "0x00000000", 1, "0x00000080"),
+                                  ("out.vrnx", "0x80000000", "0x00000001", 3, "0x00000080")])
+
+    def test_chunks_are_written_in_one_pass_and_the_start_at_the_end(self):
+        machine = self.prepared()
+        self.chain(machine)
+        result = self.consolidate(machine, path="c.vrnx")
+        start = 64 + 5 * 72
+        self.assertEqual([(line["offset"], line["length"]) for line in result.calls("WriteFile")],
+                         [(start + index * CHUNK, CHUNK) for index in range(4)] + [(start + 4 * CHUNK, 3072)] +
+                         [(0, 64), (64, 360)])
+        self.assertEqual([line["offset"] for line in result.calls("SetFilePointerEx", path="out.vrnx")], [start, 0])
+
+    def test_the_steps_between_the_last_chunk_and_the_verification(self):
+        machine = self.prepared()
+        self.chain(machine)
+        result = self.consolidate(machine, path="c.vrnx")
+        end = max(place for place, line in enumerate(result.log)
+                  if line["call"] == "WriteFile" and line["length"] == 3072)
+        steps = [(line["call"], line.get("path")) for line in result.log[end + 1:end + 9]]
+        self.assertEqual(steps, [("GetTickCount64", None), ("SetFilePointerEx", "out.vrnx"), ("WriteFile", "out.vrnx"),
+                                 ("WriteFile", "out.vrnx"), ("CloseHandle", "out.vrnx"), ("CloseHandle", "c.vrnx"),
+                                 ("CreateFileW", "out.vrnx"), ("ReadFile", "out.vrnx")])
+
+    def test_the_handles_of_base_images_stay_open(self):
+        machine = self.prepared()
+        self.chain(machine)
+        result = self.consolidate(machine, path="c.vrnx")
+        self.assertEqual([line["path"] for line in result.calls("CloseHandle")], ["out.vrnx", "c.vrnx", "out.vrnx"])
+
+    def test_the_output_is_created_behind_the_whole_opening_of_the_chain_and_the_key(self):
+        machine = self.prepared()
+        self.chain(machine, (True, False, True))
+        result = self.consolidate(machine, "--password-file", "password", "--encrypt", path="c.vrnx")
+        created = next(place for place, line in enumerate(result.log)
+                       if line["call"] == "CreateFileW" and line["path"] == "out.vrnx")
+        self.assertEqual(result.sequence("BCryptDeriveKeyPBKDF2", "BCryptGenerateSymmetricKey")[:6],
+                         ["BCryptDeriveKeyPBKDF2", "BCryptGenerateSymmetricKey"] * 3)
+        self.assertEqual([line["call"] for line in result.log[:created]].count("BCryptGenerateSymmetricKey"), 3)
+        self.assertEqual([line["path"] for line in result.log[:created] if line["call"] == "CreateFileW"],
+                         ["c.vrnx", "b.vrnx", "a.vrnx"])
+
+    def test_each_chunk_is_read_once_and_hashed_once_at_each_level_that_it_rises_through(self):
+        machine = self.prepared()
+        self.chain(machine)
+        result = self.consolidate(machine, path="c.vrnx")
+        created = next(place for place, line in enumerate(result.log)
+                       if line["call"] == "CreateFileW" and line["path"] == "out.vrnx")
+        closed = next(place for place, line in enumerate(result.log) if line["call"] == "CloseHandle")
+        fold = result.log[created:closed]
+        # Chunks 0 and 3 lie in a.vrnx, 1 and 2 in c.vrnx, 4 in b.vrnx.
+        self.assertEqual([(line["path"], line["length"]) for line in fold if line["call"] == "ReadFile"],
+                         [("a.vrnx", CHUNK), ("c.vrnx", CHUNK), ("c.vrnx", CHUNK), ("a.vrnx", CHUNK), ("b.vrnx", 3072)])
+        self.assertEqual([line["length"] for line in fold if line["call"] == "BCryptHashData"],
+                         [CHUNK] * (3 + 1 + 1 + 3) + [3072] * 2)
+
+    def test_the_output_is_named_as_typed(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        os.mkdir(machine.path("folder"))
+        for out in ("folder/x.vrnx", "./y.vrnx", machine.absolute("z")):
+            self.expect(self.consolidate(machine, out=out), 0, consolidate_text(out, SIZE, CHUNK))
+        for name in (os.path.join("folder", "x.vrnx"), "y.vrnx", "z"):
+            self.expect_file(machine, name, plain_full_image(plain, CHUNK))
+
+    def test_a_name_beyond_ascii_is_widened_byte_by_byte(self):
+        if self.settings.windows:
+            self.skipTest("what a byte beyond ASCII of the command line becomes depends on the code page")
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        self.expect(self.consolidate(machine, out="\u00e9"), 0, consolidate_text("\u00e9", SIZE, CHUNK))
+        self.expect_file(machine, "\uffc3\uffa9", plain_full_image(plain, CHUNK))
+        # The test for an existing output takes the narrow name, so it does not see that file; creating it does.
+        self.expect(self.consolidate(machine, out="\u00e9"), 1, "", fatal(NO_OUTPUT, 80))
+
+    def test_nothing_is_deleted_or_renamed(self):
+        machine = self.prepared()
+        self.chain(machine)
+        self.assertEqual(self.consolidate(machine, path="c.vrnx").calls("MoveFileExW"), [])
+        self.assertEqual(machine.files(), ["a.vrnx", "b.vrnx", "c.vrnx", "out.vrnx", "password"])
+
+
+class Refusals(Consolidate):
+    def expect_nothing_done(self, machine, result, *files):
+        self.assertEqual(result.calls("CreateFileW"), [])
+        self.assertEqual(machine.files(), sorted([*files, "password"]))
+
+    def test_a_path_that_cannot_be_resolved_is_refused_first(self):
+        for skip in (0, 1):
+            machine = self.prepared()
+            self.full(machine)
+            machine.write("out.vrnx", b"")
+            machine.add_fault("_fullpath", skip=skip, null=True)
+            result = self.expect(self.consolidate(machine), 1, "", fatal(NO_PATHS))
+            self.assertEqual(result.sequence(), ["_fullpath"] * (skip + 1) + ["exit"])
+            self.expect_nothing_done(machine, result, "a.vrnx", "out.vrnx")
+
+    def test_a_path_of_260_bytes_is_too_long_and_one_of_259_is_not(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        room = 259 - len(machine.absolute(""))
+        self.expect(self.consolidate(machine, out="x" * (room + 1)), 1, "", fatal(NO_PATHS))
+        self.expect(self.consolidate(machine, path="x" * (room + 1)), 1, "", fatal(NO_PATHS))
+        self.expect(self.consolidate(machine, out="x" * room), 0, consolidate_text("x" * room, SIZE, CHUNK))
+        self.expect_file(machine, "x" * room, plain_full_image(plain, CHUNK))
+
+    def test_the_same_file_in_any_form_is_refused(self):
+        machine = self.prepared()
+        _, builder = self.full(machine)
+        for path, out in (("a.vrnx", "a.vrnx"), ("a.vrnx", "A.VRNX"), ("A.vrnx", "a.VRNX"), ("a.vrnx", "./a.vrnx"),
+                          ("a.vrnx", machine.absolute("a.vrnx")), (machine.absolute("A.VRNX"), "a.vrnx"),
+                          ("folder/../a.vrnx", "a.vrnx"), ("missing", "MISSING")):
+            result = self.expect(self.consolidate(machine, path=path, out=out), 1, "",
+                                 fatal("--out must differ from --in"))
+            self.assertEqual(result.sequence(), ["_fullpath", "_fullpath", "exit"])
+            self.expect_nothing_done(machine, result, "a.vrnx")
+        self.expect_file(machine, "a.vrnx", builder.to_bytes())
+
+    def test_an_existing_output_is_refused_before_the_input_is_opened(self):
+        for content in (b"not an image", None):
+            machine = self.prepared()
+            if content is not None:
+                machine.write("a.vrnx", content)
+            machine.write("out.vrnx", b"kept")
+            result = self.expect(self.consolidate(machine, "--encrypt"), 1, "", fatal(ALREADY_THERE))
+            self.expect_nothing_done(machine, result, "out.vrnx", *(["a.vrnx"] if content else []))
+            self.expect_file(machine, "out.vrnx", b"kept")
+
+    def test_a_folder_at_the_place_of_the_output_is_refused(self):
+        machine = self.prepared()
+        self.full(machine)
+        os.mkdir(machine.path("out.vrnx"))
+        result = self.expect(self.consolidate(machine), 1, "", fatal(ALREADY_THERE))
+        self.expect_nothing_done(machine, result, "a.vrnx", "out.vrnx")
+
+    def test_the_resolved_path_of_the_output_is_tested(self):
+        machine = self.prepared()
+        self.full(machine)
+        result = self.consolidate(machine, out="./out.vrnx")
+        resolved = [line["result"] for line in result.calls("_fullpath")]
+        self.assertEqual(resolved, [machine.absolute("a.vrnx"), machine.absolute("out.vrnx")])
+        self.assertEqual(result.calls("GetFileAttributesA")[0]["path"], resolved[1])
+
+    def test_a_missing_input_leaves_no_output(self):
+        machine = self.prepared()
+        self.expect(self.consolidate(machine), 1, "",
+                    "could not open image file: a.vrnx\n" + fatal("could not open image file", 2))
+        self.assertEqual(machine.files(), ["password"])
+
+    def test_a_damaged_input_leaves_no_output(self):
+        machine = self.prepared()
+        _, builder = self.full(machine)
+        for content, message in ((builder.to_bytes()[:63],
+                                  "could not read image header - file is truncated or not a .vrnx image"),
+                                 (bytes(100), "not a recognized Vornix image (bad magic/version)"),
+                                 (builder.to_bytes()[:-1], "image chunk data extends past end of file")):
+            machine.write("a.vrnx", content)
+            self.expect(self.consolidate(machine), 1, "", fatal(message))
+            self.assertEqual(machine.files(), ["a.vrnx", "password"])
+
+    def test_a_sealed_chain_without_a_password_is_refused_before_encrypt_is_looked_at(self):
+        for sealed in ((True, False, False), (False, False, True)):
+            for options in ((), ("--encrypt",)):
+                machine = self.prepared()
+                self.chain(machine, sealed)
+                self.expect(self.consolidate(machine, *options, path="c.vrnx"), 1, "", fatal(SEALED_INPUT))
+                self.assertFalse(machine.exists("out.vrnx"))
+
+    def test_encrypt_without_a_password_fails_behind_the_opening_and_before_the_output(self):
+        machine = self.prepared()
+        self.chain(machine)
+        result = self.expect(self.consolidate(machine, "--encrypt", path="c.vrnx"), 1, "",
+                             fatal("--encrypt needs --password-file"))
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["c.vrnx", "b.vrnx", "a.vrnx"])
+        self.assertEqual(result.calls("BCryptGenRandom"), [])
+        self.assertEqual(machine.files(), ["a.vrnx", "b.vrnx", "c.vrnx", "password"])
+
+    def test_encrypt_without_a_password_does_not_hide_a_bad_input(self):
+        machine = self.prepared()
+        self.expect(self.consolidate(machine, "--encrypt"), 1, "",
+                    "could not open image file: a.vrnx\n" + fatal("could not open image file", 2))
+
+    def test_a_password_file_that_is_missing_or_empty_or_too_large_leaves_no_output(self):
+        machine = self.prepared()
+        self.full(machine)
+        machine.write("empty", b"\r\n")
+        machine.write("large", bytes(1048577))
+        for name, error in (("missing", fatal("could not open password file", 2)),
+                            ("empty", fatal("password file is empty")),
+                            ("large", fatal("password file is too large"))):
+            result = self.expect(self.consolidate(machine, "--encrypt", "--password-file", name), 1, "", error)
+            self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16])
+            self.assertFalse(machine.exists("out.vrnx"))
+
+    def test_a_missing_base_leaves_no_output(self):
+        for gone, of in (("a.vrnx", "b.vrnx"), ("b.vrnx", "c.vrnx")):
+            machine = self.prepared()
+            self.chain(machine)
+            os.remove(machine.path(gone))
+            self.expect(self.consolidate(machine, path="c.vrnx"), 1, "",
+                        missing_base(gone) + fatal("base image of a thin image not found", 2))
+            self.assertFalse(machine.exists("out.vrnx"))
+
+    def test_a_base_that_was_exchanged_leaves_no_output(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        build_image(machine.path("a.vrnx"), plain, chunk_size=CHUNK)
+        self.expect(self.consolidate(machine, path="c.vrnx"), 1, "",
+                    other_base("a.vrnx") + fatal("base image does not match the one pinned in the thin image"))
+        self.assertFalse(machine.exists("out.vrnx"))
+
+    def test_an_output_that_cannot_be_created_is_reported_behind_the_opening(self):
+        machine = self.prepared()
+        self.full(machine)
+        result = self.expect(self.consolidate(machine, out="nowhere/out.vrnx"), 1, "", fatal(NO_OUTPUT, 3))
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["a.vrnx", "nowhere/out.vrnx"])
+
+    def test_a_file_that_appears_at_the_last_moment_is_not_overwritten(self):
+        machine = self.prepared()
+        self.full(machine)
+        machine.add_fault("CreateFileW", path="a.vrnx", touch="out.vrnx")
+        self.expect(self.consolidate(machine), 1, "", fatal("could not create output image file", 80))
+        self.expect_file(machine, "out.vrnx", b"")
+
+
+class BrokenChunks(Consolidate):
+    def expect_unfinished(self, machine, plain, written, path="c.vrnx"):
+        """What a broken run leaves: chunks behind a start of zeros that no reader accepts, and a name that stays taken."""
+        self.expect_file(machine, "out.vrnx", unfinished_image(plain, CHUNK, written))
+        self.assertFalse(is_accepted(machine.path("out.vrnx")))
+        message = ("not a recognized Vornix image (bad magic/version)" if written else
+                   "could not read image header - file is truncated or not a .vrnx image")
+        self.expect(machine.run("verify", "--in", "out.vrnx"), 1, "", fatal(message))
+        result = self.expect(self.consolidate(machine, path=path), 1, "", fatal(ALREADY_THERE))
+        self.assertEqual(result.calls("CreateFileW"), [])
+        self.expect_file(machine, "out.vrnx", unfinished_image(plain, CHUNK, written))
+        os.remove(machine.path("out.vrnx"))
+
+    def flip_chunk(self, machine, name, index):
+        opened = Image(machine.path(name), PASSWORD)
+        machine.flip(name, opened.offsets[index] + 100)
+
+    def test_a_damaged_chunk_that_the_top_refers_to_ends_the_run(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        self.flip_chunk(machine, "a.vrnx", 3)
+        self.expect(self.consolidate(machine, path="c.vrnx"), 1, meter_run(SIZE, CHUNK, upto=3),
+                    fatal("chunk failed its hash check (corrupt image or base)"))
+        self.expect_unfinished(machine, plain, 3 * CHUNK)
+        self.flip_chunk(machine, "a.vrnx", 3)
+        self.expect_folded(machine, plain)
+
+    def test_a_damaged_first_chunk_leaves_an_empty_file(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        self.flip_chunk(machine, "a.vrnx", 0)
+        self.expect(self.consolidate(machine), 1, "", fatal(BAD_HASH))
+        self.expect_unfinished(machine, plain, 0, path="a.vrnx")
+
+    def test_a_damaged_chunk_that_the_top_replaced_is_not_read(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        self.flip_chunk(machine, "a.vrnx", 1)
+        self.flip_chunk(machine, "b.vrnx", 1)
+        self.flip_chunk(machine, "a.vrnx", 4)
+        self.expect(self.consolidate(machine, path="c.vrnx"), 0, consolidate_text("out.vrnx", SIZE, CHUNK))
+        self.expect_good_image(machine, "out.vrnx", plain)
+
+    def test_a_damaged_sealed_chunk_ends_the_run(self):
+        machine = self.prepared()
+        plain = self.chain(machine, (True, False, False))
+        self.flip_chunk(machine, "a.vrnx", 3)
+        self.expect(self.consolidate(machine, "--password-file", "password", path="c.vrnx"), 1,
+                    meter_run(SIZE, CHUNK, upto=3), fatal(BAD_TAG))
+        self.expect_unfinished(machine, plain, 3 * CHUNK)
+
+    def test_a_damaged_hash_of_a_sealed_image_ends_the_run(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine, password=PASSWORD)
+        machine.flip("a.vrnx", 64 + 2 * 72 + 12)
+        self.expect(self.consolidate(machine, "--password-file", "password"), 1, meter_run(SIZE, CHUNK, upto=2),
+                    fatal(BAD_HASH))
+        self.expect_unfinished(machine, plain, 2 * CHUNK, path="a.vrnx")
+
+    def test_a_reference_vouches_for_its_bytes_itself(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        builder = ImageBuilder(plain, chunk_size=CHUNK, base=machine.path("a.vrnx"))
+        builder.records[3].hash = bytes(32)
+        builder.write(machine.path("b.vrnx"))
+        self.expect(self.consolidate(machine, path="b.vrnx"), 1, meter_run(SIZE, CHUNK, upto=3), fatal(BAD_HASH))
+        self.expect_unfinished(machine, plain, 3 * CHUNK, path="b.vrnx")
+
+    def test_a_wrong_password_ends_the_run_at_the_first_sealed_chunk(self):
+        machine = self.prepared()
+        plain = self.chain(machine, (False, False, True))
+        machine.write("password", b"wrong")
+        self.expect(self.consolidate(machine, "--password-file", "password", path="c.vrnx"), 1,
+                    meter_run(SIZE, CHUNK, upto=1), fatal(BAD_TAG))
+        self.expect_unfinished(machine, plain, CHUNK)
+
+    def test_an_input_that_is_cut_off_while_it_is_read_ends_the_run(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        machine.add_fault("ReadFile", path="a.vrnx", skip=4, transferred=CHUNK - 1)
+        self.expect(self.consolidate(machine), 1, meter_run(SIZE, CHUNK, upto=2), fatal(UNREADABLE))
+        machine.clear_faults()
+        self.expect_unfinished(machine, plain, 2 * CHUNK, path="a.vrnx")
+
+    def test_a_full_disk_ends_the_run(self):
+        for effect, torn, error in (({"error": 112}, 0, fatal(WRITE_FAILED, 112)),
+                                    ({"error": 112, "transferred": 1000}, 1000, fatal(WRITE_FAILED, 112)),
+                                    ({"transferred": 1000}, 1000, fatal(WRITE_FAILED))):
+            machine = self.prepared()
+            plain = self.chain(machine)
+            machine.add_fault("WriteFile", skip=2, **effect)
+            self.expect(self.consolidate(machine, path="c.vrnx"), 1, meter_run(SIZE, CHUNK, upto=2), error)
+            machine.clear_faults()
+            self.expect_unfinished(machine, plain, 2 * CHUNK + torn)
+            self.expect_folded(machine, plain)
+
+    def test_no_nonce_no_chunk(self):
+        for call, message in (("BCryptOpenAlgorithmProvider", "BCryptOpenAlgorithmProvider(RNG)"),
+                              ("BCryptGenRandom", "BCryptGenRandom")):
+            machine = self.prepared()
+            plain, _ = self.full(machine)
+            clean = self.consolidate(machine, "--password-file", "password", "--encrypt")
+            os.remove(machine.path("out.vrnx"))
+            place = [number for number, line in enumerate(clean.calls(call))
+                     if call == "BCryptGenRandom" or line["algorithm"] == "RNG"][3]  # the salt, then chunks 0, 1 and 2
+            machine.add_fault(call, skip=place, status="0xC0000001")
+            self.expect(self.consolidate(machine, "--password-file", "password", "--encrypt"), 1,
+                        meter_run(SIZE, CHUNK, upto=2), fatal_status(message, 0xC0000001))
+            self.assertEqual(os.path.getsize(machine.path("out.vrnx")), 64 + 5 * 72 + 2 * CHUNK)
+            self.assertFalse(is_accepted(machine.path("out.vrnx")))
+
+    def test_a_failed_sealing_ends_the_run(self):
+        machine = self.prepared()
+        self.full(machine)
+        machine.add_fault("BCryptEncrypt", skip=4, status="0xC000000D")
+        self.expect(self.consolidate(machine, "--password-file", "password", "--encrypt"), 1,
+                    meter_run(SIZE, CHUNK, upto=4), fatal_status("BCryptEncrypt", 0xC000000D))
+        self.assertEqual(machine.read("out.vrnx")[:64 + 5 * 72], bytes(64 + 5 * 72))
+        self.assertFalse(is_accepted(machine.path("out.vrnx")))
+
+
+class ClosingVerification(Consolidate):
+    """The output is complete when it is read back; what is wrong with it is told, and it stays where it lies."""
+
+    def test_a_chunk_that_reads_back_wrongly_fails_the_run(self):
+        machine = self.prepared()
+        plain = self.chain(machine)
+        machine.add_fault("ReadFile", path="out.vrnx", skip=3, flip=5)
+        self.expect(self.consolidate(machine, path="c.vrnx"), 1,
+                    folded_text("out.vrnx", SIZE, CHUNK) + verified_text("out.vrnx", SIZE, CHUNK, upto=1)
+                    + "\n  chunk 1 (disk offset 4096): HASH MISMATCH\n"
+                    "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n",
+                    "Verify FAILED - 1 of 5 chunks did not match. Do not trust this image for restore.\n")
+        self.expect_file(machine, "out.vrnx", plain_full_image(plain, CHUNK))
+
+    def test_a_sealed_chunk_that_reads_back_wrongly_fails_the_run(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        machine.add_fault("ReadFile", path="out.vrnx", skip=2, times=2, flip=5)
+        self.expect(self.consolidate(machine, "--encrypt", "--password-file", "password"), 1,
+                    folded_text("out.vrnx", SIZE, CHUNK) + "Verifying out.vrnx  (5 chunks, 0.00 GiB source disk)\n"
+                    "\n  chunk 0 (disk offset 0): AUTHENTICATION FAILED (corrupt or tampered)\n"
+                    "\n  chunk 1 (disk offset 4096): AUTHENTICATION FAILED (corrupt or tampered)\n"
+                    "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n", verify_failed(2, 5))
+        machine.clear_faults()
+        self.expect_good_image(machine, "out.vrnx", plain, PASSWORD)
+
+    def test_lost_writes_of_the_start_are_found_by_it(self):
+        for skip, message in ((5, "not a recognized Vornix image (bad magic/version)"),
+                              (6, "image chunk table has an invalid offset or length")):
+            machine = self.prepared()
+            self.full(machine)
+            machine.add_fault("WriteFile", skip=skip, error=112)
+            self.expect(self.consolidate(machine), 1, folded_text("out.vrnx", SIZE, CHUNK), fatal(message))
+            machine.clear_faults()
+            self.assertFalse(is_accepted(machine.path("out.vrnx")))
+            self.expect(self.consolidate(machine), 1, "", fatal(ALREADY_THERE))
+
+    def test_an_output_that_cannot_be_opened_again_fails_the_run_and_stays(self):
+        machine = self.prepared()
+        plain, _ = self.full(machine)
+        machine.add_fault("CreateFileW", path="out.vrnx", skip=1, error=32)
+        self.expect(self.consolidate(machine), 1, folded_text("out.vrnx", SIZE, CHUNK),
+                    "could not open image file: out.vrnx\n" + fatal("could not open image file", 32))
+        self.expect_file(machine, "out.vrnx", plain_full_image(plain, CHUNK))
+
+
+if __name__ == "__main__":
+    suite.main()

@@ -1,0 +1,885 @@
+"""capture --base: the modes and what settles them, the rules about paths, what each mode reads and writes."""
+
+import functools
+import os
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from console import NO_TRACKER, SYSTEM_DISK_NOTE, capture_text, fatal, meter_run, source_line, verify_text
+from image import (Header, Image, ImageBuilder, build_image, digest_of, is_accepted, read_header, read_table,
+                   write_sparse_image)
+from incremental import (MIB4, REASON_GAP, REASON_NO_EPOCH, REASON_NO_PREVIOUS, REASON_NO_TRACKER, REASON_NOT_LATEST,
+                         base_line, bitmap_bytes, chunks_read, compared_line, copy_complete, data_reads, fallback_line,
+                         full_complete, hollow_disk, incremental_text, marked, missing_base, other_base, proof_line,
+                         thin_complete, thin_verify_text, tracker_line, write_hollow)
+from machine import pattern
+
+SIZE = 2 * MIB4 + 1024  # three chunks, the last one short
+SHIFT = 16
+DATA = 64 + 72 * 3
+SOURCE = hollow_disk(SIZE, "source")
+PASSWORD = b"correct horse"
+TRACKER = tracker_line(1, 0x11)
+
+NEEDS_BASE = "--thin needs --base"
+OTHER_DISK = "--base image geometry does not match source disk"
+OTHER_CHUNKS = "--base image chunking parameters do not match"
+UNRESOLVED = "could not resolve image paths"
+OTHER_FOLDER = "--thin: the image and its --base must be in the same folder"
+SAME_FILE = "--thin: --out must differ from --base"
+OVERWRITE = "refusing to overwrite an existing output image"
+OUTSIDE = "thin image trailer names a base outside its folder - refusing"
+NEEDS_PASSWORD = "this image is encrypted - pass --password-file"
+BAD_HASH = "chunk failed its hash check (corrupt image or base)"
+UNAUTHENTIC = "chunk failed authentication (corrupt or tampered image)"
+
+
+@functools.lru_cache(maxsize=None)
+def base_image(epoch, password):
+    return ImageBuilder(SOURCE, chunk_size=MIB4, epoch=epoch, password=password, seed="base").to_bytes()
+
+
+class Incremental(suite.Scenario):
+    def prepare(self, *, changes=(1,), tracker=True, base="base.vrnx", epoch=0x10, password=None, **record):
+        """A machine with a base of epoch 10h, over a disk of three chunks of which `changes` were changed since. With
+        `tracker` a driver holds the proof, unless the fields given say otherwise."""
+        machine = self.machine(source=0, target=bytes(512))
+        write_hollow(machine.disk_path(1), SOURCE)
+        write_hollow(machine.path(base), base_image(epoch, password))
+        for index in changes:
+            machine.poke_disk(1, index * MIB4 + 512, pattern(512, f"change {index}"))
+        if tracker:
+            machine.tracker([{
+                "number": 1, "has_previous_epoch": 1, "previous_epoch": 0x10, "current_epoch": 0x11,
+                "bitmap": marked(SIZE, SHIFT, *[(index * MIB4 + 512, 512) for index in changes]), **record}])
+        return machine
+
+    def capture(self, machine, *options, base="base.vrnx", out="new.vrnx"):
+        return machine.run("capture", "--disk", "1", "--out", out, "--base", base, *options)
+
+    def expect_mode(self, machine, settled, complete, *options, base="base.vrnx", out="new.vrnx", tracker=TRACKER,
+                    password=None):
+        """A capture over the base that succeeds in this mode and equals the disk."""
+        result = self.expect(self.capture(machine, *options, base=base, out=out), 0,
+                             incremental_text(SIZE, base, settled, complete, tracker=tracker))
+        self.expect_good_image(machine, out, machine.disk_bytes(1), password)
+        return result
+
+    def expect_refused(self, machine, message, *options, before="", base="base.vrnx", out="new.vrnx", tracker=TRACKER,
+                       settled=None, error=None, files=("base.vrnx",)):
+        """A capture that ends while the mode is settled: no work file was made."""
+        stdout = source_line(1, SIZE) + tracker + base_line(base) + (settled or "")
+        report = fatal(message) if error is None else fatal(message, error)
+        result = self.expect(self.capture(machine, *options, base=base, out=out), 1, stdout, before + report)
+        self.assertEqual(machine.files(), list(files))
+        self.assertEqual(result.calls("WriteFile"), [])
+        return result
+
+    def own_table(self, machine, name="new.vrnx"):
+        return read_table(machine.path(name))
+
+
+class Modes(Incremental):
+    def test_tracked_thin(self):
+        machine = self.prepare()
+        result = self.expect(self.capture(machine, "--thin"), 0,
+                             "Source: PhysicalDrive1  Size: 0.01 GiB  SectorSize: 512  Chunks: 3 (4194304 bytes each)\n"
+                             "Change tracker: disk 1 epoch 11\n"
+                             "Incremental mode: base image base.vrnx\n"
+                             "  --base: base epoch 10 matches tracker; unchanged chunks will be copied from the base"
+                             " image.\n"
+                             "\r   49.99%  4 / 8 MiB  (4.0 MiB/s)   \r  100.00%  8 / 8 MiB  (4.0 MiB/s)   \n"
+                             "Capture complete (thin): new.vrnx  (stored 1 of 3 chunks, 2 are references to the base;"
+                             " read from disk: 1)\n")
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        self.assertEqual(chunks_read(result), [1])
+        self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+        header, records = self.own_table(machine)
+        self.assertEqual((header.version, header.epoch), (3, 0x11))
+        self.assertEqual([record.stored_length for record in records], [0, MIB4, 0])
+
+    def test_tracked_copy(self):
+        machine = self.prepare()
+        result = self.expect(self.capture(machine), 0,
+                             "Source: PhysicalDrive1  Size: 0.01 GiB  SectorSize: 512  Chunks: 3 (4194304 bytes each)\n"
+                             "Change tracker: disk 1 epoch 11\n"
+                             "Incremental mode: base image base.vrnx\n"
+                             "  --base: base epoch 10 matches tracker; unchanged chunks will be copied from the base"
+                             " image.\n"
+                             "\r   49.99%  4 / 8 MiB  (4.0 MiB/s)   \r  100.00%  8 / 8 MiB  (4.0 MiB/s)   \n"
+                             "Capture complete: new.vrnx (Read from disk: 1, Copied from base: 2 chunks)\n")
+        self.assertEqual(chunks_read(result), [1])
+        self.assertEqual([(line["offset"], line["length"]) for line in data_reads(machine, result, "base.vrnx")],
+                         [(DATA, MIB4), (DATA + 2 * MIB4, 1024)])
+        os.remove(machine.path("base.vrnx"))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        header, records = self.own_table(machine)
+        self.assertEqual((header.version, header.epoch), (2, 0x11))
+        self.assertEqual([record.stored_length for record in records], [MIB4, MIB4, 1024])
+
+    def test_compared_thin(self):
+        machine = self.prepare(tracker=False)
+        result = self.expect(self.capture(machine, "--thin"), 0,
+                             "Source: PhysicalDrive1  Size: 0.01 GiB  SectorSize: 512  Chunks: 3 (4194304 bytes each)\n"
+                             "Change tracker: not available for this disk (Wendrel not loaded/attached) - image carries"
+                             " no epoch.\n"
+                             "Incremental mode: base image base.vrnx\n"
+                             "  --base: cannot prove what changed (no change tracker for this disk) - reading every"
+                             " chunk and comparing hashes with the base (no driver needed; slower to read, still a"
+                             " small file).\n"
+                             "\r   49.99%  4 / 8 MiB  (4.0 MiB/s)   \r  100.00%  8 / 8 MiB  (4.0 MiB/s)   \n"
+                             "Capture complete (thin): new.vrnx  (stored 1 of 3 chunks, 2 are references to the base;"
+                             " read from disk: 3)\n")
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        self.assertEqual(chunks_read(result), [0, 1, 2])
+        self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+        header, records = self.own_table(machine)
+        self.assertEqual((header.version, header.epoch), (3, 0))
+        self.assertEqual([record.stored_length for record in records], [0, MIB4, 0])
+
+    def test_full_fallback(self):
+        machine = self.prepare(tracker=False)
+        result = self.expect(self.capture(machine), 0,
+                             "Source: PhysicalDrive1  Size: 0.01 GiB  SectorSize: 512  Chunks: 3 (4194304 bytes each)\n"
+                             "Change tracker: not available for this disk (Wendrel not loaded/attached) - image carries"
+                             " no epoch.\n"
+                             "Incremental mode: base image base.vrnx\n"
+                             "  --base: cannot prove what changed (no change tracker for this disk) - doing a FULL"
+                             " capture (correct, just slower).\n"
+                             "\r   49.99%  4 / 8 MiB  (4.0 MiB/s)   \r  100.00%  8 / 8 MiB  (4.0 MiB/s)   \n"
+                             "Capture complete: new.vrnx\n")
+        self.assertEqual(chunks_read(result), [0, 1, 2])
+        self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+        os.remove(machine.path("base.vrnx"))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        header, records = self.own_table(machine)
+        self.assertEqual((header.version, [record.stored_length for record in records]), (2, [MIB4, MIB4, 1024]))
+
+    def test_plain_full_does_not_ask_for_the_proof(self):
+        machine = self.prepare()
+        self.expect(machine.run("capture", "--disk", "1", "--out", "new.vrnx"), 0,
+                    capture_text(1, SIZE, "new.vrnx", tracker=TRACKER))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        self.assertEqual(read_header(machine.path("new.vrnx")).version, 2)
+
+    def test_thin_without_a_base_is_refused_behind_the_tracker(self):
+        machine = self.prepare()
+        result = self.expect(machine.run("capture", "--disk", "1", "--out", "new.vrnx", "--thin"), 1,
+                             source_line(1, SIZE) + TRACKER, fatal("--thin needs --base"))
+        self.assertEqual(machine.files(), ["base.vrnx"])
+        self.assertEqual(result.calls("CreateFileW", path="vrnx"), [])
+
+    def test_thin_without_a_base_is_refused_behind_the_snapshot(self):
+        machine = self.prepare()
+        machine.add_volume("\\\\?\\Volume{11111111-2222-3333-4444-555555555555}\\", [(1, 0, SIZE)])
+        machine.shadow_service()
+        result = machine.run("capture", "--disk", "1", "--out", "new.vrnx", "--thin", "--vss")
+        self.assertEqual(result.status, 1)
+        self.assertTrue(suite.matches(result.stderr, fatal(NEEDS_BASE)), result.stderr)
+        self.assertEqual(len(result.calls("IVssBackupComponents::DoSnapshotSet")), 1)
+
+    def test_incremental_is_another_word_for_base(self):
+        machine = self.prepare()
+        self.expect(machine.run("capture", "--disk", "1", "--out", "new.vrnx", "--incremental", "base.vrnx"), 0,
+                    incremental_text(SIZE, "base.vrnx", proof_line(0x10), copy_complete("new.vrnx", 1, 2),
+                                     tracker=TRACKER))
+        machine = self.prepare()
+        self.expect(machine.run("capture", "--disk", "1", "--out", "new.vrnx", "--INCREMENTAL", "base.vrnx", "--THIN"),
+                    0, incremental_text(SIZE, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1),
+                                     tracker=TRACKER))
+
+    def test_base_wins_over_incremental_unless_it_is_empty(self):
+        machine = self.prepare()
+        self.expect(machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--incremental", "missing", "--base",
+                                "base.vrnx"), 0,
+                    incremental_text(SIZE, "base.vrnx", proof_line(0x10), copy_complete("a.vrnx", 1, 2),
+                                     tracker=TRACKER))
+        machine = self.prepare()
+        self.expect(machine.run("capture", "--disk", "1", "--out", "b.vrnx", "--base", "", "--incremental",
+                                "base.vrnx"), 0,
+                    incremental_text(SIZE, "base.vrnx", proof_line(0x10), copy_complete("b.vrnx", 1, 2),
+                                     tracker=TRACKER))
+
+    def test_the_disk_is_not_changed_by_any_mode(self):
+        for options in ((), ("--thin",)):
+            for tracker in (True, False):
+                machine = self.prepare(tracker=tracker)
+                before = machine.disk_bytes(1)
+                result = self.capture(machine, *options)
+                self.assertEqual(result.status, 0)
+                self.expect_disk(machine, 1, before)
+                self.assertEqual({line["path"] for line in result.calls("WriteFile")}, {"new.vrnx.partial"})
+
+
+class Proof(Incremental):
+    REASONS = (
+        # (words, is the tracker there, epoch of the base, fields of the driver's record)
+        ("no change tracker for this disk", False, 0x10, {}),
+        ("base image has no epoch (captured without the tracker)", True, 0, {}),
+        ("driver holds no previous epoch (reboot/reload since the base image)", True, 0x10, {"has_previous_epoch": 0}),
+        ("base image is not the most recent committed image", True, 0x10, {"previous_epoch": 0xF}),
+        ("tracker saw an untracked write (gap) since the base image", True, 0x10, {"gap": 1}),
+        ("tracker saw an untracked write (gap) since the base image", True, 0x10, {"other_gap": 1}))
+
+    def line(self, tracker, record):
+        return tracker_line(1, 0x11, gap=bool(record.get("gap"))) if tracker else NO_TRACKER
+
+    def test_each_reason_leads_to_comparing_with_thin(self):
+        for reason, tracker, epoch, record in self.REASONS:
+            machine = self.prepare(tracker=tracker, epoch=epoch, changes=(0, 2), **record)
+            with self.subTest(reason=reason, **record):
+                result = self.expect_mode(machine, compared_line(reason), thin_complete("new.vrnx", 3, 1, 3), "--thin",
+                                          tracker=self.line(tracker, record))
+                self.assertEqual(chunks_read(result), [0, 1, 2])
+                self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+
+    def test_each_reason_leads_to_a_full_capture_without_thin(self):
+        for reason, tracker, epoch, record in self.REASONS:
+            machine = self.prepare(tracker=tracker, epoch=epoch, changes=(0, 2), **record)
+            with self.subTest(reason=reason, **record):
+                result = self.expect_mode(machine, fallback_line(reason), full_complete("new.vrnx"),
+                                          tracker=self.line(tracker, record))
+                self.assertEqual(chunks_read(result), [0, 1, 2])
+                self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+
+    def test_the_first_reason_that_applies_is_told(self):
+        everything = {"has_previous_epoch": 0, "previous_epoch": 0xF, "gap": 1, "other_gap": 1}
+        for reason, tracker, epoch, record in (
+                (REASON_NO_TRACKER, False, 0, everything), (REASON_NO_TRACKER, True, 0, {"active": 0, **everything}),
+                (REASON_NO_EPOCH, True, 0, everything), (REASON_NO_PREVIOUS, True, 0x10, everything),
+                (REASON_NOT_LATEST, True, 0x10, {**everything, "has_previous_epoch": 1}),
+                (REASON_GAP, True, 0x10, {**everything, "has_previous_epoch": 1, "previous_epoch": 0x10}),
+                # A base without an epoch is none though the driver holds 0.
+                (REASON_NO_EPOCH, True, 0, {"previous_epoch": 0})):
+            machine = self.prepare(tracker=tracker, epoch=epoch, **record)
+            shown = self.line(tracker and record.get("active") != 0, record)
+            with self.subTest(reason=reason, epoch=epoch, **record):
+                self.expect_mode(machine, fallback_line(reason), full_complete("new.vrnx"), tracker=shown)
+
+    def test_a_stale_bitmap_is_not_asked_without_the_proof(self):
+        # The driver lost a write and says so; its clear bitmap must not be believed.
+        machine = self.prepare(changes=(1,), gap=1, bitmap="00" * bitmap_bytes(SIZE, SHIFT))
+        self.expect_mode(machine, compared_line(REASON_GAP), thin_complete("new.vrnx", 3, 2, 3), "--thin",
+                         tracker=tracker_line(1, 0x11, gap=True))
+
+    def test_any_value_but_0_says_that_an_epoch_is_held(self):
+        machine = self.prepare(has_previous_epoch=0x80000000)
+        self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin")
+
+    def test_the_seven_bytes_of_an_epoch_are_read_least_significant_first(self):
+        machine = self.prepare(epoch=0x77665544332211, previous_epoch=0x77665544332211)
+        self.assertEqual(machine.read("base.vrnx")[37:44].hex(), "11223344556677")
+        self.expect_mode(machine, "  --base: base epoch 77665544332211 matches tracker; unchanged chunks will be copied"
+                         " from the base image.\n", thin_complete("new.vrnx", 3, 2, 1), "--thin")
+
+    def test_the_system_disk_is_noted_before_the_base(self):
+        machine = self.prepare()
+        machine.system_volume([(1, 0, 512)])
+        self.expect(self.capture(machine, "--thin"), 0,
+                    source_line(1, SIZE) + SYSTEM_DISK_NOTE + TRACKER + base_line("base.vrnx") + proof_line(0x10)
+                    + meter_run(SIZE, MIB4) + "\n" + thin_complete("new.vrnx", 3, 2, 1))
+
+
+class Chunks(Incremental):
+    def test_an_unchanged_disk_makes_an_image_of_references_alone(self):
+        for tracker in (True, False):
+            machine = self.prepare(changes=(), tracker=tracker)
+            settled = proof_line(0x10) if tracker else compared_line(REASON_NO_TRACKER)
+            result = self.expect_mode(machine, settled, thin_complete("new.vrnx", 3, 3, 0 if tracker else 3), "--thin",
+                                      tracker=TRACKER if tracker else NO_TRACKER)
+            self.assertEqual(os.path.getsize(machine.path("new.vrnx")), DATA + 48 + len("base.vrnx"))
+            self.assertEqual([line["length"] for line in result.calls("WriteFile")], [48 + 9, 64, 216])
+
+    def test_a_changed_disk_makes_a_thin_image_without_references(self):
+        for tracker in (True, False):
+            machine = self.prepare(changes=(0, 1, 2), tracker=tracker)
+            settled = proof_line(0x10) if tracker else compared_line(REASON_NO_TRACKER)
+            self.expect_mode(machine, settled, thin_complete("new.vrnx", 3, 0, 3), "--thin",
+                             tracker=TRACKER if tracker else NO_TRACKER)
+            self.assertEqual(os.path.getsize(machine.path("new.vrnx")), DATA + SIZE + 48 + 9)
+            self.assertEqual(read_header(machine.path("new.vrnx")).version, 3)
+
+    def test_every_choice_of_changed_chunks_reads_and_stores_just_those(self):
+        for choice in range(8):
+            changes = [index for index in range(3) if choice >> index & 1]
+            machine = self.prepare(changes=changes)
+            with self.subTest(changes=changes):
+                result = self.expect_mode(machine, proof_line(0x10),
+                                          thin_complete("new.vrnx", 3, 3 - len(changes), len(changes)), "--thin")
+                self.assertEqual(chunks_read(result), changes)
+                self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+
+    def test_a_marked_chunk_of_equal_content_becomes_a_reference(self):
+        machine = self.prepare(changes=(1,), bitmap=marked(SIZE, SHIFT, (0, SIZE)))
+        result = self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 3), "--thin")
+        self.assertEqual(chunks_read(result), [0, 1, 2])
+        self.assertEqual([record.stored_length for record in self.own_table(machine)[1]], [0, MIB4, 0])
+
+    def test_a_marked_chunk_of_equal_content_is_stored_as_read_in_a_tracked_copy(self):
+        machine = self.prepare(changes=(), bitmap=marked(SIZE, SHIFT, (MIB4, 512)))
+        result = self.expect_mode(machine, proof_line(0x10), copy_complete("new.vrnx", 1, 2))
+        self.assertEqual(chunks_read(result), [1])
+
+    def test_a_single_changed_byte_makes_a_chunk_another_one(self):
+        for at in (0, MIB4 - 1, 2 * MIB4 + 1023):
+            machine = self.prepare(changes=(), tracker=False)
+            machine.poke_disk(1, at, bytes([machine.disk_bytes(1)[at] ^ 1]))
+            with self.subTest(at=at):
+                self.expect_mode(machine, compared_line(REASON_NO_TRACKER), thin_complete("new.vrnx", 3, 2, 3),
+                                 "--thin", tracker=NO_TRACKER)
+
+    def test_a_copied_chunk_is_proved_once_and_not_hashed_again(self):
+        machine = self.prepare()
+        result = self.expect_mode(machine, proof_line(0x10), copy_complete("new.vrnx", 1, 2))
+        # The digest of the base, chunk 0 out of the base, chunk 1 from the disk, chunk 2 out of the base.
+        self.assertEqual([line["length"] for line in result.calls("BCryptHashData")], [DATA, MIB4, MIB4, 1024])
+
+    def test_a_reference_that_the_tracker_proved_is_not_hashed_at_all(self):
+        machine = self.prepare()
+        result = self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin")
+        self.assertEqual([line["length"] for line in result.calls("BCryptHashData")], [DATA, MIB4])
+
+    def test_references_carry_hash_and_offset_and_no_nonce_or_tag(self):
+        machine = self.prepare()
+        machine.write("password", PASSWORD)
+        self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin", "--encrypt",
+                         "--password-file", "password", password=PASSWORD)
+        _, base = self.own_table(machine, "base.vrnx")
+        _, records = self.own_table(machine)
+        for index in (0, 2):
+            self.assertEqual((records[index].disk_offset, records[index].stored_length, records[index].hash,
+                              records[index].nonce, records[index].tag),
+                             (index * MIB4, 0, base[index].hash, bytes(12), bytes(16)))
+        self.assertNotEqual(records[1].nonce, bytes(12))
+
+    def test_a_base_of_another_disk_of_the_same_shape_is_not_told_apart(self):
+        machine = self.prepare(changes=(), tracker=False)
+        machine.set_disk_bytes(1, pattern(SIZE, "another disk"))
+        self.expect_mode(machine, compared_line(REASON_NO_TRACKER), thin_complete("new.vrnx", 3, 0, 3), "--thin",
+                         tracker=NO_TRACKER)
+
+    def test_the_base_s_chunk_data_do_not_matter_to_a_thin_capture(self):
+        for tracker in (True, False):
+            machine = self.prepare(tracker=tracker)
+            good = machine.read("base.vrnx")
+            machine.write("base.vrnx", good[:DATA] + b"?" * (len(good) - DATA))
+            result = self.expect(self.capture(machine, "--thin"), 0, incremental_text(
+                SIZE, "base.vrnx", proof_line(0x10) if tracker else compared_line(REASON_NO_TRACKER),
+                thin_complete("new.vrnx", 3, 2, 1 if tracker else 3), tracker=TRACKER if tracker else NO_TRACKER))
+            self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+            machine.write("base.vrnx", good)
+            self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_the_meter_counts_references_and_stored_chunks_alike(self):
+        machine = self.machine(source=33 * MIB4 + 512, target=bytes(512))  # an empty disk of 34 chunks
+        write_sparse_image(machine.path("base.vrnx"), 34, chunk_size=MIB4,
+                           header=Header(34 * MIB4, MIB4, 34, epoch=0x10))
+        machine.add_disk(1, 34 * MIB4)
+        machine.poke_disk(1, 33 * MIB4, b"changed")
+        machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": 0x10, "current_epoch": 0x11,
+                          "bitmap": marked(34 * MIB4, SHIFT, (33 * MIB4, 7))}])
+        result = self.expect(self.capture(machine, "--thin"), 0, incremental_text(
+            34 * MIB4, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 34, 33, 1), tracker=TRACKER))
+        self.assertEqual(result.stdout.count(b"\r"), 3)
+        self.assertEqual(chunks_read(result), [33])
+
+    def test_a_disk_of_one_short_chunk(self):
+        for changes, references in (((), 1), ((0,), 0)):
+            machine = self.machine(source=pattern(1536, "source"), target=bytes(512))
+            build_image(machine.path("base.vrnx"), machine.disk_bytes(1), chunk_size=MIB4)
+            for offset in changes:
+                machine.poke_disk(1, offset, b"changed")
+            self.expect(self.capture(machine, "--thin"), 0, incremental_text(
+                1536, "base.vrnx", compared_line(REASON_NO_TRACKER), thin_complete("new.vrnx", 1, references, 1)))
+            self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_sectors_of_4096_bytes(self):
+        size = MIB4 + 3 * 4096
+        machine = self.machine(source=pattern(size, "source"), target=bytes(4096), sector_size=4096)
+        build_image(machine.path("base.vrnx"), machine.disk_bytes(1), chunk_size=MIB4, sector_size=4096, epoch=0x10)
+        machine.poke_disk(1, size - 1, b"!")
+        machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": 0x10, "current_epoch": 0x11,
+                          "bitmap": marked(size, SHIFT, (size - 1, 1))}])
+        self.expect(self.capture(machine, "--thin"), 0, incremental_text(
+            size, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 2, 1, 1), tracker=TRACKER, sector_size=4096))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+
+class Base(Incremental):
+    def test_a_base_that_is_missing_ends_the_run_in_every_mode(self):
+        for tracker in (True, False):
+            for options in ((), ("--thin",)):
+                machine = self.prepare(tracker=tracker)
+                with self.subTest(tracker=tracker, options=options):
+                    self.expect_refused(machine, "could not open image file", *options, base="missing.vrnx", error=2,
+                                        before="could not open image file: missing.vrnx\n",
+                                        tracker=TRACKER if tracker else NO_TRACKER)
+
+    def test_a_damaged_base_ends_even_a_run_that_would_not_need_it(self):
+        machine = self.prepare(tracker=False)
+        machine.flip("base.vrnx", 0)
+        self.expect_refused(machine, "not a recognized Vornix image (bad magic/version)", tracker=NO_TRACKER)
+
+    def test_a_base_of_another_size_or_sector_size_is_refused_whatever_the_tracker_says(self):
+        for case, other, options in (("size", SOURCE[:-512], {}), ("sector size", SOURCE, {"sector_size": 1024}),
+                                     ("size and chunk size", SOURCE[:-512], {"chunk_size": 4096 * 512})):
+            for tracker in (True, False):
+                for thin in ((), ("--thin",)):
+                    machine = self.prepare(tracker=tracker)
+                    builder = ImageBuilder(other, **{"chunk_size": MIB4, "epoch": 0x10, **options})
+                    write_hollow(machine.path("base.vrnx"), builder.to_bytes())
+                    with self.subTest(case=case, tracker=tracker, thin=thin):
+                        self.expect_refused(machine, OTHER_DISK, *thin, tracker=TRACKER if tracker else NO_TRACKER)
+
+    def test_a_base_of_another_chunk_size_is_refused_whatever_the_tracker_says(self):
+        for tracker in (True, False):
+            for thin in ((), ("--thin",)):
+                machine = self.prepare(tracker=tracker)
+                builder = ImageBuilder(SOURCE, chunk_size=2 * MIB4, epoch=0x10)
+                write_hollow(machine.path("base.vrnx"), builder.to_bytes())
+                with self.subTest(tracker=tracker, thin=thin):
+                    self.expect_refused(machine, OTHER_CHUNKS, *thin, tracker=TRACKER if tracker else NO_TRACKER)
+
+    def test_the_base_is_closed_at_once_in_a_fallback(self):
+        machine = self.prepare(tracker=False)
+        result = self.expect_mode(machine, fallback_line(REASON_NO_TRACKER), full_complete("new.vrnx"),
+                                  tracker=NO_TRACKER)
+        steps = [(line["call"], line["path"]) for line in result.log
+                 if line["call"] in ("CreateFileW", "CloseHandle") and line["path"].startswith(("base", "new"))]
+        self.assertEqual(steps, [("CreateFileW", "base.vrnx"), ("CloseHandle", "base.vrnx"),
+                                 ("CreateFileW", "new.vrnx.partial"), ("CloseHandle", "new.vrnx.partial")])
+
+    def test_the_base_is_closed_behind_the_source_in_the_other_modes(self):
+        for tracker, options in ((True, ()), (True, ("--thin",)), (False, ("--thin",))):
+            machine = self.prepare(tracker=tracker)
+            result = self.capture(machine, *options)
+            closed = [line["path"] for line in result.calls("CloseHandle")]
+            with self.subTest(tracker=tracker, options=options):
+                self.assertEqual(closed[:4], ["\\\\.\\C:", "new.vrnx.partial", "\\\\.\\PhysicalDrive1", "base.vrnx"])
+
+    def test_a_damaged_base_chunk_ends_a_tracked_copy(self):
+        for password, message in ((None, BAD_HASH), (PASSWORD, UNAUTHENTIC)):
+            machine = self.prepare(changes=(0,), password=password)
+            machine.write("password", PASSWORD)
+            machine.flip("base.vrnx", DATA + MIB4 + 77)
+            before = machine.tracker_disk(1)
+            self.expect(self.capture(machine, "--password-file", "password"), 1,
+                        source_line(1, SIZE) + TRACKER + base_line("base.vrnx") + proof_line(0x10)
+                        + meter_run(SIZE, MIB4, upto=1), fatal(message))
+            self.assertEqual(machine.files(), ["base.vrnx", "new.vrnx.partial", "password"])
+            self.assertEqual(machine.read("new.vrnx.partial")[:DATA], bytes(DATA))
+            self.assertFalse(is_accepted(machine.path("new.vrnx.partial")))
+            self.assertEqual(machine.tracker_disk(1), before)
+
+    def test_a_damaged_base_chunk_that_was_read_anew_does_not_matter(self):
+        machine = self.prepare(changes=(1,))
+        machine.flip("base.vrnx", DATA + MIB4 + 77)
+        self.expect_mode(machine, proof_line(0x10), copy_complete("new.vrnx", 1, 2))
+
+    def test_a_base_that_gives_no_chunk_ends_a_tracked_copy(self):
+        for call, skip, effect in (("SetFilePointerEx", 0, {"error": 1117}), ("ReadFile", 2, {"error": 1117}),
+                                   ("ReadFile", 2, {"transferred": 100})):
+            machine = self.prepare()
+            machine.add_fault(call, path="base.vrnx", skip=skip, **effect)
+            with self.subTest(call=call, effect=effect):
+                self.expect(self.capture(machine), 1,
+                            source_line(1, SIZE) + TRACKER + base_line("base.vrnx") + proof_line(0x10),
+                            fatal("could not read chunk data from image (truncated?)", effect["error"])
+                            if "error" in effect else fatal("could not read chunk data from image (truncated?)"))
+                self.assertFalse(is_accepted(machine.path("new.vrnx.partial")))
+
+
+class ThinBase(Incremental):
+    def stacked(self, **record):
+        """A machine with base.vrnx, thin1.vrnx over it (chunk 1 changed), and a disk in which chunk 2 changed since."""
+        machine = self.prepare(changes=(1,), **record)
+        machine.tracker([])
+        build_image(machine.path("thin1.vrnx"), machine.disk_bytes(1), chunk_size=MIB4, epoch=0x20,
+                    base=machine.path("base.vrnx"))
+        machine.poke_disk(1, 2 * MIB4, b"later")
+        machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": 0x20, "current_epoch": 0x21,
+                          "bitmap": marked(SIZE, SHIFT, (2 * MIB4, 5)), **record}])
+        return machine
+
+    LINE = tracker_line(1, 0x21)
+
+    def test_a_thin_image_over_a_thin_one(self):
+        machine = self.stacked()
+        result = self.expect_mode(machine, proof_line(0x20), thin_complete("new.vrnx", 3, 2, 1), "--thin",
+                                  base="thin1.vrnx", tracker=self.LINE)
+        self.assertEqual(chunks_read(result), [2])
+        self.assertEqual(data_reads(machine, result, "thin1.vrnx") + data_reads(machine, result, "base.vrnx"), [])
+        trailer = Image(machine.path("new.vrnx")).trailer
+        self.assertEqual((trailer.base_name, trailer.base_digest),
+                         (b"thin1.vrnx", digest_of(machine.path("thin1.vrnx"))))
+
+    def test_comparing_takes_the_hash_of_a_reference_as_that_of_a_stored_chunk(self):
+        machine = self.stacked(gap=1)
+        result = self.expect_mode(machine, compared_line(REASON_GAP), thin_complete("new.vrnx", 3, 2, 3), "--thin",
+                                  base="thin1.vrnx", tracker=tracker_line(1, 0x21, gap=True))
+        self.assertEqual(data_reads(machine, result, "thin1.vrnx") + data_reads(machine, result, "base.vrnx"), [])
+
+    def test_a_tracked_copy_gathers_the_chain(self):
+        machine = self.stacked()
+        result = self.expect_mode(machine, proof_line(0x20), copy_complete("new.vrnx", 1, 2), base="thin1.vrnx",
+                                  tracker=self.LINE)
+        self.assertEqual([line["offset"] for line in data_reads(machine, result, "base.vrnx")], [DATA])
+        self.assertEqual([line["offset"] for line in data_reads(machine, result, "thin1.vrnx")], [DATA])
+        # Chunk 0 is proved against the record that stores it and against the one that refers to it.
+        self.assertEqual([line["length"] for line in result.calls("BCryptHashData")],
+                         [DATA, DATA, MIB4, MIB4, MIB4, 1024])
+        os.remove(machine.path("base.vrnx"))
+        os.remove(machine.path("thin1.vrnx"))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_a_broken_chain_ends_every_mode(self):
+        for tracker in (True, False):
+            for options in ((), ("--thin",)):
+                machine = self.stacked()
+                if not tracker:
+                    machine.tracker([])
+                machine.flip("base.vrnx", 37)
+                with self.subTest(tracker=tracker, options=options):
+                    self.expect_refused(machine, "base image does not match the one pinned in the thin image", *options,
+                                        before=other_base("base.vrnx"), base="thin1.vrnx",
+                                        tracker=self.LINE if tracker else NO_TRACKER, files=("base.vrnx", "thin1.vrnx"))
+                    os.remove(machine.path("base.vrnx"))
+                    self.expect_refused(machine, "base image of a thin image not found", *options,
+                                        before=missing_base("base.vrnx"), base="thin1.vrnx",
+                                        tracker=self.LINE if tracker else NO_TRACKER, files=("thin1.vrnx",))
+
+    def test_a_66th_image_can_be_made_and_not_be_opened(self):
+        machine = self.machine(source=pattern(512, "source"), target=bytes(512))
+        path = machine.path("l00.vrnx")
+        build_image(path, machine.disk_bytes(1), chunk_size=MIB4)
+        for place in range(1, 64):
+            base, path = path, machine.path(f"l{place:02}.vrnx")
+            build_image(path, machine.disk_bytes(1), chunk_size=MIB4, base=base)
+        for place in (64, 65):
+            base, name = f"l{place - 1:02}.vrnx", f"l{place:02}.vrnx"
+            self.expect(self.capture(machine, "--thin", base=base, out=name), 0, incremental_text(
+                512, base, compared_line(REASON_NO_TRACKER), thin_complete(name, 1, 1, 1)))
+        self.expect(machine.run("verify", "--in", "l64.vrnx"), 0, thin_verify_text("l64.vrnx", "l63.vrnx", 512, MIB4))
+        self.expect(machine.run("verify", "--in", "l65.vrnx"), 1, "",
+                    fatal("image chain is too deep (or loops back on itself)"))
+        self.expect(self.capture(machine, "--thin", base="l65.vrnx", out="l66.vrnx"), 1,
+                    source_line(1, 512) + NO_TRACKER + base_line("l65.vrnx"),
+                    fatal("image chain is too deep (or loops back on itself)"))
+
+
+class Paths(Incremental):
+    def test_rules_of_paths_bind_thin_captures_with_and_without_the_proof(self):
+        for tracker, settled in ((True, proof_line(0x10)), (False, compared_line(REASON_NO_TRACKER))):
+            machine = self.prepare(tracker=tracker)
+            os.mkdir(machine.path("sub"))
+            line = TRACKER if tracker else NO_TRACKER
+            with self.subTest(tracker=tracker):
+                self.expect_refused(machine, "--thin: the image and its --base must be in the same folder", "--thin",
+                                    out="sub/new.vrnx", settled=settled, tracker=line, files=("base.vrnx", "sub"))
+                self.expect_refused(machine, "--thin: --out must differ from --base", "--thin", out="base.vrnx",
+                                    settled=settled, tracker=line, files=("base.vrnx", "sub"))
+
+    def test_without_thin_the_base_may_lie_anywhere(self):
+        machine = self.prepare()
+        os.mkdir(machine.path("sub"))
+        self.expect_mode(machine, proof_line(0x10), copy_complete("sub/new.vrnx", 1, 2), out="sub/new.vrnx")
+
+    def test_without_thin_an_output_like_the_base_is_an_existing_output(self):
+        machine = self.prepare()
+        before = machine.read("base.vrnx")
+        self.expect_refused(machine, OVERWRITE, out="base.vrnx", settled=proof_line(0x10))
+        self.expect_file(machine, "base.vrnx", before)
+
+    def test_an_existing_output_is_refused_behind_the_rules(self):
+        machine = self.prepare()
+        machine.write("new.vrnx", b"here already")
+        self.expect_refused(machine, OVERWRITE, "--thin", settled=proof_line(0x10), files=("base.vrnx", "new.vrnx"))
+        self.expect_file(machine, "new.vrnx", b"here already")
+
+    def test_another_folder_is_told_before_the_same_file(self):
+        machine = self.prepare()
+        os.mkdir(machine.path("sub"))
+        self.expect_refused(machine, OTHER_FOLDER, "--thin", out="sub/base.vrnx", settled=proof_line(0x10),
+                            files=("base.vrnx", "sub"))
+
+    def test_different_ways_to_one_folder_are_the_same_folder(self):
+        for base, out in (("base.vrnx", "./new.vrnx"), ("./base.vrnx", "new.vrnx"), ("sub/../base.vrnx", "new.vrnx"),
+                          ("base.vrnx", "sub/.././new.vrnx")):
+            machine = self.prepare()
+            os.mkdir(machine.path("sub"))
+            with self.subTest(base=base, out=out):
+                self.expect_mode(machine, proof_line(0x10), thin_complete(out, 3, 2, 1), "--thin", base=base, out=out)
+                self.assertEqual(Image(machine.path("new.vrnx")).trailer.base_name, b"base.vrnx")
+
+    def test_an_absolute_and_a_relative_path_may_mean_one_folder(self):
+        machine = self.prepare()
+        base = machine.absolute("base.vrnx")
+        self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin", base=base)
+        self.assertEqual(Image(machine.path("new.vrnx")).trailer.base_name, b"base.vrnx")
+        machine = self.prepare()
+        out = machine.absolute("new.vrnx")
+        self.expect(self.capture(machine, "--thin", out=out), 0, incremental_text(
+            SIZE, "base.vrnx", proof_line(0x10), thin_complete(out, 3, 2, 1), tracker=TRACKER))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_different_ways_to_one_file_are_the_same_file(self):
+        machine = self.prepare()
+        os.mkdir(machine.path("sub"))
+        for out in ("./base.vrnx", "sub/../base.vrnx", machine.absolute("base.vrnx")):
+            with self.subTest(out=out):
+                self.expect_refused(machine, SAME_FILE, "--thin", out=out, settled=proof_line(0x10),
+                                    files=("base.vrnx", "sub"))
+
+    def test_paths_that_differ_in_case_are_the_same_file(self):
+        machine = self.prepare()
+        self.expect_refused(machine, SAME_FILE, "--thin", out="BASE.vrnX", settled=proof_line(0x10))
+
+    def test_folders_that_differ_in_case_are_the_same_folder(self):
+        machine = self.prepare()
+        os.mkdir(machine.path("Sub"))
+        os.rename(machine.path("base.vrnx"), machine.path("Sub/base.vrnx"))
+        if not self.settings.windows:
+            os.mkdir(machine.path("sUB"))  # another folder to this host, and let through all the same
+        result = self.expect(self.capture(machine, "--thin", base="Sub/base.vrnx", out="sUB/new.vrnx"), 0,
+                             incremental_text(SIZE, "Sub/base.vrnx", proof_line(0x10),
+                                              thin_complete("sUB/new.vrnx", 3, 2, 1), tracker=TRACKER))
+        self.assertEqual(len(result.calls("_fullpath")), 2)
+        if self.settings.windows:
+            self.expect_good_image(machine, "Sub/new.vrnx", machine.disk_bytes(1))
+        else:
+            self.expect(machine.run("verify", "--in", "sUB/new.vrnx"), 1, "",
+                        missing_base("sUB/base.vrnx") + fatal("base image of a thin image not found"))
+
+    def test_the_rules_look_at_the_output_and_not_at_its_work_path(self):
+        machine = self.prepare(base="base.vrnx.partial")
+        self.expect_refused(machine, SAME_FILE, "--thin", base="base.vrnx.partial", out="base.vrnx.partial",
+                            settled=proof_line(0x10), files=("base.vrnx.partial",))
+
+    def test_a_work_path_that_is_the_open_base_cannot_be_created(self):
+        machine = self.prepare(base="base.vrnx.partial")
+        before = machine.read("base.vrnx.partial")
+        self.expect_refused(machine, "could not create output image file", "--thin", base="base.vrnx.partial",
+                            out="base.vrnx", settled=proof_line(0x10), error=32, files=("base.vrnx.partial",))
+        self.expect_file(machine, "base.vrnx.partial", before)
+
+    def test_an_output_with_the_suffix_of_work_paths_is_written_in_place(self):
+        machine = self.prepare()
+        self.expect_mode(machine, proof_line(0x10), thin_complete("new.partial", 3, 2, 1), "--thin", out="new.partial")
+        self.assertEqual(machine.files(), ["base.vrnx", "new.partial"])
+
+    def test_a_path_that_cannot_be_made_absolute_is_refused(self):
+        for skip in (0, 1):
+            machine = self.prepare()
+            machine.add_fault("_fullpath", skip=skip, null=True)
+            with self.subTest(skip=skip):
+                result = self.expect_refused(machine, "could not resolve image paths", "--thin",
+                                             settled=proof_line(0x10))
+                self.assertEqual([line["path"] for line in result.calls("_fullpath")],
+                                 ["base.vrnx", "new.vrnx"][:skip + 1])
+
+    def test_a_path_that_is_too_long_is_refused_before_the_work_file(self):
+        machine = self.prepare(tracker=False)
+        for out in ("n" * 300, "./" * 150 + "n" * 240):
+            with self.subTest(length=len(out)):
+                self.expect_refused(machine, UNRESOLVED, "--thin", out=out, settled=compared_line(REASON_NO_TRACKER),
+                                    tracker=NO_TRACKER)
+
+    def test_without_thin_no_path_is_made_absolute(self):
+        machine = self.prepare()
+        result = self.expect_mode(machine, proof_line(0x10), copy_complete("new.vrnx", 1, 2))
+        self.assertEqual(result.calls("_fullpath"), [])
+
+    def test_a_drive_and_a_name_with_no_slash_pass_the_rules_and_make_an_unopenable_image(self):
+        if self.settings.windows:
+            machine = self.prepare()  # the drive's current folder is the run's
+        else:
+            machine = self.prepare(base="Z:base.vrnx")  # a name like any other to this host
+        self.expect(self.capture(machine, "--thin", base="Z:base.vrnx"), 0, incremental_text(
+            SIZE, "Z:base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), tracker=TRACKER))
+        self.assertIn(b"\x0b\0\0\0Z:base.vrnx", machine.read("new.vrnx")[-59:])
+        self.expect(machine.run("verify", "--in", "new.vrnx"), 1, "", fatal(OUTSIDE))
+
+
+class Trailer(Incremental):
+    def test_the_trailer_pins_the_direct_base(self):
+        machine = self.prepare()
+        self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin")
+        self.assertEqual(machine.read("new.vrnx")[DATA + MIB4:],
+                         b"VRNXBASE" + b"\x09\0\0\0" + b"base.vrnx" + digest_of(machine.path("base.vrnx"))
+                         + b"\x39\0\0\0")
+
+    def test_the_name_is_the_typed_one_behind_its_last_separator(self):
+        for typed in ("./base.vrnx", "sub/../base.vrnx", ".//base.vrnx"):
+            machine = self.prepare()
+            os.mkdir(machine.path("sub"))
+            self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin", base=typed)
+            self.assertEqual(Image(machine.path("new.vrnx")).trailer.base_name, b"base.vrnx")
+
+    def test_a_backslash_cuts_the_name_as_a_slash_does(self):
+        machine = self.prepare(base="base.vrnx" if self.settings.windows else ".\\base.vrnx")
+        out = "new.vrnx" if self.settings.windows else ".\\new.vrnx"
+        self.expect(self.capture(machine, "--thin", base=".\\base.vrnx", out=out), 0, incremental_text(
+            SIZE, ".\\base.vrnx", proof_line(0x10), thin_complete(out, 3, 2, 1), tracker=TRACKER))
+        self.assertEqual(machine.read(out)[DATA + MIB4 + 8:DATA + MIB4 + 21], b"\x09\0\0\0base.vrnx")
+        self.expect(machine.run("verify", "--in", out), 0, thin_verify_text(out, "base.vrnx", SIZE, MIB4))
+
+    def test_the_case_of_the_typed_name_is_kept(self):
+        if not self.settings.windows:
+            self.skipTest("another case is another file to this host")
+        machine = self.prepare()
+        self.expect(self.capture(machine, "--thin", base="BASE.vrnx"), 0, incremental_text(
+            SIZE, "BASE.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), tracker=TRACKER))
+        self.assertIn(b"BASE.vrnx", machine.read("new.vrnx")[-57:])
+        self.expect(machine.run("verify", "--in", "new.vrnx"), 0, thin_verify_text("new.vrnx", "BASE.vrnx", SIZE, MIB4))
+
+    def test_the_end_of_a_thin_image_is_written_in_its_order(self):
+        machine = self.prepare()
+        result = self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin")
+        own = [(line["call"], line.get("offset"), line.get("length")) for line in result.calls(path="new.vrnx.partial")]
+        self.assertEqual(own, [
+            ("CreateFileW", None, None), ("SetFilePointerEx", DATA, None), ("WriteFile", DATA, MIB4),
+            ("WriteFile", DATA + MIB4, 57), ("SetFilePointerEx", 0, None), ("WriteFile", 0, 64),
+            ("WriteFile", 64, 216), ("CloseHandle", None, None)])
+
+    def test_a_trailer_that_cannot_be_written_is_fatal(self):
+        for effect in ({"error": 112}, {"transferred": 56}, {"transferred": 0}):
+            machine = self.prepare()
+            before = machine.tracker_disk(1)
+            machine.add_fault("WriteFile", path="new.vrnx.partial", skip=1, **effect)
+            report = fatal("could not write thin image trailer", 112) if "error" in effect \
+                else fatal("could not write thin image trailer")
+            with self.subTest(effect=effect):
+                self.expect(self.capture(machine, "--thin"), 1,
+                            source_line(1, SIZE) + TRACKER + base_line("base.vrnx") + proof_line(0x10)
+                            + meter_run(SIZE, MIB4) + "\n", report)
+                self.assertEqual(machine.files(), ["base.vrnx", "new.vrnx.partial"])
+                self.assertEqual(machine.read("new.vrnx.partial")[:DATA], bytes(DATA))
+                self.assertEqual(machine.tracker_disk(1), before)
+
+    def test_the_image_verifies(self):
+        machine = self.prepare()
+        self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin")
+        self.expect(machine.run("verify", "--in", "new.vrnx"), 0, thin_verify_text("new.vrnx", "base.vrnx", SIZE, MIB4))
+
+
+class Sealed(Incremental):
+    KEY = ("--password-file", "password")
+
+    def sealed_pair(self, password, *options, thin, tracker=True, changes=(1,)):
+        """One capture over a base that is plain or sealed, into an image that `options` seal or not."""
+        machine = self.prepare(password=password, tracker=tracker, changes=changes)
+        machine.write("password", PASSWORD + b"\n")
+        if thin:
+            complete = thin_complete("new.vrnx", 3, 3 - len(changes), len(changes) if tracker else 3)
+            settled = proof_line(0x10) if tracker else compared_line(REASON_NO_TRACKER)
+            options = ("--thin", *options)
+        elif tracker:
+            settled, complete = proof_line(0x10), copy_complete("new.vrnx", len(changes), 3 - len(changes))
+        else:
+            settled, complete = fallback_line(REASON_NO_TRACKER), full_complete("new.vrnx")
+        result = self.expect_mode(machine, settled, complete, *options, *self.KEY,
+                                  tracker=TRACKER if tracker else NO_TRACKER, password=PASSWORD)
+        return machine, result
+
+    def test_every_mix_of_sealed_and_plain_in_every_mode(self):
+        for password in (None, PASSWORD):
+            for seal in ((), ("--encrypt",)):
+                for thin in (True, False):
+                    for tracker in (True, False):
+                        with self.subTest(sealed_base=bool(password), sealed=bool(seal), thin=thin, tracker=tracker):
+                            machine, result = self.sealed_pair(password, *seal, thin=thin, tracker=tracker)
+                            header = read_header(machine.path("new.vrnx"))
+                            self.assertEqual((header.encrypted, header.kdf_iterations),
+                                             (1, 200000) if seal else (0, 0))
+                            text = thin_verify_text("new.vrnx", "base.vrnx", SIZE, MIB4) if thin \
+                                else verify_text("new.vrnx", SIZE, MIB4)
+                            self.expect(machine.run("verify", "--in", "new.vrnx", *self.KEY), 0, text)
+                            if thin:
+                                self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
+
+    def test_a_sealed_chunk_is_unsealed_and_sealed_anew_under_the_new_key(self):
+        machine, result = self.sealed_pair(PASSWORD, "--encrypt", thin=False)
+        base_header, base_records = self.own_table(machine, "base.vrnx")
+        header, records = self.own_table(machine)
+        self.assertNotEqual(header.salt, base_header.salt)
+        for index in range(3):
+            self.assertNotEqual(records[index].nonce, base_records[index].nonce)
+        self.assertEqual((records[0].hash, records[2].hash), (base_records[0].hash, base_records[2].hash))
+        self.assertEqual((len(result.calls("BCryptDecrypt")), len(result.calls("BCryptEncrypt"))), (2, 3))
+        self.assertNotEqual(machine.read("new.vrnx")[DATA:DATA + 64], machine.read("base.vrnx")[DATA:DATA + 64])
+
+    def test_only_stored_chunks_are_sealed_in_a_thin_image(self):
+        _, result = self.sealed_pair(PASSWORD, "--encrypt", thin=True)
+        self.assertEqual((len(result.calls("BCryptDecrypt")), len(result.calls("BCryptEncrypt"))), (0, 1))
+        # One salt for the image and one nonce for the chunk.
+        self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16, 12])
+
+    def test_each_image_has_its_own_salt_under_the_one_password(self):
+        machine, result = self.sealed_pair(PASSWORD, "--encrypt", thin=True)
+        self.assertEqual([(line["salt"], line["iterations"]) for line in result.calls("BCryptDeriveKeyPBKDF2")],
+                         [(read_header(machine.path("base.vrnx")).salt.hex(), 100000),
+                          (read_header(machine.path("new.vrnx")).salt.hex(), 200000)])
+
+    def test_a_sealed_base_needs_a_password_file(self):
+        for tracker in (True, False):
+            for thin in ((), ("--thin",)):
+                machine = self.prepare(password=PASSWORD, tracker=tracker)
+                with self.subTest(tracker=tracker, thin=thin):
+                    self.expect_refused(machine, NEEDS_PASSWORD, *thin, tracker=TRACKER if tracker else NO_TRACKER)
+
+    def test_a_plain_image_over_a_plain_base_does_not_look_at_the_password_file(self):
+        machine = self.prepare()
+        self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin", "--password-file",
+                         "missing")
+
+    def test_a_wrong_password_shows_when_a_chunk_of_the_base_is_copied(self):
+        machine = self.prepare(password=PASSWORD)
+        machine.write("password", b"wrong")
+        self.expect(self.capture(machine, *self.KEY), 1,
+                    source_line(1, SIZE) + TRACKER + base_line("base.vrnx") + proof_line(0x10), fatal(UNAUTHENTIC))
+
+    def test_a_wrong_password_does_not_show_in_a_thin_capture_and_makes_a_chain_that_does_not_read(self):
+        machine = self.prepare(password=PASSWORD)
+        machine.write("password", b"wrong")
+        self.expect(self.capture(machine, "--thin", "--encrypt", *self.KEY), 0, incremental_text(
+            SIZE, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), tracker=TRACKER))
+        result = machine.run("verify", "--in", "new.vrnx", *self.KEY)
+        self.assertEqual(result.status, 1)
+        self.assertTrue(suite.matches(result.stderr, fatal(UNAUTHENTIC)), result.stderr)
+
+    def test_a_bad_password_file_comes_to_light_with_the_base(self):
+        machine = self.prepare(password=PASSWORD)
+        machine.write("password", b"\r\n")
+        result = self.capture(machine, "--thin", "--encrypt", *self.KEY)
+        self.assertEqual((result.status, machine.files()), (1, ["base.vrnx", "password"]))
+        self.assertEqual(result.calls("BCryptGenRandom"), [])
+
+    def test_a_chain_of_mixed_images_made_by_the_program_reads_under_one_password_file(self):
+        machine = self.prepare(tracker=False)
+        machine.write("password", PASSWORD)
+        machine.tracker([{"number": 1, "bitmap": "00" * bitmap_bytes(SIZE, SHIFT)}])
+        self.expect(machine.run("capture", "--disk", "1", "--out", "0.vrnx"), 0,
+                    capture_text(1, SIZE, "0.vrnx", tracker=tracker_line(1, 1)))
+        kept = [machine.disk_bytes(1)]
+        for place, seal in enumerate((True, True, False, True), 1):
+            record = machine.tracker_disk(1)
+            offset = (place % 3) * MIB4
+            machine.poke_disk(1, offset, pattern(512, place))
+            machine.tracker([{**record, "bitmap": marked(SIZE, SHIFT, (offset, 512))}])
+            base, name = f"{place - 1}.vrnx", f"{place}.vrnx"
+            options = ("--thin", "--encrypt") if seal else ("--thin",)
+            self.expect(self.capture(machine, *options, *self.KEY, base=base, out=name), 0, incremental_text(
+                SIZE, base, proof_line(place), thin_complete(name, 3, 2, 1), tracker=tracker_line(1, place + 1)))
+            kept.append(machine.disk_bytes(1))
+        machine.add_disk(2, bytes(SIZE))
+        for place, plain in enumerate(kept):
+            name = f"{place}.vrnx"
+            self.expect_good_image(machine, name, plain, PASSWORD)
+            restored = machine.run("restore", "--in", name, "--disk", "2", "--confirm", "YES", *self.KEY)
+            self.assertEqual(restored.status, 0)
+            self.expect_disk(machine, 2, plain)
+
+
+if __name__ == "__main__":
+    suite.main()

@@ -1,0 +1,330 @@
+"""The password file: which of its bytes are the password, what is refused, and at which place of a run."""
+
+import os
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from console import NO_TRACKER, capture_text, fatal, fatal_status, source_line, verify_failed, verify_text, verifying_line
+from image import ImageBuilder, build_image
+from machine import pattern
+from sealing import NEEDS_PASSWORD, PASSWORD_EMPTY, PASSWORD_TOO_LARGE, PASSWORD_UNREADABLE, verify_unauthentic
+
+LIMIT = 1048576
+KDF_PARAMETERS = "image has invalid encryption/KDF parameters"
+
+
+class Password(suite.Scenario):
+    def image(self, password, **options):
+        """A fresh machine with a.vrnx of one chunk, sealed under this password."""
+        machine = self.machine(default=False)
+        build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512, password=password, **options)
+        return machine
+
+    def verify(self, machine, content=None, name="password"):
+        if content is not None:
+            machine.write(name, content)
+        return machine.run("verify", "--in", "a.vrnx", "--password-file", name)
+
+    def expect_opens(self, machine, content):
+        self.expect(self.verify(machine, content), 0, verify_text("a.vrnx", 512, 512))
+
+    def expect_wrong(self, machine, content):
+        self.expect(self.verify(machine, content), 1,
+                    verifying_line("a.vrnx", 1, 512) + verify_unauthentic(0, 512) + "\n", verify_failed(1, 1))
+
+    def source(self):
+        return self.machine(source=pattern(512, "source"), target=bytes(512))
+
+    def capture(self, machine, *options, password="password"):
+        return machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--encrypt", "--password-file", password, *options)
+
+
+class Trimming(Password):
+    def test_every_run_of_line_ends_at_the_end_goes(self):
+        machine = self.image(b"secret")
+        for end in (b"", b"\n", b"\r\n", b"\r", b"\n\n", b"\n\r", b"\r\n\r\n", b"\n\n\r\r\n\r"):
+            self.expect_opens(machine, b"secret" + end)
+
+    def test_a_blank_or_tab_before_the_line_end_stays(self):
+        machine = self.image(b"secret")
+        for content in (b"secret \r\n", b"secret\t\n", b"secret \n", b"secret\n ", b"secret\n\t\n"):
+            self.expect_wrong(machine, content)
+        self.expect_opens(self.image(b"secret "), b"secret \r\n")
+        self.expect_opens(self.image(b"secret\t"), b"secret\t\n")
+        self.expect_opens(self.image(b"secret\n "), b"secret\n ")
+
+    def test_what_stands_in_front_stays(self):
+        machine = self.image(b"secret")
+        for content in (b" secret", b"\tsecret", b"\nsecret", b"\r\nsecret\n"):
+            self.expect_wrong(machine, content)
+        self.expect_opens(self.image(b"\r\nsecret"), b"\r\nsecret\r\n")
+        self.expect_opens(self.image(b" secret"), b" secret\n")
+
+    def test_line_ends_in_the_middle_stay_as_they_are(self):
+        machine = self.image(b"two\r\nlines")
+        self.expect_opens(machine, b"two\r\nlines\r\n")
+        self.expect_wrong(machine, b"two\nlines\r\n")
+        self.expect_opens(self.image(b"two\nlines"), b"two\nlines")
+
+    def test_other_bytes_that_end_a_line_elsewhere_stay(self):
+        machine = self.image(b"secret")
+        # A zero byte alone would prove nothing: the keyed hash fills a short password up with zeros.
+        for end in (b"\x0b", b"\x0c", b"\x1a", b"\x85", b"\n\x00", b"\xe2\x80\xa8"):
+            self.expect_wrong(machine, b"secret" + end)
+
+    def test_line_ends_on_both_sides_of_a_read_block_go(self):
+        machine = self.image(b"s" * 250)
+        self.expect_opens(machine, b"s" * 250 + b"\r\n" * 20)
+        self.expect_opens(machine, b"s" * 250 + b"\n" * 6)
+        self.expect_opens(machine, b"s" * 250 + b"\r\n" * 3000)
+
+
+class Bytes(Password):
+    def test_a_zero_byte_ends_nothing(self):
+        machine = self.image(b"before\x00after")
+        self.expect_opens(machine, b"before\x00after\n")
+        self.expect_wrong(machine, b"before\x00other\n")
+        self.expect_wrong(machine, b"before")
+        self.expect_opens(self.image(b"\x00"), b"\x00")
+        self.expect_opens(self.image(b"\x00\x00"), b"\x00\x00\r\n")
+
+    def test_a_byte_order_mark_is_part_of_the_password(self):
+        for mark in (b"\xef\xbb\xbf", b"\xff\xfe", b"\xfe\xff"):
+            self.expect_opens(self.image(mark + b"secret"), mark + b"secret\n")
+            self.expect_wrong(self.image(b"secret"), mark + b"secret\n")
+
+    def test_no_character_set_is_assumed(self):
+        every = bytes(range(256))
+        self.expect_opens(self.image(every), every)
+        self.expect_opens(self.image(b"\xff\xc3\x28\x80"), b"\xff\xc3\x28\x80\n")
+
+    def test_nothing_is_normalised(self):
+        composed, decomposed = "\u00e9".encode(), "e\u0301".encode()
+        machine = self.image(composed)
+        self.expect_opens(machine, composed)
+        self.expect_wrong(machine, decomposed)
+        self.expect_wrong(self.image(b"Secret"), b"secret")
+
+    def test_an_end_of_file_character_ends_nothing(self):
+        self.expect_opens(self.image(b"before\x1aafter"), b"before\x1aafter\n")
+
+    def test_passwords_round_the_size_of_a_read_block(self):
+        for size in (1, 255, 256, 257, 511, 512, 513, 4097):
+            password = pattern(size - 1, "password") + b"."
+            machine = self.image(password)
+            self.expect_opens(machine, password + b"\n")
+            self.expect_wrong(machine, password[:-1] + b"!")
+
+
+class Limits(Password):
+    def expect_accepted(self, content):
+        """The password is taken as far as the derivation, which fails there: a large one takes it too long."""
+        machine = self.image(b"secret")
+        machine.add_fault("BCryptDeriveKeyPBKDF2", status="0xC0000001")
+        self.expect(self.verify(machine, content), 1, "", fatal_status("BCryptDeriveKeyPBKDF2", 0xC0000001))
+
+    def test_the_largest_file_is_accepted(self):
+        self.expect_accepted(b"x" * LIMIT)
+        self.expect_accepted(b"x" * (LIMIT - 1) + b"\n")
+        self.expect_accepted(b"x" * (LIMIT - 1))
+
+    def test_the_largest_password_opens(self):
+        if self.settings.windows:
+            self.skipTest("Wine hashes the whole password anew in each iteration")
+        password = pattern(LIMIT - 1, "password") + b"."
+        self.expect_opens(self.image(password), password)
+        self.expect_opens(self.image(password[1:]), password[1:] + b"\n")
+
+    def test_one_byte_more_is_refused_even_if_it_is_a_line_end(self):
+        machine = self.image(b"secret")
+        for content in (b"x" * (LIMIT + 1), b"x" * LIMIT + b"\n", b"secret" + b"\n" * (LIMIT - 5),
+                        b"x" * (LIMIT + 255), b"x" * (LIMIT + 256), b"x" * (3 * LIMIT)):
+            result = self.expect(self.verify(machine, content), 1, "", fatal(PASSWORD_TOO_LARGE))
+            self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2"), [])
+
+    def test_the_limit_counts_line_ends_that_are_trimmed(self):
+        self.expect_opens(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 6))
+        self.expect(self.verify(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 5)), 1, "", fatal(PASSWORD_TOO_LARGE))
+
+    def test_a_file_of_nothing_is_empty(self):
+        machine = self.image(b"secret")
+        for content in (b"", b"\n", b"\r\n", b"\r", b"\n\n\r\n", b"\n" * 256, b"\r\n" * 500, b"\n" * LIMIT):
+            result = self.expect(self.verify(machine, content), 1, "", fatal(PASSWORD_EMPTY))
+            self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2"), [])
+
+    def test_a_blank_alone_is_a_password(self):
+        self.expect_opens(self.image(b" "), b" \n")
+
+    def test_a_file_of_line_ends_above_the_limit_is_too_large_and_not_empty(self):
+        self.expect(self.verify(self.image(b"secret"), b"\n" * (LIMIT + 1)), 1, "", fatal(PASSWORD_TOO_LARGE))
+
+
+class Unreadable(Password):
+    def test_a_missing_file_is_told_with_its_error(self):
+        self.expect(self.verify(self.image(b"secret"), name="missing"), 1, "",
+                    "FATAL: could not open password file (GetLastError=2)\n")
+
+    def test_a_missing_folder_is_told_with_its_error(self):
+        self.expect(self.verify(self.image(b"secret"), name="missing/password"), 1, "",
+                    "FATAL: could not open password file (GetLastError=3)\n")
+
+    def test_a_folder_is_told_with_its_error(self):
+        machine = self.image(b"secret")
+        os.mkdir(machine.path("folder"))
+        self.expect(self.verify(machine, name="folder"), 1, "",
+                    "FATAL: could not open password file (GetLastError=5)\n")
+
+    def test_it_is_found_through_any_path(self):
+        machine = self.image(b"secret")
+        os.mkdir(machine.path("folder"))
+        machine.write("folder/password", b"secret")
+        for name in ("folder/password", "./folder/../folder/password", machine.absolute("folder/password")):
+            self.expect(self.verify(machine, name=name), 0, verify_text("a.vrnx", 512, 512))
+
+    def test_it_is_only_read(self):
+        machine = self.image(b"secret")
+        self.expect_opens(machine, b"secret\r\n")
+        self.expect_file(machine, "password", b"secret\r\n")
+        self.assertEqual(machine.files(), ["a.vrnx", "password"])
+
+
+class Place(Password):
+    """Where in a run the password file comes to light."""
+
+    def test_a_plain_image_does_not_look_at_it(self):
+        machine = self.machine(default=False)
+        build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512)
+        os.mkdir(machine.path("folder"))
+        machine.write("empty", b"")
+        for name in ("missing", "folder", "empty"):
+            result = self.expect(self.verify(machine, name=name), 0, verify_text("a.vrnx", 512, 512))
+            self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2"), [])
+
+    def test_a_sealed_image_without_one_is_refused(self):
+        machine = self.image(b"secret")
+        for options in ([], ["--password-file", ""], ["--password-file"]):
+            result = self.expect(machine.run("verify", "--in", "a.vrnx", *options), 1, "",
+                                 fatal("this image is encrypted - pass --password-file"))
+            self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2"), [])
+        self.assertEqual(NEEDS_PASSWORD, "this image is encrypted - pass --password-file")
+
+    def broken(self, change):
+        machine = self.machine(default=False)
+        builder = ImageBuilder(pattern(2 * 512, "image"), chunk_size=512, password=b"secret")
+        change(builder)
+        builder.write(machine.path("a.vrnx"))
+        return machine
+
+    def test_every_check_of_header_and_table_comes_before_it(self):
+        for change, message in (
+                (lambda builder: setattr(builder.header, "sector_size", 768),
+                 "image header has invalid disk/sector/chunk geometry"),
+                (lambda builder: setattr(builder.header, "kdf_iterations", 99999), KDF_PARAMETERS),
+                (lambda builder: setattr(builder.header, "kdf_iterations", 10000001), KDF_PARAMETERS),
+                (lambda builder: setattr(builder.header, "encrypted", 2), KDF_PARAMETERS),
+                (lambda builder: setattr(builder.header, "chunk_count", 3), "image header has an impossible chunk count"),
+                (lambda builder: builder.records.pop(), "image is truncated before its chunk table"),
+                (lambda builder: setattr(builder.records[1], "disk_offset", 0),
+                 "image chunk table has an invalid offset or length"),
+                (lambda builder: builder.stored.pop(), "image chunk data extends past end of file")):
+            machine = self.broken(change)
+            if message == "image is truncated before its chunk table":
+                machine.write("a.vrnx", machine.read("a.vrnx")[:64 + 72])
+            for options in (["--password-file", "missing"], []):
+                self.expect(machine.run("verify", "--in", "a.vrnx", *options), 1, "", fatal(message))
+
+    def test_it_comes_before_the_trailer_of_a_thin_image(self):
+        machine = self.image(b"secret")
+        os.rename(machine.path("a.vrnx"), machine.path("base.vrnx"))
+        builder = ImageBuilder(pattern(512, "image"), chunk_size=512, password=b"secret", base=machine.path("base.vrnx"))
+        builder.trailer.magic = b"VRNXBASF"
+        builder.write(machine.path("a.vrnx"))
+        self.expect(self.verify(machine, name="missing"), 1, "", fatal(PASSWORD_UNREADABLE, 2))
+        self.expect(self.verify(machine, b"secret"), 1, "", fatal("thin image trailer is malformed"))
+
+    def test_a_capture_draws_its_salt_before_it_reads_the_password(self):
+        for content, message in ((None, PASSWORD_UNREADABLE), (b"", PASSWORD_EMPTY), (b"\n", PASSWORD_EMPTY),
+                                 (b"x" * (LIMIT + 1), PASSWORD_TOO_LARGE)):
+            machine = self.source()
+            if content is not None:
+                machine.write("password", content)
+            report = fatal(message) if content is not None else fatal(message, 2)
+            result = self.expect(self.capture(machine), 1, source_line(1, 512) + NO_TRACKER, report)
+            self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16])
+            self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2") + result.calls("GetFileAttributesA"), [])
+            self.assertEqual(machine.files(), [] if content is None else ["password"])
+
+    def test_a_capture_without_random_bytes_does_not_look_at_it(self):
+        for call, message in (("BCryptOpenAlgorithmProvider", "BCryptOpenAlgorithmProvider(RNG)"),
+                              ("BCryptGenRandom", "BCryptGenRandom")):
+            machine = self.source()
+            machine.add_fault(call, status="0xC0000001")
+            self.expect(self.capture(machine, password="missing"), 1, source_line(1, 512) + NO_TRACKER,
+                        fatal_status(message, 0xC0000001))
+
+    def test_a_base_that_is_refused_comes_before_the_password_of_the_new_image(self):
+        machine = self.source()
+        result = self.capture(machine, "--base", "missing.vrnx", password="missing")
+        self.expect(result, 1, source_line(1, 512) + NO_TRACKER + "Incremental mode: base image missing.vrnx\n",
+                    "could not open image file: missing.vrnx\n" + fatal("could not open image file", 2))
+        self.assertEqual(result.calls("BCryptGenRandom"), [])
+
+    def test_a_consolidation_reads_it_for_the_input_the_output_and_the_verification(self):
+        machine = self.image(b"secret")
+        machine.write("password", b"secret\n")
+        result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", "password", "--encrypt")
+        self.assertEqual(result.status, 0, result.describe())
+        self.assertEqual([line["iterations"] for line in result.calls("BCryptDeriveKeyPBKDF2")], [100000, 200000, 200000])
+
+    def test_a_consolidation_with_a_bad_one_leaves_no_output(self):
+        machine = self.machine(default=False)
+        build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512)
+        machine.write("empty", b"\r\n")
+        for name, report in (("missing", fatal(PASSWORD_UNREADABLE, 2)), ("empty", fatal(PASSWORD_EMPTY))):
+            result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", name, "--encrypt")
+            self.expect(result, 1, "", report)
+            self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16])
+        self.assertEqual(machine.files(), ["a.vrnx", "empty"])
+
+    def test_it_is_read_before_the_target_of_a_restore_is_opened(self):
+        machine = self.image(b"secret")
+        machine.add_disk(0, bytes(65536))
+        machine.system_volume([(0, 4096, 8192)])
+        machine.add_disk(2, pattern(512, "target"))
+        machine.write("empty", b"\n")
+        for name, report in (("missing", fatal(PASSWORD_UNREADABLE, 2)), ("empty", fatal(PASSWORD_EMPTY))):
+            result = machine.run("restore", "--in", "a.vrnx", "--disk", "2", "--confirm", "YES", "--password-file", name)
+            self.expect(result, 1, "", report)
+            self.assertEqual(result.calls("CreateFileW", path="PhysicalDrive"), [])
+        self.expect_disk(machine, 2, pattern(512, "target"))
+
+
+class Derivation(Password):
+    def test_a_captured_image_opens_with_the_trimmed_password(self):
+        machine = self.source()
+        machine.write("password", b"\xef\xbb\xbf two words \r\n\r\n")
+        self.expect(self.capture(machine), 0, capture_text(1, 512, "a.vrnx"))
+        self.expect_good_image(machine, "a.vrnx", pattern(512, "source"), b"\xef\xbb\xbf two words ")
+        self.expect(self.verify(machine, b"\xef\xbb\xbf two words "), 0, verify_text("a.vrnx", 512, 0x400000))
+
+    def test_failures_carry_the_status(self):
+        for call, skip, message in (("BCryptOpenAlgorithmProvider", 1, "BCryptOpenAlgorithmProvider(HMAC-SHA256)"),
+                                    ("BCryptDeriveKeyPBKDF2", 0, "BCryptDeriveKeyPBKDF2")):
+            for status in (0xC000000D, 0x80000001, 0xC0000225):
+                machine = self.image(b"secret")
+                machine.add_fault(call, skip=skip, status=f"0x{status:08X}")
+                self.expect(self.verify(machine, b"secret"), 1, "", fatal_status(message, status))
+
+    def test_one_password_serves_a_chain_of_images_with_their_own_iterations(self):
+        machine = self.image(b"secret", iterations=100001, seed="base")
+        os.rename(machine.path("a.vrnx"), machine.path("base.vrnx"))
+        build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512, password=b"secret", iterations=100002,
+                    base=machine.path("base.vrnx"), seed="top")
+        result = self.verify(machine, b"secret\n")
+        self.assertEqual(result.status, 0, result.describe())
+        self.assertEqual([line["iterations"] for line in result.calls("BCryptDeriveKeyPBKDF2")], [100002, 100001])
+
+
+if __name__ == "__main__":
+    suite.main()

@@ -1,0 +1,389 @@
+"""capture --vss: which chunks come out of a shadow device and which from the live disk.
+
+The rule is about whole chunks: one that lies wholly inside a snapshotted volume is read from its shadow device, every
+other one from the live disk, in one piece. It shows in the bytes of the image on a disk that changes all the time, and
+in the log.
+"""
+
+import os
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from console import NO_TRACKER, fatal, meter_run, source_line, verify_text
+from image import ImageBuilder, build_image, read_table
+from machine import FLAG_NO_BUFFERING, pattern
+from snapshot import (FREEZING, GATHERING, begun, fall_back, shadow_path, session_calls, short_names, volume_name,
+                      snapshotted, snapshotting)
+
+MIB4 = 0x400000
+DISK = "\\\\.\\PhysicalDrive1"
+READ_FAILED = "ReadFile from source disk failed mid-capture - image is incomplete, do not trust it"
+SEEK_FAILED = "SetFilePointerEx on source failed mid-capture"
+LIVE = pattern(3 * MIB4, "source")
+FROZEN = pattern(3 * MIB4, "frozen")  # what the disk held at the moment of the snapshot
+
+
+class SnapshotReads(suite.Scenario):
+    def machine_with(self, size, *volumes, sector_size=512, frozen=True):
+        """`volumes` as (number, start, length) each. With `frozen` their shadows hold other bytes than the disk."""
+        machine = self.machine(source=LIVE[:size], target=bytes(512), sector_size=sector_size)
+        machine.shadow_service()
+        for number, start, length in volumes:
+            contents = {"shadow_contents": FROZEN[start:start + length]} if frozen else {}
+            machine.add_volume(volume_name(number), [(1, start, length)], **contents)
+        return machine
+
+    def capture(self, machine, *options, out="a.vrnx"):
+        return machine.run("capture", "--disk", "1", "--out", out, "--vss", *options)
+
+    def reads(self, result):
+        """The reads of the loop as (path, offset, length), each of them preceded by its seek to that place."""
+        found = []
+        for before, line in zip(result.log, result.log[1:]):
+            if line["call"] == "ReadFile" and (line["path"] == DISK or "ShadowCopy" in line["path"]):
+                self.assertEqual((before["call"], before["path"], before["offset"]),
+                                 ("SetFilePointerEx", line["path"], line["offset"]))
+                found.append((line["path"], line["offset"], line["length"]))
+        return found
+
+    def expect_reads(self, size, volumes, sources, *, sector_size=512):
+        """A disk of this size with these volumes is read from these places, (path, offset, length) each, and the image
+        holds what lies there."""
+        machine = self.machine_with(size, *volumes, sector_size=sector_size)
+        result = self.capture(machine)
+        self.expect(result, 0, source_line(1, size, sector_size) + begun(volumes) + NO_TRACKER + meter_run(size, MIB4)
+                    + "\nCapture complete: a.vrnx\n")
+        self.assertEqual(self.reads(result), sources)
+        plain, offset = b"", 0
+        for path, _, length in sources:
+            plain += (LIVE if path == DISK else FROZEN)[offset:offset + length]
+            offset += length
+        self.expect_good_image(machine, "a.vrnx", plain)
+        return result
+
+
+class Rule(SnapshotReads):
+    def test_a_chunk_that_fills_a_volume_exactly_is_read_from_byte_0_of_its_shadow(self):
+        self.expect_reads(2 * MIB4, [(1, MIB4, MIB4)], [(DISK, 0, MIB4), (shadow_path(1), 0, MIB4)])
+        self.expect_reads(2 * MIB4, [(1, 0, MIB4)], [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)])
+
+    def test_a_chunk_that_ends_one_sector_past_a_volume_is_read_live(self):
+        self.expect_reads(2 * MIB4, [(1, MIB4, MIB4 - 512)], [(DISK, 0, MIB4), (DISK, MIB4, MIB4)])
+
+    def test_a_chunk_that_ends_one_sector_before_the_volume_does_is_frozen(self):
+        self.expect_reads(2 * MIB4, [(1, 0, MIB4 + 512)], [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)])
+
+    def test_a_chunk_that_starts_one_sector_before_a_volume_is_read_live(self):
+        self.expect_reads(2 * MIB4, [(1, 512, 2 * MIB4 - 512)],
+                          [(DISK, 0, MIB4), (shadow_path(1), MIB4 - 512, MIB4)])
+
+    def test_a_chunk_that_starts_one_sector_behind_the_start_of_a_volume_is_frozen(self):
+        self.expect_reads(2 * MIB4, [(1, MIB4 - 512, MIB4 + 512)], [(DISK, 0, MIB4), (shadow_path(1), 512, MIB4)])
+
+    def test_a_volume_of_several_chunks_serves_each_at_its_place(self):
+        self.expect_reads(3 * MIB4, [(1, 0, 3 * MIB4)],
+                          [(shadow_path(1), place * MIB4, MIB4) for place in range(3)])
+
+    def test_the_first_and_last_chunks_of_a_volume_off_the_boundaries_are_read_live(self):
+        self.expect_reads(3 * MIB4, [(1, 1048576, 3 * MIB4 - 2097152)],
+                          [(DISK, 0, MIB4), (shadow_path(1), 3145728, MIB4), (DISK, 2 * MIB4, MIB4)])
+
+    def test_a_volume_smaller_than_a_chunk_is_read_live_entirely(self):
+        self.expect_reads(MIB4 + 8192, [(1, 65536, MIB4 - 131072)], [(DISK, 0, MIB4), (DISK, MIB4, 8192)])
+        # Nor does it help where it crosses from one chunk into the next.
+        self.expect_reads(2 * MIB4, [(1, MIB4 - 65536, 131072)], [(DISK, 0, MIB4), (DISK, MIB4, MIB4)])
+
+    def test_a_chunk_across_two_adjacent_volumes_is_read_live_and_its_neighbours_from_their_shadows(self):
+        for border in (MIB4 + 512, 2 * MIB4 - 512, MIB4 + 2097152):
+            self.expect_reads(3 * MIB4, [(1, 0, border), (2, border, 3 * MIB4 - border)],
+                              [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4),
+                               (shadow_path(2), 2 * MIB4 - border, MIB4)])
+
+    def test_adjacent_volumes_on_a_chunk_boundary_leave_nothing_live(self):
+        self.expect_reads(2 * MIB4, [(1, 0, MIB4), (2, MIB4, MIB4)],
+                          [(shadow_path(1), 0, MIB4), (shadow_path(2), 0, MIB4)])
+
+    def test_the_short_last_chunk_follows_the_rule_with_its_own_length(self):
+        rest = 12288
+        self.expect_reads(MIB4 + rest, [(1, MIB4, rest)], [(DISK, 0, MIB4), (shadow_path(1), 0, rest)])
+        self.expect_reads(MIB4 + rest, [(1, MIB4, rest - 512)], [(DISK, 0, MIB4), (DISK, MIB4, rest)])
+        self.expect_reads(MIB4 + rest, [(1, MIB4 + 512, rest - 512)], [(DISK, 0, MIB4), (DISK, MIB4, rest)])
+        self.expect_reads(MIB4 + rest, [(1, MIB4 - 4096, rest + 4096)], [(DISK, 0, MIB4), (shadow_path(1), 4096, rest)])
+
+    def test_the_ranges_count_in_the_order_of_their_starts_whatever_the_enumeration(self):
+        self.expect_reads(2 * MIB4, [(2, MIB4, MIB4), (1, 0, MIB4)],
+                          [(shadow_path(2), 0, MIB4), (shadow_path(1), 0, MIB4)])
+        # Volumes do not overlap in truth; where they seem to, the one that starts first serves.
+        self.expect_reads(2 * MIB4, [(2, MIB4, MIB4), (1, 0, 2 * MIB4)],
+                          [(shadow_path(2), 0, MIB4), (shadow_path(2), MIB4, MIB4)])
+
+    def test_sectors_of_4096_bytes(self):
+        self.expect_reads(2 * MIB4, [(1, 4096, 2 * MIB4 - 4096)],
+                          [(DISK, 0, MIB4), (shadow_path(1), MIB4 - 4096, MIB4)], sector_size=4096)
+
+    def test_both_sources_are_read_unbuffered(self):
+        result = self.expect_reads(2 * MIB4, [(1, MIB4, MIB4)], [(DISK, 0, MIB4), (shadow_path(1), 0, MIB4)])
+        for path in (DISK, shadow_path(1)):
+            self.assertEqual([line["flags"] for line in result.calls("CreateFileW", path=path)], [FLAG_NO_BUFFERING])
+
+    def test_without_vss_everything_is_read_live(self):
+        machine = self.machine_with(2 * MIB4, (1, 0, 2 * MIB4))
+        result = machine.run("capture", "--disk", "1", "--out", "a.vrnx")
+        self.assertEqual((result.status, self.reads(result)), (0, [(DISK, 0, MIB4), (DISK, MIB4, MIB4)]))
+        self.expect_good_image(machine, "a.vrnx", LIVE[:2 * MIB4])
+
+    def test_with_an_empty_list_everything_is_read_live(self):
+        machine = self.machine_with(2 * MIB4, (1, 0, 2 * MIB4))
+        machine.add_fault("CreateFileW", path="ShadowCopy", error=2)
+        result = self.capture(machine)
+        self.assertEqual((result.status, self.reads(result)), (0, [(DISK, 0, MIB4), (DISK, MIB4, MIB4)]))
+        self.expect_good_image(machine, "a.vrnx", LIVE[:2 * MIB4])
+        self.assertIn(snapshotted(0).encode(), result.stdout)
+
+    def test_the_stretch_of_a_volume_that_was_passed_over_is_read_live(self):
+        machine = self.machine_with(2 * MIB4, (1, 0, MIB4), (2, MIB4, MIB4))
+        machine.description["volumes"][0]["supported"] = False
+        result = self.capture(machine)
+        self.assertEqual((result.status, self.reads(result)), (0, [(DISK, 0, MIB4), (shadow_path(1), 0, MIB4)]))
+        self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:2 * MIB4])
+
+    def test_a_spanned_volume_is_read_live(self):
+        machine = self.machine_with(2 * MIB4, (1, 0, MIB4))
+        machine.add_volume(volume_name(2), [(1, MIB4, MIB4), (2, 0, 512)])
+        result = self.capture(machine)
+        self.assertEqual((result.status, self.reads(result)), (0, [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)]))
+
+
+class ChangingDisk(SnapshotReads):
+    """A disk that is written to before every single call of the session and of the loop."""
+
+    SIZE = 3 * MIB4 - 1048576
+    # The second chunk lies wholly inside the volume, the first and the last reach out of it.
+    START, END = 1048576, SIZE - 512
+
+    def poked_calls(self):
+        """The calls of a clean run that come behind the opening of the disk, in their order."""
+        machine = self.machine_with(self.SIZE, (1, self.START, self.END - self.START), frozen=False)
+        result = self.capture(machine)
+        self.assertEqual(result.status, 0)
+        names = [line["call"] for line in result.log]
+        self.assertEqual(names[0], "CreateFileW")
+        return names[1:-1]
+
+    def replay(self, names, vss=True):
+        """A change of the disk before each call; gives the machine, the image's bytes and the disk's at the end."""
+        machine = self.machine_with(self.SIZE, (1, self.START, self.END - self.START), frozen=False)
+        now, frozen, seen = bytearray(LIVE[:self.SIZE]), None, bytearray(self.SIZE)
+        reads = 0
+        for turn, name in enumerate(names):
+            # One after the other in each chunk, at its start, in its middle and at its end; the same places come again.
+            chunk, where = turn % 3, turn // 3 % 3
+            first, last = chunk * MIB4, min((chunk + 1) * MIB4, self.SIZE)
+            offset = (first, (first + last) // 2, last - 32)[where]
+            data = pattern(32, f"change {turn}")
+            machine.add_fault(name, poke={"disk": 1, "offset": offset, "hex": data.hex()})
+            now[offset:offset + 32] = data
+            if name == "IVssBackupComponents::DoSnapshotSet":
+                frozen = bytes(now)
+            if name == "ReadFile":
+                first, last = reads * MIB4, min((reads + 1) * MIB4, self.SIZE)
+                seen[first:last] = (frozen if vss and reads == 1 else now)[first:last]
+                reads += 1
+        self.assertEqual(reads, 3)
+        return machine, bytes(seen), bytes(now)
+
+    def test_the_frozen_chunk_is_that_of_the_moment_of_the_snapshot_and_the_others_are_live(self):
+        machine, seen, at_the_end = self.replay(self.poked_calls())
+        result = self.capture(machine)
+        self.expect(result, 0, source_line(1, self.SIZE) + begun([(1, self.START, self.END - self.START)]) + NO_TRACKER
+                    + meter_run(self.SIZE, MIB4) + "\nCapture complete: a.vrnx\n")
+        self.assertEqual(self.reads(result), [(DISK, 0, MIB4), (shadow_path(1), MIB4 - self.START, MIB4),
+                                              (DISK, 2 * MIB4, self.SIZE - 2 * MIB4)])
+        self.expect_good_image(machine, "a.vrnx", seen)
+        self.expect_disk(machine, 1, at_the_end)
+        # The three are three states of the disk: none is the one before the run, and the frozen one is not the last.
+        before = LIVE[:self.SIZE]
+        self.assertNotEqual(seen[MIB4:2 * MIB4], before[MIB4:2 * MIB4])
+        self.assertNotEqual(seen[MIB4:2 * MIB4], at_the_end[MIB4:2 * MIB4])
+        machine.clear_faults()
+        self.expect(machine.run("verify", "--in", "a.vrnx"), 0, verify_text("a.vrnx", self.SIZE, MIB4))
+
+    def test_the_same_disk_without_vss_is_live_throughout(self):
+        machine = self.machine_with(self.SIZE, (1, self.START, self.END - self.START), frozen=False)
+        names = [line["call"] for line in machine.run("capture", "--disk", "1", "--out", "a.vrnx").log][1:-1]
+        machine, seen, _ = self.replay(names, vss=False)
+        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "a.vrnx").status, 0)
+        self.expect_good_image(machine, "a.vrnx", seen)
+
+    def test_a_change_between_two_reads_shows_in_live_chunks_only(self):
+        """The same three bytes of each chunk are written anew at every read."""
+        def changed(turn):
+            return bytes([0xA0 + turn]) * 3
+
+        machine = self.machine_with(self.SIZE, (1, self.START, self.END - self.START), frozen=False)
+        for turn in range(3):
+            machine.add_fault("ReadFile", poke={"disk": 1, "offset": turn * MIB4 + 65536, "hex": changed(turn).hex()})
+        self.assertEqual(self.capture(machine).status, 0)
+        expected = bytearray(LIVE[:self.SIZE])
+        for turn in (0, 2):
+            expected[turn * MIB4 + 65536:turn * MIB4 + 65539] = changed(turn)
+        self.expect_good_image(machine, "a.vrnx", bytes(expected))
+        expected[MIB4 + 65536:MIB4 + 65539] = changed(1)
+        self.expect_disk(machine, 1, bytes(expected))
+
+    def test_a_change_before_the_snapshot_is_in_it_and_one_behind_it_is_not(self):
+        for call, included in (("IVssBackupComponents::PrepareForBackup", True),
+                               ("IVssBackupComponents::DoSnapshotSet", True),
+                               ("IVssBackupComponents::GatherWriterStatus", False),
+                               ("BCryptOpenAlgorithmProvider", False)):
+            machine = self.machine_with(MIB4, (1, 0, MIB4), frozen=False)
+            machine.add_fault(call, poke={"disk": 1, "offset": 1000, "hex": "c0ffee"})
+            self.assertEqual(self.capture(machine).status, 0)
+            after = LIVE[:1000] + b"\xc0\xff\xee" + LIVE[1003:MIB4]
+            self.expect_good_image(machine, "a.vrnx", after if included else LIVE[:MIB4])
+            self.expect_disk(machine, 1, after)
+
+    def test_a_session_that_fell_back_reads_the_changing_disk_live(self):
+        machine = self.machine_with(MIB4, (1, 0, MIB4), frozen=False)
+        machine.add_fault("IVssBackupComponents::DoSnapshotSet", status="0x8004230F")
+        machine.add_fault("ReadFile", poke={"disk": 1, "offset": 1000, "hex": "c0ffee"})
+        self.expect(self.capture(machine), 0, source_line(1, MIB4) + GATHERING + snapshotting(1, 0, MIB4) + FREEZING
+                    + fall_back("DoSnapshotSet failed", 0x8004230F) + NO_TRACKER + meter_run(MIB4, MIB4)
+                    + "\nCapture complete: a.vrnx\n")
+        self.expect_good_image(machine, "a.vrnx", LIVE[:1000] + b"\xc0\xff\xee" + LIVE[1003:MIB4])
+
+
+class Failures(SnapshotReads):
+    SIZE = MIB4 + 8192
+    VOLUME = (1, MIB4, 8192)
+
+    def expect_fatal(self, message, last_error, **fault):
+        machine = self.machine_with(self.SIZE, self.VOLUME)
+        machine.add_fault(**fault)
+        result = self.capture(machine)
+        self.expect(result, 1, source_line(1, self.SIZE) + begun([self.VOLUME]) + NO_TRACKER
+                    + meter_run(self.SIZE, MIB4, upto=1), fatal(message, last_error) if last_error else fatal(message))
+        self.assertEqual(short_names(session_calls(result))[-4:], ["AbortBackup", "DeleteSnapshots", "Release",
+                                                                    "CoUninitialize"])
+        self.assertEqual(machine.files(), ["a.vrnx.partial"])
+        return result
+
+    def test_a_read_that_fails_on_a_shadow_device_is_fatal_and_not_tried_on_the_live_disk(self):
+        result = self.expect_fatal(READ_FAILED, 23, call="ReadFile", path="ShadowCopy", error=23)
+        self.assertEqual([(line["path"], line["ok"]) for line in result.calls("ReadFile")],
+                         [(DISK, True), (shadow_path(1), False)])
+
+    def test_a_read_that_is_short_on_a_shadow_device_is_fatal(self):
+        for transferred in (0, 512, 8192 - 512):
+            result = self.expect_fatal(READ_FAILED, None, call="ReadFile", path="ShadowCopy", transferred=transferred)
+            self.assertEqual(len(result.calls("ReadFile")), 2)
+
+    def test_a_seek_that_fails_on_a_shadow_device_is_fatal(self):
+        result = self.expect_fatal(SEEK_FAILED, 131, call="SetFilePointerEx", path="ShadowCopy", error=131)
+        self.assertEqual([line["path"] for line in result.calls("ReadFile")], [DISK])
+
+    def test_a_shadow_device_that_holds_less_than_its_volume_is_fatal(self):
+        machine = self.machine_with(self.SIZE, self.VOLUME)
+        machine.write_home("shadow1.img", bytes(4096))
+        self.expect(self.capture(machine), 1, source_line(1, self.SIZE) + begun([self.VOLUME]) + NO_TRACKER
+                    + meter_run(self.SIZE, MIB4, upto=1), fatal(READ_FAILED))
+
+    def test_a_live_read_that_fails_beside_a_good_shadow_is_fatal(self):
+        machine = self.machine_with(self.SIZE, self.VOLUME)
+        machine.add_fault("ReadFile", path="PhysicalDrive1", error=23)
+        self.expect(self.capture(machine), 1, source_line(1, self.SIZE) + begun([self.VOLUME]) + NO_TRACKER,
+                    fatal(READ_FAILED, 23))
+
+    def test_an_unreadable_stretch_of_the_live_disk_does_not_matter_where_a_shadow_serves(self):
+        machine = self.machine_with(self.SIZE, self.VOLUME)
+        machine.add_fault("ReadFile", path="PhysicalDrive1", skip=1, error=23)
+        self.assertEqual(self.capture(machine).status, 0)
+        self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:self.SIZE])
+
+
+class Incremental(SnapshotReads):
+    SIZE = MIB4 + 8192
+    VOLUMES = [(1, 0, MIB4), (2, MIB4, 8192)]
+    PASSWORD = b"correct horse"
+
+    def over_base(self, plain, **tracked):
+        """Both chunks are served by shadows; a base of these bytes; a tracker with a previous epoch of 5, if any."""
+        machine = self.machine_with(self.SIZE, *self.VOLUMES)
+        build_image(machine.path("base.vrnx"), plain, chunk_size=MIB4, epoch=5)
+        if tracked:
+            machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": 5, "current_epoch": 6,
+                              **tracked}])
+        return machine
+
+    def beginning(self, machine):
+        return (source_line(1, self.SIZE) + begun(self.VOLUMES)
+                + ("Change tracker: disk 1 epoch 6\n" if "tracker" in machine.description else NO_TRACKER)
+                + "Incremental mode: base image base.vrnx\n")
+
+    def marked(self):
+        """Only the second chunk was written since the base, by the tracker."""
+        bitmap = bytearray(9)
+        bitmap[8] = 1
+        return bitmap.hex()
+
+    def test_a_chunk_that_the_tracker_proves_unchanged_is_read_from_nowhere(self):
+        base = LIVE[:MIB4] + bytes(8192)
+        machine = self.over_base(base, bitmap=self.marked())
+        result = self.capture(machine, "--base", "base.vrnx")
+        self.expect(result, 0, self.beginning(machine) + "  --base: base epoch 5 matches tracker; unchanged chunks will"
+                    " be copied from the base image.\n" + meter_run(self.SIZE, MIB4)
+                    + "\nCapture complete: a.vrnx (Read from disk: 1, Copied from base: 1 chunks)\n")
+        self.assertEqual(self.reads(result), [(shadow_path(2), 0, 8192)])
+        self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:self.SIZE])
+
+    def test_a_thin_capture_reads_only_what_the_tracker_marks_and_reads_it_frozen(self):
+        machine = self.over_base(LIVE[:MIB4] + bytes(8192), bitmap=self.marked())
+        result = self.capture(machine, "--base", "base.vrnx", "--thin")
+        self.expect(result, 0, self.beginning(machine) + "  --base: base epoch 5 matches tracker; unchanged chunks will"
+                    " be copied from the base image.\n" + meter_run(self.SIZE, MIB4)
+                    + "\nCapture complete (thin): a.vrnx  (stored 1 of 2 chunks, 1 are references to the base; read"
+                    " from disk: 1)\n")
+        self.assertEqual(self.reads(result), [(shadow_path(2), 0, 8192)])
+        self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:self.SIZE])
+
+    def test_a_thin_capture_compares_the_frozen_bytes_with_the_base(self):
+        # The live disk has moved on in both chunks; at the moment of the snapshot only the second one had.
+        machine = self.over_base(FROZEN[:MIB4] + bytes(8192))
+        result = self.capture(machine, "--base", "base.vrnx", "--thin")
+        self.expect(result, 0, self.beginning(machine) + "  --base: cannot prove what changed (no change tracker for"
+                    " this disk) - reading every chunk and comparing hashes with the base (no driver needed; slower to"
+                    " read, still a small file).\n" + meter_run(self.SIZE, MIB4)
+                    + "\nCapture complete (thin): a.vrnx  (stored 1 of 2 chunks, 1 are references to the base; read"
+                    " from disk: 2)\n")
+        self.assertEqual([path for path, _, _ in self.reads(result)], [shadow_path(1), shadow_path(2)])
+        self.assertEqual([record.stored_length for record in read_table(machine.path("a.vrnx"))[1]], [0, 8192])
+        self.expect_good_image(machine, "a.vrnx", FROZEN[:self.SIZE])
+
+    def test_a_fallback_to_a_full_capture_still_reads_frozen(self):
+        machine = self.over_base(bytes(self.SIZE))
+        result = self.capture(machine, "--base", "base.vrnx")
+        self.expect(result, 0, self.beginning(machine) + "  --base: cannot prove what changed (no change tracker for"
+                    " this disk) - doing a FULL capture (correct, just slower).\n" + meter_run(self.SIZE, MIB4)
+                    + "\nCapture complete: a.vrnx\n")
+        self.expect_good_image(machine, "a.vrnx", FROZEN[:self.SIZE])
+
+    def test_a_sealed_capture_seals_the_frozen_bytes(self):
+        machine = self.machine_with(self.SIZE, *self.VOLUMES)
+        machine.write("password.txt", self.PASSWORD + b"\n")
+        result = self.capture(machine, "--encrypt", "--password-file", "password.txt")
+        self.expect(result, 0, source_line(1, self.SIZE) + begun(self.VOLUMES) + NO_TRACKER + meter_run(self.SIZE, MIB4)
+                    + "\nCapture complete: a.vrnx\n")
+        self.expect_good_image(machine, "a.vrnx", FROZEN[:self.SIZE], self.PASSWORD)
+
+    def test_the_image_carries_no_mark_of_how_it_was_read(self):
+        machine = self.machine_with(self.SIZE, *self.VOLUMES)
+        machine.set_disk_bytes(1, FROZEN[:self.SIZE])
+        self.assertEqual(self.capture(machine).status, 0)
+        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "live.vrnx").status, 0)
+        self.expect_file(machine, "a.vrnx", machine.read("live.vrnx"))
+        self.expect_file(machine, "a.vrnx", ImageBuilder(FROZEN[:self.SIZE], chunk_size=MIB4).to_bytes())
+
+
+if __name__ == "__main__":
+    suite.main()

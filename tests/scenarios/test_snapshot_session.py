@@ -1,0 +1,871 @@
+"""capture --vss: the session with the shadow copy service from its first call to its last, and how each step fails.
+
+One volume covers the whole of a disk of one chunk, and its frozen bytes differ from the live ones: the image tells from
+which of the two it was read. A failure of the session never fails the capture.
+"""
+
+import os
+import re
+import subprocess
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from console import NO_TRACKER, RESTORE_UNCONFIRMED, USAGE, gib, fatal, fatal_status, meter_run, source_line
+from image import build_image, check_image, reference_plain_bytes
+from machine import ACCESS_READ, FLAG_NO_BUFFERING, SETTINGS, TRACKER_ATTACH, TRACKER_COMMIT, TRACKER_QUERY, pattern
+from snapshot import (ASYNC_CANCELLED, ASYNC_FINISHED, ASYNC_PENDING, E_FAIL, FREEZING, GATHERING, NO_MODULE,
+                      OBJECT_NOT_FOUND, begun, device_of, fall_back, not_deleted, session_calls, shadow_path,
+                      short_names, snapshotted, snapshotting, step_failed, volume_name, writer_failed, writers_reported)
+from test_block_devices import numbered_disks, reason_to_skip
+
+MIB4 = 0x400000
+SIZE = 64 * 1024
+LIVE = pattern(SIZE, "source")
+FROZEN = pattern(SIZE, "frozen")
+WHOLE = (1, 0, SIZE)
+READ_FAILED = "ReadFile from source disk failed mid-capture - image is incomplete, do not trust it"
+
+WAIT = ["async Wait", "async QueryStatus", "async Release"]
+CREATED = ["CoInitializeEx", "CoInitializeSecurity", "CreateVssBackupComponents"]
+READY = [*CREATED, "InitializeForBackup", "SetContext", "SetBackupState"]
+STARTED = [*READY, "GatherWriterMetadata", *WAIT, "StartSnapshotSet"]
+ADDED = [*STARTED, "IsVolumeSupported", "AddToSnapshotSet"]
+PREPARED = [*ADDED, "PrepareForBackup", *WAIT]
+TAKEN = [*PREPARED, "DoSnapshotSet", *WAIT]
+REPORTED = [*TAKEN, "GatherWriterStatus", *WAIT, "GetWriterStatusCount", "FreeWriterStatus"]
+OPENED = [*REPORTED, "GetSnapshotProperties", "VssFreeSnapshotProperties"]
+COMPLETED = ["BackupComplete", *WAIT, "DeleteSnapshots", "Release", "CoUninitialize"]
+ABORTED = ["AbortBackup", "DeleteSnapshots", "Release", "CoUninitialize"]
+RELEASED = ["Release", "CoUninitialize"]
+
+
+class Session(suite.Scenario):
+    def machine_with(self, *volumes, writers=()):
+        """A disk with volume 1 all over it, or with these volumes: (number, start, length, further fields) each."""
+        machine = self.machine(source=LIVE, target=bytes(512))
+        machine.shadow_service(writers)
+        if not volumes:
+            machine.add_volume(volume_name(1), [(1, 0, SIZE)], shadow_contents=FROZEN)
+        for number, start, length, *fields in volumes:
+            machine.add_volume(volume_name(number), [(1, start, length)], **(fields[0] if fields else {}))
+        return machine
+
+    def capture(self, machine, *options, out="a.vrnx"):
+        return machine.run("capture", "--disk", "1", "--out", out, "--vss", *options)
+
+    def expect_captured(self, machine, session, calls, *, plain=FROZEN, at_the_end=""):
+        """A capture that prints this of its session and makes these calls; the image holds the given bytes."""
+        result = self.capture(machine)
+        self.expect(result, 0, source_line(1, SIZE) + session + NO_TRACKER + meter_run(SIZE, MIB4) + "\n" + at_the_end
+                    + "Capture complete: a.vrnx\n")
+        self.assertEqual(short_names(session_calls(result)), calls)
+        self.expect_good_image(machine, "a.vrnx", plain)
+        self.assertEqual((machine.files(), result.log[-1]["call"]), (["a.vrnx"], "exit"))
+        return result
+
+    def expect_live(self, faults, session, calls):
+        """With these faults the session falls back, and the disk is read live."""
+        machine = self.machine_with()
+        for fault in faults:
+            machine.add_fault(**fault)
+        return self.expect_captured(machine, session, calls, plain=LIVE)
+
+
+class GoodSession(Session):
+    def test_a_session_from_its_first_line_to_its_last(self):
+        machine = self.machine_with(writers=[("System Writer", 1, 0), ("Registry Writer", 5, 0)])
+        result = self.capture(machine)
+        self.expect(result, 0,
+                    "Source: PhysicalDrive1  Size: 0.00 GiB  SectorSize: 512  Chunks: 1 (4194304 bytes each)\n"
+                    "  --vss: gathering writer metadata...\n"
+                    "  --vss: snapshotting volume \\\\?\\Volume{7e5c1a00-9b44-4d0e-8a61-000000000001}"
+                    " (disk offset 0, 0.00 GiB) ...\n"
+                    "  --vss: asking writers to prepare and freeze...\n"
+                    "  --vss: 2 VSS writer(s) reported, 0 failed.\n"
+                    "  --vss: 1 volume(s) snapshotted via IVssBackupComponents; anything outside those ranges"
+                    " (partition tables, unpartitioned space) reads live.\n"
+                    "Change tracker: not available for this disk (Wendrel not loaded/attached)"
+                    " - image carries no epoch.\n"
+                    "\r  100.00%  0 / 0 MiB  (0.1 MiB/s)   \n"
+                    "Capture complete: a.vrnx\n")
+        self.expect_good_image(machine, "a.vrnx", FROZEN)
+        self.expect_disk(machine, 1, LIVE)
+
+    def test_the_calls_of_a_session_stand_in_their_order(self):
+        result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
+        self.assertEqual([line["step"] for line in result.calls("IVssAsync::Wait")],
+                         ["GatherWriterMetadata", "PrepareForBackup", "DoSnapshotSet", "GatherWriterStatus",
+                          "BackupComplete"])
+
+    def test_the_arguments_of_the_calls(self):
+        result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
+
+        def fields(call, *names):
+            return [tuple(line[name] for name in names) for line in result.log if line["call"].endswith(call)]
+
+        self.assertEqual(fields("CoInitializeEx", "flags"), [("0x00000000",)])
+        self.assertEqual(fields("CoInitializeSecurity", "authentication", "impersonation", "capabilities"),
+                         [(6, 3, "0x00000000")])
+        self.assertEqual(fields("::SetContext", "context"), [(0,)])
+        self.assertEqual(fields("::SetBackupState", "type"), [(5,)])
+        self.assertEqual(fields("::IsVolumeSupported", "path"), [(volume_name(1),)])
+        self.assertEqual(fields("::AddToSnapshotSet", "path"), [(volume_name(1),)])
+        self.assertEqual(fields("::DeleteSnapshots", "force"), [(True,)])
+
+    def test_the_shadow_device_is_opened_for_unbuffered_shared_reading(self):
+        result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
+        opened = result.calls("CreateFileW", path="ShadowCopy")
+        names = ("path", "access", "share", "disposition", "flags")
+        self.assertEqual([{name: line[name] for name in names} for line in opened],
+                         [{"path": shadow_path(1), "access": ACCESS_READ, "share": "0x00000001",
+                           "disposition": 3, "flags": FLAG_NO_BUFFERING}])
+
+    def test_the_session_is_ended_once_and_not_again_at_the_exit(self):
+        result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
+        ends = ("BackupComplete", "AbortBackup", "DeleteSnapshots", "Release")
+        self.assertEqual([name for name in short_names(result.sequence()) if name in ends],
+                         ["BackupComplete", "DeleteSnapshots", "Release"])
+        self.assertEqual(result.sequence()[-2:], ["MoveFileExW", "exit"])
+
+    def test_without_vss_the_service_is_left_alone(self):
+        machine = self.machine_with()
+        result = machine.run("capture", "--disk", "1", "--out", "a.vrnx")
+        self.assertEqual((result.status, session_calls(result)), (0, []))
+        self.expect_good_image(machine, "a.vrnx", LIVE)
+
+    def test_the_system_disk_is_captured_without_a_note(self):
+        machine = self.machine_with()
+        machine.system_volume([(1, 0, SIZE)])
+        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+
+    def test_two_captures_follow_each_other(self):
+        machine = self.machine_with()
+        for out in ("a.vrnx", "b.vrnx"):
+            result = self.capture(machine, out=out)
+            self.assertEqual((result.status, short_names(session_calls(result))), (0, [*OPENED, *COMPLETED]))
+            self.expect_good_image(machine, out, FROZEN)
+
+
+class Order(Session):
+    def tracked(self, machine):
+        machine.tracker([{"number": 1, "current_epoch": 7}])
+        return machine
+
+    def places(self, result, **wanted):
+        """The place in the log of the one call that answers to each description: (name, path)."""
+        found = {}
+        for key, (name, path) in wanted.items():
+            places = [place for place, line in enumerate(result.log)
+                      if line["call"].endswith(name) and path in (line.get("path") or line.get("code") or "")]
+            self.assertEqual(len(places), 1, key)
+            found[key] = places[0]
+        return found
+
+    def tracker_requests(self, result):
+        return [(place, line["code"]) for place, line in enumerate(result.log) if line.get("path") == "\\\\.\\Wendrel"
+                and line["call"] == "DeviceIoControl"]
+
+    def test_the_snapshot_lies_between_the_attach_and_the_query_of_the_tracker(self):
+        machine = self.tracked(self.machine_with())
+        result = self.capture(machine)
+        self.expect(result, 0, source_line(1, SIZE) + begun([WHOLE]) + "Change tracker: disk 1 epoch 7\n"
+                    + meter_run(SIZE, MIB4) + "\nCapture complete: a.vrnx\n")
+        requests = self.tracker_requests(result)
+        self.assertEqual([code for _, code in requests], [TRACKER_ATTACH, TRACKER_QUERY, TRACKER_QUERY, TRACKER_COMMIT])
+        session = [place for place, line in enumerate(result.log)
+                   if line["call"].startswith(("Co", "IVss", "Find")) or "ShadowCopy" in line.get("path", "")]
+        begins, ends = min(session), max(place for place in session if place < requests[1][0])
+        self.assertLess(requests[0][0], begins)
+        self.assertLess(ends, requests[1][0])
+        # Between attach and query there is nothing but the session.
+        self.assertEqual((begins, ends), (requests[0][0] + 1, requests[1][0] - 1))
+
+    def test_at_the_end_files_are_closed_then_the_session_ended_then_the_tracker_told_then_the_image_named(self):
+        machine = self.tracked(self.machine_with())
+        result = self.capture(machine)
+        self.assertEqual(result.status, 0)
+        tail = [(line["call"].removeprefix("IVssBackupComponents::"), line.get("path")) for line in result.log]
+        self.assertEqual(tail[-15:], [
+            ("WriteFile", "a.vrnx.partial"), ("CloseHandle", "a.vrnx.partial"),
+            ("CloseHandle", "\\\\.\\PhysicalDrive1"), ("CloseHandle", shadow_path(1)),
+            ("BackupComplete", None), ("IVssAsync::Wait", None),
+            ("IVssAsync::QueryStatus", None), ("IVssAsync::Release", None), ("DeleteSnapshots", None),
+            ("Release", None), ("CoUninitialize", None), ("DeviceIoControl", "\\\\.\\Wendrel"), ("MoveFileExW", None),
+            ("CloseHandle", "\\\\.\\Wendrel"), ("exit", None)])
+
+    def test_the_base_is_closed_before_the_session_is_ended(self):
+        machine = self.machine_with()
+        build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
+        result = self.capture(machine, "--base", "base.vrnx", "--thin")
+        self.assertEqual(result.status, 0)
+        closed = [line["path"] for line in result.calls("CloseHandle")]
+        self.assertEqual(closed[-4:], ["a.vrnx.partial", "\\\\.\\PhysicalDrive1", "base.vrnx", shadow_path(1)])
+        places = self.places(result, base=("CloseHandle", "base.vrnx"), end=("BackupComplete", ""))
+        self.assertLess(places["base"], places["end"])
+
+    def test_the_shadow_devices_are_closed_before_the_set_is_ended_also_when_the_capture_fails(self):
+        for fault, end in ((None, "BackupComplete"), ({"call": "WriteFile", "error": 112}, "AbortBackup")):
+            machine = self.machine_with((1, 0, 16384), (2, 16384, 16384))
+            if fault:
+                machine.add_fault(**fault)
+            result = self.capture(machine)
+            self.assertEqual(result.status, 1 if fault else 0)
+            first, second = shadow_path(1), shadow_path(2)
+            places = self.places(result, one=("CloseHandle", first), two=("CloseHandle", second), end=(end, ""))
+            self.assertEqual(sorted(places, key=places.get), ["one", "two", "end"])
+
+    def test_the_base_is_opened_behind_the_snapshot_and_the_work_file_behind_the_base(self):
+        machine = self.machine_with()
+        build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
+        result = self.capture(machine, "--base", "base.vrnx")
+        places = self.places(result, shadow=("CreateFileW", "ShadowCopy"), base=("CreateFileW", "base.vrnx"),
+                             work=("CreateFileW", "a.vrnx.partial"))
+        self.assertEqual(sorted(places, key=places.get), ["shadow", "base", "work"])
+
+
+class FailedBeginning(Session):
+    """The steps before there is a set: each failure falls back, and the session is released without a word to the
+    writers."""
+
+    def test_com_that_does_not_start(self):
+        self.expect_live([{"call": "CoInitializeEx", "status": "0x80010106"}],
+                         "  --vss: CoInitializeEx failed (0x80010106) - reading live instead"
+                         " (crash-consistent only).\n",
+                         ["CoInitializeEx"])
+
+    def test_com_that_was_started_already_is_still_let_go(self):
+        machine = self.machine_with()
+        machine.add_fault("CoInitializeEx", status="0x00000001")
+        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+
+    def test_security_that_cannot_be_set(self):
+        self.expect_live([{"call": "CoInitializeSecurity", "status": "0x80070005"}],
+                         "  --vss: CoInitializeSecurity failed (0x80070005) - reading live instead"
+                         " (crash-consistent only).\n", ["CoInitializeEx", "CoInitializeSecurity", "CoUninitialize"])
+
+    def test_security_that_was_set_already_passes(self):
+        machine = self.machine_with()
+        machine.add_fault("CoInitializeSecurity", status="0x80010119")
+        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+
+    def test_a_system_without_the_library(self):
+        machine = self.machine_with()
+        del machine.description["shadow_service"]
+        result = self.expect_captured(machine,
+                                      "  --vss: VSS is not available here (CreateVssBackupComponents) (0x8007007E)"
+                                      " - reading live instead (crash-consistent only).\n",
+                                      [*CREATED, "CoUninitialize"], plain=LIVE)
+        self.assertTrue(result.calls("CreateVssBackupComponents")[0]["raised"])
+        self.assertEqual(result.calls("FindFirstVolumeW"), [])
+
+    def test_a_service_that_cannot_be_reached(self):
+        self.expect_live([{"call": "CreateVssBackupComponents", "status": "0x80070005"}],
+                         fall_back("VSS is not available here (CreateVssBackupComponents)", 0x80070005),
+                         [*CREATED, "CoUninitialize"])
+
+    def test_a_service_that_gives_no_object(self):
+        for status in (0, 1):
+            self.expect_live([{"call": "CreateVssBackupComponents", "status": status}],
+                             fall_back("VSS is not available here (CreateVssBackupComponents)", status),
+                             [*CREATED, "CoUninitialize"])
+
+    def test_each_plain_step_that_fails(self):
+        said = {"StartSnapshotSet": GATHERING}
+        for step, calls in (("InitializeForBackup", READY[:-2]), ("SetContext", READY[:-1]), ("SetBackupState", READY),
+                            ("StartSnapshotSet", STARTED)):
+            for status in (0x80042301, 0x8000FFFF):
+                self.expect_live([{"call": "IVssBackupComponents::" + step, "status": status}],
+                                 said.get(step, "") + f"  --vss: {step} failed (0x{status:08X})"
+                                 " - reading live instead (crash-consistent only).\n", [*calls, *RELEASED])
+
+    def test_a_plain_step_with_another_success_goes_on(self):
+        for step in ("InitializeForBackup", "SetContext", "SetBackupState"):
+            machine = self.machine_with()
+            machine.add_fault("IVssBackupComponents::" + step, status=1)
+            self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+
+    def expect_failed_async_step(self, step, nth, said, calls):
+        """Every way in which the `nth` asynchronous step of the session, counted from 0, fails, with no set yet."""
+        method = "IVssBackupComponents::" + step
+        reason = f"{step} failed"
+        for status in (0x80042301, E_FAIL):
+            self.expect_live([{"call": method, "status": status}],
+                             said + f"  --vss: {step} failed (0x{status:08X}) - reading live instead"
+                             " (crash-consistent only).\n", [*calls, step, *RELEASED])
+        # What is shown from here on is the result of the call itself, a success.
+        for effect in ({"null_async": True}, {"status": 0}):
+            self.expect_live([{"call": method, **effect}], said + fall_back(reason, 0), [*calls, step, *RELEASED])
+        self.expect_live([{"call": method, "status": 1}], said + fall_back(reason, 1), [*calls, step, *RELEASED])
+        waited = [*calls, step, *WAIT, *RELEASED]
+        finished = {"call": "IVssAsync::QueryStatus", "skip": nth, "async_status": ASYNC_FINISHED}
+        self.expect_live([{"call": "IVssAsync::Wait", "skip": nth, "status": 0x80042316}, finished],
+                         said + f"    {step} did not complete successfully (wait=0x80042316, status=0x0004230A)\n"
+                         + fall_back(reason, 0), waited)
+        self.expect_live([{"call": "IVssAsync::QueryStatus", "skip": nth, "status": 0x80070006}],
+                         said + f"    {step} did not complete successfully (wait=0x00000000, status=0x80004005)\n"
+                         + fall_back(reason, 0), waited)
+        for status in (ASYNC_CANCELLED, ASYNC_PENDING, 0, 0x800423F4):
+            self.expect_live([{"call": "IVssAsync::QueryStatus", "skip": nth, "async_status": status}],
+                             said + step_failed(step, status=status) + fall_back(reason, 0), waited)
+
+    def test_metadata_that_cannot_be_gathered(self):
+        self.expect_failed_async_step("GatherWriterMetadata", 0, GATHERING, READY)
+
+    def test_a_preparation_that_fails(self):
+        self.expect_failed_async_step("PrepareForBackup", 1, GATHERING + snapshotting(*WHOLE) + FREEZING, ADDED)
+
+    def test_a_snapshot_that_fails(self):
+        self.expect_failed_async_step("DoSnapshotSet", 2, GATHERING + snapshotting(*WHOLE) + FREEZING, PREPARED)
+
+    def test_a_status_that_answers_success_without_a_result_counts_as_failed(self):
+        self.expect_live([{"call": "IVssAsync::QueryStatus", "status": 0}],
+                         GATHERING + step_failed("GatherWriterMetadata", status=E_FAIL)
+                         + fall_back("GatherWriterMetadata failed", 0),
+                         [*READY, "GatherWriterMetadata", *WAIT, *RELEASED])
+
+    def test_a_failed_session_is_released_once_also_when_the_capture_dies_later(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::PrepareForBackup", status="0x80042301")
+        machine.add_fault("ReadFile", path="PhysicalDrive1", error=23)
+        result = self.capture(machine)
+        self.expect(result, 1, source_line(1, SIZE) + GATHERING + snapshotting(*WHOLE) + FREEZING
+                    + fall_back("PrepareForBackup failed", 0x80042301) + NO_TRACKER, fatal(READ_FAILED, 23))
+        self.assertEqual(short_names(session_calls(result)), [*ADDED, "PrepareForBackup", *RELEASED])
+
+    def test_the_tracker_is_queried_also_behind_a_failed_session(self):
+        machine = self.machine_with()
+        machine.tracker([{"number": 1, "current_epoch": 7}])
+        machine.add_fault("CoInitializeEx", status="0x80010106")
+        self.expect(self.capture(machine), 0, source_line(1, SIZE) + fall_back("CoInitializeEx failed", 0x80010106)
+                    + "Change tracker: disk 1 epoch 7\n" + meter_run(SIZE, MIB4) + "\nCapture complete: a.vrnx\n")
+
+
+class Volumes(Session):
+    TWO = ((1, 0, 16384), (2, 16384, 16384))
+    REFUSED = "  --vss: volume {} can't be snapshotted (removable/unsupported) - it will be read live.\n"
+    NONE_LEFT = ("  --vss: no volume on this disk could be snapshotted (0x00000001)"
+                 " - reading live instead (crash-consistent only).\n")
+
+    def test_a_disk_with_no_volume(self):
+        machine = self.machine_with()
+        machine.description["volumes"] = []
+        self.expect_captured(machine, GATHERING + self.NONE_LEFT, [*STARTED, *RELEASED], plain=LIVE)
+
+    def test_a_disk_whose_only_volumes_are_refused(self):
+        machine = self.machine_with((1, 0, 16384, {"supported": False}), (2, 16384, 16384, {"supported": False}))
+        self.expect_captured(machine, GATHERING + self.REFUSED.format(device_of(1)) + self.REFUSED.format(device_of(2))
+                             + self.NONE_LEFT, [*STARTED, "IsVolumeSupported", "IsVolumeSupported", *RELEASED],
+                             plain=LIVE)
+
+    def test_a_disk_whose_only_volume_cannot_be_added(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::AddToSnapshotSet", status="0x80042312")
+        self.expect_captured(machine, GATHERING + f"  --vss: could not add volume {device_of(1)} to the snapshot set"
+                             " (0x80042312) - read live.\n" + self.NONE_LEFT, [*ADDED, *RELEASED], plain=LIVE)
+
+    def test_a_refused_volume_leaves_the_others_in_the_set(self):
+        two_asked = [*STARTED, "IsVolumeSupported", "IsVolumeSupported", "AddToSnapshotSet"]
+        rest = [call for call in OPENED if call not in ADDED[-2:]]
+        for fields, fault in (({"supported": False}, None),
+                              ({}, {"call": "IVssBackupComponents::IsVolumeSupported", "status": "0x8004230C"})):
+            machine = self.machine_with((1, 0, 16384, fields), (2, 0, SIZE, {"shadow_contents": FROZEN}))
+            if fault:
+                machine.add_fault(**fault)
+            self.expect_captured(machine, GATHERING + self.REFUSED.format(device_of(1)) + snapshotting(2, 0, SIZE)
+                                 + FREEZING + writers_reported(0) + snapshotted(1),
+                                 [*two_asked, *rest[len(STARTED):], *COMPLETED])
+
+    def test_a_volume_that_cannot_be_added_leaves_the_others_in_the_set(self):
+        machine = self.machine_with((1, 0, SIZE, {"shadow_contents": FROZEN}), (2, 16384, 16384))
+        machine.add_fault("IVssBackupComponents::AddToSnapshotSet", path="000000000002", status="0x80042317")
+        result = self.expect_captured(
+            machine, GATHERING + snapshotting(*WHOLE)
+            + f"  --vss: could not add volume {device_of(2)} to the snapshot set (0x80042317) - read live.\n" + FREEZING
+            + writers_reported(0) + snapshotted(1),
+            [*ADDED, "IsVolumeSupported", "AddToSnapshotSet", *OPENED[len(ADDED):], *COMPLETED])
+        self.assertEqual(len(result.calls("IVssBackupComponents::GetSnapshotProperties")), 1)
+
+    def test_all_volumes_are_in_one_set(self):
+        machine = self.machine_with(*self.TWO, (3, 32768, 16384))
+        result = self.expect_captured(
+            machine, begun([(1, 0, 16384), (2, 16384, 16384), (3, 32768, 16384)]),
+            [*STARTED, *["IsVolumeSupported", "AddToSnapshotSet"] * 3, *REPORTED[len(ADDED):],
+             *["GetSnapshotProperties", "VssFreeSnapshotProperties"] * 3, *COMPLETED], plain=LIVE)
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW", path="ShadowCopy")],
+                         [shadow_path(1), shadow_path(2), shadow_path(3)])
+
+    def test_the_size_of_a_volume_is_shown_in_gibibytes(self):
+        length = 3 * 1073741824 + 536870912
+        machine = self.machine_with((1, 1048576, length, {"shadow_contents": bytes(512)}))
+        self.expect_captured(machine, GATHERING + f"  --vss: snapshotting volume {device_of(1)} (disk offset 1048576,"
+                             " 3.50 GiB) ...\n" + FREEZING + writers_reported(0) + snapshotted(1),
+                             [*OPENED, *COMPLETED], plain=LIVE)
+
+
+class Writers(Session):
+    def expect_report(self, writers, lines, calls=None):
+        """The lines of the report of these writers; a failed one changes nothing in what is read."""
+        machine = self.machine_with(writers=writers)
+        given = ["GetWriterStatus", "SysFreeString"] * len(writers) if calls is None else calls
+        reported = [*TAKEN, "GatherWriterStatus", *WAIT, "GetWriterStatusCount", *given, "FreeWriterStatus"]
+        return self.expect_captured(machine, GATHERING + snapshotting(*WHOLE) + FREEZING + lines + snapshotted(1),
+                                    [*reported, *OPENED[-2:], *COMPLETED])
+
+    def test_good_writers_are_counted(self):
+        result = self.expect_report([("A", 1, 0), ("B", 5, 0), ("C", 0, 0)],
+                                    "  --vss: 3 VSS writer(s) reported, 0 failed.\n")
+        self.assertEqual([line["index"] for line in result.calls("IVssBackupComponents::GetWriterStatus")], [0, 1, 2])
+
+    def test_a_failed_writer_is_named_and_stops_nothing(self):
+        self.expect_report([("Good", 1, 0), ("Database Writer", 8, 0x800423F4), ("Also good", 1, 0)],
+                           "    WARNING: VSS writer 'Database Writer' failed (state 8, hr=0x800423F4)"
+                           " - that application's data is crash-consistent only.\n"
+                           "  --vss: 3 VSS writer(s) reported, 1 failed.\n")
+
+    def test_the_states_from_6_to_15_count_as_failed(self):
+        states = [*range(0, 19), 4096]
+        lines = [writer_failed(f"Writer {state}", state, 0x80040000 + state) for state in range(6, 16)]
+        self.expect_report([(f"Writer {state}", state, 0x80040000 + state) for state in states],
+                           "".join(lines) + writers_reported(len(states), 10))
+
+    def test_a_writer_without_a_name_is_a_question_mark(self):
+        self.expect_report([(None, 6, 0), (None, 1, 0)],
+                           "    WARNING: VSS writer '?' failed (state 6, hr=0x00000000)"
+                           " - that application's data is crash-consistent only.\n" + writers_reported(2, 1))
+
+    def test_an_empty_name_stays_empty(self):
+        self.expect_report([("", 15, 0x8000FFFF)], writer_failed("", 15, 0x8000FFFF) + writers_reported(1, 1))
+
+    def test_a_name_outside_ascii_is_shown_on_a_console_of_utf_8(self):
+        if self.settings.windows:
+            self.skipTest("the runtime there converts names to the code page of the process")
+        self.expect_report([("Schl\u00fcssel \u30e9\u30a4\u30bf\u30fc", 7, 0)],
+                           writer_failed("Schl\u00fcssel \u30e9\u30a4\u30bf\u30fc", 7, 0) + writers_reported(1, 1))
+
+    def expect_faulty_report(self, faults, lines, calls, writers=(("Bad", 6, 0), ("Good", 1, 0), ("Worse", 7, 0))):
+        machine = self.machine_with(writers=writers)
+        for fault in faults:
+            machine.add_fault(**fault)
+        self.expect_captured(machine, GATHERING + snapshotting(*WHOLE) + FREEZING + lines + snapshotted(1),
+                             [*TAKEN, *calls, *OPENED[-2:], *COMPLETED])
+
+    def test_a_report_that_cannot_be_gathered_is_left_out_in_silence(self):
+        method = "IVssBackupComponents::GatherWriterStatus"
+        for effect in ({"status": "0x80042301"}, {"null_async": True}, {"status": 0}):
+            self.expect_faulty_report([{"call": method, **effect}], "", ["GatherWriterStatus"])
+
+    def test_a_report_that_does_not_complete_says_so_and_is_left_out(self):
+        calls = ["GatherWriterStatus", *WAIT]
+        self.expect_faulty_report([{"call": "IVssAsync::Wait", "skip": 3, "status": "0x80042316"},
+                                   {"call": "IVssAsync::QueryStatus", "skip": 3, "async_status": ASYNC_FINISHED}],
+                                  "    GatherWriterStatus did not complete successfully"
+                                  " (wait=0x80042316, status=0x0004230A)\n", calls)
+        self.expect_faulty_report([{"call": "IVssAsync::QueryStatus", "skip": 3, "async_status": ASYNC_CANCELLED}],
+                                  "    GatherWriterStatus did not complete successfully"
+                                  " (wait=0x00000000, status=0x0004230B)\n", calls)
+        self.expect_faulty_report([{"call": "IVssAsync::QueryStatus", "skip": 3, "status": "0x8000FFFF"}],
+                                  step_failed("GatherWriterStatus", status=E_FAIL), calls)
+
+    def test_a_count_that_cannot_be_had_ends_the_report_in_silence(self):
+        self.expect_faulty_report([{"call": "IVssBackupComponents::GetWriterStatusCount", "status": "0x80042301"}], "",
+                                  ["GatherWriterStatus", *WAIT, "GetWriterStatusCount"])
+
+    def test_a_writer_whose_status_cannot_be_had_is_passed_over_and_still_counted(self):
+        begin = ["GatherWriterStatus", *WAIT, "GetWriterStatusCount"]
+        self.expect_faulty_report([{"call": "IVssBackupComponents::GetWriterStatus", "status": "0x80042308"}],
+                                  writer_failed("Worse", 7, 0) + writers_reported(3, 1),
+                                  [*begin, "GetWriterStatus", *["GetWriterStatus", "SysFreeString"] * 2,
+                                   "FreeWriterStatus"])
+        self.expect_faulty_report([{"call": "IVssBackupComponents::GetWriterStatus", "times": 3,
+                                    "status": "0x80042308"}], writers_reported(3, 0),
+                                  [*begin, *["GetWriterStatus"] * 3, "FreeWriterStatus"])
+
+    def test_a_status_that_is_not_freed_changes_nothing(self):
+        self.expect_faulty_report([{"call": "IVssBackupComponents::FreeWriterStatus", "status": "0x80042301"}],
+                                  writer_failed("Bad", 6, 0) + writer_failed("Worse", 7, 0) + writers_reported(3, 2),
+                                  ["GatherWriterStatus", *WAIT, "GetWriterStatusCount",
+                                   *["GetWriterStatus", "SysFreeString"] * 3, "FreeWriterStatus"])
+
+
+class ShadowDevices(Session):
+    def expect_device(self, device_object, path, *, opens=True):
+        """A snapshot with this device object is opened under this path."""
+        machine = self.machine_with((1, 0, SIZE, {"shadow": {"device_object": device_object},
+                                                  "shadow_contents": FROZEN}))
+        result = self.capture(machine)
+        opened = [line for line in result.calls("CreateFileW")
+                  if line["path"] == path and line["flags"] == FLAG_NO_BUFFERING and line["share"] == "0x00000001"]
+        self.assertEqual([line["ok"] for line in opened], [opens], result.describe())
+        failed = ""
+        if not opens:
+            error = opened[0]["error"]
+            failed = f"  --vss: could not open shadow device {path} (GetLastError={error}) - read live.\n"
+        self.expect(result, 0, source_line(1, SIZE) + GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0)
+                    + failed + snapshotted(1 if opens else 0) + NO_TRACKER + meter_run(SIZE, MIB4)
+                    + "\nCapture complete: a.vrnx\n")
+        self.assertEqual(short_names(session_calls(result)), [*OPENED, *COMPLETED])
+        self.expect_good_image(machine, "a.vrnx", FROZEN if opens else LIVE)
+
+    def test_a_device_object_in_the_device_folder_gets_the_prefix(self):
+        self.expect_device("\\Device\\HarddiskVolumeShadowCopy17",
+                           "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy17")
+        self.expect_device("\\Device\\x", "\\\\?\\GLOBALROOT\\Device\\x")
+
+    def test_any_other_device_object_stands_as_it_is(self):
+        for device_object in ("\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy3", "\\\\.\\Shadow7",
+                              "\\DosDevices\\Shadow"):
+            self.expect_device(device_object, device_object)
+
+    def test_the_prefix_is_told_by_case_and_by_all_eight_characters(self):
+        for device_object in ("\\device\\HarddiskVolumeShadowCopy1", "\\DEVICE\\HarddiskVolumeShadowCopy1",
+                              "\\Devices\\HarddiskVolumeShadowCopy1", "\\Device"):
+            self.expect_device(device_object, device_object)
+        self.expect_device("\\Device\\", "\\\\?\\GLOBALROOT\\Device\\")
+
+    def test_a_null_device_object_is_an_empty_path_that_does_not_open(self):
+        self.expect_device(None, "", opens=False)
+
+    def test_an_empty_device_object_does_not_open(self):
+        self.expect_device("", "", opens=False)
+
+    def test_a_shadow_device_that_does_not_open_leaves_its_volume_live(self):
+        machine = self.machine_with()
+        machine.add_fault("CreateFileW", path="ShadowCopy", error=5)
+        self.expect_captured(
+            machine, GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0)
+            + "  --vss: could not open shadow device \\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy1"
+            " (GetLastError=5) - read live.\n"
+            "  --vss: 0 volume(s) snapshotted via IVssBackupComponents; anything outside those ranges"
+            " (partition tables, unpartitioned space) reads live.\n", [*OPENED, *COMPLETED], plain=LIVE)
+
+    def test_properties_that_cannot_be_had_leave_the_volume_live_and_are_not_freed(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::GetSnapshotProperties", status="0x80042308")
+        self.expect_captured(
+            machine, GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0)
+            + f"  --vss: GetSnapshotProperties failed for {device_of(1)} (0x80042308) - read live.\n" + snapshotted(0),
+            [*OPENED[:-1], *COMPLETED], plain=LIVE)
+
+    def test_properties_that_come_empty_are_a_null_device_object(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::GetSnapshotProperties", status=0)
+        result = self.capture(machine)
+        self.assertIn(b"  --vss: could not open shadow device  (GetLastError=", result.stdout)
+        self.assertEqual(short_names(session_calls(result)), [*OPENED, *COMPLETED])
+        self.expect_good_image(machine, "a.vrnx", LIVE)
+
+    def test_one_failed_device_leaves_the_others(self):
+        for fault, line in (({"call": "CreateFileW", "path": "ShadowCopy1", "error": 21},
+                             f"  --vss: could not open shadow device {shadow_path(1)} (GetLastError=21) - read"
+                             " live.\n"),
+                            ({"call": "IVssBackupComponents::GetSnapshotProperties", "status": "0x8000FFFF"},
+                             f"  --vss: GetSnapshotProperties failed for {device_of(2)} (0x8000FFFF) - read live.\n")):
+            machine = self.machine_with((2, 0, 16384), (1, 0, SIZE, {"shadow_contents": FROZEN}))
+            machine.add_fault(**fault)
+            result = self.capture(machine)
+            self.expect(result, 0, source_line(1, SIZE) + GATHERING + snapshotting(2, 0, 16384) + snapshotting(*WHOLE)
+                        + FREEZING + writers_reported(0) + line + snapshotted(1) + NO_TRACKER + meter_run(SIZE, MIB4)
+                        + "\nCapture complete: a.vrnx\n")
+            self.expect_good_image(machine, "a.vrnx", FROZEN)
+            closed = result.calls("CloseHandle", path="ShadowCopy")
+            self.assertEqual([line["path"] for line in closed], [shadow_path(2)])
+
+
+class Ending(Session):
+    def test_a_completion_that_fails_is_an_abort(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::BackupComplete", status="0x80042301")
+        self.expect_captured(machine, begun([WHOLE]), [*OPENED, "BackupComplete", *ABORTED])
+
+    def test_a_completion_without_an_object_is_passed_over_in_silence(self):
+        for effect in ({"null_async": True}, {"status": 0}, {"status": 1}):
+            machine = self.machine_with()
+            machine.add_fault("IVssBackupComponents::BackupComplete", **effect)
+            self.expect_captured(machine, begun([WHOLE]), [*OPENED, "BackupComplete", "DeleteSnapshots", *RELEASED])
+
+    def test_a_completion_that_does_not_complete_changes_nothing_but_its_line(self):
+        for faults, line in (
+                ([{"call": "IVssAsync::QueryStatus", "skip": 4, "async_status": ASYNC_CANCELLED}],
+                 "    BackupComplete did not complete successfully (wait=0x00000000, status=0x0004230B)\n"),
+                ([{"call": "IVssAsync::Wait", "skip": 4, "status": "0x80042316"},
+                  {"call": "IVssAsync::QueryStatus", "skip": 4, "async_status": ASYNC_FINISHED}],
+                 "    BackupComplete did not complete successfully (wait=0x80042316, status=0x0004230A)\n"),
+                ([{"call": "IVssAsync::QueryStatus", "skip": 4, "status": "0x80070006"}],
+                 "    BackupComplete did not complete successfully (wait=0x00000000, status=0x80004005)\n")):
+            machine = self.machine_with()
+            for fault in faults:
+                machine.add_fault(**fault)
+            self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED], at_the_end=line)
+
+    def test_a_wait_with_another_success_is_a_success(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssAsync::Wait", skip=4, status=1)
+        machine.add_fault("IVssAsync::QueryStatus", skip=4, async_status=ASYNC_FINISHED)
+        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+
+    def test_a_set_that_cannot_be_deleted_is_told(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::DeleteSnapshots", status="0x80042301")
+        self.expect_captured(
+            machine, begun([WHOLE]), [*OPENED, *COMPLETED],
+            at_the_end="  --vss: WARNING: could not delete the snapshot set (0x80042301) - it is still listed under"
+            " Win32_ShadowCopy and must be removed by hand.\n")
+
+    def test_a_set_that_is_gone_already_is_no_trouble(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::DeleteSnapshots", status=OBJECT_NOT_FOUND)
+        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+
+    def test_a_shadow_device_that_does_not_close_keeps_nothing_from_ending(self):
+        machine = self.machine_with()
+        machine.add_fault("CloseHandle", path="ShadowCopy", error=6)
+        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+
+    def test_a_session_without_ranges_is_ended_like_a_good_one(self):
+        machine = self.machine_with()
+        machine.add_fault("CreateFileW", path="ShadowCopy", error=2)
+        result = self.capture(machine)
+        self.assertEqual((result.status, short_names(session_calls(result))), (0, [*OPENED, *COMPLETED]))
+
+
+class FatalEnd(Session):
+    """A capture that dies while a set exists: the exit routine aborts the backup and deletes the set, once."""
+
+    def expect_fatal(self, machine, stderr, *options, printed="", at_the_end=""):
+        result = self.capture(machine, *options)
+        self.expect(result, 1, source_line(1, SIZE) + begun([WHOLE]) + NO_TRACKER + printed + at_the_end, stderr)
+        self.assertEqual(short_names(session_calls(result)), [*OPENED, *ABORTED])
+        self.assertEqual([line["path"] for line in result.calls("CloseHandle", path="ShadowCopy")], [shadow_path(1)])
+        self.assertEqual(result.sequence()[-2:], ["CoUninitialize", "exit"])
+        return result
+
+    def test_thin_without_a_base(self):
+        self.expect_fatal(self.machine_with(), fatal("--thin needs --base"), "--thin")
+
+    def test_a_base_that_is_missing(self):
+        self.expect_fatal(self.machine_with(),
+                          "could not open image file: no.vrnx\n" + fatal("could not open image file", 2), "--base",
+                          "no.vrnx", printed="Incremental mode: base image no.vrnx\n")
+
+    def test_a_base_of_another_disk(self):
+        machine = self.machine_with()
+        build_image(machine.path("base.vrnx"), bytes(SIZE + 512), chunk_size=MIB4)
+        self.expect_fatal(machine, fatal("--base image geometry does not match source disk"), "--base", "base.vrnx",
+                          printed="Incremental mode: base image base.vrnx\n")
+
+    def test_a_bad_password_file(self):
+        machine = self.machine_with()
+        machine.write("empty.txt", b"\n")
+        self.expect_fatal(machine, fatal("password file is empty"), "--encrypt", "--password-file", "empty.txt")
+        self.expect_fatal(self.machine_with(), fatal("could not open password file", 2), "--encrypt", "--password-file",
+                          "no.txt")
+
+    def test_an_output_that_exists(self):
+        machine = self.machine_with()
+        machine.write("a.vrnx", b"somebody's")
+        self.expect_fatal(machine, fatal("refusing to overwrite an existing output image"))
+        self.expect_file(machine, "a.vrnx", b"somebody's")
+
+    def test_a_work_file_that_cannot_be_created(self):
+        machine = self.machine_with()
+        os.mkdir(machine.path("a.vrnx.partial"))
+        self.expect_fatal(machine, fatal("could not create output image file", 5))
+
+    def test_a_buffer_that_cannot_be_had(self):
+        for skip in (0, 1):
+            machine = self.machine_with()
+            machine.add_fault("_aligned_malloc", skip=skip, null=True)
+            self.expect_fatal(machine, fatal("out of memory allocating aligned I/O buffer"))
+
+    def test_a_read_that_fails(self):
+        machine = self.machine_with()
+        machine.add_fault("ReadFile", error=23)
+        self.expect_fatal(machine, fatal(READ_FAILED, 23))
+
+    def test_a_hash_that_cannot_be_had(self):
+        machine = self.machine_with()
+        machine.add_fault("BCryptCreateHash", status="0xC0000017")
+        self.expect_fatal(machine, fatal_status("BCryptCreateHash", 0xC0000017))
+
+    def test_a_write_that_fails(self):
+        machine = self.machine_with()
+        machine.add_fault("WriteFile", error=112)
+        self.expect_fatal(machine, fatal("WriteFile to image file failed mid-capture (disk full?)", 112))
+        self.assertEqual(machine.files(), ["a.vrnx.partial"])
+
+    def test_a_thin_trailer_that_cannot_be_written(self):
+        machine = self.machine_with()
+        build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
+        machine.add_fault("WriteFile", error=112)
+        self.expect_fatal(machine, fatal("could not write thin image trailer", 112), "--base", "base.vrnx", "--thin",
+                          printed="Incremental mode: base image base.vrnx\n"
+                          "  --base: cannot prove what changed (no change tracker for this disk) - reading every chunk"
+                          " and comparing hashes with the base (no driver needed; slower to read, still a small"
+                          " file).\n"
+                          + meter_run(SIZE, MIB4) + "\n")
+
+    def test_a_set_that_exists_without_ranges_is_deleted_too(self):
+        machine = self.machine_with()
+        machine.add_fault("IVssBackupComponents::GetSnapshotProperties", status="0x80042308")
+        machine.add_fault("ReadFile", error=23)
+        result = self.capture(machine)
+        self.expect(result, 1, source_line(1, SIZE) + GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0)
+                    + f"  --vss: GetSnapshotProperties failed for {device_of(1)} (0x80042308) - read live.\n"
+                    + snapshotted(0) + NO_TRACKER, fatal(READ_FAILED, 23))
+        self.assertEqual(short_names(session_calls(result)), [*OPENED[:-1], *ABORTED])
+
+    def test_a_rename_that_fails_finds_the_session_ended_with_success(self):
+        machine = self.machine_with()
+        machine.add_fault("MoveFileExW", error=5)
+        result = self.capture(machine)
+        self.expect(result, 1, source_line(1, SIZE) + begun([WHOLE]) + NO_TRACKER + meter_run(SIZE, MIB4) + "\n",
+                    fatal("could not atomically publish completed image", 5))
+        self.assertEqual(short_names(session_calls(result)), [*OPENED, *COMPLETED])
+        self.assertEqual(result.sequence()[-2:], ["MoveFileExW", "exit"])
+        self.expect_good_image(machine, "a.vrnx.partial", FROZEN)
+
+    def test_a_commit_that_fails_comes_behind_the_session_and_stops_nothing(self):
+        machine = self.machine_with()
+        machine.tracker([{"number": 1, "current_epoch": 7}])
+        machine.add_fault("DeviceIoControl", path="Wendrel", skip=3, error=1117)
+        result = self.capture(machine)
+        self.expect(result, 0, source_line(1, SIZE) + begun([WHOLE]) + "Change tracker: disk 1 epoch 7\n"
+                    + meter_run(SIZE, MIB4)
+                    + "\nWARNING: tracker COMMIT failed - the next capture will be a full one.\n"
+                    "Capture complete: a.vrnx\n")
+        self.assertEqual(short_names(session_calls(result)), [*OPENED, *COMPLETED])
+
+    def test_an_abort_that_fails_is_not_looked_at(self):
+        machine = self.machine_with()
+        machine.add_fault("ReadFile", error=23)
+        machine.add_fault("IVssBackupComponents::AbortBackup", status="0x80042301")
+        self.expect_fatal(machine, fatal(READ_FAILED, 23))
+
+    def test_a_set_that_cannot_be_deleted_is_told_by_the_exit_routine_too(self):
+        machine = self.machine_with()
+        machine.add_fault("ReadFile", error=23)
+        machine.add_fault("IVssBackupComponents::DeleteSnapshots", status="0x80042301")
+        self.expect_fatal(machine, fatal(READ_FAILED, 23), at_the_end=not_deleted(0x80042301))
+
+    def test_an_end_before_the_session_ends_nothing(self):
+        machine = self.machine_with()
+        machine.add_fault("DeviceIoControl", path="C:", error=1117)
+        result = self.capture(machine)
+        self.expect(result, 1, source_line(1, SIZE),
+                    fatal("IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS on C: failed", 1117))
+        self.assertEqual(session_calls(result), [])
+
+
+class Program(suite.Scenario):
+    """The program itself and not the described machine: what it does on a system without the library."""
+
+    recorded = False  # the host's own disks and clock take part
+
+    def program(self, *arguments, executable=None, **environment):
+        return subprocess.run([*SETTINGS.runner, executable or SETTINGS.program, *map(str, arguments)], cwd=self.folder,
+                              capture_output=True, env={**SETTINGS.environment(), **environment}, check=False,
+                              stdin=subprocess.DEVNULL, timeout=300)
+
+
+class NativeProgram(Program):
+    SIZE = MIB4 + 8192
+
+    def setUp(self):
+        super().setUp()
+        reason = reason_to_skip()
+        if reason:
+            self.skipTest(reason)
+
+    def attach(self, contents):
+        path = os.path.join(self.folder, "disk.img")
+        with open(path, "wb") as file:
+            file.write(contents)
+        done = subprocess.run(["losetup", "--find", "--show", path], capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            self.skipTest(f"no loop device: {done.stderr.strip()}")
+        device = done.stdout.strip()
+        self.addCleanup(subprocess.run, ["losetup", "--detach", device], capture_output=True, check=False)
+        return os.path.basename(device)
+
+    def test_linux_has_no_shadow_service_and_reads_live(self):
+        contents = pattern(self.SIZE, "loop")
+        device = self.attach(contents)
+        for attempt in range(5):
+            number = numbered_disks().index(device)
+            done = self.program("capture", "--disk", number, "--out", f"{attempt}.vrnx", "--vss")
+            if numbered_disks().index(device) == number:
+                break  # nobody attached or detached a device before this one meanwhile
+        wanted = (re.escape(f"Source: PhysicalDrive{number}  Size: {gib(self.SIZE)} GiB  SectorSize: 512  Chunks: 2"
+                            " (4194304 bytes each)\n"
+                            "  --vss: VSS is not available here (CreateVssBackupComponents) (0x8007007E)"
+                            " - reading live instead (crash-consistent only).\n" + NO_TRACKER)
+                  + r"(\r  [ 0-9]{3}\.[0-9]{2}%  4 / 4 MiB  \([0-9]+\.[0-9] MiB/s\)   ){2}"
+                  + re.escape(f"\nCapture complete: {attempt}.vrnx\n"))
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        self.assertTrue(re.fullmatch(wanted, done.stdout.decode()), done.stdout)
+        path = os.path.join(self.folder, f"{attempt}.vrnx")
+        self.assertEqual(check_image(path), [])
+        self.assertTrue(reference_plain_bytes(path) == contents)
+
+
+class WindowsProgram(Program):
+    """The Windows program with the library disabled, and with the one that Wine has: it starts and runs every
+    command."""
+
+    MODES = {"disabled": {"WINEDLLOVERRIDES": "vssapi="}, "Wine's own": {"WINEDLLOVERRIDES": "vssapi=b"}}
+
+    def setUp(self):
+        super().setUp()
+        if not SETTINGS.windows:
+            self.skipTest("the Windows program is the Windows build's")
+
+    def expect_run(self, status, stdout, stderr, *arguments):
+        for mode, environment in self.MODES.items():
+            for name in ("new.vrnx", "new.vrnx.partial"):
+                if os.path.exists(os.path.join(self.folder, name)):
+                    os.remove(os.path.join(self.folder, name))
+            done = self.program(*arguments, **environment)
+            self.assertEqual(done.returncode, status, (mode, done))
+            for actual, wanted in ((done.stdout, stdout), (done.stderr, stderr)):
+                self.assertTrue(suite.matches(actual, wanted), (mode, actual, wanted))
+
+    def test_the_program_starts(self):
+        self.expect_run(1, USAGE, "")
+
+    def test_every_command_runs(self):
+        plain = pattern(3 * 4096 + 512, "plain")
+        build_image(os.path.join(self.folder, "base.vrnx"), plain)
+        build_image(os.path.join(self.folder, "thin.vrnx"), plain, base=os.path.join(self.folder, "base.vrnx"))
+        self.expect_run(1, "", fatal("could not open source disk for raw read (run as Administrator?)"),
+                        "capture", "--disk", "9999", "--out", "new.vrnx", "--vss")
+        self.expect_run(1, "", RESTORE_UNCONFIRMED, "restore", "--in", "thin.vrnx", "--disk", "9999")
+        self.expect_run(1, "", "Could not open source PhysicalDrive9999 (GetLastError=2)\n", "clone", "--from", "9999",
+                        "--to", "9998", "--confirm", "YES")
+        done = [self.program("verify", "--in", "thin.vrnx", **environment) for environment in self.MODES.values()]
+        self.assertEqual([(one.returncode, one.stderr) for one in done], [(0, b"")] * 2)
+        for one in done:
+            self.assertIn(b"Verify OK - all 4 chunks match their recorded hash.\n", one.stdout)
+        for mode, environment in self.MODES.items():
+            done = self.program("consolidate", "--in", "thin.vrnx", "--out", f"{len(mode)}.vrnx", **environment)
+            self.assertEqual((done.returncode, done.stderr), (0, b""), mode)
+            self.assertEqual(check_image(os.path.join(self.folder, f"{len(mode)}.vrnx")), [])
+        # What disks the host shows is its own matter; the two have to agree.
+        listed = [self.program("list-disks", **environment) for environment in self.MODES.values()]
+        self.assertEqual((listed[0].returncode, listed[0].stdout), (listed[1].returncode, listed[1].stdout))
+        self.assertIn(listed[0].returncode, (0, 1))
+
+    def test_the_call_into_the_library_comes_back_either_way(self):
+        tests = os.path.join(SETTINGS.build, "tests", "vornix-unit-tests.exe")
+        if not os.path.exists(tests):
+            self.skipTest(f"there is no {tests}")
+        for mode, environment in self.MODES.items():
+            said = {"VORNIX_SHADOW_LIBRARY": "missing"} if mode == "disabled" else {}
+            done = self.program("--gtest_filter=CreateComponentsGuarded*", executable=tests, **environment, **said)
+            counts = re.search(rb"([0-9]+) passed, ([0-9]+) failed, ([0-9]+) skipped", done.stdout)
+            self.assertEqual((done.returncode, counts and counts.groups()),
+                             (0, (b"2", b"0", b"0") if said else (b"1", b"0", b"1")), (mode, done))
+
+
+if __name__ == "__main__":
+    suite.main()

@@ -1,0 +1,914 @@
+"""Thin images and their chains: the trailer, the way to the base, the proof of it, and reading through references."""
+
+import os
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from console import (LARGER_TARGET_NOTE, fatal, meter, meter_run, restore_text, restoring_line, verify_failed,
+                     verify_text, verifying_line)
+from image import ImageBuilder, Trailer, build_image, digest_of
+from incremental import missing_base, other_base, thin_verify_text
+from machine import pattern
+
+CHUNK = 4096
+SIZE = 4 * CHUNK + 1536  # five chunks, the last one short
+COUNT = 5
+DATA = 64 + 72 * COUNT
+PASSWORD = b"correct horse"
+
+NO_TRAILER = "thin image has no valid trailer - file is truncated"
+TRAILER_UNREAD = "could not read thin image trailer"
+MALFORMED = "thin image trailer is malformed"
+OUTSIDE = "thin image trailer names a base outside its folder - refusing"
+NOT_FOUND = "base image of a thin image not found"
+NOT_PINNED = "base image does not match the one pinned in the thin image"
+OTHER_SHAPE = "base image geometry differs from the thin image"
+TOO_DEEP = "image chain is too deep (or loops back on itself)"
+UNOPENED = "could not open image file"
+BAD_MAGIC = "not a recognized Vornix image (bad magic/version)"
+NEEDS_PASSWORD = "this image is encrypted - pass --password-file"
+UNREADABLE = "could not read chunk data from image (truncated?)"
+UNAUTHENTIC = "chunk failed authentication (corrupt or tampered image)"
+BAD_HASH = "chunk failed its hash check (corrupt image or base)"
+
+
+def changed(plain, seed, *indexes, chunk=CHUNK):
+    """The disk with these chunks overwritten."""
+    data = bytearray(plain)
+    for index in indexes:
+        length = len(data[index * chunk:(index + 1) * chunk])
+        data[index * chunk:(index + 1) * chunk] = pattern(length, f"{seed} {index}")
+    return bytes(data)
+
+
+class Chains(suite.Scenario):
+    def work(self):
+        return self.machine(default=False)
+
+    def restoring(self, target=None):
+        """A machine with a target of SIZE bytes."""
+        return self.machine(source=bytes(512), target=pattern(SIZE, "target") if target is None else target)
+
+    def chain(self, machine, *changes, folder="", passwords=(), size=SIZE):
+        """g0.vrnx, a full image, and above it one thin image for each tuple of changed chunks. `passwords` gives for
+        each image the password that seals it, or None. Gives the disks that the images stand for."""
+        plain = pattern(size, "disk")
+        passwords = list(passwords) + [None] * (len(changes) + 1 - len(passwords))
+        path = machine.path(os.path.join(folder, "g0.vrnx"))
+        build_image(path, plain, password=passwords[0], seed="g0")
+        plains = [plain]
+        for place, indexes in enumerate(changes, 1):
+            plain = changed(plain, f"g{place}", *indexes)
+            base, path = path, machine.path(os.path.join(folder, f"g{place}.vrnx"))
+            build_image(path, plain, base=base, password=passwords[place], seed=f"g{place}")
+            plains.append(plain)
+        return plains
+
+    def verify(self, machine, name, *options):
+        return machine.run("verify", "--in", name, *options)
+
+    def restore(self, machine, name, *options, disk=2):
+        return machine.run("restore", "--in", name, "--disk", str(disk), "--confirm", "YES", *options)
+
+    def expect_good(self, machine, name, base, *options, size=SIZE, chunk=CHUNK):
+        return self.expect(self.verify(machine, name, *options), 0, thin_verify_text(name, base, size, chunk))
+
+    def thin_pair(self, **options):
+        """A machine with g0.vrnx, and the builder of a thin image over it in which chunk 1 is stored."""
+        machine = self.work()
+        plain, = self.chain(machine)
+        return machine, ImageBuilder(changed(plain, "thin", 1), base=machine.path("g0.vrnx"), **options)
+
+    def expect_refused(self, machine, data, message, before="", error=None):
+        """The thin image of these bytes is refused with nothing on standard output."""
+        machine.write("thin.vrnx", data.to_bytes() if isinstance(data, ImageBuilder) else data)
+        report = fatal(message) if error is None else fatal(message, error)
+        return self.expect(self.verify(machine, "thin.vrnx"), 1, "", before + report)
+
+
+class TrailerBytes(Chains):
+    def test_a_thin_image_over_a_full_one_is_good(self):
+        machine, builder = self.thin_pair()
+        builder.write(machine.path("thin.vrnx"))
+        self.expect(self.verify(machine, "thin.vrnx"), 0,
+                    "Verifying thin.vrnx  (5 chunks, 0.00 GiB source disk)\n"
+                    "  thin image: chain continues with g0.vrnx\n"
+                    "\r   22.86%  0 / 0 MiB  (0.0 MiB/s)   \r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
+                    "Verify OK - all 5 chunks match their recorded hash.\n")
+
+    def test_a_thin_image_of_references_alone_has_its_trailer_behind_the_table(self):
+        machine = self.work()
+        self.chain(machine, ())
+        self.assertEqual(os.path.getsize(machine.path("g1.vrnx")), DATA + 48 + len("g0.vrnx"))
+        result = self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+        self.assertEqual([(line["offset"], line["length"]) for line in result.calls("ReadFile", path="g1.vrnx")],
+                         [(0, 64), (64, 72 * COUNT), (DATA + 51, 4), (DATA, 55)])
+
+    def test_a_thin_image_without_references_needs_its_trailer_and_its_base(self):
+        machine = self.work()
+        self.chain(machine, range(COUNT))
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+        os.rename(machine.path("g0.vrnx"), machine.path("away.vrnx"))
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", missing_base("g0.vrnx") + fatal(NOT_FOUND))
+        os.rename(machine.path("away.vrnx"), machine.path("g0.vrnx"))
+        data = machine.read("g1.vrnx")[:DATA + SIZE]
+        self.expect_refused(machine, data, NO_TRAILER)
+
+    def test_bytes_between_data_and_trailer_are_ignored(self):
+        machine, builder = self.thin_pair()
+        builder.gap = pattern(5000, "gap")
+        builder.write(machine.path("thin.vrnx"))
+        self.expect_good(machine, "thin.vrnx", "g0.vrnx")
+
+    def test_bytes_behind_the_trailer_hide_it(self):
+        for tail, message in ((b"\0", NO_TRAILER), (bytes(100), NO_TRAILER), (b"\x38\0\0\0", MALFORMED)):
+            machine, builder = self.thin_pair()
+            builder.tail = tail
+            with self.subTest(tail=tail):
+                self.expect_refused(machine, builder, message)
+
+    def test_a_file_without_a_trailer_is_refused(self):
+        machine, builder = self.thin_pair()
+        builder.trailer = None
+        self.expect_refused(machine, builder, NO_TRAILER)
+
+    def test_a_file_with_no_room_for_the_smallest_trailer_is_refused_without_a_look_at_it(self):
+        machine, builder = self.thin_pair()
+        builder.trailer, builder.tail = None, bytes(43) + b"\x30\0\0\0"
+        result = self.expect_refused(machine, builder, NO_TRAILER)
+        self.assertEqual(len(result.calls("ReadFile", path="thin.vrnx")), 2)
+
+    def test_every_shortened_trailer_is_refused(self):
+        machine, builder = self.thin_pair()
+        whole = builder.to_bytes()
+        for missing in (1, 2, 3, 4, 7, 8, 20, 54):
+            with self.subTest(missing=missing):
+                self.expect_refused(machine, whole[:-missing], NO_TRAILER)
+
+    def test_a_length_of_48_leaves_no_name_and_is_malformed(self):
+        machine, builder = self.thin_pair()
+        builder.trailer.base_name = b""
+        self.assertEqual(builder.trailer.pack()[-4:], b"\x30\0\0\0")
+        self.expect_refused(machine, builder, MALFORMED)
+
+    def test_lengths_of_47_and_4097_are_out_of_bounds_in_a_file_of_any_size(self):
+        for total in (0, 47, 4097, 0xFFFFFFFF):
+            machine, builder = self.thin_pair()
+            builder.gap, builder.trailer.total_length = bytes(8192), total
+            with self.subTest(total=total):
+                self.expect_refused(machine, builder, NO_TRAILER)
+
+    def test_a_trailer_may_not_reach_into_the_chunk_data(self):
+        machine, builder = self.thin_pair()
+        builder.trailer.total_length = 56
+        self.expect_refused(machine, builder, NO_TRAILER)
+        builder.gap = b"\0"  # one more byte of room, and the bounds are kept
+        self.expect_refused(machine, builder, MALFORMED)
+
+    def test_a_name_of_4048_bytes_goes_on_to_the_lookup(self):
+        machine, builder = self.thin_pair()
+        name = "n" * 4048
+        builder.trailer.base_name = name.encode()
+        self.assertEqual(builder.trailer.pack()[-4:], (4096).to_bytes(4, "little"))
+        result = self.expect_refused(machine, builder, NOT_FOUND, missing_base(name))
+        self.assertEqual([line["path"] for line in result.calls("GetFileAttributesA")], [name])
+
+    def test_a_name_of_4049_bytes_is_too_long(self):
+        machine, builder = self.thin_pair()
+        builder.trailer.base_name = b"n" * 4049
+        self.expect_refused(machine, builder, NO_TRAILER)
+
+    def test_another_magic_is_malformed(self):
+        machine, builder = self.thin_pair()
+        for magic in (b"VRNXBASF", b"VRNXDSK2", b"vrnxbase", bytes(8)):
+            builder.trailer.magic = magic
+            with self.subTest(magic=magic):
+                self.expect_refused(machine, builder, MALFORMED)
+
+    def test_a_name_length_that_does_not_fit_the_whole_is_malformed(self):
+        machine, builder = self.thin_pair()
+        for length in (0, 6, 8, 7 + 0x10000, 0xFFFFFFFF, 0xFFFFFFD0):
+            builder.trailer.name_length = length
+            with self.subTest(length=length):
+                self.expect_refused(machine, builder, MALFORMED)
+
+    def test_the_trailer_is_found_from_the_end_in_two_reads(self):
+        machine, builder = self.thin_pair()
+        builder.write(machine.path("thin.vrnx"))
+        size = len(builder.to_bytes())
+        result = self.expect_good(machine, "thin.vrnx", "g0.vrnx")
+        steps = [(line["call"], line.get("offset"), line.get("length")) for line in result.calls(path="thin.vrnx")
+                 if line["call"] in ("SetFilePointerEx", "ReadFile")]
+        self.assertEqual(steps, [
+            ("ReadFile", 0, 64), ("ReadFile", 64, 360), ("SetFilePointerEx", size - 4, None), ("ReadFile", size - 4, 4),
+            ("SetFilePointerEx", size - 55, None), ("ReadFile", size - 55, 55), ("SetFilePointerEx", 0, None),
+            ("SetFilePointerEx", DATA, None), ("ReadFile", DATA, CHUNK)])
+
+    def test_a_trailer_length_that_cannot_be_read_is_no_valid_trailer(self):
+        for call, skip, effect in (("SetFilePointerEx", 0, {"error": 1117}), ("ReadFile", 2, {"error": 1117}),
+                                   ("ReadFile", 2, {"transferred": 3}), ("ReadFile", 2, {"transferred": 0})):
+            machine, builder = self.thin_pair()
+            machine.add_fault(call, path="thin.vrnx", skip=skip, **effect)
+            with self.subTest(call=call, effect=effect):
+                self.expect_refused(machine, builder, NO_TRAILER, error=effect.get("error"))
+
+    def test_a_trailer_that_cannot_be_read_is_told_so(self):
+        for call, skip, effect in (("SetFilePointerEx", 1, {"error": 1117}), ("ReadFile", 3, {"error": 1117}),
+                                   ("ReadFile", 3, {"transferred": 54})):
+            machine, builder = self.thin_pair()
+            machine.add_fault(call, path="thin.vrnx", skip=skip, **effect)
+            with self.subTest(call=call, effect=effect):
+                self.expect_refused(machine, builder, TRAILER_UNREAD, error=effect.get("error"))
+
+    def test_a_full_image_has_no_trailer_looked_for(self):
+        machine = self.work()
+        self.chain(machine)
+        builder = ImageBuilder(pattern(SIZE, "disk"))
+        builder.tail = Trailer(b"../../etc", bytes(32)).pack()
+        builder.write(machine.path("full.vrnx"))
+        result = self.expect(self.verify(machine, "full.vrnx"), 0, verify_text("full.vrnx", SIZE, CHUNK))
+        self.assertEqual(result.calls("SetFilePointerEx"), [])
+
+
+class WayToTheBase(Chains):
+    def test_a_name_that_leads_out_of_the_folder_is_refused_with_no_look_at_it(self):
+        for name in (b"..\\g0.vrnx", b"../g0.vrnx", b"C:g0.vrnx", b"C:\\g0.vrnx", b"/g0.vrnx", b"\\g0.vrnx",
+                     b"g0.vrnx/", b"g0.vrnx\\", b"g0.vrnx:", b":", b"/", b"\\", b"\\\\server\\share\\g0.vrnx",
+                     b"g0.vrnx::$DATA"):
+            machine, builder = self.thin_pair()
+            builder.trailer.base_name = name
+            with self.subTest(name=name):
+                result = self.expect_refused(machine, builder, OUTSIDE)
+                self.assertEqual(result.calls("GetFileAttributesA"), [])
+                self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["thin.vrnx"])
+
+    def test_a_malformed_trailer_is_told_before_a_name_that_leads_out(self):
+        machine, builder = self.thin_pair()
+        builder.trailer.base_name, builder.trailer.magic = b"../g0.vrnx", b"VRNXBASF"
+        self.expect_refused(machine, builder, MALFORMED)
+
+    def test_a_bare_image_name_looks_in_the_current_folder(self):
+        machine = self.work()
+        self.chain(machine, (2,))
+        result = self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+        self.assertEqual([line["path"] for line in result.calls("GetFileAttributesA")], ["g0.vrnx"])
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["g1.vrnx", "g0.vrnx"])
+
+    def test_a_relative_path_stays_relative(self):
+        machine = self.work()
+        os.makedirs(machine.path("sub/deep"))
+        self.chain(machine, (2,), (3,), folder="sub/deep")
+        for prefix in ("sub/deep/", "./sub/../sub/deep/", "sub//deep//"):
+            with self.subTest(prefix=prefix):
+                result = self.expect_good(machine, prefix + "g2.vrnx", "g1.vrnx")
+                self.assertEqual([line["path"] for line in result.calls("CreateFileW")],
+                                 [prefix + "g2.vrnx", prefix + "g1.vrnx", prefix + "g0.vrnx"])
+
+    def test_an_absolute_path_gives_an_absolute_base(self):
+        machine = self.work()
+        self.chain(machine, (2,))
+        path = machine.absolute("g1.vrnx")
+        result = self.expect(self.verify(machine, path), 0, thin_verify_text(path, "g0.vrnx", SIZE, CHUNK))
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], [path, machine.absolute("g0.vrnx")])
+
+    def test_a_backslash_ends_the_folder_as_a_slash_does(self):
+        machine = self.work()
+        os.makedirs(machine.path("sub"))
+        self.chain(machine, (2,), folder="sub")
+        if not self.settings.windows:
+            # No separator to this host: the same bytes are the names of files that lie here.
+            for name in ("g0.vrnx", "g1.vrnx"):
+                os.rename(machine.path(f"sub/{name}"), machine.path(f"sub\\{name}"))
+        result = self.expect_good(machine, "sub\\g1.vrnx", "g0.vrnx")
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["sub\\g1.vrnx", "sub\\g0.vrnx"])
+
+    def test_the_last_separator_of_either_kind_counts(self):
+        machine = self.work()
+        self.chain(machine, (2,))
+        os.rename(machine.path("g0.vrnx"), machine.path("away.vrnx"))
+        os.makedirs(machine.path("sub"))
+        if self.settings.windows:
+            os.rename(machine.path("g1.vrnx"), machine.path("sub/g1.vrnx"))
+            os.makedirs(machine.path("sub/deep"))
+            name, base = "sub\\deep/../g1.vrnx", "sub\\deep/../g0.vrnx"
+        else:
+            os.rename(machine.path("g1.vrnx"), machine.path("sub/x\\g1.vrnx"))
+            name, base = "sub/x\\g1.vrnx", "sub/x\\g0.vrnx"
+        self.expect(self.verify(machine, name), 1, "", missing_base(base) + fatal(NOT_FOUND))
+
+    def test_a_colon_is_no_separator_of_folders(self):
+        if self.settings.windows:
+            machine = self.work()
+            self.chain(machine, (2,))
+            # The drive's current folder is the run's: the image is found, and its base without the drive's letter.
+            result = self.expect_good(machine, "Z:g1.vrnx", "g0.vrnx")
+            self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["Z:g1.vrnx", "g0.vrnx"])
+        else:
+            machine = self.work()
+            self.chain(machine, (2,))
+            os.rename(machine.path("g1.vrnx"), machine.path("Z:g1.vrnx"))
+            result = self.expect_good(machine, "Z:g1.vrnx", "g0.vrnx")
+            self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["Z:g1.vrnx", "g0.vrnx"])
+
+    def test_a_missing_base_is_named_with_its_path(self):
+        machine = self.work()
+        os.makedirs(machine.path("sub"))
+        self.chain(machine, (2,), folder="sub")
+        os.remove(machine.path("sub/g0.vrnx"))
+        self.expect(self.verify(machine, "sub/g1.vrnx"), 1, "",
+                    "This is a thin (incremental) image; its base image is missing: sub/g0.vrnx\n"
+                    "Keep every image of a chain in the same folder.\n"
+                    + fatal("base image of a thin image not found"))
+
+    def test_the_base_is_not_looked_for_where_the_program_runs(self):
+        machine = self.work()
+        os.makedirs(machine.path("sub"))
+        self.chain(machine, (2,))
+        os.rename(machine.path("g1.vrnx"), machine.path("sub/g1.vrnx"))
+        self.expect(self.verify(machine, "sub/g1.vrnx"), 1, "", missing_base("sub/g0.vrnx") + fatal(NOT_FOUND))
+
+    def test_any_failure_of_the_existence_test_counts_as_missing(self):
+        machine = self.work()
+        self.chain(machine, (2,))
+        machine.add_fault("GetFileAttributesA", path="g0.vrnx", error=5)
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", missing_base("g0.vrnx") + fatal(NOT_FOUND))
+
+    def test_a_folder_of_that_name_passes_the_existence_test_and_does_not_open(self):
+        machine = self.work()
+        self.chain(machine, (2,))
+        os.remove(machine.path("g0.vrnx"))
+        os.mkdir(machine.path("g0.vrnx"))
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", "could not open image file: g0.vrnx\n" + fatal(UNOPENED, 5))
+
+    def test_a_name_of_dots_is_a_folder_that_does_not_open(self):
+        for name in (b".", b".."):
+            machine, builder = self.thin_pair()
+            builder.trailer.base_name = name
+            with self.subTest(name=name):
+                self.expect_refused(machine, builder, UNOPENED,
+                                    f"could not open image file: {name.decode()}\n", error=5)
+
+    def test_a_base_that_cannot_be_opened_is_told_with_its_path_and_error(self):
+        machine = self.work()
+        self.chain(machine, (2,))
+        machine.add_fault("CreateFileW", path="g0.vrnx", error=32)
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "",
+                    "could not open image file: g0.vrnx\n" + fatal(UNOPENED, 32))
+
+    def test_beyond_ascii_existence_and_opening_look_at_different_names(self):
+        if self.settings.windows:
+            self.skipTest("what a narrow name means there depends on the code page")
+        machine, builder = self.thin_pair()
+        os.rename(machine.path("g0.vrnx"), machine.path("\u00e4.vrnx"))
+        builder.trailer.base_name = "\u00e4.vrnx".encode()
+        self.expect_refused(machine, builder, UNOPENED, "could not open image file: \u00e4.vrnx\n", error=2)
+        os.link(machine.path("\u00e4.vrnx"), machine.path("\uffc3\uffa4.vrnx"))
+        self.expect_good(machine, "thin.vrnx", "\u00e4.vrnx")
+        os.remove(machine.path("\u00e4.vrnx"))
+        self.expect(self.verify(machine, "thin.vrnx"), 1, "", missing_base("\u00e4.vrnx") + fatal(NOT_FOUND))
+
+
+class Proof(Chains):
+    def test_a_renamed_base_is_missing_and_heals_under_its_old_name(self):
+        machine = self.work()
+        self.chain(machine, (2,))
+        os.rename(machine.path("g0.vrnx"), machine.path("other.vrnx"))
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", missing_base("g0.vrnx") + fatal(NOT_FOUND))
+        os.rename(machine.path("other.vrnx"), machine.path("g0.vrnx"))
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+
+    def test_the_name_of_a_base_is_no_part_of_what_is_pinned(self):
+        machine, builder = self.thin_pair()
+        os.rename(machine.path("g0.vrnx"), machine.path("other"))
+        builder.trailer.base_name = b"other"
+        builder.write(machine.path("thin.vrnx"))
+        self.expect_good(machine, "thin.vrnx", "other")
+
+    def test_a_replaced_base_is_refused_by_its_digest(self):
+        machine = self.work()
+        plains = self.chain(machine, (2,))
+        build_image(machine.path("g0.vrnx"), changed(plains[0], "else", 4))
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "",
+                    "Base image g0.vrnx is not the one this image was made against (it was modified or replaced).\n"
+                    + fatal("base image does not match the one pinned in the thin image"))
+
+    def test_a_base_of_equal_bytes_is_accepted(self):
+        machine = self.work()
+        plains = self.chain(machine, (2,))
+        machine.write("backup.vrnx", machine.read("g0.vrnx"))
+        build_image(machine.path("g0.vrnx"), changed(plains[0], "else", 4))
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", other_base("g0.vrnx") + fatal(NOT_PINNED))
+        os.replace(machine.path("backup.vrnx"), machine.path("g0.vrnx"))
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+        # Made a second time from the same disk, with no epoch: the same image.
+        build_image(machine.path("g0.vrnx"), plains[0], seed="again")
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+
+    def test_another_epoch_alone_makes_another_base(self):
+        machine = self.work()
+        plains = self.chain(machine, (2,))
+        build_image(machine.path("g0.vrnx"), plains[0], epoch=1)
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", other_base("g0.vrnx") + fatal(NOT_PINNED))
+
+    def test_a_base_sealed_again_is_another_base(self):
+        machine = self.work()
+        plains = self.chain(machine, (2,), passwords=(PASSWORD,))
+        machine.write("password", PASSWORD)
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx", "--password-file", "password")
+        build_image(machine.path("g0.vrnx"), plains[0], password=PASSWORD, seed="again")
+        self.expect(self.verify(machine, "g1.vrnx", "--password-file", "password"), 1, "",
+                    other_base("g0.vrnx") + fatal(NOT_PINNED))
+
+    def test_bytes_outside_header_and_table_are_not_pinned(self):
+        machine = self.work()
+        self.chain(machine, range(COUNT))
+        machine.flip("g0.vrnx", DATA + 100)
+        machine.write("g0.vrnx", machine.read("g0.vrnx") + b"more")
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+
+    def test_a_damaged_base_is_told_by_its_own_failure(self):
+        for at, message in ((0, BAD_MAGIC), (20, "image header has invalid disk/sector/chunk geometry"),
+                            (36, "image has invalid encryption/KDF parameters"),
+                            (28, "image header has an impossible chunk count"),
+                            (64, "image chunk table has an invalid offset or length")):
+            machine = self.work()
+            self.chain(machine, (2,))
+            machine.flip("g0.vrnx", at)
+            with self.subTest(at=at):
+                self.expect(self.verify(machine, "g1.vrnx"), 1, "", fatal(message))
+
+    def test_a_truncated_base_is_told_by_its_own_failure(self):
+        for size, message in ((63, "could not read image header - file is truncated or not a .vrnx image"),
+                              (DATA - 1, "image is truncated before its chunk table"),
+                              (DATA + SIZE - 1, "image chunk data extends past end of file")):
+            machine = self.work()
+            self.chain(machine, (2,))
+            machine.write("g0.vrnx", machine.read("g0.vrnx")[:size])
+            with self.subTest(size=size):
+                self.expect(self.verify(machine, "g1.vrnx"), 1, "", fatal(message))
+
+    def test_a_base_of_another_shape_is_refused_though_it_is_pinned(self):
+        plain = pattern(SIZE, "disk")
+        for case, other, options in (("disk size", plain[:-512], {}),
+                                     ("chunk size", plain[:5000], {"chunk_size": 4608}),
+                                     ("chunk count", plain + bytes(CHUNK), {}),
+                                     ("chunk size and count", plain, {"chunk_size": 8192})):
+            machine = self.work()
+            thin_plain = plain[:5000] if case == "chunk size" else plain
+            builder = ImageBuilder(thin_plain)
+            build_image(machine.path("g0.vrnx"), other, **options)
+            builder.header.version = 3
+            builder.trailer = Trailer(b"g0.vrnx", digest_of(machine.path("g0.vrnx")))
+            with self.subTest(case=case):
+                self.expect_refused(machine, builder, OTHER_SHAPE)
+
+    def test_a_base_of_another_digest_is_told_before_its_other_shape(self):
+        machine, builder = self.thin_pair()
+        build_image(machine.path("g0.vrnx"), pattern(SIZE - 512, "disk"))
+        self.expect_refused(machine, builder, NOT_PINNED, other_base("g0.vrnx"))
+
+    def test_sector_sizes_along_a_chain_may_differ(self):
+        machine, builder = self.thin_pair()
+        builder.header.sector_size = 1024
+        builder.write(machine.path("thin.vrnx"))
+        self.expect_good(machine, "thin.vrnx", "g0.vrnx")
+
+    def test_exchanged_bases_are_refused(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,), (2,))
+        g0, g1 = machine.read("g0.vrnx"), machine.read("g1.vrnx")
+        machine.write("g0.vrnx", g1)
+        machine.write("g1.vrnx", g0)
+        # g1.vrnx is now a full image, and so g0.vrnx is not looked at.
+        self.expect(self.verify(machine, "g3.vrnx"), 1, "", other_base("g1.vrnx") + fatal(NOT_PINNED))
+
+    def test_exchanged_upper_images_are_refused_where_the_order_breaks(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,), (2,))
+        g1, g2 = machine.read("g1.vrnx"), machine.read("g2.vrnx")
+        machine.write("g1.vrnx", g2)
+        machine.write("g2.vrnx", g1)
+        # g3 opens g2.vrnx, which is the old g1 over g0 and good in itself.
+        self.expect(self.verify(machine, "g3.vrnx"), 1, "", other_base("g2.vrnx") + fatal(NOT_PINNED))
+
+    def test_one_image_copied_over_another_makes_a_loop_or_a_stranger(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,), (2,))
+        machine.write("g2.vrnx", machine.read("g3.vrnx"))
+        self.expect(self.verify(machine, "g3.vrnx"), 1, "", fatal(TOO_DEEP))
+
+
+class Depth(Chains):
+    def long_chain(self, count, size=1024, chunk=512):
+        """`count` images l00.vrnx, l01.vrnx ... of one tiny disk; the lowest alone stores the second chunk."""
+        machine = self.work()
+        plain = pattern(size, "disk")
+        path = machine.path("l00.vrnx")
+        build_image(path, plain, chunk_size=chunk)
+        for place in range(1, count):
+            plain = pattern(chunk, f"l{place}") + plain[chunk:]
+            base, path = path, machine.path(f"l{place:02}.vrnx")
+            build_image(path, plain, chunk_size=chunk, base=base)
+        return machine
+
+    def test_65_images_open(self):
+        machine = self.long_chain(65)
+        result = self.expect_good(machine, "l64.vrnx", "l63.vrnx", size=1024, chunk=512)
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")],
+                         [f"l{place:02}.vrnx" for place in range(64, -1, -1)])
+
+    def test_the_66th_image_is_refused_before_its_file_is_touched(self):
+        machine = self.long_chain(66)
+        result = self.expect(self.verify(machine, "l65.vrnx"), 1, "", fatal(TOO_DEEP))
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")],
+                         [f"l{place:02}.vrnx" for place in range(65, 0, -1)])
+        self.assertEqual(result.calls("ReadFile", path="l00.vrnx"), [])
+
+    def test_the_limit_is_told_even_where_the_66th_is_no_image(self):
+        machine = self.long_chain(66)
+        machine.write("l00.vrnx", b"no image")
+        self.expect(self.verify(machine, "l65.vrnx"), 1, "", fatal(TOO_DEEP))
+
+    def test_each_image_of_a_long_chain_stands_for_its_disk(self):
+        machine = self.long_chain(65)
+        machine.add_disk(1, bytes(512))
+        machine.add_disk(2, bytes(1024))
+        machine.add_disk(0, bytes(512))
+        machine.system_volume([(0, 0, 512)])
+        for place in (1, 33, 64):
+            name = f"l{place:02}.vrnx"
+            self.expect(self.restore(machine, name), 0, restore_text(name, 2, 1024, 512))
+            self.expect_disk(machine, 2, pattern(512, f"l{place}") + pattern(1024, "disk")[512:])
+
+    def test_an_image_that_names_itself_runs_into_the_limit_with_all_levels_open(self):
+        machine, builder = self.thin_pair()
+        builder.trailer.base_name = b"thin.vrnx"
+        result = self.expect_refused(machine, builder, TOO_DEEP)
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["thin.vrnx"] * 65)
+        self.assertEqual(result.calls("CloseHandle"), [])
+
+    def test_two_images_that_name_each_other_run_into_the_limit(self):
+        machine, builder = self.thin_pair()
+        builder.trailer.base_name = b"two.vrnx"
+        builder.write(machine.path("one.vrnx"))
+        builder.trailer.base_name = b"one.vrnx"
+        builder.write(machine.path("two.vrnx"))
+        result = self.expect(self.verify(machine, "one.vrnx"), 1, "", fatal(TOO_DEEP))
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")],
+                         ["one.vrnx", "two.vrnx"] * 32 + ["one.vrnx"])
+
+    def test_a_loop_leaves_the_target_of_a_restore_alone(self):
+        machine = self.restoring()
+        self.chain(machine)
+        builder = ImageBuilder(pattern(SIZE, "disk"), base=machine.path("g0.vrnx"), base_name=b"thin.vrnx")
+        builder.write(machine.path("thin.vrnx"))
+        result = self.expect(self.restore(machine, "thin.vrnx"), 1, "", fatal(TOO_DEEP))
+        self.assertEqual(result.calls(path="PhysicalDrive2"), [])
+        self.expect_disk(machine, 2, pattern(SIZE, "target"))
+
+    def test_a_missing_third_image_of_four_is_named_from_the_top(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,), (2,))
+        os.remove(machine.path("g1.vrnx"))
+        self.expect(self.verify(machine, "g3.vrnx"), 1, "", missing_base("g1.vrnx") + fatal(NOT_FOUND))
+
+    def test_an_altered_third_image_of_four_is_named_from_the_top(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,), (2,))
+        machine.flip("g1.vrnx", 37)  # its epoch, which nobody examines, and so its digest
+        self.expect(self.verify(machine, "g3.vrnx"), 1, "", other_base("g1.vrnx") + fatal(NOT_PINNED))
+
+    def test_a_chain_is_opened_from_the_top_and_proved_from_the_bottom(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,), (2,))
+        machine.flip("g0.vrnx", 37)
+        machine.flip("g1.vrnx", 37)
+        machine.flip("g2.vrnx", 37)
+        self.expect(self.verify(machine, "g3.vrnx"), 1, "", other_base("g0.vrnx") + fatal(NOT_PINNED))
+
+
+class Reading(Chains):
+    def test_a_chain_names_the_first_link_alone(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,), (2,))
+        self.expect_good(machine, "g3.vrnx", "g2.vrnx")
+
+    def test_the_top_image_is_read_in_sequence_and_never_moved(self):
+        machine = self.work()
+        self.chain(machine, (0, 2, 4), (1,))
+        result = self.expect_good(machine, "g1.vrnx", "g0.vrnx")
+        own = [(line["call"], line["offset"]) for line in result.calls(path="g1.vrnx")
+               if line["call"] in ("ReadFile", "SetFilePointerEx")]
+        self.assertEqual(own[6:], [("SetFilePointerEx", 0), ("SetFilePointerEx", DATA), ("ReadFile", DATA),
+                                   ("ReadFile", DATA + CHUNK), ("ReadFile", DATA + 2 * CHUNK)])
+        base = [(line["call"], line["offset"]) for line in result.calls(path="g0.vrnx")
+                if line["call"] in ("ReadFile", "SetFilePointerEx")]
+        self.assertEqual(base[2:], [("SetFilePointerEx", DATA + CHUNK), ("ReadFile", DATA + CHUNK),
+                                    ("SetFilePointerEx", DATA + 3 * CHUNK), ("ReadFile", DATA + 3 * CHUNK)])
+
+    def test_stored_chunks_and_references_in_turn_go_back_onto_a_disk(self):
+        machine = self.restoring()
+        plains = self.chain(machine, (0, 2, 4), (1, 2))
+        for place in (1, 2):
+            name = f"g{place}.vrnx"
+            result = self.expect(self.restore(machine, name), 0, restore_text(name, 2, SIZE, CHUNK))
+            self.expect_disk(machine, 2, plains[place])
+            moved = [line["offset"] for line in result.calls("SetFilePointerEx", path=name)]
+            self.assertEqual(moved[2:], [0, DATA])
+
+    def test_references_alone_leave_the_top_image_unread(self):
+        machine = self.restoring()
+        plains = self.chain(machine, (1, 3), ())
+        result = self.expect(self.restore(machine, "g2.vrnx"), 0, restore_text("g2.vrnx", 2, SIZE, CHUNK))
+        self.expect_disk(machine, 2, plains[1])
+        self.assertEqual(len(result.calls("ReadFile", path="g2.vrnx")), 4)
+
+    def test_a_reference_three_levels_deep_is_hashed_on_every_level(self):
+        machine = self.work()
+        self.chain(machine, (0, 1, 2, 3), (), ())
+        result = self.expect_good(machine, "g3.vrnx", "g2.vrnx")
+        hashed = [line["length"] for line in result.calls("BCryptHashData")]
+        self.assertEqual(hashed, [DATA] * 4 + [CHUNK] * 3 * 4 + [1536] * 4)
+        self.assertEqual([(line["path"], line["offset"]) for line in result.calls("ReadFile")[-5:]],
+                         [("g1.vrnx", DATA + place * CHUNK) for place in range(4)] + [("g0.vrnx", DATA + 4 * CHUNK)])
+
+    def test_the_short_last_chunk_comes_through_a_reference_at_its_own_length(self):
+        machine = self.restoring(pattern(SIZE + 512, "target"))
+        plains = self.chain(machine, (0,))
+        result = self.expect(self.restore(machine, "g1.vrnx"), 0, restore_text("g1.vrnx", 2, SIZE, CHUNK, larger=True))
+        self.expect_disk(machine, 2, plains[1] + pattern(SIZE + 512, "target")[SIZE:])
+        self.assertEqual(result.calls("ReadFile", path="g0.vrnx")[-1]["length"], 1536)
+        self.assertIn(LARGER_TARGET_NOTE.encode(), result.stdout)
+
+    def test_the_meter_counts_references_and_stored_chunks_alike(self):
+        machine = self.work()
+        plain = pattern(66 * 512 + 100, "disk")
+        build_image(machine.path("g0.vrnx"), plain, chunk_size=512)
+        build_image(machine.path("g1.vrnx"), changed(plain, "g1", 32, 40, chunk=512), chunk_size=512,
+                    base=machine.path("g0.vrnx"))
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx", size=66 * 512 + 100, chunk=512)
+
+    def test_skip_zero_looks_at_the_bytes_behind_a_reference(self):
+        machine = self.restoring()
+        plain = bytearray(pattern(SIZE, "disk"))
+        plain[CHUNK:3 * CHUNK] = bytes(2 * CHUNK)
+        build_image(machine.path("g0.vrnx"), bytes(plain))
+        build_image(machine.path("g1.vrnx"), changed(plain, "g1", 0), base=machine.path("g0.vrnx"))
+        result = self.expect(self.restore(machine, "g1.vrnx", "--skip-zero"), 0,
+                             restore_text("g1.vrnx", 2, SIZE, CHUNK))
+        self.assertEqual([line["offset"] for line in result.calls("WriteFile", path="PhysicalDrive2")],
+                         [0, 3 * CHUNK, 4 * CHUNK])
+        expected = bytearray(changed(plain, "g1", 0))
+        expected[CHUNK:3 * CHUNK] = pattern(SIZE, "target")[CHUNK:3 * CHUNK]
+        self.expect_disk(machine, 2, bytes(expected))
+
+    def test_the_files_of_bases_stay_open_to_the_end(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,))
+        result = self.expect_good(machine, "g2.vrnx", "g1.vrnx")
+        self.assertEqual([line["path"] for line in result.calls("CloseHandle")], ["g2.vrnx"])
+
+    def test_no_image_of_a_chain_is_written_to(self):
+        machine = self.work()
+        self.chain(machine, (0,), (1,))
+        before = {name: machine.read(name) for name in machine.files()}
+        result = self.expect_good(machine, "g2.vrnx", "g1.vrnx")
+        self.assertEqual({line["access"] for line in result.calls("CreateFileW")}, {"0x80000000"})
+        self.assertEqual({line["share"] for line in result.calls("CreateFileW")}, {"0x00000001"})
+        self.assertEqual({name: machine.read(name) for name in machine.files()}, before)
+
+    def test_the_seeks_back_to_the_chunk_data_are_not_looked_at(self):
+        machine, builder = self.thin_pair()
+        builder.write(machine.path("thin.vrnx"))
+        head = verifying_line("thin.vrnx", 5, SIZE) + "  thin image: chain continues with g0.vrnx\n"
+        machine.add_fault("SetFilePointerEx", path="thin.vrnx", skip=2, error=1117)
+        self.expect_good(machine, "thin.vrnx", "g0.vrnx")
+        machine.clear_faults()
+        # Left on the first byte of the file, the walk takes the header for chunk 1.
+        machine.add_fault("SetFilePointerEx", path="thin.vrnx", skip=3, error=1117)
+        self.expect(self.verify(machine, "thin.vrnx"), 1,
+                    head + meter(CHUNK, SIZE, 1) + "\n  chunk 1 (disk offset 4096): HASH MISMATCH\n"
+                    + meter(SIZE, SIZE, 2) + "\n", verify_failed(1, 5))
+        machine.clear_faults()
+        # Left behind the trailer, it finds nothing more.
+        machine.add_fault("SetFilePointerEx", path="thin.vrnx", skip=2, times=2, error=1117)
+        self.expect(self.verify(machine, "thin.vrnx"), 1, head + meter(CHUNK, SIZE, 1),
+                    fatal("could not read chunk data - image is truncated"))
+
+
+class Damage(Chains):
+    def broken_base(self, index, passwords=(), changes=(1, 3)):
+        """A restoring machine with g1 over g0, where a byte of chunk `index` of g0's data is inverted."""
+        machine = self.restoring()
+        plains = self.chain(machine, changes, passwords=passwords)
+        machine.flip("g0.vrnx", DATA + index * CHUNK + 100)
+        machine.write("password", PASSWORD)
+        return machine, plains
+
+    def head(self, name="g1.vrnx", base="g0.vrnx"):
+        return verifying_line(name, COUNT, SIZE) + f"  thin image: chain continues with {base}\n"
+
+    def test_a_damaged_base_chunk_ends_verify_at_its_reference(self):
+        machine, _ = self.broken_base(2)
+        self.expect(self.verify(machine, "g1.vrnx"), 1, self.head() + meter_run(SIZE, CHUNK, upto=2), fatal(BAD_HASH))
+
+    def test_a_damaged_chunk_of_a_sealed_base_fails_to_authenticate_first(self):
+        machine, _ = self.broken_base(2, passwords=(PASSWORD,))
+        self.expect(self.verify(machine, "g1.vrnx", "--password-file", "password"), 1,
+                    self.head() + meter_run(SIZE, CHUNK, upto=2), fatal(UNAUTHENTIC))
+
+    def test_a_damaged_base_chunk_goes_unnoticed_under_a_stored_one(self):
+        for passwords in ((), (PASSWORD,)):
+            machine, plains = self.broken_base(3, passwords=passwords)
+            options = ("--password-file", "password")
+            self.expect_good(machine, "g1.vrnx", "g0.vrnx", *options)
+            self.expect(self.restore(machine, "g1.vrnx", *options), 0, restore_text("g1.vrnx", 2, SIZE, CHUNK))
+            self.expect_disk(machine, 2, plains[1])
+
+    def test_a_damaged_base_chunk_ends_a_restore_with_the_chunks_before_it_written(self):
+        machine, plains = self.broken_base(2)
+        self.expect(self.restore(machine, "g1.vrnx"), 1,
+                    restoring_line("g1.vrnx", 2, COUNT, SIZE) + meter_run(SIZE, CHUNK, upto=2), fatal(BAD_HASH))
+        self.expect_disk(machine, 2, plains[1][:2 * CHUNK] + pattern(SIZE, "target")[2 * CHUNK:])
+
+    def test_a_sealed_damaged_base_chunk_ends_a_restore_without_a_write_of_it(self):
+        machine, plains = self.broken_base(0, passwords=(PASSWORD,))
+        self.expect(self.restore(machine, "g1.vrnx", "--password-file", "password"), 1,
+                    restoring_line("g1.vrnx", 2, COUNT, SIZE), fatal(UNAUTHENTIC))
+        self.expect_disk(machine, 2, pattern(SIZE, "target"))
+
+    def test_a_record_vouches_for_the_bytes_behind_its_reference(self):
+        machine = self.restoring()
+        self.chain(machine, (1, 3))
+        machine.flip("g1.vrnx", 64 + 72 * 2 + 12)  # the hash of a reference of the top image, which nothing pins
+        self.expect(self.verify(machine, "g1.vrnx"), 1, self.head() + meter_run(SIZE, CHUNK, upto=2), fatal(BAD_HASH))
+        self.expect(self.restore(machine, "g1.vrnx"), 1,
+                    restoring_line("g1.vrnx", 2, COUNT, SIZE) + meter_run(SIZE, CHUNK, upto=2), fatal(BAD_HASH))
+
+    def test_a_damaged_stored_chunk_of_the_top_is_counted_and_the_run_goes_on(self):
+        machine = self.restoring()
+        self.chain(machine, (1, 3))
+        machine.flip("g1.vrnx", DATA + CHUNK + 5)  # the second stored chunk, which is chunk 3
+        self.expect(self.verify(machine, "g1.vrnx"), 1,
+                    self.head() + meter(CHUNK, SIZE, 1) + "\n  chunk 3 (disk offset 12288): HASH MISMATCH\n"
+                    + meter(SIZE, SIZE, 2) + "\n", verify_failed(1, 5))
+        self.expect(self.restore(machine, "g1.vrnx"), 1,
+                    restoring_line("g1.vrnx", 2, COUNT, SIZE) + meter_run(SIZE, CHUNK, upto=3),
+                    "\nFATAL: chunk 3 hash mismatch (corrupt image) - restore aborted, target disk left partially"
+                    " written.\n")
+
+    def test_counted_chunks_are_not_told_of_when_a_reference_fails(self):
+        machine, _ = self.broken_base(2)
+        machine.flip("g1.vrnx", DATA + 5)  # stored chunk 1
+        self.expect(self.verify(machine, "g1.vrnx"), 1,
+                    self.head() + meter(CHUNK, SIZE, 1) + "\n  chunk 1 (disk offset 4096): HASH MISMATCH\n",
+                    fatal(BAD_HASH))
+
+    def test_a_base_that_gives_no_chunk_data_is_fatal(self):
+        for call, skip, effect in (("SetFilePointerEx", 0, {"error": 1117}), ("ReadFile", 2, {"error": 1117}),
+                                   ("ReadFile", 2, {"transferred": 4095}), ("ReadFile", 2, {"transferred": 0})):
+            machine = self.restoring()
+            self.chain(machine, (1, 3))
+            machine.add_fault(call, path="g0.vrnx", skip=skip, **effect)
+            report = fatal(UNREADABLE, effect["error"]) if "error" in effect else fatal(UNREADABLE)
+            with self.subTest(call=call, effect=effect):
+                self.expect(self.verify(machine, "g1.vrnx"), 1, self.head(), report)
+                self.expect(self.restore(machine, "g1.vrnx"), 1, restoring_line("g1.vrnx", 2, COUNT, SIZE), report)
+                self.expect_disk(machine, 2, pattern(SIZE, "target"))
+
+    def test_a_byte_that_turns_while_a_base_is_read_is_found(self):
+        machine = self.restoring()
+        self.chain(machine, (1, 3))
+        machine.add_fault("ReadFile", path="g0.vrnx", skip=3, flip=1000)
+        self.expect(self.verify(machine, "g1.vrnx"), 1, self.head() + meter_run(SIZE, CHUNK, upto=2), fatal(BAD_HASH))
+
+    def test_two_exchanged_chunks_of_a_base_are_found(self):
+        machine = self.restoring()
+        plains = self.chain(machine, (0, 1))
+        machine.patch("g0.vrnx", DATA + 2 * CHUNK, plains[0][3 * CHUNK:4 * CHUNK] + plains[0][2 * CHUNK:3 * CHUNK])
+        self.expect(self.verify(machine, "g1.vrnx"), 1, self.head() + meter_run(SIZE, CHUNK, upto=2), fatal(BAD_HASH))
+
+    def test_a_broken_chain_leaves_the_target_unopened(self):
+        for case in ("missing", "altered", "truncated"):
+            machine = self.restoring()
+            self.chain(machine, (0,), (1,))
+            if case == "missing":
+                os.remove(machine.path("g0.vrnx"))
+                report = missing_base("g0.vrnx") + fatal(NOT_FOUND)
+            elif case == "altered":
+                machine.flip("g0.vrnx", 40)
+                report = other_base("g0.vrnx") + fatal(NOT_PINNED)
+            else:
+                machine.write("g1.vrnx", machine.read("g1.vrnx")[:-1])
+                report = fatal(NO_TRAILER)
+            with self.subTest(case=case):
+                result = self.expect(self.restore(machine, "g2.vrnx"), 1, "", report)
+                self.assertEqual(result.calls(path="PhysicalDrive2"), [])
+                self.expect_disk(machine, 2, pattern(SIZE, "target"))
+
+
+class SealedChains(Chains):
+    MIXES = {
+        "sealed over plain": (None, PASSWORD), "plain over sealed": (PASSWORD, None),
+        "sealed over sealed": (PASSWORD, PASSWORD), "plain between sealed": (PASSWORD, None, PASSWORD),
+        "sealed between plain": (None, PASSWORD, None)}
+
+    def test_mixed_chains_read_under_one_password_file(self):
+        for mix, passwords in self.MIXES.items():
+            machine = self.restoring()
+            plains = self.chain(machine, *[(0, 2), (1, 2)][:len(passwords) - 1], passwords=passwords)
+            machine.write("password", PASSWORD + b"\r\n")
+            top = len(passwords) - 1
+            name, base = f"g{top}.vrnx", f"g{top - 1}.vrnx"
+            with self.subTest(mix=mix):
+                result = self.expect_good(machine, name, base, "--password-file", "password")
+                derived = [line["salt"] for line in result.calls("BCryptDeriveKeyPBKDF2")]
+                self.assertEqual(len(derived), sum(password is not None for password in passwords))
+                self.assertEqual(len(set(derived)), len(derived))
+                self.expect(self.restore(machine, name, "--password-file", "password"), 0,
+                            restore_text(name, 2, SIZE, CHUNK))
+                self.expect_disk(machine, 2, plains[top])
+
+    def test_a_plain_image_over_a_sealed_base_needs_the_password_of_the_base(self):
+        machine = self.restoring()
+        self.chain(machine, (1,), passwords=(PASSWORD,))
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", fatal(NEEDS_PASSWORD))
+        result = self.expect(self.restore(machine, "g1.vrnx"), 1, "", fatal(NEEDS_PASSWORD))
+        self.assertEqual(result.calls(path="PhysicalDrive2"), [])
+
+    def test_a_sealed_image_of_references_alone_needs_its_password(self):
+        machine = self.work()
+        self.chain(machine, (), passwords=(None, PASSWORD))
+        machine.write("password", PASSWORD)
+        self.expect(self.verify(machine, "g1.vrnx"), 1, "", fatal(NEEDS_PASSWORD))
+        result = self.expect_good(machine, "g1.vrnx", "g0.vrnx", "--password-file", "password")
+        self.assertEqual(result.calls("BCryptDecrypt"), [])
+
+    def test_a_chain_of_plain_images_does_not_look_at_the_password_file(self):
+        machine = self.work()
+        self.chain(machine, (1,), (2,))
+        self.expect_good(machine, "g2.vrnx", "g1.vrnx", "--password-file", "missing")
+
+    def test_a_wrong_password_shows_at_the_first_reference_to_a_sealed_base(self):
+        machine = self.restoring()
+        self.chain(machine, (0,), passwords=(PASSWORD,))
+        machine.write("password", b"wrong")
+        self.expect(self.verify(machine, "g1.vrnx", "--password-file", "password"), 1,
+                    verifying_line("g1.vrnx", COUNT, SIZE) + "  thin image: chain continues with g0.vrnx\n"
+                    + meter_run(SIZE, CHUNK, upto=1), fatal(UNAUTHENTIC))
+
+    def test_a_wrong_password_counts_stored_chunks_until_a_reference_ends_the_run(self):
+        machine = self.restoring()
+        plains = self.chain(machine, (0, 1), passwords=(PASSWORD, PASSWORD))
+        machine.write("password", b"wrong")
+        self.expect(self.verify(machine, "g1.vrnx", "--password-file", "password"), 1,
+                    verifying_line("g1.vrnx", COUNT, SIZE) + "  thin image: chain continues with g0.vrnx\n"
+                    "\n  chunk 0 (disk offset 0): AUTHENTICATION FAILED (corrupt or tampered)\n"
+                    "\n  chunk 1 (disk offset 4096): AUTHENTICATION FAILED (corrupt or tampered)\n", fatal(UNAUTHENTIC))
+        self.expect(self.restore(machine, "g1.vrnx", "--password-file", "password"), 1,
+                    restoring_line("g1.vrnx", 2, COUNT, SIZE),
+                    "\nFATAL: chunk 0 failed authentication (corrupt/tampered image) - restore aborted, target disk"
+                    " left partially written.\n")
+        self.assertEqual(len(plains), 2)
+        self.expect_disk(machine, 2, pattern(SIZE, "target"))
+
+    def test_a_wrong_password_of_a_base_goes_unnoticed_where_nothing_refers_to_it(self):
+        machine = self.work()
+        self.chain(machine, range(COUNT), passwords=(PASSWORD,))
+        machine.write("password", b"wrong")
+        self.expect_good(machine, "g1.vrnx", "g0.vrnx", "--password-file", "password")
+
+    def test_images_under_two_passwords_make_no_chain(self):
+        machine = self.work()
+        self.chain(machine, (0,), passwords=(PASSWORD, b"another"))
+        machine.write("password", b"another")
+        self.expect(self.verify(machine, "g1.vrnx", "--password-file", "password"), 1,
+                    verifying_line("g1.vrnx", COUNT, SIZE) + "  thin image: chain continues with g0.vrnx\n"
+                    + meter_run(SIZE, CHUNK, upto=1), fatal(UNAUTHENTIC))
+
+    def test_a_changed_nonce_or_tag_of_a_base_is_refused_at_open(self):
+        for at in (44, 56):
+            machine = self.work()
+            self.chain(machine, (0,), passwords=(PASSWORD,))
+            machine.write("password", PASSWORD)
+            machine.flip("g0.vrnx", 64 + 72 * 1 + at)
+            with self.subTest(at=at):
+                self.expect(self.verify(machine, "g1.vrnx", "--password-file", "password"), 1, "",
+                            other_base("g0.vrnx") + fatal(NOT_PINNED))
+
+    def test_a_changed_nonce_or_tag_of_the_top_fails_to_authenticate(self):
+        for at in (44, 56):
+            machine = self.work()
+            self.chain(machine, (0,), passwords=(None, PASSWORD))
+            machine.write("password", PASSWORD)
+            machine.flip("g1.vrnx", 64 + at)
+            with self.subTest(at=at):
+                self.expect(self.verify(machine, "g1.vrnx", "--password-file", "password"), 1,
+                            verifying_line("g1.vrnx", COUNT, SIZE) + "  thin image: chain continues with g0.vrnx\n"
+                            "\n  chunk 0 (disk offset 0): AUTHENTICATION FAILED (corrupt or tampered)\n"
+                            + meter(SIZE, SIZE, 1) + "\n", verify_failed(1, 5))
+
+
+if __name__ == "__main__":
+    suite.main()

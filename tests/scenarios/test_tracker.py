@@ -1,0 +1,649 @@
+"""The change tracker as a capture deals with it: attach, query, the bitmap, commit, and everything that can be missing.
+
+What a run does with the proof is told by the suite of incremental captures. Here it is the dealings with the driver,
+and that no driver which keeps its contract, however odd its replies, makes an image that differs from the disk.
+"""
+
+import os
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import suite
+from console import NO_TRACKER, capture_text, fatal, meter_run, restore_text, source_line
+from image import ImageBuilder, build_image, read_header
+from incremental import (COMMIT_WARNING, DEVICE, MIB4, REASON_GAP, REASON_NO_EPOCH, REASON_NO_PREVIOUS,
+                         REASON_NO_TRACKER, REASON_NOT_LATEST, base_line, bitmap_bytes, chunks_read, compared_line,
+                         copy_complete, fallback_line, hollow_disk, incremental_text, marked, proof_line, set_bits,
+                         thin_complete, tracker_calls, tracker_line, write_hollow)
+from machine import TRACKER_ATTACH, TRACKER_COMMIT, TRACKER_QUERY, pattern
+
+SIZE = 2 * MIB4 + 1024  # three chunks, the last one short
+SHIFT = 16
+BITMAP = bitmap_bytes(SIZE, SHIFT)
+assert BITMAP == 17
+SOURCE = hollow_disk(SIZE, "source")
+BASE = ImageBuilder(SOURCE, chunk_size=MIB4, epoch=0x10).to_bytes()
+
+
+class Tracked(suite.Scenario):
+    def small(self, **record):
+        """A machine with a source of two sectors, and a driver that serves it by this record."""
+        machine = self.machine(source=pattern(1024, "source"), target=bytes(512))
+        machine.tracker([{"number": 1, **record}])
+        return machine
+
+    def incremental(self, *, changes=(), **record):
+        """A machine with base.vrnx of epoch 10h, over a disk of three chunks in which the sectors at the offsets
+        `changes` were written since; the driver's record holds the proof unless the fields given say otherwise."""
+        machine = self.machine(source=0, target=bytes(512))
+        write_hollow(machine.disk_path(1), SOURCE)
+        write_hollow(machine.path("base.vrnx"), BASE)
+        for offset in changes:
+            machine.poke_disk(1, offset, pattern(512, f"change at {offset}"))
+        fields = {"number": 1, "has_previous_epoch": 1, "previous_epoch": 0x10, "current_epoch": 0x11,
+                  "bitmap": marked(SIZE, SHIFT, *[(offset, 512) for offset in changes])}
+        fields.update(record)
+        machine.tracker([{key: value for key, value in fields.items() if value is not None}])
+        return machine
+
+    def capture(self, machine, *options, out="new.vrnx", disk=1):
+        return machine.run("capture", "--disk", str(disk), "--out", out, *options)
+
+    def thin_over(self, machine, base, out):
+        return self.capture(machine, "--base", base, "--thin", out=out)
+
+    def thin(self, machine, *options):
+        return self.capture(machine, "--base", "base.vrnx", "--thin", *options)
+
+    def expect_thin(self, machine, references, read, epoch=0x11):
+        """A tracked thin capture that reads exactly the chunks `read` and equals the disk."""
+        result = self.expect(self.thin(machine), 0, incremental_text(
+            SIZE, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, references, len(read)),
+            tracker=tracker_line(1, epoch)))
+        self.assertEqual(chunks_read(result), read)
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        return result
+
+    def expect_compared(self, machine, reason, references, tracker):
+        result = self.expect(self.thin(machine), 0, incremental_text(
+            SIZE, "base.vrnx", compared_line(reason), thin_complete("new.vrnx", 3, references, 3), tracker=tracker))
+        self.assertEqual(chunks_read(result), [0, 1, 2])
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        return result
+
+    def expect_full(self, machine, tracker, disk=1, out="new.vrnx", size=1024):
+        """A capture without a base."""
+        result = self.expect(self.capture(machine, out=out, disk=disk), 0,
+                             capture_text(disk, size, out, tracker=tracker))
+        self.expect_good_image(machine, out, machine.disk_bytes(disk))
+        return result
+
+
+class Requests(Tracked):
+    def test_a_served_disk_is_told_with_its_epoch_in_capital_hexadecimal(self):
+        machine = self.small(current_epoch=0xABCDEF)
+        self.expect(self.capture(machine), 0,
+                    "Source: PhysicalDrive1  Size: 0.00 GiB  SectorSize: 512  Chunks: 1 (4194304 bytes each)\n"
+                    "Change tracker: disk 1 epoch ABCDEF\n"
+                    "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
+                    "Capture complete: new.vrnx\n")
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0xABCDEF)
+
+    def test_the_device_is_opened_for_reading_and_writing_and_not_shared(self):
+        result = self.expect_full(self.small(), tracker_line(1, 1))
+        opened, = result.calls("CreateFileW", path="Wendrel")
+        self.assertEqual((opened["path"], opened["access"], opened["share"], opened["disposition"], opened["flags"]),
+                         (DEVICE, "0xC0000000", "0x00000000", 3, "0x00000000"))
+
+    def test_attach_two_queries_and_a_commit_are_all_the_requests(self):
+        result = self.expect_full(self.small(bitmap="00" * 5), tracker_line(1, 1))
+        # The first query has room for the status alone, and its failure is not looked at.
+        self.assertEqual(tracker_calls(result), [
+            ("CreateFileW", None, None, None, True),
+            ("DeviceIoControl", TRACKER_ATTACH, 8, 0, True),
+            ("DeviceIoControl", TRACKER_QUERY, 8, 48, False),
+            ("DeviceIoControl", TRACKER_QUERY, 8, 53, True),
+            ("DeviceIoControl", TRACKER_COMMIT, 16, 0, True),
+            ("CloseHandle", None, None, None, True)])
+        self.assertEqual(result.calls("DeviceIoControl", path="Wendrel")[1]["error"], 234)
+
+    def test_attach_comes_before_the_snapshot_and_the_query_behind_it(self):
+        machine = self.incremental(changes=(MIB4,))
+        machine.add_volume("\\\\?\\Volume{11111111-2222-3333-4444-555555555555}\\", [(1, 0, SIZE)])
+        machine.shadow_service()
+        result = self.thin(machine, "--vss")
+        self.assertEqual(result.status, 0)
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        steps = []
+        for line in result.log:
+            if line.get("code") in (TRACKER_ATTACH, TRACKER_QUERY, TRACKER_COMMIT):
+                steps.append(line["code"])
+            elif line["call"] in ("IVssBackupComponents::DoSnapshotSet", "IVssBackupComponents::BackupComplete",
+                                  "MoveFileExW"):
+                steps.append(line["call"])
+            elif line["call"] == "CreateFileW" and line["path"] in ("base.vrnx", "new.vrnx.partial"):
+                steps.append("open " + line["path"])
+            elif line["call"] == "CloseHandle" and line["path"] in ("base.vrnx", "new.vrnx.partial"):
+                steps.append("close " + line["path"])
+        self.assertEqual(steps, [
+            TRACKER_ATTACH, "IVssBackupComponents::DoSnapshotSet", TRACKER_QUERY, TRACKER_QUERY, "open base.vrnx",
+            "open new.vrnx.partial", "close new.vrnx.partial", "close base.vrnx",
+            "IVssBackupComponents::BackupComplete", TRACKER_COMMIT, "MoveFileExW"])
+
+    def test_the_commit_comes_behind_the_closed_file_and_before_its_name(self):
+        result = self.expect_full(self.small(), tracker_line(1, 1))
+        steps = [(line["call"], line.get("path") or line.get("from")) for line in result.log
+                 if line.get("code") == TRACKER_COMMIT or line["call"] in ("CloseHandle", "MoveFileExW")]
+        self.assertEqual(steps, [
+            ("CloseHandle", "\\\\.\\C:"), ("CloseHandle", "new.vrnx.partial"), ("CloseHandle", "\\\\.\\PhysicalDrive1"),
+            ("DeviceIoControl", DEVICE), ("MoveFileExW", "new.vrnx.partial"), ("CloseHandle", DEVICE)])
+
+    def test_the_device_is_closed_at_the_very_end(self):
+        result = self.expect_full(self.small(), tracker_line(1, 1))
+        self.assertEqual([(line["call"], line.get("path")) for line in result.log[-2:]],
+                         [("CloseHandle", DEVICE), ("exit", None)])
+
+    def test_the_driver_is_asked_about_the_disk_that_is_captured(self):
+        machine = self.machine(source=pattern(1024, "source"), target=pattern(2048, "other"))
+        machine.tracker([{"number": 1, "current_epoch": 5}, {"number": 2, "current_epoch": 0x77}])
+        self.expect_full(machine, tracker_line(2, 0x77), disk=2, size=2048)
+        self.assertEqual(machine.tracker_disk(1)["current_epoch"], 5)
+        self.assertNotIn("previous_epoch", machine.tracker_disk(1))
+        self.assertEqual((machine.tracker_disk(2)["previous_epoch"], machine.tracker_disk(2)["current_epoch"]),
+                         (0x77, 0x78))
+
+    def test_disk_0_is_a_disk_like_any_other(self):
+        machine = self.machine(source=pattern(1024, "source"), target=bytes(512))
+        machine.add_disk(0, pattern(1024, "system"))
+        machine.system_volume([(3, 0, 512)])
+        machine.tracker([{"number": 0, "current_epoch": 9}])
+        self.expect_full(machine, tracker_line(0, 9), disk=0)
+
+    def test_no_other_command_has_dealings_with_the_driver(self):
+        machine = self.incremental(changes=(MIB4,))
+        self.expect_thin(machine, 2, [1])
+        machine.add_disk(2, bytes(SIZE))
+        before = machine.tracker_disk(1)
+        for arguments in (("verify", "--in", "new.vrnx"), ("list-disks",),
+                          ("restore", "--in", "new.vrnx", "--disk", "2", "--confirm", "YES"),
+                          ("clone", "--from", "1", "--to", "2", "--confirm", "YES"),
+                          ("consolidate", "--in", "new.vrnx", "--out", "whole.vrnx")):
+            result = machine.run(*arguments)
+            with self.subTest(command=arguments[0]):
+                self.assertEqual((result.status, result.calls(path="Wendrel")), (0, []))
+        self.assertEqual(machine.tracker_disk(1), before)
+
+
+class Unavailable(Tracked):
+    def expect_unavailable(self, machine, calls):
+        """A capture without the tracker: its line, no epoch, no commit; these dealings with the driver."""
+        result = self.expect_full(machine, NO_TRACKER)
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0)
+        self.assertEqual([(call, code) for call, code, *_ in tracker_calls(result)], calls)
+        return result
+
+    OPEN, CLOSE = ("CreateFileW", None), ("CloseHandle", None)
+    ATTACH, QUERY = ("DeviceIoControl", TRACKER_ATTACH), ("DeviceIoControl", TRACKER_QUERY)
+
+    def test_a_missing_device_makes_an_ordinary_capture(self):
+        machine = self.machine(source=pattern(1024, "source"), target=bytes(512))
+        self.expect(self.capture(machine), 0,
+                    source_line(1, 1024)
+                    + "Change tracker: not available for this disk (Wendrel not loaded/attached) - image carries no"
+                    " epoch.\n" + meter_run(1024, MIB4) + "\nCapture complete: new.vrnx\n")
+        os.remove(machine.path("new.vrnx"))
+        self.expect_unavailable(machine, [self.OPEN])
+
+    def test_a_device_in_use_makes_an_ordinary_capture(self):
+        machine = self.small(current_epoch=7)
+        machine.tracker([{"number": 1, "current_epoch": 7}], open_error=32)
+        self.expect_unavailable(machine, [self.OPEN])
+        self.assertEqual(machine.tracker_disk(1), {"number": 1, "current_epoch": 7})
+
+    def test_a_disk_that_is_not_served_is_not_attached_and_the_device_is_closed(self):
+        machine = self.machine(source=pattern(1024, "source"), target=bytes(512))
+        machine.tracker([{"number": 0}])
+        result = self.expect_unavailable(machine, [self.OPEN, self.ATTACH, self.CLOSE])
+        self.assertEqual(result.log[-2]["call"], "CloseHandle")
+
+    def test_a_refused_attach_is_not_followed_by_a_query(self):
+        machine = self.small()
+        machine.add_fault("DeviceIoControl", path="Wendrel", error=1117)
+        self.expect_unavailable(machine, [self.OPEN, self.ATTACH, self.CLOSE])
+
+    def test_an_inactive_disk_is_not_asked_a_second_time(self):
+        self.expect_unavailable(self.small(active=0, current_epoch=7), [self.OPEN, self.ATTACH, self.QUERY, self.CLOSE])
+
+    def test_a_tracked_extent_of_0_is_a_failed_query(self):
+        self.expect_unavailable(self.small(tracked_extent=0), [self.OPEN, self.ATTACH, self.QUERY, self.CLOSE])
+
+    def test_a_first_query_that_fills_in_nothing_is_a_failed_query(self):
+        machine = self.small()
+        machine.add_fault("DeviceIoControl", path="Wendrel", skip=1, error=1117)
+        self.expect_unavailable(machine, [self.OPEN, self.ATTACH, self.QUERY, self.CLOSE])
+
+    def test_a_failed_second_query_is_a_failed_query(self):
+        machine = self.small(current_epoch=7)
+        machine.add_fault("DeviceIoControl", path="Wendrel", skip=2, error=1117)
+        self.expect_unavailable(machine, [self.OPEN, self.ATTACH, self.QUERY, self.QUERY, self.CLOSE])
+
+    def test_a_bitmap_that_grew_between_the_queries_is_a_failed_query(self):
+        machine = self.small(bitmap="00" * 5, first_reply={"bitmap_bytes": 4})
+        self.expect_unavailable(machine, [self.OPEN, self.ATTACH, self.QUERY, self.QUERY, self.CLOSE])
+
+    def test_nothing_is_committed_without_an_answer(self):
+        machine = self.incremental(active=0)
+        before = machine.tracker_disk(1)
+        self.expect_compared(machine, REASON_NO_TRACKER, 3, NO_TRACKER)
+        self.assertEqual(machine.tracker_disk(1), before)
+
+    def test_an_unavailable_tracker_proves_nothing_with_or_without_thin(self):
+        for case, record, faults in (("not listed", {"number": 0}, ()), ("inactive", {"active": 0}, ()),
+                                     ("attach", {}, (0,)), ("query", {}, (2,))):
+            machine = self.incremental(changes=(0,), **record)
+            for skip in faults:
+                machine.add_fault("DeviceIoControl", path="Wendrel", skip=skip, error=1117)
+            with self.subTest(case=case):
+                self.expect_compared(machine, REASON_NO_TRACKER, 2, NO_TRACKER)
+                result = self.expect(self.capture(machine, "--base", "base.vrnx", out="full.vrnx"), 0, incremental_text(
+                    SIZE, "base.vrnx", fallback_line(REASON_NO_TRACKER), "Capture complete: full.vrnx\n"))
+                self.assertEqual(chunks_read(result), [0, 1, 2])
+                self.expect_good_image(machine, "full.vrnx", machine.disk_bytes(1))
+
+
+class Replies(Tracked):
+    """Two queries that disagree: the length of the bitmap is that of the first, all else that of the second."""
+
+    def test_the_epoch_is_that_of_the_second_reply(self):
+        machine = self.small(current_epoch=7, first_reply={"current_epoch": 6})
+        self.expect_full(machine, tracker_line(1, 7))
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 7)
+        self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 7)
+
+    def test_the_gap_is_that_of_the_second_reply(self):
+        self.expect_full(self.small(gap=1, first_reply={"gap": 0}), tracker_line(1, 1, gap=True))
+        self.expect_full(self.small(gap=0, first_reply={"gap": 1}), tracker_line(1, 1))
+
+    def test_a_first_reply_that_is_inactive_ends_the_query(self):
+        for field in ("active", "tracked_extent"):
+            machine = self.small(first_reply={field: 0})
+            with self.subTest(field=field):
+                self.expect_full(machine, NO_TRACKER)
+
+    def test_a_second_reply_is_not_asked_again_whether_it_is_active(self):
+        for field in ("active", "tracked_extent"):
+            machine = self.small(current_epoch=7, **{field: 0}, first_reply={field: 1})
+            with self.subTest(field=field):
+                self.expect_full(machine, tracker_line(1, 7))
+
+    def test_the_proof_is_that_of_the_second_reply(self):
+        machine = self.incremental(first_reply={"has_previous_epoch": 0, "previous_epoch": 0xF, "gap": 1,
+                                                "other_gap": 1})
+        self.expect_thin(machine, 3, [])
+        machine = self.incremental(previous_epoch=0xF, first_reply={"previous_epoch": 0x10})
+        self.expect_compared(machine, REASON_NOT_LATEST, 3, tracker_line(1, 0x11))
+        machine = self.incremental(has_previous_epoch=0, first_reply={"has_previous_epoch": 1})
+        self.expect_compared(machine, REASON_NO_PREVIOUS, 3, tracker_line(1, 0x11))
+        machine = self.incremental(other_gap=1, first_reply={"other_gap": 0})
+        self.expect_compared(machine, REASON_GAP, 3, tracker_line(1, 0x11))
+
+    def test_the_granularity_is_that_of_the_second_reply(self):
+        machine = self.incremental(changes=(MIB4 + 512,), first_reply={"granularity_shift": 30})
+        self.expect_thin(machine, 2, [1])
+
+    def test_a_longer_bitmap_of_the_first_reply_is_clear_where_nothing_was_filled_in(self):
+        machine = self.incremental(bitmap=set_bits(9, 5), changes=(5 << SHIFT,), first_reply={"bitmap_bytes": BITMAP})
+        result = self.expect_thin(machine, 2, [0])
+        self.assertEqual([line["out"] for line in result.calls("DeviceIoControl", code=TRACKER_QUERY)],
+                         [48, 48 + BITMAP])
+
+    def test_a_shorter_bitmap_of_the_first_reply_is_no_room_for_the_second(self):
+        machine = self.incremental(first_reply={"bitmap_bytes": BITMAP - 1})
+        self.expect_compared(machine, REASON_NO_TRACKER, 3, NO_TRACKER)
+
+    def test_a_bitmap_of_no_bytes_in_the_first_reply_is_no_room_for_the_second(self):
+        machine = self.incremental(changes=(0,), first_reply={"bitmap_bytes": 0})
+        self.expect_compared(machine, REASON_NO_TRACKER, 2, NO_TRACKER)
+
+    def test_the_bytes_that_a_second_reply_says_it_has_are_not_looked_at(self):
+        # The first reply makes room for more than the driver has; what the second one says of its length means nothing.
+        machine = self.incremental(changes=(2 * MIB4,), first_reply={"bitmap_bytes": 100})
+        self.expect_thin(machine, 2, [2])
+
+
+class Bitmap(Tracked):
+    def test_unmarked_chunks_are_not_read(self):
+        for changes, read in (((), []), ((0,), [0]), ((MIB4,), [1]), ((2 * MIB4 + 512,), [2]),
+                              ((MIB4 - 512, MIB4), [0, 1]), ((0, MIB4 + 512, 2 * MIB4), [0, 1, 2])):
+            with self.subTest(changes=changes):
+                self.expect_thin(self.incremental(changes=changes), 3 - len(read), read)
+
+    def test_the_first_and_the_last_bit_of_a_chunk_belong_to_it_alone(self):
+        for bit, read in ((0, 0), (63, 0), (64, 1), (127, 1), (128, 2)):
+            machine = self.incremental(bitmap=set_bits(BITMAP, bit), changes=(bit << SHIFT,))
+            with self.subTest(bit=bit):
+                self.expect_thin(machine, 2, [read])
+
+    def test_bits_behind_the_true_length_of_the_last_chunk_mean_nothing(self):
+        self.expect_thin(self.incremental(bitmap=set_bits(BITMAP, *range(129, 136))), 3, [])
+
+    def test_a_bitmap_longer_than_the_disk_is_fine(self):
+        self.expect_thin(self.incremental(bitmap=set_bits(500, 3000)), 3, [])
+
+    def test_an_empty_bitmap_means_that_everything_changed(self):
+        machine = self.incremental(bitmap="", changes=(MIB4,))
+        result = self.expect(self.thin(machine), 0, incremental_text(
+            SIZE, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 3), tracker=tracker_line(1, 0x11)))
+        self.assertEqual(chunks_read(result), [0, 1, 2])
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        # With no bitmap the status alone is all there is, and the first query succeeds.
+        self.assertEqual([(line["out"], line["ok"]) for line in result.calls("DeviceIoControl", code=TRACKER_QUERY)],
+                         [(48, True), (48, True)])
+
+    def test_an_empty_bitmap_makes_a_tracked_copy_read_everything(self):
+        machine = self.incremental(bitmap="", changes=(MIB4,))
+        self.expect(self.capture(machine, "--base", "base.vrnx"), 0, incremental_text(
+            SIZE, "base.vrnx", proof_line(0x10), copy_complete("new.vrnx", 3, 0), tracker=tracker_line(1, 0x11)))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_chunks_behind_a_short_bitmap_count_as_changed(self):
+        # Clear bits for chunk 0 alone, and the disk changed where the bitmap does not reach.
+        machine = self.incremental(bitmap="00" * 8, changes=(MIB4, 2 * MIB4 + 512))
+        self.expect_thin(machine, 1, [1, 2])
+
+    def test_a_chunk_that_ends_behind_the_bitmap_counts_as_changed(self):
+        machine = self.incremental(bitmap="00" * 15, changes=(2 * MIB4 - 512,))
+        result = self.thin(machine)
+        self.assertEqual(chunks_read(result), [1, 2])
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_a_bitmap_that_lacks_its_last_bit_makes_the_last_chunk_read(self):
+        machine = self.incremental(bitmap="00" * 16)
+        result = self.thin(machine)
+        self.assertEqual(chunks_read(result), [2])
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_one_bit_may_cover_several_chunks(self):
+        machine = self.incremental(granularity_shift=23, bitmap="01", changes=(MIB4,))  # 8 MiB: chunks 0 and 1
+        self.expect_thin_counts(machine, [0, 1], references=2)
+        machine = self.incremental(granularity_shift=23, bitmap="02", changes=(2 * MIB4,))
+        self.expect_thin_counts(machine, [2], references=2)
+
+    def expect_thin_counts(self, machine, read, references):
+        result = self.expect(self.thin(machine), 0, incremental_text(
+            SIZE, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, references, len(read)),
+            tracker=tracker_line(1, 0x11)))
+        self.assertEqual(chunks_read(result), read)
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_every_granularity_gives_the_same_image(self):
+        for shift in (9, 12, 20, 22, 24, 31, 32, 40, 63):
+            offset = MIB4 + 1024
+            machine = self.incremental(granularity_shift=shift, bitmap=marked(SIZE, shift, (offset, 512)),
+                                       changes=(offset,))
+            read = [1] if shift <= 22 else [0, 1] if shift == 23 else [0, 1, 2]
+            with self.subTest(shift=shift):
+                self.expect_thin_counts(machine, read, references=2)
+
+    def test_the_shift_counts_modulo_64(self):
+        machine = self.incremental(granularity_shift=64 + SHIFT, changes=(MIB4,))
+        self.expect_thin(machine, 2, [1])
+        machine = self.incremental(granularity_shift=64 * 7 + 63, bitmap="00")
+        self.expect_thin(machine, 3, [])
+
+    def test_a_shift_of_0_has_a_bit_for_each_byte(self):
+        plain = pattern(MIB4 + 512, "source")
+        for at, read in ((0, [0]), (MIB4 - 1, [0]), (MIB4, [1]), (MIB4 + 511, [1])):
+            machine = self.machine(source=plain, target=bytes(512))
+            build_image(machine.path("base.vrnx"), plain, chunk_size=MIB4, epoch=0x10)
+            machine.poke_disk(1, at, bytes([plain[at] ^ 0xFF]))
+            machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": 0x10, "current_epoch": 0x11,
+                              "granularity_shift": 0, "bitmap": marked(len(plain), 0, (at, 1))}])
+            with self.subTest(at=at):
+                result = self.thin(machine)
+                self.assertEqual(chunks_read(result), read)
+                self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+
+    def test_the_tracked_extent_means_nothing_as_long_as_it_is_not_0(self):
+        for extent in (1, SIZE - 1, SIZE, 0xFFFFFFFFFFFFFFFF):
+            machine = self.incremental(changes=(MIB4,), tracked_extent=extent)
+            with self.subTest(extent=extent):
+                self.expect_thin(machine, 2, [1])
+
+
+class Gaps(Tracked):
+    def test_a_gap_is_told_and_breaks_the_proof(self):
+        machine = self.incremental(changes=(0,), bitmap="00" * BITMAP, gap=1)
+        result = self.expect_compared(machine, REASON_GAP, 2,
+                                      "Change tracker: disk 1 epoch 11 (GAP - untracked write seen)\n")
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0x11)
+        self.assertEqual(tracker_calls(result)[-2][1], TRACKER_COMMIT)
+
+    def test_the_other_gap_is_not_told_and_breaks_the_proof_too(self):
+        machine = self.incremental(changes=(0,), bitmap="00" * BITMAP, other_gap=1)
+        self.expect_compared(machine, REASON_GAP, 2, "Change tracker: disk 1 epoch 11\n")
+
+    def test_any_value_but_0_is_a_gap(self):
+        for field in ("gap", "other_gap"):
+            machine = self.incremental(changes=(0,), bitmap="00" * BITMAP, **{field: 0x80000000})
+            with self.subTest(field=field):
+                self.expect_compared(machine, REASON_GAP, 2, tracker_line(1, 0x11, gap=field == "gap"))
+
+    def test_a_gap_is_over_with_the_image_that_it_made_read_everything(self):
+        machine = self.incremental(gap=1, other_gap=1)
+        self.expect_compared(machine, REASON_GAP, 3, tracker_line(1, 0x11, gap=True))
+        machine.poke_disk(1, MIB4, b"more")
+        record = machine.tracker_disk(1)
+        machine.tracker([{**record, "bitmap": marked(SIZE, SHIFT, (MIB4, 4))}])
+        result = self.expect(self.thin_over(machine, "new.vrnx", "next.vrnx"), 0, incremental_text(
+            SIZE, "new.vrnx", proof_line(0x11), thin_complete("next.vrnx", 3, 2, 1), tracker=tracker_line(1, 0x12)))
+        self.assertEqual(chunks_read(result), [1])
+        self.expect_good_image(machine, "next.vrnx", machine.disk_bytes(1))
+
+    def test_a_gap_does_not_keep_a_full_image_from_its_epoch(self):
+        machine = self.small(gap=1, current_epoch=9)
+        self.expect_full(machine, tracker_line(1, 9, gap=True))
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 9)
+        self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 9)
+
+
+class Epochs(Tracked):
+    def test_an_epoch_above_56_bits_is_committed_whole_and_stored_cut(self):
+        epoch = 0x8877665544332211
+        machine = self.incremental(previous_epoch=0x10, current_epoch=epoch)
+        self.expect_thin(machine, 3, [], epoch=epoch)
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0x77665544332211)
+        self.assertEqual(machine.read("new.vrnx")[37:44].hex(), "11223344556677")
+        record = machine.tracker_disk(1)
+        self.assertEqual((record["has_previous_epoch"], record["previous_epoch"]), (1, epoch))
+        # The image can never match what the driver holds, and the next run says so and compares.
+        machine.poke_disk(1, 0, b"changed")
+        result = self.expect(self.thin_over(machine, "new.vrnx", "next.vrnx"), 0, incremental_text(
+            SIZE, "new.vrnx", compared_line(REASON_NOT_LATEST), thin_complete("next.vrnx", 3, 2, 3),
+            tracker=tracker_line(1, epoch + 1)))
+        self.assertEqual(chunks_read(result), [0, 1, 2])
+        self.expect_good_image(machine, "next.vrnx", machine.disk_bytes(1))
+
+    def test_the_largest_epoch_of_56_bits_still_proves(self):
+        epoch = 0xFFFFFFFFFFFFFF
+        machine = self.incremental(current_epoch=epoch)
+        self.expect_thin(machine, 3, [], epoch=epoch)
+        result = self.expect(self.thin_over(machine, "new.vrnx", "next.vrnx"), 0, incremental_text(
+            SIZE, "new.vrnx", proof_line(epoch), thin_complete("next.vrnx", 3, 3, 0),
+            tracker="Change tracker: disk 1 epoch 100000000000000\n"))
+        self.assertEqual(chunks_read(result), [])
+
+    def test_an_epoch_whose_low_56_bits_are_0_is_none_to_the_next_run(self):
+        epoch = 0x0100000000000000
+        machine = self.incremental(current_epoch=epoch)
+        self.expect_thin(machine, 3, [], epoch=epoch)
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0)
+        self.assertEqual(machine.tracker_disk(1)["previous_epoch"], epoch)
+        self.expect(self.capture(machine, "--base", "new.vrnx", out="next.vrnx"), 0, incremental_text(
+            SIZE, "new.vrnx", fallback_line(REASON_NO_EPOCH), "Capture complete: next.vrnx\n",
+            tracker=tracker_line(1, epoch + 1)))
+        self.expect_good_image(machine, "next.vrnx", machine.disk_bytes(1))
+
+    def test_the_top_byte_of_what_the_driver_holds_counts(self):
+        machine = self.incremental(previous_epoch=0x0100000000000010)
+        self.expect_compared(machine, REASON_NOT_LATEST, 3, tracker_line(1, 0x11))
+
+    def test_every_byte_of_an_epoch_is_compared(self):
+        for byte in range(8):
+            machine = self.incremental(previous_epoch=0x10 ^ 1 << 8 * byte)
+            with self.subTest(byte=byte):
+                self.expect_compared(machine, REASON_NOT_LATEST, 3, tracker_line(1, 0x11))
+
+    def test_a_reload_of_the_driver_breaks_the_proof_once(self):
+        machine = self.incremental(has_previous_epoch=0, previous_epoch=0, current_epoch=1, changes=(MIB4,),
+                                   bitmap="00" * BITMAP)
+        self.expect_compared(machine, REASON_NO_PREVIOUS, 2, tracker_line(1, 1))
+        result = self.expect(self.thin_over(machine, "new.vrnx", "next.vrnx"), 0, incremental_text(
+            SIZE, "new.vrnx", proof_line(1), thin_complete("next.vrnx", 3, 3, 0), tracker=tracker_line(1, 2)))
+        self.assertEqual(chunks_read(result), [])
+
+    def test_a_driver_that_starts_over_with_the_same_number_is_told_by_its_missing_epoch(self):
+        machine = self.incremental(has_previous_epoch=0, previous_epoch=0x10, changes=(0,), bitmap="00" * BITMAP)
+        self.expect_compared(machine, REASON_NO_PREVIOUS, 2, tracker_line(1, 0x11))
+
+    def test_an_older_image_proves_nothing_even_on_an_unchanged_disk(self):
+        machine = self.incremental()
+        self.expect_thin(machine, 3, [])
+        result = self.expect(self.thin_over(machine, "base.vrnx", "next.vrnx"), 0, incremental_text(
+            SIZE, "base.vrnx", compared_line(REASON_NOT_LATEST), thin_complete("next.vrnx", 3, 3, 3),
+            tracker=tracker_line(1, 0x12)))
+        self.assertEqual(chunks_read(result), [0, 1, 2])
+
+
+class Commit(Tracked):
+    def test_a_commit_makes_the_epoch_the_previous_one(self):
+        machine = self.small(current_epoch=0x20, gap=3, other_gap=4, bitmap="ff", has_previous_epoch=0,
+                             previous_epoch=1)
+        self.expect_full(machine, tracker_line(1, 0x20, gap=True))
+        self.assertEqual(machine.tracker_disk(1), {
+            "number": 1, "current_epoch": 0x21, "previous_epoch": 0x20, "has_previous_epoch": 1, "gap": 0,
+            "other_gap": 0, "bitmap": "00"})
+
+    def test_a_failed_commit_only_warns(self):
+        machine = self.incremental(changes=(MIB4,))
+        before = machine.tracker_disk(1)
+        machine.add_fault("DeviceIoControl", path="Wendrel", skip=3, error=1117)
+        self.expect(self.thin(machine), 0, incremental_text(
+            SIZE, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), tracker=tracker_line(1, 0x11),
+            warning="WARNING: tracker COMMIT failed - the next capture will be a full one.\n"))
+        self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
+        self.assertEqual(machine.files(), ["base.vrnx", "new.vrnx"])
+        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0x11)
+        self.assertEqual(machine.tracker_disk(1), before)
+
+    def test_the_image_of_a_failed_commit_proves_nothing_and_the_committed_one_still_does(self):
+        machine = self.incremental(changes=(MIB4,))
+        machine.add_fault("DeviceIoControl", path="Wendrel", skip=3, error=1117)
+        self.assertEqual(self.thin(machine).status, 0)
+        machine.clear_faults()
+        self.expect(self.thin_over(machine, "new.vrnx", "b.vrnx.partial"), 0, incremental_text(
+            SIZE, "new.vrnx", compared_line(REASON_NOT_LATEST), thin_complete("b.vrnx.partial", 3, 3, 3),
+            tracker=tracker_line(1, 0x11)))
+
+    def test_a_failed_commit_of_a_full_image_only_warns_too(self):
+        machine = self.small()
+        machine.add_fault("DeviceIoControl", path="Wendrel", skip=3, error=1117)
+        self.expect(self.capture(machine), 0, source_line(1, 1024) + tracker_line(1, 1) + meter_run(1024, MIB4) + "\n"
+                    + COMMIT_WARNING + "Capture complete: new.vrnx\n")
+
+    def test_every_mode_commits(self):
+        for case, record, options, complete in (
+                ("tracked thin", {}, ("--thin",), thin_complete("new.vrnx", 3, 3, 0)),
+                ("tracked copy", {}, (), copy_complete("new.vrnx", 0, 3)),
+                ("compared thin", {"gap": 1}, ("--thin",), thin_complete("new.vrnx", 3, 3, 3)),
+                ("full fallback", {"gap": 1}, (), "Capture complete: new.vrnx\n")):
+            machine = self.incremental(**record)
+            settled = (compared_line if options else fallback_line)(REASON_GAP) if record else proof_line(0x10)
+            with self.subTest(case=case):
+                self.expect(self.capture(machine, "--base", "base.vrnx", *options), 0, incremental_text(
+                    SIZE, "base.vrnx", settled, complete, tracker=tracker_line(1, 0x11, gap=bool(record))))
+                self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0x11)
+                self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 0x11)
+
+    def test_a_run_killed_before_the_commit_leaves_the_committed_epoch(self):
+        machine = self.incremental(changes=(MIB4,))
+        before = machine.tracker_disk(1)
+        machine.add_fault("DeviceIoControl", path="Wendrel", skip=3, kill=True)
+        self.assertEqual(self.thin(machine).status, 137)
+        self.assertEqual(machine.tracker_disk(1), before)
+        machine.clear_faults()
+        self.expect_thin(machine, 2, [1])
+
+    def test_a_run_killed_behind_the_commit_costs_the_proof_and_no_more(self):
+        machine = self.incremental(changes=(MIB4,))
+        machine.add_fault("MoveFileExW", kill=True)
+        self.assertEqual(self.thin(machine).status, 137)
+        self.assertEqual(machine.files(), ["base.vrnx", "new.vrnx.partial"])
+        self.expect_good_image(machine, "new.vrnx.partial", machine.disk_bytes(1))
+        self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 0x11)
+        machine.clear_faults()
+        self.expect_compared(machine, REASON_NOT_LATEST, 2, tracker_line(1, 0x12))
+
+    def test_a_fatal_end_before_the_commit_leaves_the_committed_epoch(self):
+        machine = self.incremental(changes=(MIB4,))
+        before = machine.tracker_disk(1)
+        machine.add_fault("ReadFile", path="PhysicalDrive1", error=23)
+        self.expect(self.thin(machine), 1,
+                    source_line(1, SIZE) + tracker_line(1, 0x11) + base_line("base.vrnx") + proof_line(0x10)
+                    + meter_run(SIZE, MIB4, upto=1),
+                    fatal("ReadFile from source disk failed mid-capture - image is incomplete, do not trust it", 23))
+        self.assertEqual(machine.tracker_disk(1), before)
+
+    def test_a_failed_rename_comes_behind_the_commit(self):
+        machine = self.incremental()
+        machine.add_fault("MoveFileExW", error=5)
+        self.expect(self.thin(machine), 1,
+                    source_line(1, SIZE) + tracker_line(1, 0x11) + base_line("base.vrnx") + proof_line(0x10)
+                    + meter_run(SIZE, MIB4) + "\n", fatal("could not atomically publish completed image", 5))
+        self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 0x11)
+
+
+class Story(Tracked):
+    def test_captures_follow_each_other_as_with_a_driver(self):
+        """Full, thin, thin over thin; between them the disk changes, once through the program's own restore."""
+        machine = self.machine(source=0, target=bytes(512))
+        write_hollow(machine.disk_path(1), SOURCE)
+        machine.tracker([{"number": 1, "bitmap": "00" * BITMAP}])
+        self.expect_full(machine, tracker_line(1, 1), out="0.vrnx", size=SIZE)
+
+        def change(*offsets):
+            record = machine.tracker_disk(1)
+            for offset in offsets:
+                machine.poke_disk(1, offset, pattern(700, f"{offset}"))
+            machine.tracker([{**record, "bitmap": marked(SIZE, SHIFT, *[(offset, 700) for offset in offsets])}])
+
+        def step(epoch, read, references):
+            name, base = f"{epoch - 1}.vrnx", f"{epoch - 2}.vrnx"
+            result = self.expect(self.capture(machine, "--base", base, "--thin", out=name), 0, incremental_text(
+                SIZE, base, proof_line(epoch - 1), thin_complete(name, 3, references, len(read)),
+                tracker=tracker_line(1, epoch)))
+            self.assertEqual(chunks_read(result), read)
+            self.expect_good_image(machine, name, machine.disk_bytes(1))
+
+        change(100, 5000)
+        step(2, [0], 2)
+        step(3, [], 3)
+        change(MIB4 - 200)
+        step(4, [0, 1], 1)
+        self.expect(machine.run("restore", "--in", "0.vrnx", "--disk", "1", "--confirm", "YES"), 0,
+                    restore_text("0.vrnx", 1, SIZE, MIB4))
+        self.assertEqual(machine.tracker_disk(1)["bitmap"], marked(SIZE, SHIFT, (0, SIZE)))
+        # All of it was written, and what is as the base has it becomes a reference all the same.
+        step(5, [0, 1, 2], 1)
+        step(6, [], 3)
+        self.expect_disk(machine, 1, SOURCE)
+
+    def test_a_write_of_the_program_to_the_tracked_disk_is_marked(self):
+        machine = self.incremental()
+        machine.add_disk(2, pattern(MIB4 + 512, "target"))
+        self.assertEqual(machine.run("clone", "--from", "2", "--to", "1", "--confirm", "YES").status, 0)
+        self.expect_thin(machine, 1, [0, 1])
+
+
+if __name__ == "__main__":
+    suite.main()

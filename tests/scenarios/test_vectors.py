@@ -1,0 +1,79 @@
+"""The committed image files: the program and the second reader say of each what stands in its expectations."""
+
+import filecmp
+import json
+import os
+import shutil
+import subprocess
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
+import image
+import suite
+from machine import CHECKOUT, SETTINGS
+
+VECTORS = os.path.join(CHECKOUT, "tests", "vectors")
+
+with open(os.path.join(VECTORS, "expectations.json"), encoding="utf-8") as file:
+    EXPECTATIONS = json.load(file)
+
+
+def verify(name):
+    """The real program over one file, run beside it: (status, last line of standard error)."""
+    command = [*SETTINGS.runner, SETTINGS.program, "verify", "--in", name, "--password-file", "password.txt"]
+    run = subprocess.run(command, cwd=VECTORS, capture_output=True, check=False, env=SETTINGS.environment())
+    lines = run.stderr.decode().splitlines()
+    return run.returncode, lines[-1] if lines else ""
+
+
+class Vectors(suite.Scenario):
+    recorded = False
+
+    def expect_verdict(self, name):
+        expected = EXPECTATIONS[name]
+        status, line = verify(name)
+        self.assertEqual(status, expected["status"], name)
+        if expected["message"] is None:
+            self.assertEqual(line, "", name)
+        elif expected["message"].startswith("Verify FAILED"):
+            self.assertEqual(line, expected["message"], name)
+        else:
+            self.assertTrue(line.startswith(f"FATAL: {expected['message']} (GetLastError="), f"{name}: {line}")
+
+    def test_the_program_accepts_every_good_file(self):
+        for name, expected in EXPECTATIONS.items():
+            if expected["status"] == 0:
+                self.expect_verdict(name)
+
+    def test_the_program_refuses_every_bad_file_for_its_one_cause(self):
+        for name, expected in EXPECTATIONS.items():
+            if expected["status"] != 0:
+                self.expect_verdict(name)
+
+    def test_the_second_reader_says_the_same(self):
+        for name, expected in EXPECTATIONS.items():
+            path = os.path.join(VECTORS, name)
+            try:
+                image.reference_plain_bytes(path, b"correct horse")
+                good = True
+            except image.ImageError:
+                good = False
+            self.assertEqual(good, expected["status"] == 0, name)
+
+    def test_the_files_are_what_their_description_makes(self):
+        again = os.path.join(self.folder, "tests", "vectors")
+        shutil.copytree(os.path.join(CHECKOUT, "tests", "lib"), os.path.join(self.folder, "tests", "lib"))
+        os.makedirs(again)
+        shutil.copy(os.path.join(VECTORS, "make_vectors.py"), again)
+        subprocess.run([sys.executable, os.path.join(again, "make_vectors.py")], check=True)
+        made = sorted(name for name in os.listdir(again) if name.endswith((".vrnx", ".json", ".txt")))
+        self.assertEqual(made, sorted(name for name in os.listdir(VECTORS) if name.endswith((".vrnx", ".json", ".txt"))))
+        _, differing, missing = filecmp.cmpfiles(again, VECTORS, made, shallow=False)
+        self.assertEqual((differing, missing), ([], []))
+
+    def test_every_file_has_an_expectation(self):
+        self.assertEqual({name for name in os.listdir(VECTORS) if name.endswith(".vrnx")}, set(EXPECTATIONS))
+
+
+if __name__ == "__main__":
+    suite.main()

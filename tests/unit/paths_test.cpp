@@ -1,0 +1,48 @@
+// The rules about paths of image files, where they are pure text.
+#include "image/paths.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace vornix {
+namespace {
+
+TEST(WidenPath, SignExtendsEachByteToOneUnit) {
+    const std::wstring wide = WidenPath("a\x7F\x80\xC3\xFF");
+    ASSERT_EQ(wide.size(), 5U);
+    EXPECT_EQ(static_cast<unsigned>(wide[0]), 0x61U);
+    EXPECT_EQ(static_cast<unsigned>(wide[1]), 0x7FU);
+    EXPECT_EQ(static_cast<unsigned>(wide[2]), 0xFF80U);
+    EXPECT_EQ(static_cast<unsigned>(wide[3]), 0xFFC3U);
+    EXPECT_EQ(static_cast<unsigned>(wide[4]), 0xFFFFU);
+}
+
+TEST(WidenPath, EmptyStaysEmpty) {
+    EXPECT_TRUE(WidenPath("").empty());
+}
+
+TEST(DirectoryOfPath, EndsBehindTheLastSeparatorOfEitherKind) {
+    EXPECT_EQ(DirectoryOfPath("a/b\\c"), "a/b\\");
+    EXPECT_EQ(DirectoryOfPath("a\\b/c"), "a\\b/");
+    EXPECT_EQ(DirectoryOfPath("/c"), "/");
+    EXPECT_EQ(DirectoryOfPath("a/"), "a/");
+}
+
+TEST(DirectoryOfPath, ColonIsNoSeparator) {
+    EXPECT_EQ(DirectoryOfPath("C:image.vrnx"), "");
+}
+
+TEST(DirectoryOfPath, BareNameAndEmptyPathHaveNone) {
+    EXPECT_EQ(DirectoryOfPath("image.vrnx"), "");
+    EXPECT_EQ(DirectoryOfPath(""), "");
+}
+
+TEST(FileNameOfPath, IsWhatStandsBehindTheFolder) {
+    EXPECT_EQ(FileNameOfPath("a/b\\c"), "c");
+    EXPECT_EQ(FileNameOfPath("C:image.vrnx"), "C:image.vrnx");
+    EXPECT_EQ(FileNameOfPath("a/"), "");
+}
+
+} // namespace
+} // namespace vornix

@@ -1,0 +1,175 @@
+#!/usr/bin/env python3
+"""Makes the committed image files anew, good and bad: python3 tests/vectors/make_vectors.py
+
+Each bad file has one cause, is named for it, and stands in expectations.json with the exit status of a verification and
+the line that it ends with on standard error. Files of a chain are made, but only the top of a chain has an expectation of
+its own where the others are good.
+"""
+
+import json
+import os
+import shutil
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(os.path.dirname(HERE), "lib"))
+
+import image  # noqa: E402
+
+CHUNK = 512
+PLAIN = b"A" * CHUNK + b"B" * CHUNK + b"C" * 300 + bytes(100)
+CHANGED = PLAIN[:CHUNK] + b"b" * CHUNK + PLAIN[2 * CHUNK:]
+PASSWORD = b"correct horse"
+
+GEOMETRY = "image header has invalid disk/sector/chunk geometry"
+KEY_PARAMETERS = "image has invalid encryption/KDF parameters"
+COUNT = "image header has an impossible chunk count"
+TABLE = "image chunk table has an invalid offset or length"
+TRUNCATED_TRAILER = "thin image has no valid trailer - file is truncated"
+MALFORMED_TRAILER = "thin image trailer is malformed"
+ESCAPE = "thin image trailer names a base outside its folder - refusing"
+FAILED = "Verify FAILED - {} of 3 chunks did not match. Do not trust this image for restore."
+
+expectations = {}
+
+
+def write(name, content, message=None, sealed=False):
+    """One file; `message` is what its verification ends with, None for a good image."""
+    with open(os.path.join(HERE, name), "wb") as file:
+        file.write(content)
+    expectations[name] = {"status": 0 if message is None else 1, "message": message, "sealed": sealed}
+
+
+def bad(name, message, change, *, cut=None, **options):
+    builder = image.ImageBuilder(PLAIN if "base" not in options else CHANGED, chunk_size=CHUNK, seed=name, **options)
+    change(builder)
+    content = builder.to_bytes()
+    write(name, content if cut is None else content[:cut], message, sealed="password" in options)
+
+
+def header(**fields):
+    def change(builder):
+        for field, value in fields.items():
+            setattr(builder.header, field, value)
+    return change
+
+
+def record(index, **fields):
+    def change(builder):
+        for field, value in fields.items():
+            setattr(builder.records[index], field, value)
+    return change
+
+
+def trailer(**fields):
+    def change(builder):
+        for field, value in fields.items():
+            setattr(builder.trailer, field, value)
+    return change
+
+
+def flip_stored(index):
+    def change(builder):
+        data = builder.stored[index]
+        builder.stored[index] = bytes([data[0] ^ 1]) + data[1:]
+    return change
+
+
+def make_good():
+    base = os.path.join(HERE, "full.vrnx")
+    write("full.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK).to_bytes())
+    write("full-with-epoch.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK, epoch=0x0123456789ABCD).to_bytes())
+    write("full-one-chunk.vrnx", image.ImageBuilder(PLAIN[:100], chunk_size=CHUNK).to_bytes())
+    write("full-4096-sectors.vrnx", image.ImageBuilder(PLAIN, chunk_size=4096, sector_size=4096).to_bytes())
+    more = image.ImageBuilder(PLAIN, chunk_size=CHUNK)
+    more.tail = b"bytes behind the chunk data are ignored"
+    write("full-with-tail.vrnx", more.to_bytes())
+    write("sealed.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK, password=PASSWORD).to_bytes(), sealed=True)
+    write("thin.vrnx", image.ImageBuilder(CHANGED, chunk_size=CHUNK, base=base).to_bytes())
+    write("thin-all-references.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK, base=base).to_bytes())
+    write("thin-no-reference.vrnx",
+          image.ImageBuilder(PLAIN, chunk_size=CHUNK, base=base, references=()).to_bytes())
+    write("thin-over-thin.vrnx",
+          image.ImageBuilder(PLAIN, chunk_size=CHUNK, base=os.path.join(HERE, "thin.vrnx")).to_bytes())
+    write("thin-sealed-over-plain.vrnx",
+          image.ImageBuilder(CHANGED, chunk_size=CHUNK, base=base, password=PASSWORD).to_bytes(), sealed=True)
+
+
+def make_bad_full():
+    bad("bad-empty.vrnx", "could not read image header - file is truncated or not a .vrnx image", header(), cut=0)
+    bad("bad-63-bytes.vrnx", "could not read image header - file is truncated or not a .vrnx image", header(), cut=63)
+    bad("bad-header-alone.vrnx", "image is truncated before its chunk table", header(), cut=64)
+    bad("bad-no-data.vrnx", "image chunk data extends past end of file", header(), cut=64 + 72 * 3)
+    bad("bad-last-byte-missing.vrnx", "image chunk data extends past end of file", header(), cut=-1)
+    write("bad-zeros.vrnx", bytes(200), "not a recognized Vornix image (bad magic/version)")
+    bad("bad-magic.vrnx", "not a recognized Vornix image (bad magic/version)", header(magic=b"VRNXDSK1"))
+    bad("bad-version-1.vrnx", "not a recognized Vornix image (bad magic/version)", header(version=1))
+    bad("bad-version-4.vrnx", "not a recognized Vornix image (bad magic/version)", header(version=4))
+    bad("bad-disk-size-0.vrnx", GEOMETRY, header(disk_size=0))
+    bad("bad-sector-size-256.vrnx", GEOMETRY, header(sector_size=256))
+    bad("bad-sector-size-768.vrnx", GEOMETRY, header(sector_size=768))
+    bad("bad-chunk-below-sector.vrnx", GEOMETRY, header(sector_size=1024))
+    bad("bad-chunk-above-64-mib.vrnx", GEOMETRY, header(chunk_size=0x4000200))
+    bad("bad-chunk-no-whole-sectors.vrnx", GEOMETRY, header(chunk_size=700))
+    bad("bad-encrypted-2.vrnx", KEY_PARAMETERS, header(encrypted=2))
+    bad("bad-iterations-in-plain.vrnx", KEY_PARAMETERS, header(kdf_iterations=1))
+    bad("bad-iterations-99999.vrnx", KEY_PARAMETERS, header(kdf_iterations=99999), password=PASSWORD)
+    bad("bad-iterations-10000001.vrnx", KEY_PARAMETERS, header(kdf_iterations=10000001), password=PASSWORD)
+    bad("bad-count-2.vrnx", COUNT, header(chunk_count=2))
+    bad("bad-count-4.vrnx", COUNT, header(chunk_count=4))
+    bad("bad-count-beyond-limit.vrnx", COUNT, header(disk_size=3728271 * CHUNK, chunk_count=3728271))
+    bad("bad-disk-offset.vrnx", TABLE, record(1, disk_offset=513))
+    bad("bad-stored-length.vrnx", TABLE, record(1, stored_length=511))
+    bad("bad-reference-in-full.vrnx", TABLE, record(1, stored_length=0))
+    bad("bad-data.vrnx", FAILED.format(1), flip_stored(1))
+    bad("bad-hash.vrnx", FAILED.format(1), record(2, hash=bytes(32)))
+
+
+def make_bad_sealed():
+    bad("bad-sealed-data.vrnx", FAILED.format(1), flip_stored(0), password=PASSWORD)
+    bad("bad-sealed-tag.vrnx", FAILED.format(1), record(0, tag=bytes(16)), password=PASSWORD)
+    bad("bad-sealed-nonce.vrnx", FAILED.format(1), record(0, nonce=bytes(12)), password=PASSWORD)
+    bad("bad-sealed-hash.vrnx", FAILED.format(1), record(0, hash=bytes(32)), password=PASSWORD)
+    bad("bad-sealed-salt.vrnx", FAILED.format(3), header(salt=bytes(16)), password=PASSWORD)
+
+
+def make_bad_thin():
+    base = os.path.join(HERE, "full.vrnx")
+    bad("bad-trailer-missing.vrnx", TRUNCATED_TRAILER, header(), base=base, cut=64 + 72 * 3 + CHUNK)
+    bad("bad-trailer-length-47.vrnx", TRUNCATED_TRAILER, trailer(total_length=47), base=base)
+    bad("bad-trailer-length-4097.vrnx", TRUNCATED_TRAILER, trailer(total_length=4097), base=base)
+    bad("bad-trailer-magic.vrnx", MALFORMED_TRAILER, trailer(magic=b"VRNXBASF"), base=base)
+    bad("bad-trailer-name-length.vrnx", MALFORMED_TRAILER, trailer(name_length=8), base=base)
+    bad("bad-trailer-no-name.vrnx", MALFORMED_TRAILER, trailer(base_name=b""), base=base)
+    bad("bad-trailer-backslash.vrnx", ESCAPE, trailer(base_name=b"..\\full.vrnx"), base=base)
+    bad("bad-trailer-slash.vrnx", ESCAPE, trailer(base_name=b"../full.vrnx"), base=base)
+    bad("bad-trailer-colon.vrnx", ESCAPE, trailer(base_name=b"C:full.vrnx"), base=base)
+    bad("bad-base-missing.vrnx", "base image of a thin image not found", trailer(base_name=b"nowhere.vrnx"), base=base)
+    bad("bad-base-digest.vrnx", "base image does not match the one pinned in the thin image",
+        trailer(base_digest=bytes(32)), base=base)
+    bad("bad-loop.vrnx", "image chain is too deep (or loops back on itself)", trailer(base_name=b"bad-loop.vrnx"), base=base)
+    other = os.path.join(HERE, "full-one-chunk.vrnx")
+    bad("bad-base-geometry.vrnx", "base image geometry differs from the thin image",
+        trailer(base_name=b"full-one-chunk.vrnx", base_digest=image.digest_of(other)), base=base)
+    bad("bad-thin-hash.vrnx", "chunk failed its hash check (corrupt image or base)", record(0, hash=bytes(32)), base=base)
+
+
+def main():
+    for name in os.listdir(HERE):
+        if name.endswith(".vrnx"):
+            os.remove(os.path.join(HERE, name))
+    shutil.rmtree(os.path.join(HERE, "__pycache__"), ignore_errors=True)
+    with open(os.path.join(HERE, "password.txt"), "wb") as file:
+        file.write(PASSWORD + b"\n")
+    make_good()
+    make_bad_full()
+    make_bad_sealed()
+    make_bad_thin()
+    with open(os.path.join(HERE, "expectations.json"), "w", encoding="utf-8") as file:
+        json.dump(expectations, file, indent=1)
+        file.write("\n")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
