@@ -1,0 +1,250 @@
+// The floor that the program is measured against: for each job the transfers and the computations that it cannot do
+// without, one after the other on one thread, and nothing else. No checks, no table, no messages: not a tool.
+//
+//   floor capture DISK OUT            read directly, SHA-256, write; on the disk at the end, like a published image
+//   floor seal DISK OUT               the same with AES-256-GCM in between
+//   floor verify IMAGE                read header and table, then the chunk data in chunks with SHA-256
+//   floor unseal IMAGE                the same with AES-256-GCM before the SHA-256
+//   floor restore IMAGE DISK          the same, written directly
+//   floor clone FROM TO               read directly, write directly
+//   floor clone-verify FROM TO        then read both directly and compare
+//   floor open IMAGE                  read header and table, and SHA-256 of them
+//   floor fold PLAN OUT               a line of PLAN a chunk: file, offset, length, times hashed; written, then read
+//   and
+//                                     hashed once more
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <openssl/evp.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr size_t chunkSize = 4194304;
+constexpr size_t alignment = 4096;
+
+[[noreturn]] void Die(const char* what) {
+    std::perror(what);
+    std::exit(2);
+}
+
+int Open(const char* path, int flags) {
+    const int file = open(path, flags | O_CLOEXEC, 0666);
+    if (file < 0) {
+        Die(path);
+    }
+    return file;
+}
+
+uint8_t* Allocate(size_t size) {
+    void* memory = nullptr;
+    if (posix_memalign(&memory, alignment, size) != 0) {
+        Die("memory");
+    }
+    return static_cast<uint8_t*>(memory);
+}
+
+uint64_t SizeOfDisk(int disk) {
+    uint64_t size = 0;
+    if (ioctl(disk, BLKGETSIZE64, &size) != 0) {
+        Die("disk size");
+    }
+    return size;
+}
+
+void ReadAt(int file, uint8_t* memory, size_t length, uint64_t offset) {
+    for (size_t done = 0; done < length;) {
+        const ssize_t moved = pread(file, memory + done, length - done, static_cast<off_t>(offset + done));
+        if (moved <= 0) {
+            Die("read");
+        }
+        done += static_cast<size_t>(moved);
+    }
+}
+
+void WriteAt(int file, const uint8_t* memory, size_t length, uint64_t offset) {
+    for (size_t done = 0; done < length;) {
+        const ssize_t moved = pwrite(file, memory + done, length - done, static_cast<off_t>(offset + done));
+        if (moved <= 0) {
+            Die("write");
+        }
+        done += static_cast<size_t>(moved);
+    }
+}
+
+// What keeps the hashes from being dropped as unused.
+volatile uint8_t sink = 0;
+
+void Hash(const uint8_t* memory, size_t length) {
+    static const EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
+    uint8_t digest[32];
+    unsigned written = 0;
+    if (EVP_Digest(memory, length, digest, &written, sha256, nullptr) != 1) {
+        Die("hash");
+    }
+    sink = digest[0];
+}
+
+void Cipher(const uint8_t* from, uint8_t* to, size_t length, bool sealing) {
+    static const EVP_CIPHER* const gcm = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+    static EVP_CIPHER_CTX* const context = EVP_CIPHER_CTX_new();
+    const uint8_t key[32] = {1};
+    const uint8_t nonce[12] = {2};
+    int written = 0;
+    uint8_t tag[16];
+    if (EVP_CipherInit_ex2(context, gcm, key, nonce, sealing ? 1 : 0, nullptr) != 1 ||
+        EVP_CipherUpdate(context, to, &written, from, static_cast<int>(length)) != 1) {
+        Die("cipher");
+    }
+    if (sealing && (EVP_CipherFinal_ex(context, to + written, &written) != 1 ||
+                    EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_GET_TAG, 16, tag) != 1)) {
+        Die("tag");
+    }
+}
+
+size_t PieceAt(uint64_t total, uint64_t offset) {
+    return static_cast<size_t>(std::min<uint64_t>(chunkSize, total - offset));
+}
+
+void Capture(const char* diskPath, const char* outPath, bool sealing) {
+    const int disk = Open(diskPath, O_RDONLY | O_DIRECT);
+    const int out = Open(outPath, O_WRONLY | O_CREAT | O_TRUNC);
+    const uint64_t size = SizeOfDisk(disk);
+    const uint64_t start = 64 + 72 * ((size - 1) / chunkSize + 1);
+    uint8_t* const plain = Allocate(chunkSize);
+    uint8_t* const sealed = Allocate(chunkSize);
+    for (uint64_t offset = 0; offset < size; offset += chunkSize) {
+        const size_t length = PieceAt(size, offset);
+        ReadAt(disk, plain, length, offset);
+        Hash(plain, length);
+        if (sealing) {
+            Cipher(plain, sealed, length, true);
+        }
+        WriteAt(out, sealing ? sealed : plain, length, start + offset);
+    }
+    if (fsync(out) != 0) {
+        Die("sync");
+    }
+}
+
+struct ImageExtent {
+    uint64_t DataStart;
+    uint64_t DiskSize;
+};
+
+// Reads and hashes header and table, as every open does.
+ImageExtent OpenImage(int image) {
+    uint8_t header[64];
+    ReadAt(image, header, sizeof header, 0);
+    uint64_t count = 0;
+    ImageExtent extent{};
+    std::memcpy(&count, header + 28, sizeof count);
+    std::memcpy(&extent.DiskSize, header + 12, sizeof extent.DiskSize);
+    extent.DataStart = 64 + 72 * count;
+    std::vector<uint8_t> head(extent.DataStart);
+    ReadAt(image, head.data(), head.size(), 0);
+    Hash(head.data(), head.size());
+    return extent;
+}
+
+void Verify(const char* imagePath, const char* diskPath, bool unsealing) {
+    const int image = Open(imagePath, O_RDONLY);
+    posix_fadvise(image, 0, 0, POSIX_FADV_SEQUENTIAL);
+    const int disk = diskPath != nullptr ? Open(diskPath, O_RDWR | O_DIRECT | O_EXCL) : -1;
+    const ImageExtent extent = OpenImage(image);
+    uint8_t* const stored = Allocate(chunkSize);
+    uint8_t* const plain = unsealing ? Allocate(chunkSize) : stored;
+    for (uint64_t offset = 0; offset < extent.DiskSize; offset += chunkSize) {
+        const size_t length = PieceAt(extent.DiskSize, offset);
+        ReadAt(image, stored, length, extent.DataStart + offset);
+        if (unsealing) {
+            Cipher(stored, plain, length, false);
+        }
+        Hash(plain, length);
+        if (disk >= 0) {
+            WriteAt(disk, plain, length, offset);
+        }
+    }
+}
+
+void Clone(const char* fromPath, const char* toPath, bool comparing) {
+    const int from = Open(fromPath, O_RDONLY | O_DIRECT);
+    const int to = Open(toPath, O_RDWR | O_DIRECT | O_EXCL);
+    const uint64_t size = SizeOfDisk(from);
+    uint8_t* const first = Allocate(chunkSize);
+    uint8_t* const second = Allocate(chunkSize);
+    for (uint64_t offset = 0; offset < size; offset += chunkSize) {
+        const size_t length = PieceAt(size, offset);
+        ReadAt(from, first, length, offset);
+        WriteAt(to, first, length, offset);
+    }
+    for (uint64_t offset = 0; comparing && offset < size; offset += chunkSize) {
+        const size_t length = PieceAt(size, offset);
+        ReadAt(from, first, length, offset);
+        ReadAt(to, second, length, offset);
+        if (std::memcmp(first, second, length) != 0) {
+            Die("difference");
+        }
+    }
+}
+
+void Fold(const char* planPath, const char* outPath) {
+    std::ifstream plan(planPath);
+    const int out = Open(outPath, O_RDWR | O_CREAT | O_TRUNC);
+    uint8_t* const memory = Allocate(chunkSize);
+    std::map<std::string, int> files;
+    std::string path;
+    uint64_t from = 0;
+    size_t length = 0;
+    int times = 0;
+    uint64_t total = 0;
+    while (plan >> path >> from >> length >> times) {
+        if (files.count(path) == 0) {
+            files[path] = Open(path.c_str(), O_RDONLY);
+        }
+        ReadAt(files[path], memory, length, from);
+        for (int i = 0; i < times; i++) {
+            Hash(memory, length);
+        }
+        WriteAt(out, memory, length, total);
+        total += length;
+    }
+    for (uint64_t offset = 0; offset < total; offset += chunkSize) {
+        const size_t piece = PieceAt(total, offset);
+        ReadAt(out, memory, piece, offset);
+        Hash(memory, piece);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::string job = argc > 1 ? argv[1] : "";
+    if (argc == 4 && (job == "capture" || job == "seal")) {
+        Capture(argv[2], argv[3], job == "seal");
+    } else if (argc == 3 && (job == "verify" || job == "unseal")) {
+        Verify(argv[2], nullptr, job == "unseal");
+    } else if (argc == 4 && job == "restore") {
+        Verify(argv[2], argv[3], false);
+    } else if (argc == 4 && (job == "clone" || job == "clone-verify")) {
+        Clone(argv[2], argv[3], job == "clone-verify");
+    } else if (argc == 3 && job == "open") {
+        (void)OpenImage(Open(argv[2], O_RDONLY));
+    } else if (argc == 4 && job == "fold") {
+        Fold(argv[2], argv[3]);
+    } else {
+        std::fputs("floor: see the head of its source for the jobs\n", stderr);
+        return 2;
+    }
+    return 0;
+}

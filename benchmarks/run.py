@@ -1,0 +1,501 @@
+#!/usr/bin/env python3
+"""Measures Vornix beside the floor program and beside what an administrator would run instead.
+
+    sudo python3 benchmarks/run.py [--rounds N] [--sizes 1,4] [--long] [--only JOB;...] [--base-only] [--no-install] [--work FOLDER]
+
+Needs root and loop devices: the disks are loop devices with direct I/O over files in the work folder, half random data, a
+quarter zeros, a quarter text. All rows are measured in one interleaved run: each round runs every contender of every job
+once, in an order that changes from round to round, so that what slows the machine down slows all of them. Prints a table
+and writes it to benchmarks/results.md.
+
+What is cached and what is synced: "cold" jobs start with the page cache dropped; "warm" ones are preceded by one reading
+of the file; wherever something is written, the time goes on until it is on the disk (the writers sync it themselves, or a
+sync follows inside the measured time). Peak memory is the largest resident set of the process.
+"""
+
+import argparse
+import json
+import os
+import random
+import shutil
+import statistics
+import subprocess
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
+
+import image  # noqa: E402
+
+GIB = 1 << 30
+CHUNK = 4194304
+PACKAGES = ["openssl", "qemu-utils", "ewf-tools", "dc3dd", "partclone", "borgbackup", "restic"]
+VORNIX = os.path.join(ROOT, "build", "linux", "vornix")
+BENCH = os.path.join(ROOT, "build", "linux", "vornix-bench")
+FLOOR = os.path.join(ROOT, "build", "benchmarks", "floor")
+
+
+def run(command, **options):
+    return subprocess.run(command, check=True, capture_output=True, **options)
+
+
+def drop_caches():
+    os.sync()
+    with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as file:
+        file.write("3")
+
+
+def warm(path):
+    with open(path, "rb", buffering=0) as file:
+        while file.read(1 << 22):
+            pass
+
+
+class Contender:
+    """One command line of a job. `before` runs unmeasured in front of it."""
+
+    def __init__(self, name, command, before=(), sync=False):
+        self.name, self.before, self.sync = name, before, sync
+        self.command = command if isinstance(command, list) else ["/bin/sh", "-c", command]
+        self.seconds, self.cpu, self.peak = [], [], []
+
+    def is_installed(self):
+        """Whether the tool is here; with --no-install it need not be."""
+        words = self.command[-1] if self.command[0] == "/bin/sh" else self.command[0]
+        return shutil.which(words.split()[0]) is not None
+
+    def measure(self, environment):
+        for step in self.before:
+            step()
+        os.sync()
+        with open(os.devnull, "r+b") as null:
+            start = time.monotonic()
+            child = subprocess.Popen(self.command, stdin=null, stdout=null, stderr=subprocess.PIPE, env=environment)
+            errors = child.stderr.read()
+            _, status, usage = os.wait4(child.pid, 0)
+            child.returncode = os.waitstatus_to_exitcode(status)
+            if self.sync:
+                os.sync()
+            seconds = time.monotonic() - start
+        if child.returncode != 0:
+            raise RuntimeError(f"{self.name}: status {child.returncode}: {errors.decode(errors='replace')[-500:]}")
+        self.seconds.append(seconds)
+        self.cpu.append(usage.ru_utime + usage.ru_stime)
+        self.peak.append(usage.ru_maxrss / 1024)
+
+
+class Job:
+    def __init__(self, name, contenders, goals=None):
+        self.name, self.contenders, self.goals = name, contenders, goals or {}
+
+
+def write_disk(path, size, seed):
+    """Half random data, a quarter zeros, a quarter text, in stretches of a megabyte."""
+    generator = random.Random(seed)
+    text = ("The quick brown fox jumps over the lazy dog. " * 24000).encode()[:1 << 20]
+    with open(path, "wb") as file:
+        for index in range(size >> 20):
+            kind = index % 4
+            file.write(generator.randbytes(1 << 20) if kind in (0, 2) else bytes(1 << 20) if kind == 1 else text)
+
+
+def change_disk(path, size, percent, seed):
+    """Overwrites whole chunks, `percent` of all of them and at least one."""
+    generator = random.Random(seed)
+    count = max(1, (size // CHUNK) * percent // 100)
+    with open(path, "r+b") as file:
+        for index in generator.sample(range(size // CHUNK), count):
+            file.seek(index * CHUNK)
+            file.write(generator.randbytes(CHUNK))
+        os.fsync(file.fileno())
+
+
+class Bed:
+    """Loop devices, images and machines for one size."""
+
+    def __init__(self, work, gib):
+        self.folder = os.path.join(work, f"{gib}g")
+        shutil.rmtree(self.folder, ignore_errors=True)
+        os.makedirs(self.folder)
+        self.size, self.loops = gib * GIB, []
+        self.source = self.path("source.img")
+        write_disk(self.source, self.size, f"disk {gib}")
+        self.target = self.path("target.img")
+        with open(self.target, "wb") as file:
+            os.posix_fallocate(file.fileno(), 0, self.size)
+        os.sync()
+        self.source_loop, self.target_loop = self.attach(self.source), self.attach(self.target)
+        self.password = self.path("password")
+        with open(self.password, "w", encoding="ascii") as file:
+            file.write("correct horse battery staple\n")
+        self.hide_other_disks()
+        self.source_number, self.target_number = self.number(self.source_loop), self.number(self.target_loop)
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def attach(self, file):
+        loop = run(["losetup", "--direct-io=on", "--show", "-f", file], text=True).stdout.strip()
+        self.loops.append(loop)
+        return loop
+
+    def close(self):
+        subprocess.run(["umount", "/sys/block"], check=False)
+        for loop in self.loops:
+            subprocess.run(["losetup", "-d", loop], check=False)
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def hide_other_disks(self):
+        """Leaves the loop devices of this bed as the only disks of this process and those it starts, so that a number
+        means the same disk however many others come and go meanwhile."""
+        listed = self.path("block")
+        os.mkdir(listed)
+        for loop in self.loops:
+            name = os.path.basename(loop)
+            os.symlink(os.path.realpath(f"/sys/block/{name}"), os.path.join(listed, name))
+        run(["mount", "--bind", listed, "/sys/block"])
+
+    def number(self, loop):
+        return sorted(self.loops, key=lambda path: os.stat(path).st_rdev).index(loop)
+
+    def vornix(self, *words):
+        run([VORNIX, *map(str, words)])
+
+    def remove(self, name):
+        def step():
+            for path in (self.path(name), self.path(name + ".partial")):
+                if os.path.isdir(path):
+                    shutil.rmtree(path)
+                elif os.path.exists(path):
+                    os.remove(path)
+        return step
+
+    def machine(self, tracker):
+        """A described machine on the same disk file, for what needs the tracker. Gives its folder."""
+        folder = self.path("machine")
+        os.makedirs(folder, exist_ok=True)
+        with open(self.path("system.img"), "wb") as file:
+            file.truncate(1 << 20)
+        description = {"disks": [{"number": 0, "file": self.path("system.img")},
+                                 {"number": 1, "file": self.source}],
+                       "system_volume": {"extents": [{"disk": 0, "start": 0, "length": 1 << 20}]},
+                       "tracker": "tracker.json"}
+        with open(os.path.join(folder, "machine.json"), "w", encoding="utf-8") as file:
+            json.dump(description, file)
+        with open(os.path.join(folder, "tracker.json"), "w", encoding="utf-8") as file:
+            json.dump({"disks": [{"number": 1, **tracker}]}, file)
+        return folder
+
+
+def base_jobs(bed):
+    """Capture, verify, restore and clone, beside the floor and beside others' tools."""
+    out, loop, target, number, goal = bed.path, bed.source_loop, bed.target_loop, bed.source_number, bed.target_number
+    bed.vornix("capture", "--disk", number, "--out", out("plain.vrnx"))
+    bed.vornix("capture", "--disk", number, "--out", out("sealed.vrnx"), "--encrypt", "--password-file", bed.password)
+    plain, sealed = out("plain.vrnx"), out("sealed.vrnx")
+    cold, warm_plain, warm_sealed = drop_caches, lambda: warm(plain), lambda: warm(sealed)
+    dd = f"dd if={loop} of={out('dd.img')} bs=4M iflag=direct conv=fsync"
+    capture = ["capture", "--disk", str(number), "--out", out("x.vrnx")]
+    fresh = (bed.remove("x.vrnx"), cold)
+    jobs = [
+        Job("capture, plain", [
+            Contender("vornix", [VORNIX, *capture], fresh),
+            Contender("floor", [FLOOR, "capture", loop, out("f.img")], (bed.remove("f.img"), cold)),
+            Contender("dd, no hash", dd, (bed.remove("dd.img"), cold)),
+            Contender("dc3dd sha256", f"dc3dd if={loop} hof={out('dc.img')} hash=sha256 log=/dev/null",
+                      (bed.remove("dc.img"), cold), sync=True),
+            Contender("ewfacquire sha256", f"ewfacquire -u -q -c none -d sha256 -S 64GiB -t {out('ewf')} {loop}",
+                      (bed.remove("ewf.E01"), cold), sync=True),
+            Contender("qemu-img raw", f"qemu-img convert -f raw -O raw -T none -S 0 {loop} {out('q.img')}",
+                      (bed.remove("q.img"), cold), sync=True),
+        ], {"floor": 1.05, "dd, no hash": 1.00, "dc3dd sha256": 1 / 1.6, "ewfacquire sha256": 1 / 2.4}),
+        Job("capture, sealed", [
+            Contender("vornix", [VORNIX, *capture, "--encrypt", "--password-file", bed.password], fresh),
+            Contender("floor", [FLOOR, "seal", loop, out("f.img")], (bed.remove("f.img"), cold)),
+            Contender("dd, no hash", dd, (bed.remove("dd.img"), cold)),
+        ], {"dd, no hash": 1.40}),
+        Job("verify, plain, cold", [
+            Contender("vornix", [VORNIX, "verify", "--in", plain], (cold,)),
+            Contender("floor", [FLOOR, "verify", plain], (cold,)),
+            Contender("openssl dgst", ["openssl", "dgst", "-sha256", plain], (cold,)),
+        ], {"floor": 1.05, "openssl dgst": 0.70}),
+        Job("verify, plain, warm", [
+            Contender("vornix", [VORNIX, "verify", "--in", plain], (warm_plain,)),
+            Contender("floor", [FLOOR, "verify", plain], (warm_plain,)),
+            Contender("openssl dgst", ["openssl", "dgst", "-sha256", plain], (warm_plain,)),
+        ], {"openssl dgst": 1.00}),
+        Job("verify, sealed, warm", [
+            Contender("vornix", [VORNIX, "verify", "--in", sealed, "--password-file", bed.password], (warm_sealed,)),
+            Contender("floor", [FLOOR, "unseal", sealed], (warm_sealed,)),
+        ], {"floor": 1.03}),
+        Job("restore, plain, cold", [
+            Contender("vornix", [VORNIX, "restore", "--in", plain, "--disk", str(goal), "--confirm", "YES"], (cold,)),
+            Contender("floor", [FLOOR, "restore", plain, target], (cold,)),
+            Contender("sha256sum, then dd", f"sha256sum {plain} && dd if={plain} of={target} bs=4M oflag=direct "
+                      f"iflag=fullblock count={bed.size // CHUNK}", (cold,)),
+        ], {"floor": 1.05, "sha256sum, then dd": 0.40}),
+        Job("restore, plain, warm", [
+            Contender("vornix", [VORNIX, "restore", "--in", plain, "--disk", str(goal), "--confirm", "YES"],
+                      (warm_plain,)),
+            Contender("floor", [FLOOR, "restore", plain, target], (warm_plain,)),
+        ], {"floor": 1.03}),
+        Job("restore, sealed, warm", [
+            Contender("vornix", [VORNIX, "restore", "--in", sealed, "--disk", str(goal), "--confirm", "YES",
+                                 "--password-file", bed.password], (warm_sealed,)),
+        ]),
+        Job("clone", [
+            Contender("vornix", [VORNIX, "clone", "--from", str(number), "--to", str(goal), "--confirm", "YES"], (cold,)),
+            Contender("floor", [FLOOR, "clone", loop, target], (cold,)),
+            Contender("dd, direct", f"dd if={loop} of={target} bs=4M iflag=direct oflag=direct", (cold,)),
+        ], {"floor": 1.05, "dd, direct": 1.03}),
+        Job("clone with comparison", [
+            Contender("vornix", [VORNIX, "clone", "--from", str(number), "--to", str(goal), "--confirm", "YES",
+                                 "--verify"], (cold,)),
+            Contender("floor", [FLOOR, "clone-verify", loop, target], (cold,)),
+            Contender("dd, then cmp", f"dd if={loop} of={target} bs=4M iflag=direct oflag=direct && "
+                      f"echo 3 > /proc/sys/vm/drop_caches && cmp {loop} {target}", (cold,)),
+        ], {"floor": 1.05, "dd, then cmp": 0.60}),
+    ]
+    return jobs
+
+
+def fold_job(bed, links):
+    """Consolidating a chain of `links` images, a few chunks changed in each."""
+    disk = bed.path("chain.img")
+    shutil.copyfile(bed.source, disk)
+    names = [f"link{links}-{index}.vrnx" for index in range(links)]
+    levels = [0] * (bed.size // CHUNK)
+    holder = [0] * (bed.size // CHUNK)
+    with open(disk, "r+b") as file:
+        data = memoryview(file.read())
+        chunks = [bytes(data[index * CHUNK:(index + 1) * CHUNK]) for index in range(len(levels))]
+        data.release()
+    generator = random.Random(links)
+    image.build_image(bed.path(names[0]), b"".join(chunks), chunk_size=CHUNK)
+    for index in range(1, links):
+        changed = generator.sample(range(len(chunks)), max(1, len(chunks) // 50))
+        for chunk in changed:
+            chunks[chunk] = generator.randbytes(CHUNK)
+            holder[chunk] = index
+        image.build_image(bed.path(names[index]), b"".join(chunks), chunk_size=CHUNK, base=bed.path(names[index - 1]))
+    os.remove(disk)
+    plan, offsets = bed.path(f"plan{links}"), {}
+    for index in range(links):
+        _, records = image.read_table(bed.path(names[index]))
+        position = 64 + 72 * len(records)
+        for chunk, record in enumerate(records):
+            offsets[index, chunk] = position
+            position += record.stored_length
+    with open(plan, "w", encoding="ascii") as file:
+        for chunk, index in enumerate(holder):
+            file.write(f"{bed.path(names[index])} {offsets[index, chunk]} {CHUNK} {links - index}\n")
+
+    def warm_chain():
+        for name in names:
+            warm(bed.path(name))
+
+    return Job(f"consolidate {links} links", [
+        Contender("vornix", [VORNIX, "consolidate", "--in", bed.path(names[-1]), "--out", bed.path("folded.vrnx")],
+                  (bed.remove("folded.vrnx"), warm_chain)),
+        Contender("floor", [FLOOR, "fold", plan, bed.path("f.img")], (bed.remove("f.img"), warm_chain)),
+    ], {"floor": 1.10})
+
+
+def incremental_jobs(bed):
+    """Incremental captures with 1 % of the chunks changed, beside the second run of two backup programs."""
+    out = bed.path
+    change_bits = bytearray(bed.size // 65536 // 8)
+    state = {"active": 1, "has_previous_epoch": 1, "previous_epoch": 16, "current_epoch": 17}
+    # The base of the tracked modes carries the epoch that the tracker holds as committed.
+    machine = bed.machine({"current_epoch": 16})
+    run([BENCH, machine, "capture", "--disk", "1", "--out", out("base.vrnx")])
+    before = open(bed.source, "rb")
+    generator = random.Random("changes")
+    count = bed.size // CHUNK
+    changed = generator.sample(range(count), max(1, count // 100))
+    before.close()
+    with open(bed.source, "r+b") as file:
+        for index in changed:
+            file.seek(index * CHUNK)
+            file.write(generator.randbytes(CHUNK))
+            change_bits[index * 8:index * 8 + 8] = b"\xff" * 8
+        os.fsync(file.fileno())
+    environment = dict(os.environ, BORG_PASSPHRASE="", BORG_UNKNOWN_UNENCRYPTED_REPO_ACCESS_IS_OK="yes",
+                       RESTIC_PASSWORD="x", BORG_BASE_DIR=out("borg-home"), RESTIC_CACHE_DIR=out("restic-cache"))
+    loop = bed.source_loop
+
+    def reset_tracker():
+        bed.machine({**state, "bitmap": change_bits.hex()})
+
+    def fresh_repositories():
+        for name in ("borg", "restic", "borg-home", "restic-cache"):
+            shutil.rmtree(out(name), ignore_errors=True)
+
+    def first_borg():
+        shutil.rmtree(out("borg"), ignore_errors=True)
+        shutil.rmtree(out("borg-home"), ignore_errors=True)
+        run(["borg", "init", "-e", "none", out("borg")], env=environment)
+
+    def second(tool):
+        def step():
+            base = out("before.img")
+            if not os.path.exists(base):
+                image_bytes = image.Image(out("base.vrnx"))
+                with open(base, "wb") as file:
+                    for chunk in image_bytes.chunks():
+                        file.write(chunk)
+            if tool == "borg":
+                first_borg()
+                with open(base, "rb") as stream:
+                    run(["borg", "create", "-C", "none", out("borg") + "::first", "-"], env=environment, stdin=stream)
+            else:
+                shutil.rmtree(out("restic"), ignore_errors=True)
+                run(["restic", "init", "-r", out("restic")], env=environment)
+                with open(base, "rb") as stream:
+                    run(["restic", "-r", out("restic"), "backup", "--stdin", "--stdin-filename", "disk"],
+                        env=environment, stdin=stream)
+        return step
+
+    fresh_repositories()
+    borg = f"borg create -C none --read-special {out('borg')}::second {loop}"
+    restic = f"restic -r {out('restic')} backup --stdin --stdin-filename disk < {loop}"
+    tracked = [BENCH, machine, "capture", "--disk", "1", "--base", out("base.vrnx"), "--out", out("x.vrnx")]
+    compared = [VORNIX, "capture", "--disk", str(bed.source_number), "--base", out("base.vrnx"), "--out",
+                out("x.vrnx"), "--thin"]
+    jobs = [
+        Job("tracked thin capture, 1 % changed", [
+            Contender("vornix", tracked + ["--thin"], (bed.remove("x.vrnx"), reset_tracker, drop_caches)),
+            Contender("borg, second run", borg, (second("borg"), drop_caches), sync=True),
+            Contender("restic, second run", restic, (second("restic"), drop_caches), sync=True),
+        ], {"borg, second run": 1 / 20, "restic, second run": 1 / 20}),
+        Job("compared thin capture, 1 % changed", [
+            Contender("vornix", compared, (bed.remove("x.vrnx"), drop_caches)),
+            Contender("borg, second run", borg, (second("borg"), drop_caches), sync=True),
+            Contender("restic, second run", restic, (second("restic"), drop_caches), sync=True),
+        ], {"borg, second run": 1 / 1.5, "restic, second run": 1 / 1.5}),
+        Job("tracked copy, 1 % changed", [
+            Contender("vornix", tracked, (bed.remove("x.vrnx"), reset_tracker, drop_caches)),
+        ]),
+        Job("capture, plain, beside a first backup", [
+            Contender("vornix", [VORNIX, "capture", "--disk", str(bed.source_number), "--out", out("x.vrnx")],
+                      (bed.remove("x.vrnx"), drop_caches)),
+            Contender("borg, first run", f"borg create -C none --read-special {out('borg')}::one {loop}",
+                      (first_borg, drop_caches), sync=True),
+        ], {"borg, first run": 1 / 1.8}),
+    ]
+    for job in jobs:
+        job.environment = environment
+    return jobs
+
+
+def open_job(bed):
+    """The largest table. A restore without a disk opens the image and ends."""
+    path = bed.path("largest.vrnx")
+    image.write_sparse_image(path, image.MAX_CHUNK_COUNT)
+    refused = f"{VORNIX} restore --in {path} --disk 15000 --confirm YES; test $? = 1"
+    return Job("open the largest table", [
+        Contender("vornix", refused, (lambda: warm_head(path),)),
+        Contender("floor", [FLOOR, "open", path], (lambda: warm_head(path),)),
+    ], {"floor": 1.15})
+
+
+def warm_head(path):
+    with open(path, "rb", buffering=0) as file:
+        left = 64 + 72 * image.MAX_CHUNK_COUNT
+        while left > 0:
+            left -= len(file.read(min(left, 1 << 22)))
+
+
+def measure(jobs, rounds):
+    generator = random.Random(0)
+    for number in range(rounds):
+        for job in jobs:
+            order = list(job.contenders)
+            generator.shuffle(order)
+            for contender in order:
+                contender.measure(getattr(job, "environment", None))
+            print(f"  round {number + 1} of {rounds}: {job.name}", file=sys.stderr)
+
+
+def table_of(jobs, title):
+    lines = [f"### {title}", "",
+             "| Job | Contender | Seconds | CPU s | Peak MiB | vornix : contender | Goal |",
+             "|---|---|---:|---:|---:|---:|---|"]
+    for job in jobs:
+        ours = job.contenders[0]
+        for contender in job.contenders:
+            ratio, goal = "", ""
+            if contender is not ours:
+                value = statistics.median(a / b for a, b in zip(ours.seconds, contender.seconds))
+                ratio = f"{value:.3f}"
+                if contender.name in job.goals:
+                    limit = job.goals[contender.name]
+                    goal = f"at most {limit:.3f}: {'reached' if value <= limit else 'missed'}"
+            lines.append(f"| {job.name} | {contender.name} | {statistics.median(contender.seconds):.3f} | "
+                         f"{statistics.median(contender.cpu):.2f} | {max(contender.peak):.0f} | {ratio} | {goal} |")
+    return lines
+
+
+def describe_machine():
+    with open("/proc/cpuinfo", encoding="utf-8", errors="replace") as file:
+        model = next((line.split(":", 1)[1].strip() for line in file if line.startswith("model name")), "unknown")
+    memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / GIB
+    return f"{os.cpu_count()} cores of {model}, {memory:.0f} GiB of memory, Linux {os.uname().release}"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--sizes", default="1,4")
+    parser.add_argument("--long", action="store_true")
+    parser.add_argument("--only", default="")
+    parser.add_argument("--base-only", action="store_true", help="capture, verify, restore and clone alone")
+    parser.add_argument("--no-install", action="store_true", help="leave out the tools that are not here")
+    parser.add_argument("--work", default=os.path.join(ROOT, "build", "benchmarks", "work"))
+    arguments = parser.parse_args()
+    if os.geteuid() != 0:
+        sys.exit("benchmarks/run.py: loop devices need root")
+    if "VORNIX_BENCHMARK_NAMESPACE" not in os.environ:
+        os.environ["VORNIX_BENCHMARK_NAMESPACE"] = "1"
+        os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", sys.executable, *sys.argv])
+    if not arguments.no_install:
+        run(["apt-get", "install", "-y", "--no-install-recommends", *PACKAGES],
+            env=dict(os.environ, DEBIAN_FRONTEND="noninteractive"))
+    os.makedirs(os.path.dirname(FLOOR), exist_ok=True)
+    run(["g++", "-O2", "-std=c++20", "-Wall", "-Wextra", "-Werror", "-o", FLOOR, os.path.join(HERE, "floor.cpp"),
+         "-lcrypto"])
+
+    sizes = [int(size) for size in arguments.sizes.split(",")] + ([16] if arguments.long else [])
+    report = ["# Results", "",
+              f"`benchmarks/run.py --rounds {arguments.rounds} --sizes {','.join(map(str, sizes))}` on "
+              f"{describe_machine()}, {time.strftime('%Y-%m-%d')}.", "",
+              "Medians of interleaved rounds. The disks are loop devices with direct I/O over files of one file system, so that",
+              "both ends of every job share one real disk. What is cached and what is synced stands at the head of",
+              "`benchmarks/run.py`; every time includes the way to the disk.", ""]
+    for gib in sizes:
+        bed = Bed(arguments.work, gib)
+        try:
+            jobs = base_jobs(bed)
+            if not arguments.base_only:
+                jobs += [fold_job(bed, links) for links in ((2, 10, 65) if gib == 1 else (10,))]
+                if gib == 1:
+                    jobs.append(open_job(bed))
+                jobs += incremental_jobs(bed)
+            jobs = [job for job in jobs if not arguments.only or job.name in arguments.only.split(";")]
+            for job in jobs:
+                job.contenders = [contender for contender in job.contenders if contender.is_installed()]
+            measure(jobs, arguments.rounds)
+            report += table_of(jobs, f"A disk of {gib} GiB") + [""]
+        finally:
+            bed.close()
+    print("\n".join(report))
+    if not arguments.only:
+        with open(os.path.join(HERE, "results.md"), "w", encoding="utf-8") as file:
+            file.write("\n".join(report))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,166 @@
+#!/usr/bin/env python3
+"""Holds the pages and the program together.
+
+Every message of the program stands in the user's guide, and every message of the guide is one of the program's. What the
+README shows of the demo, and what docs/image-format.md shows of an image, is what the demo prints and what the bytes are.
+Closes with the line that ./check adds up.
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
+
+import image  # noqa: E402
+import suite  # noqa: E402
+
+LITERAL = r'"(?:[^"\\\n]|\\.)*"'
+DIRECTIVE = re.compile(r"%[-+ 0#]*\d*(?:\.\d+)?(?:hh|h|ll|l|z)?[dufsxXc]")
+# What stands between quotation marks in the program and is no message: names of options, commands and steps, values, parts
+# of paths.
+NO_MESSAGE = re.compile(
+    r"^(GatherWriterMetadata|PrepareForBackup|DoSnapshotSet|GatherWriterStatus|BackupComplete|"
+    r"--[a-z-]+|[a-z-]+|-1|YES|\.partial|[\\/:]+||rb|\?|invalid stoi argument|stoi argument out of range)$")
+
+
+def read(*parts):
+    with open(os.path.join(ROOT, *parts), encoding="utf-8") as file:
+        return file.read()
+
+
+def without_comments(source):
+    """The source with its comments blanked out; a literal with two slashes in it is left alone."""
+    return re.sub(rf"({LITERAL})|//[^\n]*", lambda match: match.group(1) or "", source)
+
+
+def normalized_lines(text):
+    """The lines of a printf format as the guide writes them: … for each directive, no blanks at the ends."""
+    text = re.sub(r"\\(.)", lambda match: {"n": "\n", "r": "\n"}.get(match.group(1), match.group(1)), text)
+    text = DIRECTIVE.sub("…", text).replace("%%", "%")
+    return [line.strip() for line in text.split("\n") if line.strip()]
+
+
+def messages_of_program():
+    """Every line that the program can print, but for the usage text."""
+    lines = set()
+    for folder, _, names in os.walk(os.path.join(ROOT, "src")):
+        for name in names:
+            if not name.endswith(".cpp"):
+                continue
+            source = without_comments(read(os.path.relpath(os.path.join(folder, name), ROOT)))
+            source = re.sub(r"#include[^\n]*", "", source)
+            for match in re.finditer(rf"(?<![LuU8\w])({LITERAL}(?:\s*{LITERAL})*)", source):
+                text = "".join(part[1:-1] for part in re.findall(LITERAL, match.group(1)))
+                if "Vornix - whole-physical-disk" in text:
+                    continue
+                lines.update(line for line in normalized_lines(text) if not NO_MESSAGE.match(line))
+    return lines
+
+
+def messages_of_guide():
+    """What the first column of the guide's tables of messages holds between backticks."""
+    guide = read("docs", "users-guide.md").split("## Every message", 1)[1]
+    lines = set()
+    for row in re.findall(r"^\| (.*?) \|", guide, flags=re.M):
+        lines.update(text.strip() for text in re.findall(r"`([^`]+)`", row))
+    return lines
+
+
+# Additions to a message that the guide tells beside the message itself.
+TOLD_BESIDE = {"<- currently booted system disk", "(GAP - untracked write seen)"}
+
+
+def dump_like_hexdump(data):
+    """Sixteen bytes a line with offset and text; repeated lines as one asterisk."""
+    lines, previous, starred = [], None, False
+    for offset in range(0, len(data), 16):
+        row = data[offset:offset + 16]
+        if row == previous:
+            if not starred:
+                lines.append("*")
+            starred = True
+            continue
+        previous, starred = row, False
+        left, right = (" ".join(f"{byte:02x}" for byte in half) for half in (row[:8], row[8:]))
+        text = "".join(chr(byte) if 32 <= byte < 127 else "." for byte in row)
+        lines.append(f"{offset:08x}  {left:<23}  {right:<23}  |{text}|")
+    lines.append(f"{len(data):08x}")
+    return "\n".join(lines)
+
+
+def worked_example():
+    with tempfile.TemporaryDirectory() as folder:
+        base = os.path.join(folder, "base.vrnx")
+        full = image.build_image(base, b"A" * 512 + b"B" * 512 + b"C" * 512, chunk_size=512)
+        thin = image.ImageBuilder(b"A" * 512 + b"b" * 512 + b"C" * 512, chunk_size=512, base=base)
+        return (f"`base.vrnx`:\n\n```\n{dump_like_hexdump(full.to_bytes())}\n```\n\n"
+                f"`thin.vrnx`:\n\n```\n{dump_like_hexdump(thin.to_bytes())}\n```\n")
+
+
+def section(page, name):
+    """What stands between the two marks of a generated section."""
+    return re.search(rf"<!-- {name} -->\n(.*?)<!-- end of {name} -->", page, flags=re.S).group(1)
+
+
+def replace_section(path, name, content):
+    page = read(path)
+    old = section(page, name)
+    with open(os.path.join(ROOT, path), "w", encoding="utf-8") as file:
+        file.write(page.replace(f"<!-- {name} -->\n{old}", f"<!-- {name} -->\n{content}"))
+
+
+def demo_output():
+    return subprocess.run([os.path.join(ROOT, "demo")], capture_output=True, text=True, check=True).stdout
+
+
+def steady(text):
+    """The demo's output without what differs from run to run: rates, and what the file system counts."""
+    text = re.sub(r"[\d.]+ MiB/s", "0.0 MiB/s", text)
+    text = re.sub(r"^    (?:/dev/|partition\.img|e2fsck|Pass).*$", "    ...", text, flags=re.M)
+    return text
+
+
+class Pages(unittest.TestCase):
+    def test_every_message_of_the_program_is_in_the_guide(self):
+        missing = messages_of_program() - messages_of_guide() - TOLD_BESIDE
+        self.assertEqual(sorted(missing), [])
+
+    def test_every_message_of_the_guide_is_one_of_the_program(self):
+        unknown = messages_of_guide() - messages_of_program()
+        self.assertEqual(sorted(unknown), [])
+
+    def test_the_usage_text_is_in_the_readme(self):
+        source = read("src", "cli", "command_line.cpp")
+        for command in ("list-disks", "capture", "verify", "restore", "clone", "consolidate"):
+            self.assertRegex(source, rf'"  vornix {command}')
+            self.assertRegex(read("README.md"), rf"(?m)^    vornix {command}")
+
+    def test_worked_example_of_the_format_is_what_the_bytes_are(self):
+        self.assertEqual(section(read("docs", "image-format.md"), "example"), worked_example())
+
+    def test_readme_shows_what_the_demo_prints(self):
+        shown = section(read("README.md"), "demo output")
+        self.assertEqual(steady(shown), steady("```\n" + demo_output().lstrip("\n") + "```\n"))
+
+    def test_pages_that_are_referred_to_exist(self):
+        for page in ("README.md", "CONTRIBUTING.md", "docs/design.md", "docs/users-guide.md", "docs/image-format.md"):
+            for name in re.findall(r"`((?:docs|platform|bench|tests|benchmarks|packaging)/[\w./-]*)`", read(page)):
+                self.assertTrue(os.path.exists(os.path.join(ROOT, name)), f"{page} names {name}")
+
+
+def main():
+    if sys.argv[1:] == ["--update"]:
+        replace_section("docs/image-format.md", "example", worked_example())
+        replace_section("README.md", "demo output", "```\n" + demo_output().lstrip("\n") + "```\n")
+        return 0
+    return suite.main()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
