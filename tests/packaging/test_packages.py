@@ -1,0 +1,111 @@
+"""The packages: what is in them, and that the Debian package installs into a fresh root, runs there and goes again.
+
+Needs both builds, and root for the installation; what cannot be done here is skipped and counted.
+"""
+
+import atexit
+import hashlib
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+import zipfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
+
+import suite  # noqa: E402
+
+BUILT = all(os.path.exists(os.path.join(ROOT, "build", path)) for path in ("windows/vornix.exe", "linux/vornix"))
+
+
+def run(*command, **options):
+    return subprocess.run(command, capture_output=True, text=True, check=False, **options)
+
+
+def make_packages():
+    """Makes both packages in a folder of their own: (path of the archive, path of the Debian package)."""
+    folder = tempfile.mkdtemp()
+    atexit.register(shutil.rmtree, folder)
+    made = run(os.path.join(ROOT, "packaging", "make-packages"), folder)
+    if made.returncode != 0:
+        raise AssertionError(made.stdout + made.stderr)
+    archive, = (os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".zip"))
+    package, = (os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".deb"))
+    return archive, package
+
+
+made_once = []
+making = threading.Lock()  # the tests of a suite run side by side
+
+
+def packages():
+    """Both packages, made for the first test that asks."""
+    with making:
+        if not made_once:
+            made_once.append(make_packages())
+    return made_once[0]
+
+
+@unittest.skipUnless(BUILT, "needs the Linux and the Windows build")
+class Packages(unittest.TestCase):
+    def setUp(self):
+        self.zip, self.deb = packages()
+
+    def test_the_archive_holds_the_executable_the_pages_and_right_checksums(self):
+        with zipfile.ZipFile(self.zip) as archive:
+            contents = {os.path.basename(name): archive.read(name) for name in archive.namelist()}
+        self.assertEqual(set(contents), {"vornix.exe", "README.md", "users-guide.md", "image-format.md", "SHA256SUMS"})
+        sums = dict(reversed(line.split()) for line in contents["SHA256SUMS"].decode().splitlines())
+        self.assertEqual(sums, {name: hashlib.sha256(data).hexdigest() for name, data in contents.items()
+                                if name != "SHA256SUMS"})
+
+    def test_the_same_checkout_gives_the_same_bytes_again(self):
+        for first, second in zip((self.zip, self.deb), make_packages()):
+            with open(first, "rb") as a, open(second, "rb") as b:
+                self.assertEqual(a.read(), b.read(), os.path.basename(first))
+
+    def test_no_path_of_the_checkout_is_in_the_executables(self):
+        with zipfile.ZipFile(self.zip) as archive:
+            name, = (name for name in archive.namelist() if name.endswith(".exe"))
+            self.assertNotIn(ROOT.encode(), archive.read(name))
+        with tempfile.TemporaryDirectory() as root:
+            run("dpkg-deb", "-x", self.deb, root)
+            with open(os.path.join(root, "usr/sbin/vornix"), "rb") as file:
+                self.assertNotIn(ROOT.encode(), file.read())
+
+    @unittest.skipUnless(hasattr(os, "geteuid") and os.geteuid() == 0, "installing needs root")
+    def test_the_debian_package_installs_into_a_fresh_root_runs_there_and_goes_again(self):
+        with tempfile.TemporaryDirectory() as root:
+            # The least that dpkg needs of a system, and what the program is linked with.
+            for path in ("var/lib/dpkg/info", "var/lib/dpkg/updates", "var/lib/dpkg/triggers"):
+                os.makedirs(os.path.join(root, path))
+            open(os.path.join(root, "var/lib/dpkg/status"), "w", encoding="utf-8").close()
+            with open(os.path.join(root, "var/lib/dpkg/arch"), "w", encoding="utf-8") as file:
+                file.write("amd64\n")
+            installed = run("dpkg", f"--root={root}", "--force-depends", "--force-script-chrootless", "-i", self.deb)
+            self.assertEqual(installed.returncode, 0, installed.stderr)
+            binary = os.path.join(root, "usr/sbin/vornix")
+            libraries = run("ldd", binary).stdout
+            for line in libraries.splitlines():
+                path = next((word for word in line.split() if word.startswith("/")), None)
+                if path is not None:
+                    os.makedirs(root + os.path.dirname(path), exist_ok=True)
+                    shutil.copy(path, root + path)
+            usage = run("chroot", root, "/usr/sbin/vornix")
+            self.assertEqual((usage.returncode, usage.stderr), (1, ""))
+            self.assertTrue(usage.stdout.startswith("Vornix - whole-physical-disk raw sector-level imaging.\n"))
+            for page in ("usr/share/man/man1/vornix.1.gz", "usr/share/doc/vornix/users-guide.md"):
+                self.assertTrue(os.path.exists(os.path.join(root, page)), page)
+            removed = run("dpkg", f"--root={root}", "--purge", "vornix")
+            self.assertEqual(removed.returncode, 0, removed.stderr)
+            for gone in ("usr/sbin/vornix", "usr/share/man/man1/vornix.1.gz", "usr/share/doc/vornix"):
+                self.assertFalse(os.path.exists(os.path.join(root, gone)), gone)
+
+
+if __name__ == "__main__":
+    sys.exit(suite.main())
