@@ -1,16 +1,23 @@
 #!/usr/bin/env python3
 """Measures Vornix beside the floor program and beside what an administrator would run instead.
 
-    sudo python3 benchmarks/run.py [--rounds N] [--sizes 1,4] [--long] [--only JOB;...] [--base-only] [--no-install] [--work FOLDER]
+    sudo python3 benchmarks/run.py [--rounds N] [--beds memory:1,disk:1,disk:4] [--long] [--only JOB;...] [--base-only]
+                                   [--no-install] [--work FOLDER]
 
-Needs root and loop devices: the disks are loop devices with direct I/O over files in the work folder, half random data, a
-quarter zeros, a quarter text. All rows are measured in one interleaved run: each round runs every contender of every job
-once, in an order that changes from round to round, so that what slows the machine down slows all of them. Prints a table
-and writes it to benchmarks/results.md.
+Needs root and loop devices: the disks are loop devices with direct I/O over files, half random data, a quarter zeros, a
+quarter text. A bed is where those files and the images lie, and the size of the disk in GiB:
+
+    disk      in the work folder: all of them share whatever device that folder is on
+    memory    in memory, the images on a file system of their own there: stands for disks that are faster than a hash,
+              each with a device to itself. What is "cold" here has to come from that file system's device all the same.
+
+All rows of a bed are measured in one interleaved run: each round runs every contender of every job once, in an order
+that changes from round to round, so that what slows the machine down slows all of them. Prints a table and writes it to
+benchmarks/results.md.
 
 What is cached and what is synced: "cold" jobs start with the page cache dropped; "warm" ones are preceded by one reading
 of the file; wherever something is written, the time goes on until it is on the disk (the writers sync it themselves, or a
-sync follows inside the measured time). Peak memory is the largest resident set of the process.
+sync follows inside the measured time). Peak memory is the largest resident set among a contender's processes.
 """
 
 import argparse
@@ -21,6 +28,7 @@ import shutil
 import statistics
 import subprocess
 import sys
+import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -31,7 +39,8 @@ import image  # noqa: E402
 
 GIB = 1 << 30
 CHUNK = 4194304
-PACKAGES = ["openssl", "qemu-utils", "ewf-tools", "dc3dd", "partclone", "borgbackup", "restic"]
+SHORT_JOB_SECONDS = 4
+PACKAGES = ["time", "e2fsprogs", "openssl", "qemu-utils", "ewf-tools", "dc3dd", "partclone", "borgbackup", "restic"]
 VORNIX = os.path.join(ROOT, "build", "linux", "vornix")
 BENCH = os.path.join(ROOT, "build", "linux", "vornix-bench")
 FLOOR = os.path.join(ROOT, "build", "benchmarks", "floor")
@@ -54,10 +63,10 @@ def warm(path):
 
 
 class Contender:
-    """One command line of a job. `before` runs unmeasured in front of it."""
+    """One command line of a job. `before` runs unmeasured in front of it; `output` is removed before and after it."""
 
-    def __init__(self, name, command, before=(), sync=False):
-        self.name, self.before, self.sync = name, before, sync
+    def __init__(self, name, command, before=(), sync=False, output=None):
+        self.name, self.before, self.sync, self.output = name, before, sync, output
         self.command = command if isinstance(command, list) else ["/bin/sh", "-c", command]
         self.seconds, self.cpu, self.peak = [], [], []
 
@@ -67,23 +76,31 @@ class Contender:
         return shutil.which(words.split()[0]) is not None
 
     def measure(self, environment):
+        self.remove_output()
         for step in self.before:
             step()
         os.sync()
-        with open(os.devnull, "r+b") as null:
+        # A process counts the memory of the one that it was forked from as its own, so a small one has to start it.
+        with open(os.devnull, "r+b") as null, tempfile.NamedTemporaryFile("r", encoding="ascii") as account:
+            command = ["/usr/bin/time", "--quiet", "--format=%U %S %M", f"--output={account.name}", *self.command]
             start = time.monotonic()
-            child = subprocess.Popen(self.command, stdin=null, stdout=null, stderr=subprocess.PIPE, env=environment)
-            errors = child.stderr.read()
-            _, status, usage = os.wait4(child.pid, 0)
-            child.returncode = os.waitstatus_to_exitcode(status)
+            child = subprocess.run(command, stdin=null, stdout=null, stderr=subprocess.PIPE, env=environment,
+                                   check=False)
             if self.sync:
                 os.sync()
             seconds = time.monotonic() - start
+            user, system, peak = account.read().split()
         if child.returncode != 0:
-            raise RuntimeError(f"{self.name}: status {child.returncode}: {errors.decode(errors='replace')[-500:]}")
+            raise RuntimeError(f"{self.name}: status {child.returncode}: {child.stderr.decode(errors='replace')[-500:]}")
         self.seconds.append(seconds)
-        self.cpu.append(usage.ru_utime + usage.ru_stime)
-        self.peak.append(usage.ru_maxrss / 1024)
+        self.cpu.append(float(user) + float(system))
+        self.peak.append(int(peak) / 1024)
+        self.remove_output()
+
+    def remove_output(self):
+        for path in (self.output, f"{self.output}.partial") if self.output is not None else ():
+            if os.path.exists(path):
+                os.remove(path)
 
 
 class Job:
@@ -113,16 +130,19 @@ def change_disk(path, size, percent, seed):
 
 
 class Bed:
-    """Loop devices, images and machines for one size."""
+    """Loop devices, images and machines of one size, in the work folder or in memory."""
 
-    def __init__(self, work, gib):
-        self.folder = os.path.join(work, f"{gib}g")
+    def __init__(self, work, place, gib):
+        self.name, self.folder, self.loops = f"{place}:{gib}", os.path.join(work, f"{place}-{gib}"), []
+        self.size, self.mounts = gib * GIB, []
+        self.title = f"A disk of {gib} GiB, {'in memory' if place == 'memory' else 'on the disk of the work folder'}"
         shutil.rmtree(self.folder, ignore_errors=True)
         os.makedirs(self.folder)
-        self.size, self.loops = gib * GIB, []
-        self.source = self.path("source.img")
+        self.disks = self.folder
+        if place == "memory":
+            self.lie_in_memory()
+        self.source, self.target = os.path.join(self.disks, "source.img"), os.path.join(self.disks, "target.img")
         write_disk(self.source, self.size, f"disk {gib}")
-        self.target = self.path("target.img")
         with open(self.target, "wb") as file:
             os.posix_fallocate(file.fileno(), 0, self.size)
         os.sync()
@@ -133,6 +153,23 @@ class Bed:
         self.hide_other_disks()
         self.source_number, self.target_number = self.number(self.source_loop), self.number(self.target_loop)
 
+    def lie_in_memory(self):
+        """Puts the disks into a file system in memory, and the images on a file system of their own on a device in it.
+        Memory itself would do for the images, but then nothing could be cold and nothing would need a sync."""
+        self.disks = f"{self.folder}-disks"
+        os.makedirs(self.disks, exist_ok=True)
+        self.mount("-t", "tmpfs", "-o", "size=90%", "tmpfs", self.disks)
+        device = os.path.join(self.disks, "images.img")
+        with open(device, "wb") as file:
+            file.truncate(12 * self.size)
+        loop = self.attach(device)
+        run(["mkfs.ext4", "-q", "-E", "lazy_itable_init=0,lazy_journal_init=0", loop])
+        self.mount("-o", "discard", loop, self.folder)
+
+    def mount(self, *arguments):
+        run(["mount", *arguments])
+        self.mounts.append(arguments[-1])
+
     def path(self, name):
         return os.path.join(self.folder, name)
 
@@ -142,9 +179,13 @@ class Bed:
         return loop
 
     def close(self):
-        subprocess.run(["umount", "/sys/block"], check=False)
-        for loop in self.loops:
-            subprocess.run(["losetup", "-d", loop], check=False)
+        for loop in (self.source_loop, self.target_loop):
+            run(["losetup", "-d", loop])
+        run(["umount", "/sys/block"])
+        for folder in reversed(self.mounts):
+            run(["umount", folder])
+            for loop in self.loops:
+                subprocess.run(["losetup", "-d", loop], check=False, capture_output=True)
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def hide_other_disks(self):
@@ -152,25 +193,16 @@ class Bed:
         means the same disk however many others come and go meanwhile."""
         listed = self.path("block")
         os.mkdir(listed)
-        for loop in self.loops:
+        for loop in (self.source_loop, self.target_loop):
             name = os.path.basename(loop)
             os.symlink(os.path.realpath(f"/sys/block/{name}"), os.path.join(listed, name))
         run(["mount", "--bind", listed, "/sys/block"])
 
     def number(self, loop):
-        return sorted(self.loops, key=lambda path: os.stat(path).st_rdev).index(loop)
+        return sorted((self.source_loop, self.target_loop), key=lambda path: os.stat(path).st_rdev).index(loop)
 
     def vornix(self, *words):
         run([VORNIX, *map(str, words)])
-
-    def remove(self, name):
-        def step():
-            for path in (self.path(name), self.path(name + ".partial")):
-                if os.path.isdir(path):
-                    shutil.rmtree(path)
-                elif os.path.exists(path):
-                    os.remove(path)
-        return step
 
     def machine(self, tracker):
         """A described machine on the same disk file, for what needs the tracker. Gives its folder."""
@@ -198,23 +230,23 @@ def base_jobs(bed):
     cold, warm_plain, warm_sealed = drop_caches, lambda: warm(plain), lambda: warm(sealed)
     dd = f"dd if={loop} of={out('dd.img')} bs=4M iflag=direct conv=fsync"
     capture = ["capture", "--disk", str(number), "--out", out("x.vrnx")]
-    fresh = (bed.remove("x.vrnx"), cold)
     jobs = [
         Job("capture, plain", [
-            Contender("vornix", [VORNIX, *capture], fresh),
-            Contender("floor", [FLOOR, "capture", loop, out("f.img")], (bed.remove("f.img"), cold)),
-            Contender("dd, no hash", dd, (bed.remove("dd.img"), cold)),
+            Contender("vornix", [VORNIX, *capture], (cold,), output=out("x.vrnx")),
+            Contender("floor", [FLOOR, "capture", loop, out("f.img")], (cold,), output=out("f.img")),
+            Contender("dd, no hash", dd, (cold,), output=out("dd.img")),
             Contender("dc3dd sha256", f"dc3dd if={loop} hof={out('dc.img')} hash=sha256 log=/dev/null",
-                      (bed.remove("dc.img"), cold), sync=True),
+                      (cold,), sync=True, output=out("dc.img")),
             Contender("ewfacquire sha256", f"ewfacquire -u -q -c none -d sha256 -S 64GiB -t {out('ewf')} {loop}",
-                      (bed.remove("ewf.E01"), cold), sync=True),
+                      (cold,), sync=True, output=out("ewf.E01")),
             Contender("qemu-img raw", f"qemu-img convert -f raw -O raw -T none -S 0 {loop} {out('q.img')}",
-                      (bed.remove("q.img"), cold), sync=True),
+                      (cold,), sync=True, output=out("q.img")),
         ], {"floor": 1.05, "dd, no hash": 1.00, "dc3dd sha256": 1 / 1.6, "ewfacquire sha256": 1 / 2.4}),
         Job("capture, sealed", [
-            Contender("vornix", [VORNIX, *capture, "--encrypt", "--password-file", bed.password], fresh),
-            Contender("floor", [FLOOR, "seal", loop, out("f.img")], (bed.remove("f.img"), cold)),
-            Contender("dd, no hash", dd, (bed.remove("dd.img"), cold)),
+            Contender("vornix", [VORNIX, *capture, "--encrypt", "--password-file", bed.password], (cold,),
+                      output=out("x.vrnx")),
+            Contender("floor", [FLOOR, "seal", loop, out("f.img")], (cold,), output=out("f.img")),
+            Contender("dd, no hash", dd, (cold,), output=out("dd.img")),
         ], {"dd, no hash": 1.40}),
         Job("verify, plain, cold", [
             Contender("vornix", [VORNIX, "verify", "--in", plain], (cold,)),
@@ -263,6 +295,7 @@ def base_jobs(bed):
 
 def fold_job(bed, links):
     """Consolidating a chain of `links` images, a few chunks changed in each."""
+    out = bed.path
     disk = bed.path("chain.img")
     shutil.copyfile(bed.source, disk)
     names = [f"link{links}-{index}.vrnx" for index in range(links)]
@@ -298,9 +331,29 @@ def fold_job(bed, links):
 
     return Job(f"consolidate {links} links", [
         Contender("vornix", [VORNIX, "consolidate", "--in", bed.path(names[-1]), "--out", bed.path("folded.vrnx")],
-                  (bed.remove("folded.vrnx"), warm_chain)),
-        Contender("floor", [FLOOR, "fold", plan, bed.path("f.img")], (bed.remove("f.img"), warm_chain)),
+                  (warm_chain,), output=out("folded.vrnx")),
+        Contender("floor", [FLOOR, "fold", plan, bed.path("f.img")], (warm_chain,), output=out("f.img")),
     ], {"floor": 1.10})
+
+
+def keep_first_backups(bed, environment):
+    """A first backup of the disk by each of the backup programs that are here, kept in folders first-NAME: the NAMEs."""
+    borg, restic = ["borg"], ["restic", "-r", bed.path("restic")]
+    kept = []
+    for names, commands in ((("borg", "borg-home"),
+                             ([*borg, "init", "-e", "none", bed.path("borg")],
+                              [*borg, "create", "-C", "none", bed.path("borg") + "::first", "-"])),
+                            (("restic", "restic-cache"),
+                             ([*restic, "init"], [*restic, "backup", "--stdin", "--stdin-filename", "disk"]))):
+        if shutil.which(names[0]) is None:
+            continue
+        for command in commands:
+            with open(bed.source, "rb") as stream:
+                run(command, env=environment, stdin=stream)
+        for name in names:
+            os.rename(bed.path(name), bed.path("first-" + name))
+        kept += names
+    return kept
 
 
 def incremental_jobs(bed):
@@ -311,54 +364,36 @@ def incremental_jobs(bed):
     # The base of the tracked modes carries the epoch that the tracker holds as committed.
     machine = bed.machine({"current_epoch": 16})
     run([BENCH, machine, "capture", "--disk", "1", "--out", out("base.vrnx")])
-    before = open(bed.source, "rb")
+    environment = dict(os.environ, BORG_PASSPHRASE="", BORG_UNKNOWN_UNENCRYPTED_REPO_ACCESS_IS_OK="yes",
+                       RESTIC_PASSWORD="x", BORG_BASE_DIR=out("borg-home"), RESTIC_CACHE_DIR=out("restic-cache"))
+    kept = keep_first_backups(bed, environment)
     generator = random.Random("changes")
     count = bed.size // CHUNK
     changed = generator.sample(range(count), max(1, count // 100))
-    before.close()
     with open(bed.source, "r+b") as file:
         for index in changed:
             file.seek(index * CHUNK)
             file.write(generator.randbytes(CHUNK))
             change_bits[index * 8:index * 8 + 8] = b"\xff" * 8
         os.fsync(file.fileno())
-    environment = dict(os.environ, BORG_PASSPHRASE="", BORG_UNKNOWN_UNENCRYPTED_REPO_ACCESS_IS_OK="yes",
-                       RESTIC_PASSWORD="x", BORG_BASE_DIR=out("borg-home"), RESTIC_CACHE_DIR=out("restic-cache"))
     loop = bed.source_loop
 
     def reset_tracker():
         bed.machine({**state, "bitmap": change_bits.hex()})
 
-    def fresh_repositories():
-        for name in ("borg", "restic", "borg-home", "restic-cache"):
+    def remove_repositories():
+        for name in kept:
             shutil.rmtree(out(name), ignore_errors=True)
 
     def first_borg():
-        shutil.rmtree(out("borg"), ignore_errors=True)
-        shutil.rmtree(out("borg-home"), ignore_errors=True)
+        remove_repositories()
         run(["borg", "init", "-e", "none", out("borg")], env=environment)
 
-    def second(tool):
-        def step():
-            base = out("before.img")
-            if not os.path.exists(base):
-                image_bytes = image.Image(out("base.vrnx"))
-                with open(base, "wb") as file:
-                    for chunk in image_bytes.chunks():
-                        file.write(chunk)
-            if tool == "borg":
-                first_borg()
-                with open(base, "rb") as stream:
-                    run(["borg", "create", "-C", "none", out("borg") + "::first", "-"], env=environment, stdin=stream)
-            else:
-                shutil.rmtree(out("restic"), ignore_errors=True)
-                run(["restic", "init", "-r", out("restic")], env=environment)
-                with open(base, "rb") as stream:
-                    run(["restic", "-r", out("restic"), "backup", "--stdin", "--stdin-filename", "disk"],
-                        env=environment, stdin=stream)
-        return step
+    def second_run():
+        remove_repositories()
+        for name in kept:
+            shutil.copytree(out("first-" + name), out(name))
 
-    fresh_repositories()
     borg = f"borg create -C none --read-special {out('borg')}::second {loop}"
     restic = f"restic -r {out('restic')} backup --stdin --stdin-filename disk < {loop}"
     tracked = [BENCH, machine, "capture", "--disk", "1", "--base", out("base.vrnx"), "--out", out("x.vrnx")]
@@ -366,21 +401,21 @@ def incremental_jobs(bed):
                 out("x.vrnx"), "--thin"]
     jobs = [
         Job("tracked thin capture, 1 % changed", [
-            Contender("vornix", tracked + ["--thin"], (bed.remove("x.vrnx"), reset_tracker, drop_caches)),
-            Contender("borg, second run", borg, (second("borg"), drop_caches), sync=True),
-            Contender("restic, second run", restic, (second("restic"), drop_caches), sync=True),
+            Contender("vornix", tracked + ["--thin"], (reset_tracker, drop_caches), output=out("x.vrnx")),
+            Contender("borg, second run", borg, (second_run, drop_caches), sync=True),
+            Contender("restic, second run", restic, (second_run, drop_caches), sync=True),
         ], {"borg, second run": 1 / 20, "restic, second run": 1 / 20}),
         Job("compared thin capture, 1 % changed", [
-            Contender("vornix", compared, (bed.remove("x.vrnx"), drop_caches)),
-            Contender("borg, second run", borg, (second("borg"), drop_caches), sync=True),
-            Contender("restic, second run", restic, (second("restic"), drop_caches), sync=True),
+            Contender("vornix", compared, (drop_caches,), output=out("x.vrnx")),
+            Contender("borg, second run", borg, (second_run, drop_caches), sync=True),
+            Contender("restic, second run", restic, (second_run, drop_caches), sync=True),
         ], {"borg, second run": 1 / 1.5, "restic, second run": 1 / 1.5}),
         Job("tracked copy, 1 % changed", [
-            Contender("vornix", tracked, (bed.remove("x.vrnx"), reset_tracker, drop_caches)),
+            Contender("vornix", tracked, (reset_tracker, drop_caches), output=out("x.vrnx")),
         ]),
         Job("capture, plain, beside a first backup", [
             Contender("vornix", [VORNIX, "capture", "--disk", str(bed.source_number), "--out", out("x.vrnx")],
-                      (bed.remove("x.vrnx"), drop_caches)),
+                      (drop_caches,), output=out("x.vrnx")),
             Contender("borg, first run", f"borg create -C none --read-special {out('borg')}::one {loop}",
                       (first_borg, drop_caches), sync=True),
         ], {"borg, first run": 1 / 1.8}),
@@ -412,10 +447,17 @@ def measure(jobs, rounds):
     generator = random.Random(0)
     for number in range(rounds):
         for job in jobs:
+            environment = getattr(job, "environment", None)
             order = list(job.contenders)
             generator.shuffle(order)
             for contender in order:
-                contender.measure(getattr(job, "environment", None))
+                contender.measure(environment)
+            # What is over in a moment is measured more often, since a moment's noise weighs more in it.
+            slowest = max(contender.seconds[-1] for contender in order)
+            for _ in range(min(4, int(SHORT_JOB_SECONDS / slowest))):
+                generator.shuffle(order)
+                for contender in order:
+                    contender.measure(environment)
             print(f"  round {number + 1} of {rounds}: {job.name}", file=sys.stderr)
 
 
@@ -448,8 +490,8 @@ def describe_machine():
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--sizes", default="1,4")
-    parser.add_argument("--long", action="store_true")
+    parser.add_argument("--beds", default="memory:1,disk:1,disk:4")
+    parser.add_argument("--long", action="store_true", help="with a disk of 16 GiB as well")
     parser.add_argument("--only", default="")
     parser.add_argument("--base-only", action="store_true", help="capture, verify, restore and clone alone")
     parser.add_argument("--no-install", action="store_true", help="leave out the tools that are not here")
@@ -467,27 +509,28 @@ def main():
     run(["g++", "-O2", "-std=c++20", "-Wall", "-Wextra", "-Werror", "-o", FLOOR, os.path.join(HERE, "floor.cpp"),
          "-lcrypto"])
 
-    sizes = [int(size) for size in arguments.sizes.split(",")] + ([16] if arguments.long else [])
+    beds = arguments.beds.split(",") + (["disk:16"] if arguments.long else [])
     report = ["# Results", "",
-              f"`benchmarks/run.py --rounds {arguments.rounds} --sizes {','.join(map(str, sizes))}` on "
+              f"`benchmarks/run.py --rounds {arguments.rounds} --beds {','.join(beds)}` on "
               f"{describe_machine()}, {time.strftime('%Y-%m-%d')}.", "",
-              "Medians of interleaved rounds. The disks are loop devices with direct I/O over files of one file system, so that",
-              "both ends of every job share one real disk. What is cached and what is synced stands at the head of",
-              "`benchmarks/run.py`; every time includes the way to the disk.", ""]
-    for gib in sizes:
-        bed = Bed(arguments.work, gib)
+              "Medians of interleaved rounds, with ratios as medians of the ratios of each round. What a bed is, what is cached",
+              "and what is synced stands at the head of `benchmarks/run.py`; every time includes the way to the disk.", ""]
+    for name in beds:
+        place, gib = name.split(":")
+        bed = Bed(arguments.work, place, int(gib))
         try:
             jobs = base_jobs(bed)
             if not arguments.base_only:
-                jobs += [fold_job(bed, links) for links in ((2, 10, 65) if gib == 1 else (10,))]
-                if gib == 1:
+                first = name == beds[0]
+                jobs += [fold_job(bed, links) for links in ((2, 10, 65) if first else (10,))]
+                if first:
                     jobs.append(open_job(bed))
                 jobs += incremental_jobs(bed)
             jobs = [job for job in jobs if not arguments.only or job.name in arguments.only.split(";")]
             for job in jobs:
                 job.contenders = [contender for contender in job.contenders if contender.is_installed()]
             measure(jobs, arguments.rounds)
-            report += table_of(jobs, f"A disk of {gib} GiB") + [""]
+            report += table_of(jobs, bed.title) + [""]
         finally:
             bed.close()
     print("\n".join(report))
