@@ -161,7 +161,7 @@ class Bed:
         self.mount("-t", "tmpfs", "-o", "size=90%", "tmpfs", self.disks)
         device = os.path.join(self.disks, "images.img")
         with open(device, "wb") as file:
-            file.truncate(12 * self.size)
+            file.truncate(14 * self.size)
         loop = self.attach(device)
         run(["mkfs.ext4", "-q", "-E", "lazy_itable_init=0,lazy_journal_init=0", loop])
         self.mount("-o", "discard", loop, self.folder)
@@ -298,7 +298,7 @@ def fold_job(bed, links):
     out = bed.path
     disk = bed.path("chain.img")
     shutil.copyfile(bed.source, disk)
-    names = [f"link{links}-{index}.vrnx" for index in range(links)]
+    names = ["link0.vrnx"] + [f"link{links}-{index}.vrnx" for index in range(1, links)]
     levels = [0] * (bed.size // CHUNK)
     holder = [0] * (bed.size // CHUNK)
     with open(disk, "r+b") as file:
@@ -306,7 +306,8 @@ def fold_job(bed, links):
         chunks = [bytes(data[index * CHUNK:(index + 1) * CHUNK]) for index in range(len(levels))]
         data.release()
     generator = random.Random(links)
-    image.build_image(bed.path(names[0]), b"".join(chunks), chunk_size=CHUNK)
+    if not os.path.exists(bed.path(names[0])):
+        image.build_image(bed.path(names[0]), b"".join(chunks), chunk_size=CHUNK)
     for index in range(1, links):
         changed = generator.sample(range(len(chunks)), max(1, len(chunks) // 50))
         for chunk in changed:
