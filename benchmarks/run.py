@@ -21,9 +21,11 @@ sync follows inside the measured time). Peak memory is the largest resident set 
 """
 
 import argparse
+import hashlib
 import json
 import os
 import random
+import re
 import shutil
 import statistics
 import subprocess
@@ -40,6 +42,12 @@ import image  # noqa: E402
 GIB = 1 << 30
 CHUNK = 4194304
 SHORT_JOB_SECONDS = 4
+RESULTS = os.path.join(HERE, "results.md")
+RESULTS_HEAD = """# Results
+
+Medians of interleaved rounds, with ratios as medians of the ratios of each round. What a bed is, what is cached and what
+is synced stands at the head of `benchmarks/run.py`, which writes this page; every time includes the way to the disk.
+"""
 PACKAGES = ["time", "e2fsprogs", "openssl", "qemu-utils", "ewf-tools", "dc3dd", "partclone", "borgbackup", "restic"]
 VORNIX = os.path.join(ROOT, "build", "linux", "vornix")
 BENCH = os.path.join(ROOT, "build", "linux", "vornix-bench")
@@ -104,8 +112,9 @@ class Contender:
 
 
 class Job:
-    def __init__(self, name, contenders, goals=None):
+    def __init__(self, name, contenders, goals=None, chunk_count=None):
         self.name, self.contenders, self.goals = name, contenders, goals or {}
+        self.chunk_count = chunk_count  # None: as the bed's disk has
 
 
 def write_disk(path, size, seed):
@@ -294,43 +303,40 @@ def base_jobs(bed):
 
 
 def fold_job(bed, links):
-    """Consolidating a chain of `links` images, a few chunks changed in each."""
-    out = bed.path
-    disk = bed.path("chain.img")
-    shutil.copyfile(bed.source, disk)
+    """Consolidating a chain of `links` images, a fiftieth of the chunks changed in each."""
+    out, name = bed.path, f"consolidate {links} links"
     names = ["link0.vrnx"] + [f"link{links}-{index}.vrnx" for index in range(1, links)]
-    levels = [0] * (bed.size // CHUNK)
-    holder = [0] * (bed.size // CHUNK)
-    with open(disk, "r+b") as file:
-        data = memoryview(file.read())
-        chunks = [bytes(data[index * CHUNK:(index + 1) * CHUNK]) for index in range(len(levels))]
-        data.release()
+    if not os.path.exists(out(names[0])):
+        bed.vornix("capture", "--disk", bed.source_number, "--out", out(names[0]))
     generator = random.Random(links)
-    if not os.path.exists(bed.path(names[0])):
-        image.build_image(bed.path(names[0]), b"".join(chunks), chunk_size=CHUNK)
+    header, records = image.read_table(out(names[0]))
+    count = len(records)
+    holder, offsets = [0] * count, [64 + 72 * count + index * CHUNK for index in range(count)]
+    digest, header.version = image.digest_of(out(names[0])), 3
     for index in range(1, links):
-        changed = generator.sample(range(len(chunks)), max(1, len(chunks) // 50))
-        for chunk in changed:
-            chunks[chunk] = generator.randbytes(CHUNK)
-            holder[chunk] = index
-        image.build_image(bed.path(names[index]), b"".join(chunks), chunk_size=CHUNK, base=bed.path(names[index - 1]))
-    os.remove(disk)
-    plan, offsets = bed.path(f"plan{links}"), {}
-    for index in range(links):
-        _, records = image.read_table(bed.path(names[index]))
-        position = 64 + 72 * len(records)
+        data = {chunk: generator.randbytes(CHUNK) for chunk in generator.sample(range(count), max(1, count // 50))}
+        position = 64 + 72 * count
         for chunk, record in enumerate(records):
-            offsets[index, chunk] = position
-            position += record.stored_length
+            record.stored_length = CHUNK if chunk in data else 0
+            if chunk in data:
+                record.hash = hashlib.sha256(data[chunk]).digest()
+                holder[chunk], offsets[chunk] = index, position
+                position += CHUNK
+        head = header.pack() + b"".join(record.pack() for record in records)
+        with open(out(names[index]), "wb") as file:
+            file.write(head + b"".join(data[chunk] for chunk in sorted(data)))
+            file.write(image.Trailer(names[index - 1].encode(), digest).pack())
+        digest = hashlib.sha256(head).digest()
+    plan = out(f"plan{links}")
     with open(plan, "w", encoding="ascii") as file:
         for chunk, index in enumerate(holder):
-            file.write(f"{bed.path(names[index])} {offsets[index, chunk]} {CHUNK} {links - index}\n")
+            file.write(f"{out(names[index])} {offsets[chunk]} {CHUNK} {links - index}\n")
 
     def warm_chain():
-        for name in names:
-            warm(bed.path(name))
+        for link in names:
+            warm(out(link))
 
-    return Job(f"consolidate {links} links", [
+    return Job(name, [
         Contender("vornix", [VORNIX, "consolidate", "--in", bed.path(names[-1]), "--out", bed.path("folded.vrnx")],
                   (warm_chain,), output=out("folded.vrnx")),
         Contender("floor", [FLOOR, "fold", plan, bed.path("f.img")], (warm_chain,), output=out("f.img")),
@@ -434,7 +440,7 @@ def open_job(bed):
     return Job("open the largest table", [
         Contender("vornix", refused, (lambda: warm_head(path),)),
         Contender("floor", [FLOOR, "open", path], (lambda: warm_head(path),)),
-    ], {"floor": 1.15})
+    ], {"floor": 1.15}, image.MAX_CHUNK_COUNT)
 
 
 def warm_head(path):
@@ -462,9 +468,8 @@ def measure(jobs, rounds):
             print(f"  round {number + 1} of {rounds}: {job.name}", file=sys.stderr)
 
 
-def table_of(jobs, title):
-    lines = [f"### {title}", "",
-             "| Job | Contender | Seconds | CPU s | Peak MiB | vornix : contender | Goal |",
+def table_of(jobs):
+    lines = ["| Job | Contender | Seconds | CPU s | Peak MiB | vornix : contender | Goal |",
              "|---|---|---:|---:|---:|---:|---|"]
     for job in jobs:
         ours = job.contenders[0]
@@ -481,11 +486,38 @@ def table_of(jobs, title):
     return lines
 
 
+def memory_account(jobs, chunk_count):
+    """How much memory the program took beyond what a job needs: two chunk buffers, and 80 bytes a chunk for table and
+    offsets."""
+    lines = []
+    for job in jobs:
+        count = job.chunk_count or chunk_count
+        beyond = max(job.contenders[0].peak) - (2 * CHUNK + 80 * count) / (1 << 20)
+        lines.append((beyond, job.name))
+    beyond, name = max(lines)
+    over = [name for value, name in lines if value > 16]
+    return ["", f"Peak memory of vornix beyond two chunk buffers, table and offsets (goal: at most 16 MiB): at most "
+            f"{beyond:.1f} MiB, in \"{name}\"; missed in {len(over)} of {len(lines)} jobs"
+            f"{': ' if over else ''}{', '.join(over)}."]
+
+
 def describe_machine():
     with open("/proc/cpuinfo", encoding="utf-8", errors="replace") as file:
         model = next((line.split(":", 1)[1].strip() for line in file if line.startswith("model name")), "unknown")
     memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / GIB
     return f"{os.cpu_count()} cores of {model}, {memory:.0f} GiB of memory, Linux {os.uname().release}"
+
+
+def write_results(sections):
+    """Puts the sections into the page, in place of older ones of the same title."""
+    title = re.compile(r"^## (.*)$", re.MULTILINE)
+    kept = {}
+    if os.path.exists(RESULTS):
+        with open(RESULTS, encoding="utf-8") as file:
+            kept = {title.match("## " + part)[1]: "## " + part for part in file.read().split("\n## ")[1:]}
+    kept.update(sections)
+    with open(RESULTS, "w", encoding="utf-8") as file:
+        file.write(RESULTS_HEAD + "\n" + "\n".join(text.rstrip("\n") + "\n" for _, text in sorted(kept.items())))
 
 
 def main():
@@ -511,33 +543,34 @@ def main():
          "-lcrypto"])
 
     beds = arguments.beds.split(",") + (["disk:16"] if arguments.long else [])
-    report = ["# Results", "",
-              f"`benchmarks/run.py --rounds {arguments.rounds} --beds {','.join(beds)}` on "
-              f"{describe_machine()}, {time.strftime('%Y-%m-%d')}.", "",
-              "Medians of interleaved rounds, with ratios as medians of the ratios of each round. What a bed is, what is cached",
-              "and what is synced stands at the head of `benchmarks/run.py`; every time includes the way to the disk.", ""]
+    sections = {}
     for name in beds:
         place, gib = name.split(":")
         bed = Bed(arguments.work, place, int(gib))
         try:
             jobs = base_jobs(bed)
             if not arguments.base_only:
-                first = name == beds[0]
-                jobs += [fold_job(bed, links) for links in ((2, 10, 65) if first else (10,))]
+                first, only = name == beds[0], arguments.only
+                if not only or "consolidate" in only:
+                    jobs += [fold_job(bed, links) for links in ((2, 10, 65) if first else (10,))]
                 if first:
                     jobs.append(open_job(bed))
-                jobs += incremental_jobs(bed)
+                if not only or "1 % changed" in only or "first backup" in only:
+                    jobs += incremental_jobs(bed)
             jobs = [job for job in jobs if not arguments.only or job.name in arguments.only.split(";")]
             for job in jobs:
                 job.contenders = [contender for contender in job.contenders if contender.is_installed()]
             measure(jobs, arguments.rounds)
-            report += table_of(jobs, bed.title) + [""]
+            sections[bed.title] = "\n".join([
+                f"## {bed.title}", "",
+                f"`benchmarks/run.py --rounds {arguments.rounds} --beds {name}` on {describe_machine()}, "
+                f"{time.strftime('%Y-%m-%d')}.", "", *table_of(jobs),
+                *memory_account(jobs, bed.size // CHUNK), ""])
         finally:
             bed.close()
-    print("\n".join(report))
-    if not arguments.only:
-        with open(os.path.join(HERE, "results.md"), "w", encoding="utf-8") as file:
-            file.write("\n".join(report))
+        print(sections[bed.title])
+    if not arguments.only and not arguments.base_only:
+        write_results(sections)
     return 0
 
 
