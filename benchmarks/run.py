@@ -406,16 +406,14 @@ def incremental_jobs(bed):
     tracked = [BENCH, machine, "capture", "--disk", "1", "--base", out("base.vrnx"), "--out", out("x.vrnx")]
     compared = [VORNIX, "capture", "--disk", str(bed.source_number), "--base", out("base.vrnx"), "--out",
                 out("x.vrnx"), "--thin"]
+    others = [Contender("borg, second run", borg, (second_run, drop_caches), sync=True),
+              Contender("restic, second run", restic, (second_run, drop_caches), sync=True)]
     jobs = [
         Job("tracked thin capture, 1 % changed", [
-            Contender("vornix", tracked + ["--thin"], (reset_tracker, drop_caches), output=out("x.vrnx")),
-            Contender("borg, second run", borg, (second_run, drop_caches), sync=True),
-            Contender("restic, second run", restic, (second_run, drop_caches), sync=True),
+            Contender("vornix", tracked + ["--thin"], (reset_tracker, drop_caches), output=out("x.vrnx")), *others,
         ], {"borg, second run": 1 / 20, "restic, second run": 1 / 20}),
         Job("compared thin capture, 1 % changed", [
-            Contender("vornix", compared, (drop_caches,), output=out("x.vrnx")),
-            Contender("borg, second run", borg, (second_run, drop_caches), sync=True),
-            Contender("restic, second run", restic, (second_run, drop_caches), sync=True),
+            Contender("vornix", compared, (drop_caches,), output=out("x.vrnx")), *others,
         ], {"borg, second run": 1 / 1.5, "restic, second run": 1 / 1.5}),
         Job("tracked copy, 1 % changed", [
             Contender("vornix", tracked, (reset_tracker, drop_caches), output=out("x.vrnx")),
@@ -453,19 +451,23 @@ def warm_head(path):
 def measure(jobs, rounds):
     generator = random.Random(0)
     for number in range(rounds):
+        measured = set()  # a contender may stand in several jobs
         for job in jobs:
+            start = time.monotonic()
             environment = getattr(job, "environment", None)
             order = list(job.contenders)
             generator.shuffle(order)
             for contender in order:
-                contender.measure(environment)
+                if contender not in measured:
+                    measured.add(contender)
+                    contender.measure(environment)
             # What is over in a moment is measured more often, since a moment's noise weighs more in it.
             slowest = max(contender.seconds[-1] for contender in order)
             for _ in range(min(4, int(SHORT_JOB_SECONDS / slowest))):
                 generator.shuffle(order)
                 for contender in order:
                     contender.measure(environment)
-            print(f"  round {number + 1} of {rounds}: {job.name}", file=sys.stderr)
+            print(f"  round {number + 1} of {rounds}: {job.name}, {time.monotonic() - start:.0f} s", file=sys.stderr)
 
 
 def table_of(jobs):
