@@ -76,7 +76,7 @@ class Contender:
     def __init__(self, name, command, before=(), sync=False, output=None):
         self.name, self.before, self.sync, self.output = name, before, sync, output
         self.command = command if isinstance(command, list) else ["/bin/sh", "-c", command]
-        self.seconds, self.cpu, self.peak = [], [], []
+        self.seconds, self.user, self.system, self.peak = [], [], [], []
 
     def is_installed(self):
         """Whether the tool is here; with --no-install it need not be."""
@@ -101,7 +101,8 @@ class Contender:
         if child.returncode != 0:
             raise RuntimeError(f"{self.name}: status {child.returncode}: {child.stderr.decode(errors='replace')[-500:]}")
         self.seconds.append(seconds)
-        self.cpu.append(float(user) + float(system))
+        self.user.append(float(user))
+        self.system.append(float(system))
         self.peak.append(int(peak) / 1024)
         self.remove_output()
 
@@ -471,7 +472,7 @@ def measure(jobs, rounds):
 
 
 def table_of(jobs):
-    lines = ["| Job | Contender | Seconds | CPU s | Peak MiB | vornix : contender | Goal |",
+    lines = ["| Job | Contender | Seconds | CPU s, user + system | Peak MiB | vornix : contender | Goal |",
              "|---|---|---:|---:|---:|---:|---|"]
     for job in jobs:
         ours = job.contenders[0]
@@ -484,7 +485,7 @@ def table_of(jobs):
                     limit = job.goals[contender.name]
                     goal = f"at most {limit:.3f}: {'reached' if value <= limit else 'missed'}"
             lines.append(f"| {job.name} | {contender.name} | {statistics.median(contender.seconds):.3f} | "
-                         f"{statistics.median(contender.cpu):.2f} | {max(contender.peak):.0f} | {ratio} | {goal} |")
+                         f"{statistics.median(contender.user):.2f} + {statistics.median(contender.system):.2f} | {max(contender.peak):.0f} | {ratio} | {goal} |")
     return lines
 
 
