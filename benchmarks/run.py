@@ -15,9 +15,10 @@ All rows of a bed are measured in one interleaved run: each round runs every con
 that changes from round to round, so that what slows the machine down slows all of them. Prints a table and writes it to
 benchmarks/results.md.
 
-What is cached and what is synced: "cold" jobs start with the page cache dropped; "warm" ones are preceded by one reading
-of the file; wherever something is written, the time goes on until it is on the disk (the writers sync it themselves, or a
-sync follows inside the measured time). Peak memory is the largest resident set among a contender's processes.
+What is cached and what is synced: "cold" jobs start with the page cache dropped; "warm" ones are preceded by one
+reading of the file; wherever something is written, the time goes on until it is on the disk (the writers sync it
+themselves, or a sync follows inside the measured time), but for consolidations, which neither side syncs. Peak memory is
+the largest resident set among a contender's processes.
 """
 
 import argparse
@@ -485,7 +486,8 @@ def table_of(jobs):
                     limit = job.goals[contender.name]
                     goal = f"at most {limit:.3f}: {'reached' if value <= limit else 'missed'}"
             lines.append(f"| {job.name} | {contender.name} | {statistics.median(contender.seconds):.3f} | "
-                         f"{statistics.median(contender.user):.2f} + {statistics.median(contender.system):.2f} | {max(contender.peak):.0f} | {ratio} | {goal} |")
+                         f"{statistics.median(contender.user):.2f} + {statistics.median(contender.system):.2f} | "
+                         f"{max(contender.peak):.0f} | {ratio} | {goal} |")
     return lines
 
 
