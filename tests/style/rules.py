@@ -35,6 +35,11 @@ SYSTEM_MACROS = re.compile(
     r"^\s*#\s*(?:if|ifdef|ifndef|elif)\b.*"
     r"\b(?:_?WIN(?:32|64)|_WIN32_WINNT|__linux__|__linux|__unix__|__MINGW\w*|_MSC_VER|__APPLE__|__CYGWIN__)", re.M)
 
+COMPILER_WORDS = re.compile(
+    r"\b(?:__attribute__|__builtin_\w+|__extension__|__typeof__|__int128|__asm__|__asm|asm|__PRETTY_FUNCTION__|__GNUC__"
+    r"|__clang__|__declspec|__forceinline|__try|__except)\b"
+    r"|\[\[\s*(?:gnu|clang|msvc)\s*::|^[ ]*#\s*pragma\s+(?!once\b|pack\()\w+", re.M)
+
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 MAX_COLUMNS = 120
 MAX_FUNCTION_LINES = 100
@@ -157,6 +162,15 @@ def no_system_switches_in_the_program(tree):
     """An operating system shows in which file is compiled, never inside src/."""
     return [f"{path}:{text.count(chr(10), 0, match.start()) + 1}: asks for the operating system"
             for path, text in of_kind(tree, "src/") for match in SYSTEM_MACROS.finditer(text)]
+
+
+def program_uses_no_words_of_one_compiler(tree):
+    """src/ holds none of the words that only some compilers know: no attribute of gcc's form, no builtin, no assembly.
+
+    The extensions of the language itself are test_dialect.py's to find."""
+    return [f"{path}:{text.count(chr(10), 0, match.start()) + 1}: {match.group()} is not every compiler's"
+            for path, text in ((path, without_comments_and_strings(text)) for path, text in of_kind(tree, "src/"))
+            for match in COMPILER_WORDS.finditer(text)]
 
 
 def headers_are_used(tree):

@@ -63,6 +63,12 @@ PROOFS = {
     rules.no_system_switches_in_the_program: (
         [{"src/disk/a.cpp": "int a;\n#ifdef _WIN32\n"}, {"src/disk/a.h": "#if defined(__linux__)\n"}],
         [{"src/disk/a.cpp": "#ifdef NDEBUG\n", "platform/linux/a.cpp": "#ifdef __linux__\n"}]),
+    rules.program_uses_no_words_of_one_compiler: (
+        [{"src/disk/a.cpp": "int a __attribute__((aligned(4)));\n"}, {"src/disk/a.h": "int a = __builtin_clz(b);\n"},
+         {"src/disk/a.cpp": "[[gnu::noinline]] void Run();\n"}, {"src/disk/a.cpp": "void Run() { asm(\"nop\"); }\n"},
+         {"src/disk/a.cpp": "#pragma GCC diagnostic push\n"}, {"src/disk/a.cpp": "__declspec(noinline) void Run();\n"}],
+        [{"src/disk/a.h": "#pragma once\n#pragma pack(push, 1)\n// asm\nconst char* a = \"__builtin_clz\";\n",
+          "platform/linux/a.cpp": "int a __attribute__((aligned(4)));\n"}]),
     rules.headers_are_used: (
         [{"src/disk/a.h": "", "src/disk/b.cpp": "#include <a>\n"}],
         [{"src/disk/a.h": "", "src/disk/b.cpp": '#include "disk/a.h"\n'}]),
