@@ -3,45 +3,61 @@
 # What the compilers are asked to find. gcc 12, clang 14 and mingw-w64's gcc 12 know all of these, save those in the
 # generator expression; ./check builds with all three, and a warning is an error.
 add_library(vornix_warnings INTERFACE)
-target_compile_options(vornix_warnings INTERFACE
-  -Werror
-  -Wall
-  -Wextra
-  -Wpedantic
-  -Wcast-align
-  -Wcast-qual
-  -Wconversion
-  -Wdouble-promotion
-  -Wextra-semi
-  -Wformat=2
-  -Wimplicit-fallthrough
-  -Wmissing-declarations
-  -Wnon-virtual-dtor
-  -Wold-style-cast
-  -Woverloaded-virtual
-  -Wshadow
-  -Wsign-conversion
-  -Wundef
-  -Wunused
-  -Wvla
-  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-branches -Wduplicated-cond -Wlogical-op>)
+if(MSVC)
+  target_compile_options(vornix_warnings INTERFACE /WX /W4 /permissive- /utf-8 /Zc:__cplusplus /Zc:preprocessor)
+else()
+  target_compile_options(vornix_warnings INTERFACE
+    -Werror
+    -Wall
+    -Wextra
+    -Wpedantic
+    -Wcast-align
+    -Wcast-qual
+    -Wconversion
+    -Wdouble-promotion
+    -Wextra-semi
+    -Wformat=2
+    -Wimplicit-fallthrough
+    -Wmissing-declarations
+    -Wnon-virtual-dtor
+    -Wold-style-cast
+    -Woverloaded-virtual
+    -Wshadow
+    -Wsign-conversion
+    -Wundef
+    -Wunused
+    -Wvla
+    $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-branches -Wduplicated-cond -Wlogical-op>)
+endif()
 
 # The process survives an administrator's mistakes with the disk at stake, so it carries what the platform offers.
 add_library(vornix_hardening INTERFACE)
-target_compile_options(vornix_hardening INTERFACE -fstack-protector-strong)
-if(WIN32)
+if(MSVC)
+  target_compile_options(vornix_hardening INTERFACE /GS /sdl /guard:cf)
+  target_link_options(vornix_hardening INTERFACE /INCREMENTAL:NO /DYNAMICBASE /HIGHENTROPYVA /NXCOMPAT /GUARD:CF)
+else()
+  target_compile_options(vornix_hardening INTERFACE -fstack-protector-strong)
+endif()
+if(MINGW)
   target_link_options(vornix_hardening INTERFACE
     -static
     -fstack-protector-strong
     -Wl,--dynamicbase,--nxcompat,--high-entropy-va
     # The same sources give the same bytes: no time of the link in the file.
     -Wl,--no-insert-timestamp)
-else()
+elseif(NOT WIN32)
   target_link_options(vornix_hardening INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
 
 # No path of the checkout in what is built, so that two builds in different folders give the same bytes.
-add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
+if(MSVC)
+  add_compile_options(/Brepro)
+  add_link_options(/Brepro /PDBALTPATH:%_PDB%)
+  # The runtime library in the executable, which then needs no installation of it.
+  set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
+else()
+  add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
+endif()
 
 if(VORNIX_SANITIZE)
   # For all targets, those of the tests too. The first finding ends the process: one that only prints is overlooked.

@@ -62,8 +62,8 @@ def system_headers():
 class Reader:
     """Clang with the headers of the program read once and kept, since they are nearly all of what it has to read."""
 
-    def __init__(self, folder, sources):
-        self.flags = MODE + [word for place in system_headers() for word in ("-isystem", place)]
+    def __init__(self, folder, sources, *flags):
+        self.flags = [*MODE, *flags] + [word for place in system_headers() for word in ("-isystem", place)]
         names = set()
         for source in sources:
             with open(source, encoding="utf-8") as file:
@@ -90,8 +90,8 @@ class Dialect(unittest.TestCase):
         self.sources = sorted(glob.glob(os.path.join(ROOT, "src", "*", "*.cpp")))
         self.headers = glob.glob(os.path.join(ROOT, "src", "*", "*.h"))
 
-    def read_all(self, sources):
-        reader = Reader(self.folder, self.sources + self.headers)
+    def read_all(self, sources, *flags):
+        reader = Reader(self.folder, self.sources + self.headers, *flags)
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
             return dict(zip(sources, pool.map(reader.read, sources)))
 
@@ -105,8 +105,16 @@ class Dialect(unittest.TestCase):
         read = self.read_all([*tried, *self.sources])
         self.assertEqual([title for source, title in tried.items() if read[source].returncode == 0], [],
                          "extensions that went by unseen")
-        troubles = [read[source].stderr for source in self.sources if read[source].returncode != 0]
+        self.expect_clean(read, self.sources)
+
+    def expect_clean(self, read, sources):
+        troubles = [read[source].stderr for source in sources if read[source].returncode != 0]
         self.assertEqual(troubles, [], "\n".join(troubles))
+
+    def test_what_is_there_for_another_compiler_alone_is_read_too(self):
+        sources = glob.glob(os.path.join(ROOT, "platform", "windows", "*_msvc.cpp"))
+        self.assertNotEqual(sources, [])
+        self.expect_clean(self.read_all(sources, "-fms-extensions", "-Wno-language-extension-token"), sources)
 
 
 if __name__ == "__main__":
