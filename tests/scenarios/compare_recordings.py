@@ -92,9 +92,9 @@ def main():
     problems += [f"{name}\n    stands among the exceptions and needs none" for name in stale]
 
     columns = ("native", "wine", "equal", "excepted", "failed")
-    titles = ("native", "Wine", "equal", "excepted", "failed")
-    width = max([len(name) for name in rows] + [len("suite"), len("all")])
-    print(f"{'suite':<{width}}  " + "  ".join(f"{title:>8}" for title in titles))
+    titles = ("natively", "Wine", "equal", "excepted", "failed")
+    width = max([len(name) for name in rows] + [len("scenarios of"), len("all")])
+    print(f"{'scenarios of':<{width}}  " + "  ".join(f"{title:>8}" for title in titles))
     for name, row in rows.items():
         print(f"{name:<{width}}  " + "  ".join(f"{row[column]:>8}" for column in columns))
     total = {column: sum(row[column] for row in rows.values()) for column in columns}
