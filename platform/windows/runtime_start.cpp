@@ -12,8 +12,10 @@ namespace {
 
 const bool isRuntimeStarted = [] {
     // An exception that nobody catches ends the process without a text or a window of the C++ library's own, with the
-    // status that the runtime's abort gives.
+    // status that the runtime's abort gives. What the program has printed until then still arrives where its output
+    // goes.
     std::set_terminate([] {
+        (void)fflush(stdout);
         constexpr UINT abnormalEnd = 3;
         TerminateProcess(GetCurrentProcess(), abnormalEnd);
     });

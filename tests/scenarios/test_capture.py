@@ -418,6 +418,17 @@ class Failures(Capture):
         machine.add_fault("BCryptCreateHash", skip=2, status="0xC0000017")
         self.expect(self.capture(machine), 1, self.begun(machine, 2), fatal_status("BCryptCreateHash", 0xC0000017))
 
+    def test_a_table_that_no_memory_holds_ends_the_run_abnormally_and_keeps_what_was_printed(self):
+        if os.path.basename(self.settings.build) == "sanitize":
+            self.skipTest("the sanitizer ends a process that asks for so much before the program hears of it")
+        machine = self.small()
+        length = (1 << 63) - 0x400000  # its table has more bytes than a process has addresses
+        machine.disk(1)["length"] = length
+        result = self.capture(machine)
+        self.assertTrue(result.abnormal)
+        self.expect(result, self.settings.abnormal_status, source_line(1, length) + NO_TRACKER)
+        self.assertEqual(machine.files(), ["a.vrnx.partial"])
+
     def test_a_failed_rename_leaves_a_finished_work_file(self):
         machine = self.small()
         machine.add_fault("MoveFileExW", error=5)
