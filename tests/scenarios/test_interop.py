@@ -11,13 +11,16 @@ import sys
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import capture_text, restore_text, verify_text
+from consolidate_runs import consolidate_text, plain_full_image
 from image import build_image
+from incremental import REASON_NO_TRACKER, compared_line, incremental_text, thin_complete, thin_verify_text
 from machine import CHECKOUT, Settings, pattern
 
 NATIVE_BENCH = os.environ.get("VORNIX_BENCH_LINUX") or os.path.join(CHECKOUT, "build", "linux", "vornix-bench")
 WINDOWS_BENCH = os.environ.get("VORNIX_BENCH_WINDOWS") or os.path.join(CHECKOUT, "build", "windows", "vornix-bench.exe")
 WINE = os.environ.get("VORNIX_WINE") or "wine"
 
+MIB4 = 0x400000
 SIZES = (512, 65536, 0x400000, 2 * 0x400000 + 512)
 
 
@@ -68,6 +71,49 @@ class Interop(suite.Scenario):
             self.expect(machine.run("restore", "--in", "other.vrnx", "--disk", "2", "--confirm", "YES"), 0,
                         restore_text("other.vrnx", 2, size, 0x400000))
             self.expect_disk(machine, 2, contents)
+
+    def test_each_build_verifies_restores_and_folds_the_others_thin_chain(self):
+        size = 2 * MIB4 + 4096
+        machines = self.pair(source=pattern(size, "exchange"))
+        chains = []
+        for machine in machines:
+            self.expect(machine.run("capture", "--disk", "1", "--out", "full.vrnx"), 0, capture_text(1, size, "full.vrnx"))
+            for name, base, place in (("thin.vrnx", "full.vrnx", 5), ("top.vrnx", "thin.vrnx", MIB4 + 5)):
+                machine.poke_disk(1, place, b"changed")
+                result = machine.run("capture", "--disk", "1", "--out", name, "--base", base, "--thin")
+                self.expect(result, 0, incremental_text(size, base, compared_line(REASON_NO_TRACKER),
+                                                        thin_complete(name, 3, 2, 3)))
+            chains.append({name: machine.read(name) for name in ("full.vrnx", "thin.vrnx", "top.vrnx")})
+        self.assertTrue(chains[0] == chains[1], "both builds make the same files")
+        contents = machines[0].disk_bytes(1)
+        for machine, other in (machines, reversed(machines)):
+            os.mkdir(machine.path("other"))
+            for name in chains[0]:
+                machine.write(os.path.join("other", name), other.read(name))
+            self.expect(machine.run("verify", "--in", "other/top.vrnx"), 0,
+                        thin_verify_text("other/top.vrnx", "thin.vrnx", size, MIB4))
+            self.expect(machine.run("restore", "--in", "other/top.vrnx", "--disk", "2", "--confirm", "YES"), 0,
+                        restore_text("other/top.vrnx", 2, size, MIB4))
+            self.expect_disk(machine, 2, contents)
+            self.expect(machine.run("consolidate", "--in", "other/top.vrnx", "--out", "one.vrnx"), 0,
+                        consolidate_text("one.vrnx", size, MIB4))
+            self.expect_file(machine, "one.vrnx", plain_full_image(contents, MIB4))
+
+    def test_each_build_goes_on_with_the_others_chain(self):
+        size = MIB4 + 4096
+        native, windows = self.pair(source=pattern(size, "exchange"))
+        windows.set_disk_bytes(1, native.disk_bytes(1))
+        self.expect(native.run("capture", "--disk", "1", "--out", "g0.vrnx"), 0, capture_text(1, size, "g0.vrnx"))
+        turns = ((windows, native), (native, windows), (windows, native))
+        for generation, (machine, before) in enumerate(turns, 1):
+            for old in range(generation):
+                machine.write(f"g{old}.vrnx", before.read(f"g{old}.vrnx"))
+            for one in (native, windows):
+                one.poke_disk(1, MIB4 + generation, b"changed")
+            base, name = f"g{generation - 1}.vrnx", f"g{generation}.vrnx"
+            self.expect(machine.run("capture", "--disk", "1", "--out", name, "--base", base, "--thin"), 0,
+                        incremental_text(size, base, compared_line(REASON_NO_TRACKER), thin_complete(name, 2, 1, 2)))
+            self.expect_good_image(machine, name, machine.disk_bytes(1))
 
     def test_the_calls_of_a_run_are_the_same(self):
         logs = []

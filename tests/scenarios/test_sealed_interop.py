@@ -11,7 +11,9 @@ import sys
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import capture_text, meter_run, restore_text, verify_failed, verify_text, verifying_line
+from consolidate_runs import plain_full_image
 from image import build_image, read_table
+from incremental import REASON_NO_TRACKER, compared_line, incremental_text, thin_complete, thin_verify_text
 from machine import CHECKOUT, Settings, pattern
 from sealing import consolidate_text, verify_unauthentic
 
@@ -114,6 +116,43 @@ class SealedInterop(suite.Scenario):
                 (meter_run(size, MIB4) + "\nCapture complete (thin): thin.vrnx  (stored 1 of 2 chunks, 1 are references to "
                  "the base; read from disk: 2)\n").encode()))
             self.expect_good_image(machine, "thin.vrnx", machine.disk_bytes(1), PASSWORD)
+
+    # Which images of a chain of two are sealed: (base, top).
+    MIXTURES = ((True, True), (True, False), (False, True))
+
+    def test_each_build_verifies_restores_and_folds_the_others_chain_of_sealed_and_plain_images(self):
+        size = MIB4 + 4096
+        sealing = {True: ("--encrypt", "--password-file", "password"), False: ("--password-file", "password")}
+        machines = self.pair(source=pattern(size, "exchange"))
+        for number, (base_sealed, top_sealed) in enumerate(self.MIXTURES):
+            base, top = f"base{number}.vrnx", f"top{number}.vrnx"
+            for machine in machines:
+                self.expect(machine.run("capture", "--disk", "1", "--out", base, *sealing[base_sealed]), 0,
+                            capture_text(1, size, base))
+                machine.poke_disk(1, MIB4 + number, b"changed")
+                self.expect(machine.run("capture", "--disk", "1", "--out", top, "--base", base, "--thin",
+                                        *sealing[top_sealed]), 0,
+                            incremental_text(size, base, compared_line(REASON_NO_TRACKER), thin_complete(top, 2, 1, 2)))
+                header, _ = read_table(machine.path(top))
+                self.assertEqual(header.encrypted, int(top_sealed))
+            self.expect_chain_of_the_other(machines, base, top, size)
+
+    def expect_chain_of_the_other(self, machines, base, top, size):
+        """Each machine verifies the other's chain, restores it, and folds it."""
+        password = ("--password-file", "password")
+        contents = machines[0].disk_bytes(1)
+        for machine, other in (machines, reversed(machines)):
+            os.makedirs(machine.path("other"), exist_ok=True)
+            for name in (base, top):
+                machine.write("other/" + name, other.read(name))
+            path = "other/" + top
+            self.expect(machine.run("verify", "--in", path, *password), 0, thin_verify_text(path, base, size, MIB4))
+            self.expect(machine.run("restore", "--in", path, "--disk", "2", "--confirm", "YES", *password), 0,
+                        restore_text(path, 2, size, MIB4))
+            self.expect_disk(machine, 2, contents)
+            self.expect(machine.run("consolidate", "--in", path, "--out", "plain-" + top, *password), 0,
+                        consolidate_text("plain-" + top, size, MIB4, verify_text("plain-" + top, size, MIB4)))
+            self.expect_file(machine, "plain-" + top, plain_full_image(contents, MIB4))
 
     def test_the_calls_of_a_sealed_run_are_the_same(self):
         logs = []

@@ -33,6 +33,19 @@ TEST(DirectoryOfPath, ColonIsNoSeparator) {
     EXPECT_EQ(DirectoryOfPath("C:image.vrnx"), "");
 }
 
+TEST(DirectoryOfPath, DrivesSharesAndDevicesAreTextLikeAnyOther) {
+    EXPECT_EQ(DirectoryOfPath("C:\\image.vrnx"), "C:\\");
+    EXPECT_EQ(DirectoryOfPath("Z:/a folder/image.vrnx"), "Z:/a folder/");
+    EXPECT_EQ(DirectoryOfPath("C:folder\\image.vrnx"), "C:folder\\");
+    EXPECT_EQ(DirectoryOfPath("\\\\server\\share\\image.vrnx"), "\\\\server\\share\\");
+    EXPECT_EQ(DirectoryOfPath("\\\\?\\C:\\image.vrnx"), "\\\\?\\C:\\");
+}
+
+TEST(DirectoryOfPath, BytesBeyondAsciiAreNoSeparators) {
+    EXPECT_EQ(DirectoryOfPath("\xC3\xA4/\xDC\xAF\x5C\xFF"), "\xC3\xA4/\xDC\xAF\x5C");
+    EXPECT_EQ(DirectoryOfPath("\xDC\xAF"), "");
+}
+
 TEST(DirectoryOfPath, BareNameAndEmptyPathHaveNone) {
     EXPECT_EQ(DirectoryOfPath("image.vrnx"), "");
     EXPECT_EQ(DirectoryOfPath(""), "");
@@ -42,6 +55,21 @@ TEST(FileNameOfPath, IsWhatStandsBehindTheFolder) {
     EXPECT_EQ(FileNameOfPath("a/b\\c"), "c");
     EXPECT_EQ(FileNameOfPath("C:image.vrnx"), "C:image.vrnx");
     EXPECT_EQ(FileNameOfPath("a/"), "");
+}
+
+TEST(ResolvePath, GivesNothingForAPathThatWouldBeTooLong) {
+    std::string absolute = "as before";
+    EXPECT_FALSE(ResolvePath(std::string(260, 'x'), absolute));
+    EXPECT_EQ(absolute, "as before");
+}
+
+TEST(ResolvePath, TakesDotsOutAndKeepsCaseAndBlanks) {
+    std::string first;
+    std::string second;
+    ASSERT_TRUE(ResolvePath(" An Image.vrnx", first));
+    ASSERT_TRUE(ResolvePath("folder/.././ An Image.vrnx", second));
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(FileNameOfPath(first), " An Image.vrnx");
 }
 
 } // namespace
