@@ -27,11 +27,14 @@ def run(*command, **options):
     return subprocess.run(command, capture_output=True, text=True, check=False, **options)
 
 
-def make_packages():
+MOMENT = "1700000000"  # the time that the packages of this suite bear
+
+
+def make_packages(**environment):
     """Makes both packages in a folder of their own: (path of the archive, path of the Debian package)."""
     folder = tempfile.mkdtemp()
     atexit.register(shutil.rmtree, folder)
-    made = run(os.path.join(ROOT, "packaging", "make-packages"), folder)
+    made = run(os.path.join(ROOT, "packaging", "make-packages"), folder, env={**os.environ, **environment})
     if made.returncode != 0:
         raise AssertionError(made.stdout + made.stderr)
     archive, = (os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".zip"))
@@ -47,8 +50,34 @@ def packages():
     """Both packages, made for the first test that asks."""
     with making:
         if not made_once:
-            made_once.append(make_packages())
+            made_once.append(make_packages(SOURCE_DATE_EPOCH=MOMENT))
     return made_once[0]
+
+
+def files_of_checkout():
+    """The paths of what belongs to the project: what git tracks, or everything that is no product of a build."""
+    listed = run("git", "ls-files", "-z", cwd=ROOT)
+    if listed.returncode == 0:
+        return [path for path in listed.stdout.split("\0") if path and os.path.exists(os.path.join(ROOT, path))]
+    paths = []
+    for folder, folders, names in os.walk(ROOT):
+        folders[:] = [name for name in folders if name not in ("build", ".git", "__pycache__")]
+        paths += [os.path.relpath(os.path.join(folder, name), ROOT) for name in names]
+    return paths
+
+
+def copy_of_checkout(folder):
+    """The project in another folder, committed there at the moment of the packages of this suite."""
+    for path in files_of_checkout():
+        os.makedirs(os.path.dirname(os.path.join(folder, path)), exist_ok=True)
+        shutil.copy(os.path.join(ROOT, path), os.path.join(folder, path))
+    author = {**os.environ, "GIT_CONFIG_GLOBAL": os.devnull, "GIT_COMMITTER_DATE": f"{MOMENT} +0200"}
+    for who in ("AUTHOR", "COMMITTER"):
+        author |= {f"GIT_{who}_NAME": "A", f"GIT_{who}_EMAIL": "a@invalid"}
+    for command in (["init"], ["add", "--all"], ["commit", "--message", "a copy"]):
+        done = run("git", "-C", folder, *command, env=author)
+        if done.returncode != 0:
+            raise AssertionError(done.stderr)
 
 
 @unittest.skipUnless(BUILT, "needs the Linux and the Windows build")
@@ -64,10 +93,18 @@ class Packages(unittest.TestCase):
         self.assertEqual(sums, {name: hashlib.sha256(data).hexdigest() for name, data in contents.items()
                                 if name != "SHA256SUMS"})
 
-    def test_the_same_checkout_gives_the_same_bytes_again(self):
-        for first, second in zip((self.zip, self.deb), make_packages()):
-            with open(first, "rb") as a, open(second, "rb") as b:
-                self.assertEqual(a.read(), b.read(), os.path.basename(first))
+    @unittest.skipUnless(shutil.which("git"), "needs git")
+    def test_a_checkout_in_another_folder_gives_the_same_bytes(self):
+        environment = {name: value for name, value in os.environ.items() if name != "SOURCE_DATE_EPOCH"}
+        with tempfile.TemporaryDirectory() as folder:
+            elsewhere = os.path.join(folder, "a checkout with a longer name")
+            copy_of_checkout(elsewhere)
+            made = run(os.path.join(elsewhere, "packaging", "make-packages"), folder, env=environment)
+            self.assertEqual((made.returncode, made.stderr), (0, ""), made.stdout)
+            for first in (self.zip, self.deb):
+                with open(first, "rb") as a, open(os.path.join(folder, os.path.basename(first)), "rb") as b:
+                    self.assertEqual(hashlib.sha256(a.read()).digest(), hashlib.sha256(b.read()).digest(),
+                                     os.path.basename(first))
 
     def test_no_path_of_the_checkout_is_in_the_executables(self):
         with zipfile.ZipFile(self.zip) as archive:
