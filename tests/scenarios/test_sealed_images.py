@@ -646,6 +646,36 @@ class Exchanged(Sealed):
         self.expect(self.consolidate(machine), 1, "", refusal)
 
 
+class Replaced(Sealed):
+    """What somebody without the password can put in place of an image: the seal is one of chunks, not of the file."""
+
+    def test_a_plain_image_passes_where_a_sealed_one_was(self):
+        machine, _ = self.sealed()
+        build_image(machine.path("a.vrnx"), pattern(SIZE, "forged"))
+        self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
+        self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
+        self.expect_disk(machine, 2, pattern(SIZE, "forged"))
+
+    def test_a_disk_that_was_made_shorter_passes(self):
+        machine, builder = self.sealed()
+        builder.records, builder.stored = builder.records[:6], builder.stored[:6]
+        builder.header.disk_size, builder.header.chunk_count = 6 * 4096, 6
+        builder.write(machine.path("a.vrnx"))
+        self.expect(self.verify(machine), 0, verify_text("a.vrnx", 6 * 4096, 4096))
+
+    def test_a_chunk_turned_into_a_reference_to_a_forged_base_passes(self):
+        machine, builder = self.sealed()
+        plain, forged = pattern(SIZE, "image"), pattern(SIZE, "forged")
+        base = build_image(machine.path("forged.vrnx"), forged)
+        thin = ImageBuilder(forged, base=machine.path("forged.vrnx"), references=[0])
+        builder.header.version, builder.trailer = 3, thin.trailer
+        builder.records[0], builder.stored[0] = thin.records[0], b""
+        builder.write(machine.path("a.vrnx"))
+        self.assertEqual(builder.trailer.base_digest, base.digest())
+        self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
+        self.expect_disk(machine, 2, forged[:4096] + plain[4096:])
+
+
 class Chains(Sealed):
     """Thin images over sealed bases: each level has a key of its own, and one password file opens all of them."""
 

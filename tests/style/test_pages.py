@@ -17,6 +17,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
 
+import console  # noqa: E402
 import image  # noqa: E402
 import suite  # noqa: E402
 
@@ -135,11 +136,25 @@ class Pages(unittest.TestCase):
         unknown = messages_of_guide() - messages_of_program()
         self.assertEqual(sorted(unknown), [])
 
-    def test_the_usage_text_is_in_the_readme(self):
-        source = read("src", "cli", "command_line.cpp")
-        for command in ("list-disks", "capture", "verify", "restore", "clone", "consolidate"):
-            self.assertRegex(source, rf'"  vornix {command}')
-            self.assertRegex(read("README.md"), rf"(?m)^    vornix {command}")
+    def test_each_page_has_the_commands_of_the_usage_text(self):
+        usage = [re.sub(r" {3,}\(.*|  \(.*", "", line).strip() for line in console.USAGE.splitlines()
+                 if line.startswith("  vornix ")]
+        self.assertEqual(len(usage), 6)
+        self.assertEqual(re.findall(r"(?m)^    (vornix [a-z].*)$", read("README.md")), usage)
+        synopsis = read("man", "vornix.1").split(".SH SYNOPSIS")[1].split(".SH DESCRIPTION")[0]
+        synopsis = re.sub(r"\\f[BIR]", "", synopsis).replace("\\-", "-")
+        self.assertEqual(re.findall(r"(?m)^(vornix .*)$", synopsis), [" ".join(line.split()) for line in usage])
+
+    def test_readme_names_each_package_that_check_installs(self):
+        table = read("README.md").split("| Package | What for |")[1].split("\n\n")[0]
+        named = {name.strip() for row in re.findall(r"^\| ([^|]+) \|", table, flags=re.M) for name in row.split(",")}
+        packages = re.search(r"(?ms)^packages=\(\n(.*?)^\)", read("check")).group(1)
+        self.assertEqual(sorted(named), sorted(re.sub(r"#.*", "", packages).split()))
+
+    def test_manual_page_has_no_warnings(self):
+        done = subprocess.run(["groff", "-man", "-ww", "-z", os.path.join(ROOT, "man", "vornix.1")], capture_output=True,
+                              text=True, check=False)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
 
     def test_worked_example_of_the_format_is_what_the_bytes_are(self):
         self.assertEqual(section(read("docs", "image-format.md"), "example"), worked_example())
