@@ -104,6 +104,21 @@ def worked_example():
                 f"`thin.vrnx`:\n\n```\n{dump_like_hexdump(thin.to_bytes())}\n```\n")
 
 
+def sealed_example():
+    folder = os.path.join(ROOT, "tests", "vectors")
+    with open(os.path.join(folder, "password.txt"), "rb") as file:
+        content = file.read()
+    password = image.trim_password(content)
+    opened = image.Image(os.path.join(folder, "sealed.vrnx"), password)
+    header, record = opened.header, opened.records[0]
+    rows = [("password file", f"`{content.hex()}`"), ("password", f"`{password.hex()}` (`{password.decode()}`)"),
+            ("`Salt`", f"`{header.salt.hex()}`"), ("`KdfIterations`", f"{header.kdf_iterations:,}"),
+            ("key", f"`{opened.key.hex()}`"), ("`Nonce`", f"`{record.nonce.hex()}`"), ("`Tag`", f"`{record.tag.hex()}`"),
+            (f"stored bytes, {record.stored_length} at {opened.offsets[0]}", f"`{opened.stored_bytes(0)[:16].hex()}...`"),
+            ("plain bytes", f"`{opened.chunk(0)[:16].hex()}...`"), ("`Hash`", f"`{record.hash.hex()}`")]
+    return "| | |\n|---|---|\n" + "".join(f"| {name} | {value} |\n" for name, value in rows)
+
+
 def section(page, name):
     """What stands between the two marks of a generated section."""
     return re.search(rf"<!-- {name} -->\n(.*?)<!-- end of {name} -->", page, flags=re.S).group(1)
@@ -159,6 +174,9 @@ class Pages(unittest.TestCase):
     def test_worked_example_of_the_format_is_what_the_bytes_are(self):
         self.assertEqual(section(read("docs", "image-format.md"), "example"), worked_example())
 
+    def test_worked_example_of_the_seal_is_what_the_bytes_are(self):
+        self.assertEqual(section(read("docs", "image-format.md"), "sealed example"), sealed_example())
+
     def test_readme_shows_what_the_demo_prints(self):
         shown = section(read("README.md"), "demo output")
         self.assertEqual(steady(shown), steady("```\n" + demo_output().lstrip("\n") + "```\n"))
@@ -172,6 +190,7 @@ class Pages(unittest.TestCase):
 def main():
     if sys.argv[1:] == ["--update"]:
         replace_section("docs/image-format.md", "example", worked_example())
+        replace_section("docs/image-format.md", "sealed example", sealed_example())
         replace_section("README.md", "demo output", "```\n" + demo_output().lstrip("\n") + "```\n")
         return 0
     return suite.main()
