@@ -151,6 +151,11 @@ class Pages(unittest.TestCase):
         unknown = messages_of_guide() - messages_of_program()
         self.assertEqual(sorted(unknown), [])
 
+    def test_the_guide_says_of_every_message_what_it_means_and_what_to_do(self):
+        rows = re.findall(r"^\|.*\|$", read("docs", "users-guide.md").split("## Every message", 1)[1], flags=re.M)
+        self.assertGreater(len(rows), 100)
+        self.assertEqual([row for row in rows if re.search(r"\|\s*\|", row)], [])
+
     def test_each_page_has_the_commands_of_the_usage_text(self):
         usage = [re.sub(r" {3,}\(.*|  \(.*", "", line).strip() for line in console.USAGE.splitlines()
                  if line.startswith("  vornix ")]
