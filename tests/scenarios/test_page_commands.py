@@ -388,6 +388,31 @@ class ManualPage(suite.Scenario):
             self.assertIn(option, page)
 
 
+class Contributing(suite.Scenario):
+    """The commands of CONTRIBUTING.md that do not build; the rest of them is what ./check does."""
+
+    recorded = False
+
+    def test_the_machine_of_ones_own_shows_its_fault(self):
+        if SETTINGS.windows:
+            self.skipTest("a script for Linux")
+        script, = (body for language, body in blocks(read("CONTRIBUTING.md")) if language == "sh")
+        script = script.replace("/tmp/machine", self.folder).replace("build/linux/vornix-bench", SETTINGS.bench)
+        done = subprocess.run(["sh", "-c", script], cwd=CHECKOUT, capture_output=True, text=True, check=False,
+                              env=SETTINGS.environment())
+        self.assertEqual((done.returncode, done.stderr), (0, "FATAL: ReadFile from source disk failed mid-capture - image "
+                                                          "is incomplete, do not trust it (GetLastError=23)\n"))
+        self.assertIn('"transferred":0,"ok":false,"error":23}\n', done.stdout)
+
+    def test_the_narrowed_suites_have_tests_of_that_name(self):
+        lines = re.findall(r"python3 (tests/\S+\.py) -k (\w+)", read("CONTRIBUTING.md") + read("tests/README.md"))
+        self.assertGreater(len(lines), 2)
+        for suite_path, word in lines:
+            done = subprocess.run([sys.executable, os.path.join(CHECKOUT, suite_path), "--list", "-k", word],
+                                  capture_output=True, text=True, check=True)
+            self.assertIn(word, done.stdout, suite_path)
+
+
 def update():
     """Writes into the guide what the program prints."""
     def renewed(block):
