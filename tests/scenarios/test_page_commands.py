@@ -32,7 +32,7 @@ from machine import CHECKOUT, SETTINGS, Machine, pattern
 GUIDE = os.path.join("docs", "users-guide.md")
 MANUAL = os.path.join("man", "vornix.1")
 MIB = 1048576
-DATA_SIZE = 64 * MIB
+DATA_SIZE = 32 * MIB
 
 PROMPT = re.compile(r"(C:\\> |# )(.*)")
 FENCE = re.compile(r"^( *)```(\w*)\n(.*?)^\1```$", re.M | re.S)
@@ -53,14 +53,14 @@ def make_machine(folder):
     """A computer whose system disk has an EFI partition and C:, with a data disk, a spare one and the drive E:."""
     machine = Machine(folder, default=False)
     machine.ticks(1000, 200)
-    machine.add_disk(0, pattern(40 * MIB, "system"))
-    machine.add_disk(1, pattern(24 * MIB, "data") + bytes(DATA_SIZE - 24 * MIB))
+    machine.add_disk(0, pattern(24 * MIB, "system"))
+    machine.add_disk(1, pattern(20 * MIB, "data") + bytes(DATA_SIZE - 20 * MIB))
     machine.add_disk(2, DATA_SIZE, in_use=True)
     machine.add_disk(3, 0, length=1000204886016)
-    machine.system_volume([(0, 9 * MIB, 30 * MIB)])
+    machine.system_volume([(0, 9 * MIB, 14 * MIB)])
     name = "\\\\?\\Volume{%s-90c4-4a3e-b3a5-0c8f2d1b7a11}\\"
     machine.add_volume(name % "0f6a1c2e", [(0, MIB, 8 * MIB)], supported=False)
-    machine.add_volume(name % "5b9e4d70", [(0, 9 * MIB, 30 * MIB)])
+    machine.add_volume(name % "5b9e4d70", [(0, 9 * MIB, 14 * MIB)])
     machine.shadow_service([("System Writer", 1, "0x0"), ("Registry Writer", 1, "0x0"), ("WMI Writer", 1, "0x0")])
     for place in PLACES.values():
         os.makedirs(machine.path(place), exist_ok=True)
@@ -92,7 +92,7 @@ def start_live_media(machine):
 
 
 def start_from_disk(machine):
-    machine.system_volume([(0, 9 * MIB, 30 * MIB)])
+    machine.system_volume([(0, 9 * MIB, 14 * MIB)])
 
 
 def load_tracker(machine):
@@ -101,9 +101,9 @@ def load_tracker(machine):
 
 
 def change_files_under_the_tracker(machine):
-    change_files(30)(machine)
+    change_files(22)(machine)
     state = machine.tracker_disk(1)
-    state["bitmap"] = marked(DATA_SIZE, 16, (30 * MIB, 4096))
+    state["bitmap"] = marked(DATA_SIZE, 16, (22 * MIB, 4096))
     machine.tracker([state])
 
 
@@ -158,7 +158,7 @@ BEFORE = {
     (r"vornix capture --disk 1 --base E:\backup\data-full.vrnx --thin --out E:\backup\data-mon.vrnx", 1):
         change_files(5, 6),
     (r"vornix capture --disk 1 --base E:\backup\data-mon.vrnx --thin --out E:\backup\data-tue.vrnx", 1):
-        change_files(13, 40),
+        change_files(13, 25),
     (r"vornix capture --disk 1 --out E:\backup\week2-full.vrnx", 1): load_tracker,
     (r"vornix capture --disk 1 --base E:\backup\week2-full.vrnx --thin --out E:\backup\week2-mon.vrnx", 1):
         change_files_under_the_tracker,
@@ -324,7 +324,7 @@ class Guide(suite.Scenario):
                            ("vornix", f'exec "{SETTINGS.bench}" "{machine.home}" "$@"\n')):
             self.write_script(os.path.join(self.folder, "bin", name), text)
 
-        for day, weekday, offset in ((22, 7, 3), (23, 1, 5), (24, 2, 41)):
+        for day, weekday, offset in ((22, 7, 3), (23, 1, 5), (24, 2, 29)):
             change_files(offset)(machine)
             self.assertEqual(self.run_script(machine, day, weekday), (0, ""))
             self.assertEqual(image.read_header(f"{backup}/2026-11-{day}.vrnx").version, 2 if weekday == 7 else 3)
@@ -342,7 +342,7 @@ class Guide(suite.Scenario):
         status, said = self.run_script(machine, 29, 7)
         self.assertEqual(status, 1)
         self.assertIn("failed while verifying", said)
-        self.assertIn("Verify FAILED - 1 of 16 chunks did not match.", said)
+        self.assertIn("Verify FAILED - 1 of 8 chunks did not match.", said)
 
         machine.clear_faults()
         self.assertEqual(self.run_script(machine, 30, 1), (0, ""))
