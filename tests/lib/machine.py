@@ -48,6 +48,8 @@ class Settings:
     def __init__(self, environment=os.environ):
         self.build = environment.get("VORNIX_BUILD") or os.path.join(CHECKOUT, "build", "linux")
         self.runner = shlex.split(environment.get("VORNIX_RUNNER", ""))
+        if self.runner and "/" in self.runner[0]:
+            self.runner[0] = os.path.abspath(self.runner[0])  # the runs have a current folder of their own
         suffix = ".exe" if self.runner else ""
         self.bench = environment.get("VORNIX_BENCH") or os.path.join(self.build, "vornix-bench" + suffix)
         self.program = environment.get("VORNIX") or os.path.join(self.build, "vornix" + suffix)
