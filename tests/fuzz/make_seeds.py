@@ -112,7 +112,8 @@ def make_trailer_seeds():
 
 def make_other_seeds():
     for name, words in {"value": ["capture", "--out", "x"], "last": ["capture", "--disk"], "flag_as_value":
-                        ["capture", "--out", "--thin"], "number": [" -12abc", "99999999999", "+3"]}.items():
+                        ["capture", "--out", "--thin"], "value_like_a_default": ["--out", "\x01none", "--disk", "one"],
+                        "number": [" -12abc", "99999999999", "+3"]}.items():
         write_seed("options", name, "\0".join(["vornix", *words]).encode())
     for name, (repeats, content) in {"plain": (0, b"secret\r\n"), "line_ends_only": (3, b"\r\n"), "empty": (0, b""),
                                      "zero_byte": (0, b"a\0b\n"), "at_the_limit": (4095, b"p" * 256),
