@@ -265,7 +265,12 @@ class Story:
 class Guide(suite.Scenario):
     recorded = False
 
+    def not_every_time_under_wine(self):
+        if SETTINGS.windows and not SETTINGS.long:
+            self.skipTest("some fifty runs, each a start of Wine: under VORNIX_LONG")
+
     def test_each_session_shows_what_the_program_prints(self):
+        self.not_every_time_under_wine()
         story = Story(make_machine(self.folder))
         self.machines.append(story.machine)
         lines = 0
@@ -293,6 +298,7 @@ class Guide(suite.Scenario):
         return [body for kind, body in blocks(read(GUIDE)) if kind == language]
 
     def test_lines_of_the_powershell_scripts(self):
+        self.not_every_time_under_wine()
         machine = make_machine(self.folder)
         self.machines.append(machine)
         variables = {"day": "2026-11-23", "last": "2026-11-22"}
