@@ -14,6 +14,7 @@ As a command:
 import argparse
 import ctypes
 import ctypes.util
+import functools
 import hashlib
 import os
 import struct
@@ -120,6 +121,7 @@ def trim_password(content):
     return password
 
 
+@functools.lru_cache(maxsize=4096)
 def derive_key(password, salt, iterations):
     return hashlib.pbkdf2_hmac("sha256", password, salt, iterations, 32)
 
@@ -450,11 +452,12 @@ def is_accepted(path, password=None):
         return False
 
 
-def check_image(path, password=None):
+def check_image(path, password=None, disk=None):
     """What is wrong with the image, as a list of texts; empty when nothing is.
 
     Stricter than a reader has to be: it also holds the file against what a writer promises: no byte more than needed,
-    zero nonces and tags where nothing is sealed, a zero salt in a plain image, no nonce used twice.
+    zero nonces and tags where nothing is sealed, a zero salt in a plain image, no nonce used twice. `disk` is the open
+    file of the disk that the image was made of, where its bytes are to be compared as well.
     """
     try:
         image = Image(path, password)
@@ -479,9 +482,14 @@ def check_image(path, password=None):
         else:
             seen[record.nonce] = index
         try:
-            image.chunk(index)
+            plain = image.chunk(index)
         except (ImageError, OSError) as error:
             problems.append(str(error))
+            continue
+        if disk is not None:
+            disk.seek(index * header.chunk_size)
+            if plain != disk.read(len(plain)):
+                problems.append(f"chunk {index}: other bytes than the disk's")
     return problems
 
 

@@ -82,6 +82,11 @@ def pattern(size, seed="disk"):
     return hashlib.shake_128(str(seed).encode()).digest(size)
 
 
+def number_in_description(value):
+    """A number of a description, which may be written as a string such as "0x10"."""
+    return int(value, 0) if isinstance(value, str) else value
+
+
 @dataclass
 class Result:
     """One run: what it was, how it ended, what it printed, and its log as parsed lines."""
@@ -152,6 +157,7 @@ class Machine:
         os.makedirs(self.home, exist_ok=True)
         os.makedirs(self.work, exist_ok=True)
         self.runs = []
+        self.onlooker = None  # called with the machine and each of its results
         self.description = {"disks": [], "calls": "calls.jsonl"}
         self.ticks(1000, 1000)
         if default:
@@ -175,7 +181,7 @@ class Machine:
 
     def disk(self, number):
         """The description of a disk, to be changed at will."""
-        return next(disk for disk in self.description["disks"] if disk["number"] == number)
+        return next(disk for disk in self.description["disks"] if number_in_description(disk["number"]) == number)
 
     def remove_disk(self, number):
         self.description["disks"] = [disk for disk in self.description["disks"] if disk["number"] != number]
@@ -301,6 +307,13 @@ class Machine:
         with open(os.path.join(self.home, name), "wb") as file:
             file.write(data)
 
+    def host_path(self, argument):
+        """The host's path of a file as the program opens what an argument names, in either build's way of writing."""
+        text = "".join(chr(byte if byte < 0x80 else 0xFF00 + byte) for byte in os.fsencode(argument))
+        if self.settings.windows:
+            text = text.removeprefix("Z:").replace("\\", "/")
+        return os.path.join(self.work, text)
+
     # --- Runs ---
 
     def run(self, *arguments, timeout=300, description=None):
@@ -325,6 +338,8 @@ class Machine:
                         json.loads(json.dumps(used)) if isinstance(used, dict) else {"content": repr(used)},
                         self.settings.windows, self.folder)
         self.runs.append(result)
+        if self.onlooker is not None:
+            self.onlooker(self, result)
         return result
 
     def _start(self, command, timeout):

@@ -71,6 +71,7 @@ class Scenario(unittest.TestCase):
 
     def machine(self, **options):
         made = Machine(os.path.join(self.folder, f"m{len(self.machines) + 1}"), **options)
+        made.onlooker = self.judge_made_image
         self.machines.append(made)
         return made
 
@@ -114,8 +115,64 @@ class Scenario(unittest.TestCase):
         if actual != plain:
             self.fail(f"{name} stands for another disk: {first_difference(actual, plain)}")
 
+    @staticmethod
+    def leave_unjudged(machine, why):
+        """The images that are made from here on are no good ones, and `why` says what the scenario knows of that."""
+        assert why
+        machine.onlooker = None
+
+    def judge_made_image(self, machine, result):
+        """What every run of a scenario has to go through: see `trouble_with_made_image`."""
+        trouble = trouble_with_made_image(machine, result)
+        if trouble:
+            self.fail(f"the second reader on the image of this run: {trouble}\n{result.describe()}")
+
     def failure_context(self):
         return "\n".join(result.describe() for machine in self.machines for result in machine.runs)
+
+
+# Calls whose results a capture leaves unexamined: with a fault in one of them a run may succeed without an image.
+UNEXAMINED_CALLS = {"WriteFile", "SetFilePointerEx", "CloseHandle", "BCryptHashData", "BCryptFinishHash"}
+
+
+def option(arguments, name):
+    """The value of an option as the program finds it: the first of that name, in any case; None where there is none."""
+    lowered = [str(argument).lower() if not isinstance(argument, bytes) else os.fsdecode(argument).lower()
+               for argument in arguments]
+    return next((arguments[at + 1] for at in range(1, len(arguments) - 1) if lowered[at] == name), None)
+
+
+def disk_number(text):
+    """The number that the program takes a text for: white space, a sign and the digits that begin it."""
+    return int(re.match(r"\s*[+-]?\d+", text)[0])
+
+
+def trouble_with_made_image(machine, result):
+    """What the second reader holds against the image that a successful run has left, as a text; None where nothing.
+
+    Every capture and every consolidation of every scenario goes through here. Where nothing changes the disk meanwhile
+    and none of it is read from a shadow, the image has to stand for the very bytes of the disk.
+    """
+    arguments = result.arguments
+    if result.status != 0 or not arguments or arguments[0] not in ("capture", "consolidate"):
+        return None
+    faults = result.description.get("faults", [])
+    if any(fault["call"] in UNEXAMINED_CALLS for fault in faults):
+        return None
+    path = machine.host_path(option(arguments, "--out"))
+    password_file = option(arguments, "--password-file")
+    password = None
+    if password_file is not None and os.path.isfile(machine.host_path(password_file)):
+        with open(machine.host_path(password_file), "rb") as file:
+            password = image.trim_password(file.read())
+    flags = {str(argument).lower() for argument in arguments}
+    if arguments[0] == "consolidate" or "--vss" in flags or any({"poke", "flip"} & fault.keys() for fault in faults):
+        problems = image.check_image(path, password)
+    else:
+        disk = machine.disk(disk_number(option(arguments, "--disk")))
+        with open(os.path.join(machine.home, disk["file"]), "rb") as file:
+            problems = image.check_image(path, password, file)
+    return "; ".join(problems[:5]) if problems else None
 
 
 def first_difference(actual, expected):

@@ -364,6 +364,7 @@ class Chunks(Incremental):
             machine = self.prepare(tracker=tracker)
             good = machine.read("base.vrnx")
             machine.write("base.vrnx", good[:DATA] + b"?" * (len(good) - DATA))
+            self.leave_unjudged(machine, "the base is damaged where the thin image refers to it")
             result = self.expect(self.capture(machine, "--thin"), 0, incremental_text(
                 SIZE, "base.vrnx", proof_line(0x10) if tracker else compared_line(REASON_NO_TRACKER),
                 thin_complete("new.vrnx", 3, 2, 1 if tracker else 3), tracker=TRACKER if tracker else NO_TRACKER))
@@ -558,6 +559,7 @@ class ThinBase(Incremental):
             build_image(path, machine.disk_bytes(1), chunk_size=MIB4, base=base)
         for place in (64, 65):
             base, name = f"l{place - 1:02}.vrnx", f"l{place:02}.vrnx"
+            self.leave_unjudged(machine, "the last image is one too many; the others are opened by the one before it")
             self.expect(self.capture(machine, "--thin", base=base, out=name), 0, incremental_text(
                 512, base, compared_line(REASON_NO_TRACKER), thin_complete(name, 1, 1, 1)))
         self.expect(machine.run("verify", "--in", "l64.vrnx"), 0, thin_verify_text("l64.vrnx", "l63.vrnx", 512, MIB4))
@@ -641,6 +643,7 @@ class Paths(Incremental):
         os.rename(machine.path("base.vrnx"), machine.path("Sub/base.vrnx"))
         if not self.settings.windows:
             os.mkdir(machine.path("sUB"))  # another folder to this host, and let through all the same
+        self.leave_unjudged(machine, "on Linux the two folders are two")
         result = self.expect(self.capture(machine, "--thin", base="Sub/base.vrnx", out="sUB/new.vrnx"), 0,
                              incremental_text(SIZE, "Sub/base.vrnx", proof_line(0x10),
                                               thin_complete("sUB/new.vrnx", 3, 2, 1), tracker=TRACKER))
@@ -695,6 +698,7 @@ class Paths(Incremental):
             machine = self.prepare()  # the drive's current folder is the run's
         else:
             machine = self.prepare(base="Z:base.vrnx")  # a name like any other to this host
+        self.leave_unjudged(machine, "the trailer names a base that no reader looks for")
         self.expect(self.capture(machine, "--thin", base="Z:base.vrnx"), 0, incremental_text(
             SIZE, "Z:base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), tracker=TRACKER))
         self.assertIn(b"\x0b\0\0\0Z:base.vrnx", machine.read("new.vrnx")[-59:])
@@ -719,6 +723,7 @@ class Trailer(Incremental):
     def test_a_backslash_cuts_the_name_as_a_slash_does(self):
         machine = self.prepare(base="base.vrnx" if self.settings.windows else ".\\base.vrnx")
         out = "new.vrnx" if self.settings.windows else ".\\new.vrnx"
+        self.leave_unjudged(machine, "on Linux a backslash is part of a name to this reader")
         self.expect(self.capture(machine, "--thin", base=".\\base.vrnx", out=out), 0, incremental_text(
             SIZE, ".\\base.vrnx", proof_line(0x10), thin_complete(out, 3, 2, 1), tracker=TRACKER))
         self.assertEqual(machine.read(out)[DATA + MIB4 + 8:DATA + MIB4 + 21], b"\x09\0\0\0base.vrnx")
@@ -842,6 +847,7 @@ class Sealed(Incremental):
     def test_a_wrong_password_does_not_show_in_a_thin_capture_and_makes_a_chain_that_does_not_read(self):
         machine = self.prepare(password=PASSWORD)
         machine.write("password", b"wrong")
+        self.leave_unjudged(machine, "the chain has two passwords")
         self.expect(self.capture(machine, "--thin", "--encrypt", *self.KEY), 0, incremental_text(
             SIZE, "base.vrnx", proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), tracker=TRACKER))
         result = machine.run("verify", "--in", "new.vrnx", *self.KEY)
