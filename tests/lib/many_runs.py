@@ -1,0 +1,73 @@
+"""Tens of thousands of runs of the program on real files, from one process: see tests/faults/many_runs.cpp.
+
+    with ManyRuns(folder) as runs:
+        result = runs.run("verify", "--in", "a.vrnx")           # status, stdout, stderr
+        result = runs.run("verify", "--in", "a.vrnx", allocation=3)
+
+Natively only. A status below zero is the signal that ended the run. A `Changed` file takes one change at a time.
+"""
+
+import os
+import subprocess
+from dataclasses import dataclass
+
+from machine import SETTINGS
+
+
+@dataclass
+class ManyResult:
+    status: int
+    allocations: int  # how many the run made until it ended
+    stdout: bytes
+    stderr: bytes
+
+
+class ManyRuns:
+    def __init__(self, folder, settings=SETTINGS):
+        self.process = subprocess.Popen(
+            [os.path.join(settings.build, "tests", "vornix-many-runs")], cwd=folder, stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, env=settings.environment())
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.stdin.close()
+        self.process.stdout.close()
+        if self.process.wait(30) != 0:
+            raise RuntimeError(f"the process of many runs ended with {self.process.returncode}")
+
+    def run(self, *arguments, allocation=0):
+        """One run; the allocation of that number fails, and where it is negative all from there on."""
+        self.process.stdin.write("\t".join([str(allocation), *arguments]).encode() + b"\n")
+        self.process.stdin.flush()
+        status, allocations, out, err = map(int, self.process.stdout.readline().split())
+        return ManyResult(status, allocations, self.process.stdout.read(out), self.process.stdout.read(err))
+
+
+class Changed:
+    """A file that differs from its content in one stretch for as long as a `with` lasts."""
+
+    def __init__(self, path):
+        self.path = path
+        with open(path, "rb") as file:
+            self.content = file.read()
+
+    def change(self, offset, data):
+        return _Change(self, offset, data)
+
+
+class _Change:
+    def __init__(self, changed, offset, data):
+        self.changed, self.offset, self.data = changed, offset, data
+
+    def _put(self, data):
+        with open(self.changed.path, "r+b", buffering=0) as file:
+            file.seek(self.offset)
+            file.write(data)
+
+    def __enter__(self):
+        self._put(self.data)
+
+    def __exit__(self, *_):
+        self._put(self.changed.content[self.offset:self.offset + len(self.data)])
