@@ -9,7 +9,7 @@ Natively only. A status below zero is the signal that ended the run. A `Changed`
 
 import os
 import subprocess
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 
 from machine import SETTINGS
 
@@ -20,6 +20,7 @@ class ManyResult:
     allocations: int  # how many the run made until it ended
     stdout: bytes
     stderr: bytes
+    meaningless: list = field(default_factory=list)  # as a Result has it
 
 
 class ManyRuns:
@@ -32,6 +33,9 @@ class ManyRuns:
         return self
 
     def __exit__(self, *_):
+        self.close()
+
+    def close(self):
         self.process.stdin.close()
         self.process.stdout.close()
         if self.process.wait(30) != 0:
