@@ -26,6 +26,8 @@ from collections import Counter
 from dataclasses import dataclass, field
 from typing import Callable, Optional
 
+import counts
+import image
 import suite
 from machine import SETTINGS
 
@@ -104,6 +106,14 @@ class Expected:
     meaning: str = field(default="", compare=False)  # a word on why, shown with a failure
 
 
+@dataclass
+class Judged:
+    """In place of an Expected: `check` says by itself what is right, status and streams included."""
+
+    check: Callable
+    meaning: str = ""
+
+
 def calls_of(log):
     """The log as Call objects, the closing `exit` line left out."""
     seen, calls = Counter(), []
@@ -160,16 +170,18 @@ def sample(items, limit):
     return [items[round(place * (len(items) - 1) / (limit - 1))] for place in range(limit)]
 
 
-def _limit():
-    return WINE_SAMPLE if SETTINGS.sampled else None
+def _limit(limit=None):
+    """How many runs a sweep may have; `limit` is the caller's own where nothing is sampled anyway."""
+    return WINE_SAMPLE if SETTINGS.sampled else limit
 
 
 def _judge(expected, machine, result):
     """The text of what is wrong with the run, or None."""
     problems = []
-    if result.status != expected.status:
+    compared = not isinstance(expected, Judged)
+    if compared and result.status != expected.status:
         problems.append(f"status {result.status} where {expected.status} was expected")
-    for name in ("stdout", "stderr"):
+    for name in ("stdout", "stderr") if compared else ():
         actual, wanted = getattr(result, name), getattr(expected, name)
         if not suite.matches(actual, wanted):
             problems.append(f"{name} differs\n    expected {suite.as_bytes(wanted)!r}\n    actual   {actual!r}")
@@ -207,21 +219,46 @@ def _run_all(test, items, body):
         test.fail(f"{len(texts)} of {len(items)} runs of the sweep went wrong; the first:\n{shown}")
 
 
+def _judge_image(machine, result):
+    """What the second reader holds against the image of a run that succeeded on a machine without faults, or None."""
+    trouble = suite.trouble_with_made_image(machine, result)
+    return f"the second reader on the image: {trouble}" if trouble else None
+
+
+def _judge_image_under_fault(machine, result):
+    """The same for a run with a fault: results that are left unexamined may leave a file that is no image, but one that
+    every reader takes, chunk by chunk, has to be the right one. A failed run leaves none, but for a consolidation that
+    failed while it read its image back."""
+    out = suite.option(result.arguments, "--out")
+    read_back = result.status != 0 and result.arguments[0] == "consolidate"
+    if out is None or read_back or not os.path.exists(machine.host_path(out)):
+        return None
+    password_file, password = suite.option(result.arguments, "--password-file"), None
+    if password_file is not None:
+        password = image.trim_password(machine.read(password_file))
+    if image.check_image(machine.host_path(out), password):
+        return None
+    if result.status != 0:
+        return "an image was left that every reader takes, although the run failed"
+    return _judge_image(machine, result)
+
+
 def clean_run(test, make, arguments, expected):
     """The run on the healthy machine, asserted; gives its Result and the machine's disks and files afterwards."""
     def body(machine):
         result = machine.run(*arguments)
-        problem = _judge(expected, machine, result)
+        problem = _judge(expected, machine, result) or _judge_image(machine, result)
         if problem:
             test.fail(f"the clean run of the sweep went wrong\n{problem}\n{result.describe()}")
         return result, {disk["number"]: machine.disk_bytes(disk["number"]) for disk in machine.description["disks"]}
     return _in_fresh_folder(make, body)
 
 
-def sweep_faults(test, make, arguments, clean, oracle, kinds=None):
-    """The fault sweep; `clean` is the Expected of the healthy machine. Gives the number of runs."""
+def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None):
+    """The fault sweep; `clean` is the Expected of the healthy machine. Gives the number of runs, at most `limit`."""
     result, _ = clean_run(test, make, arguments, clean)
-    faults = sample(faults_of(result.log, kinds), _limit())
+    possible = faults_of(result.log, kinds)
+    faults = sample(possible, _limit(limit))
     test.assertTrue(faults, "the clean run made no call that can fail")
 
     def body(fault):
@@ -229,12 +266,13 @@ def sweep_faults(test, make, arguments, clean, oracle, kinds=None):
             machine.add_fault(**fault.entry())
             expected = oracle(fault)
             outcome = machine.run(*arguments)
-            problem = _judge(expected, machine, outcome)
+            problem = _judge(expected, machine, outcome) or _judge_image_under_fault(machine, outcome)
             meaning = f" ({expected.meaning})" if expected.meaning else ""
             return f"{fault}{meaning}\n{problem}\n{outcome.describe()}" if problem else None
         return _in_fresh_folder(make, run)
 
     _run_all(test, faults, body)
+    counts.count(test, "faults", len(calls_of(result.log)), len(faults), len(possible))
     return len(faults)
 
 
@@ -261,7 +299,7 @@ def _expect_writes_as_logged(machine, result, initial, final, torn):
             raise AssertionError(f"disk {number} after the kill: {suite.first_difference(actual, bytes(expected))}")
 
 
-def sweep_kills(test, make, arguments, clean, after=None, again=None):
+def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None):
     """The kill sweep: the process ends at each call of the clean run in turn; transfers also half-way.
 
     After each kill: status 137, nothing on standard error, standard output a beginning of the clean one, the log what
@@ -278,7 +316,8 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None):
         kills.append((call, {"kill": True}))
         if call.kind in ("ReadFile", "WriteFile") and call.line["length"] > 1:
             kills.append((call, {"kill": True, "transferred": call.line["length"] // 2}))
-    kills = sample(kills, _limit())
+    possible = len(kills)
+    kills = sample(kills, _limit(limit))
 
     def body(kill):
         call, effect = kill
@@ -306,7 +345,7 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None):
                     after(machine, result, call)
                 expected = clean if again is None else again(machine, call)
                 second = machine.run(*arguments)
-                problem = _judge(expected, machine, second)
+                problem = _judge(expected, machine, second) or _judge_image(machine, second)
                 if problem:
                     raise AssertionError(f"the run after the kill:\n{problem}\n{second.describe()}")
             except AssertionError as error:
@@ -316,4 +355,5 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None):
         return _in_fresh_folder(make, run)
 
     _run_all(test, kills, body)
+    counts.count(test, "kills", len(calls_of(clean_result.log)), len(kills), possible)
     return len(kills)
