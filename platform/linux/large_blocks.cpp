@@ -3,29 +3,24 @@
 //
 // A table of the largest image is 268 MB, and opening the image fills two blocks of that size. In pages of 4 KiB the
 // kernel spends as long on handing them out, one fault each, as the program on reading and hashing what goes into them.
-// Linux gives a process pages of 2 MiB where it asks for them, which is what this does.
+// Linux gives a process pages of 2 MiB where it asks for them (huge_pages.h).
 //
 // The sanitizers bring allocation functions of their own, and so do some tests: only the product is linked with these.
-#include <sys/mman.h>
-
 #include <cstdlib>
 #include <new>
 
-namespace {
+#include "huge_pages.h"
 
-constexpr std::size_t hugePage = std::size_t{2} << 20;
+using namespace vornix::platform;
+
+namespace {
 
 void* Allocate(std::size_t size) {
     if (size < hugePage) {
         return std::malloc(size == 0 ? 1 : size);
     }
-    void* block = nullptr;
-    if (posix_memalign(&block, hugePage, size) != 0) {
-        return nullptr;
-    }
-    // A wish: without it the memory is the same. What lies behind the last whole page stays in small ones.
-    (void)madvise(block, size / hugePage * hugePage, MADV_HUGEPAGE);
-    return block;
+    int code = 0;
+    return AllocateBlock(size, hugePage, code);
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 // GetFileAttributesA and MoveFileExW. Device control and the disks themselves are in linux_disks.cpp.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,13 +22,12 @@ using namespace vornix::platform;
 
 namespace {
 
-// A sequential run is read this far ahead of the program: enough to keep a disk busy while a chunk is hashed.
-constexpr uint64_t readAheadWindow = uint64_t{8} << 20;
-// Written bytes are handed to the disk in stretches of this size, so that a close or a rename that waits for them
-// finds little left to wait for.
-constexpr uint64_t writeBehindStretch = uint64_t{8} << 20;
-// Transfers shorter than this are headers and tables; hints for them would cost more than they bring.
-constexpr uint64_t smallTransfer = uint64_t{64} << 10;
+// Written bytes are handed to the disk in stretches of this size, so that a rename that waits for them finds little
+// left to wait for. Each handing over costs, so they are not shorter.
+//
+// Reading has no such thing: the kernel reads ahead of a file that is read in sequence, and does it in larger pieces
+// than those that it can be asked for.
+constexpr uint64_t writeBehindStretch = uint64_t{32} << 20;
 // The kernel cuts a single transfer just below 2 GiB; this is a multiple of any sector size.
 constexpr size_t largestPiece = size_t{1} << 30;
 // Memory that direct I/O cannot use is copied through a block of this size.
@@ -276,37 +274,6 @@ int TransferThroughBounce(OpenObject& file, bool writing, uint8_t* memory, size_
     return 0;
 }
 
-// Whether the byte can be read without waiting for a disk. "No" where the system cannot tell.
-bool IsCached(const OpenObject& file, uint64_t position) {
-    uint8_t byte = 0;
-    const iovec vector{&byte, 1};
-    return preadv2(file.Descriptor, &vector, 1, static_cast<off_t>(position), RWF_NOWAIT) >= 0;
-}
-
-// Asks for what a sequential reader will want next. Nothing depends on the answer.
-void ReadAhead(OpenObject& file, uint64_t start, uint64_t end) {
-    if (end - start < smallTransfer) {
-        return;
-    }
-    const bool sequential = start == file.LastReadEnd;
-    file.LastReadEnd = end;
-    if (!sequential) {
-        file.ReadAheadEnd = end;
-        return;
-    }
-    const uint64_t from = std::max(file.ReadAheadEnd, end);
-    const uint64_t upTo = end + readAheadWindow;
-    if (from >= upTo) {
-        return;
-    }
-    // The advice looks at every page of the stretch; for a file that lies in memory as a whole, two looks do.
-    if (!IsCached(file, from) || !IsCached(file, upTo - 1)) {
-        (void)posix_fadvise(file.Descriptor, static_cast<off_t>(from), static_cast<off_t>(upTo - from),
-                            POSIX_FADV_WILLNEED);
-    }
-    file.ReadAheadEnd = upTo;
-}
-
 // Starts the way to the disk of what a sequential writer has finished. Nothing depends on the answer, and nothing is
 // waited for: a failure of the writing itself is told by the sync of the rename.
 void WriteBehind(OpenObject& file, uint64_t start, uint64_t end) {
@@ -366,12 +333,8 @@ BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DW
     }
     const uint64_t start = file->Position;
     file->Position += done;
-    if (!isDisk && file->SectorSize == 1) {
-        if (writing) {
-            WriteBehind(*file, start, file->Position);
-        } else {
-            ReadAhead(*file, start, file->Position);
-        }
+    if (writing && !isDisk && file->SectorSize == 1) {
+        WriteBehind(*file, start, file->Position);
     }
     return TRUE;
 }

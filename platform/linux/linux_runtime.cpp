@@ -11,6 +11,7 @@
 #include <ctime>
 #include <string>
 
+#include "huge_pages.h"
 #include "last_error.h"
 #include "linux_calls.h"
 #include "share_modes.h"
@@ -81,11 +82,11 @@ void* __cdecl Linux_aligned_malloc(size_t size, size_t alignment) {
         errno = EINVAL;
         return nullptr;
     }
-    void* block = nullptr;
-    const int code = posix_memalign(&block, alignment < sizeof(void*) ? sizeof(void*) : alignment, size);
-    if (code != 0) {
+    int code = 0;
+    // Direct transfers go from and to these blocks: in large pages one is few pieces for the disk and not a thousand.
+    void* const block = AllocateBlock(size, alignment < sizeof(void*) ? sizeof(void*) : alignment, code);
+    if (block == nullptr) {
         errno = code;
-        return nullptr;
     }
     return block;
 }

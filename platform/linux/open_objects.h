@@ -43,10 +43,8 @@ struct OpenObject {
     uint32_t MemoryAlignment = 1;
     std::unique_ptr<void, FreeAlignedBlock> Bounce;
 
-    // Buffered files alone, for the hints of a sequential run: where the last transfer ended, up to where reading
-    // ahead was asked for, and from where written bytes have not been handed to the disk yet.
-    uint64_t LastReadEnd = 0;
-    uint64_t ReadAheadEnd = 0;
+    // Buffered files alone, while they are written in sequence: from where bytes have not been handed to the disk yet,
+    // and where the last transfer ended.
     uint64_t WriteBehindStart = 0;
     uint64_t LastWriteEnd = 0;
 };
