@@ -86,6 +86,9 @@ BOOL AnswerTracker(DWORD code, LPVOID out, DWORD outLength) {
 
 BOOL AnswerExtents(size_t volume, LPVOID out, DWORD outLength) {
     const Bytes& reply = TheWorld().VolumeExtents[volume];
+    if (reply.empty()) {
+        return TRUE;
+    }
     std::memcpy(out, reply.data(), std::min<size_t>(reply.size(), outLength));
     return reply.size() <= outLength ? TRUE : Fail(ERROR_MORE_DATA);
 }

@@ -147,6 +147,9 @@ def make_other_seeds():
     volume_seed("two", 1 << 20, 1 << 22, volume(b"v", [(1, 1 << 20, 1 << 21)]), volume(b"w", [(1, 3 << 20, 1 << 21)]))
     volume_seed("spanned", 1 << 20, 4096, volume(b"v", [(1, 1 << 20, 1 << 22), (2, 0, 1 << 20)]))
     volume_seed("elsewhere", 1 << 20, 4096, volume(b"v", [(2, 1 << 20, 1 << 22)]))
+    # A volume that cannot be opened has no extents; one whose name begins like the tracker's device can.
+    tracker_name = b"\\\\.\\Wendrel\0"
+    volume_seed("no_reply", 0, 512, bytes([len(tracker_name)]) + tracker_name + b"\x01" + stretch(b""))
     volume_seed("ten_extents", 0, 512, volume(b"v", [(1, i << 20, 1 << 20) for i in range(10)]))
 
 
