@@ -69,11 +69,7 @@ def main():
     parser.add_argument("--gib", type=int, default=1)
     parser.add_argument("--work", default=os.path.join(run.ROOT, "build", "benchmarks"))
     arguments = parser.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("benchmarks/instructions.py: loop devices need root")
-    if "VORNIX_BENCHMARK_NAMESPACE" not in os.environ:
-        os.environ["VORNIX_BENCHMARK_NAMESPACE"] = "1"
-        os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", sys.executable, *sys.argv])
+    run.enter_namespace()
     os.makedirs(arguments.work, exist_ok=True)
     with tempfile.TemporaryDirectory(dir=arguments.work) as folder:
         bed = run.Bed(folder, "disk", arguments.gib)

@@ -513,6 +513,15 @@ def describe_machine():
     return f"{os.cpu_count()} cores of {model}, {memory:.0f} GiB of memory, Linux {os.uname().release}"
 
 
+def enter_namespace():
+    """Goes on as root with mounts of its own, which are gone with this process whatever becomes of it."""
+    if os.geteuid() != 0:
+        sys.exit(f"{os.path.basename(sys.argv[0])}: loop devices need root")
+    if "VORNIX_BENCHMARK_NAMESPACE" not in os.environ:
+        os.environ["VORNIX_BENCHMARK_NAMESPACE"] = "1"
+        os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", sys.executable, *sys.argv])
+
+
 def write_results(sections):
     """Puts the sections into the page, in place of older ones of the same title."""
     title = re.compile(r"^## (.*)$", re.MULTILINE)
@@ -535,11 +544,7 @@ def main():
     parser.add_argument("--no-install", action="store_true", help="leave out the tools that are not here")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "benchmarks", "work"))
     arguments = parser.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("benchmarks/run.py: loop devices need root")
-    if "VORNIX_BENCHMARK_NAMESPACE" not in os.environ:
-        os.environ["VORNIX_BENCHMARK_NAMESPACE"] = "1"
-        os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", sys.executable, *sys.argv])
+    enter_namespace()
     if not arguments.no_install:
         run(["apt-get", "install", "-y", "--no-install-recommends", *PACKAGES],
             env=dict(os.environ, DEBIAN_FRONTEND="noninteractive"))
