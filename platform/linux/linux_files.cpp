@@ -134,6 +134,39 @@ void MakeUnbuffered(OpenObject& file) {
 #endif
 }
 
+// Whether the file is the one that the path leads to.
+bool IsNamed(const struct stat& file, const std::string& path) {
+    struct stat named {};
+    return stat(path.c_str(), &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+}
+
+// Opens, or creates, the ordinary file and takes its place beside other handles, without changing its content. Gives
+// ERROR_SUCCESS or the error; `created` tells whether the file is new.
+DWORD OpenInItsPlace(OpenObject& file, const std::string& path, DWORD share, DWORD disposition, bool& created) {
+    for (int round = 0; round < 8; round++) {
+        DWORD error = ERROR_FILE_NOT_FOUND;
+        file.Descriptor = OpenOrdinaryFile(path, OpenModeOf(file.Access), disposition, created, error);
+        if (file.Descriptor < 0) {
+            return error;
+        }
+        struct stat status {};
+        if (fstat(file.Descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+            return ERROR_ACCESS_DENIED;
+        }
+        if (!TakeSharePlace(file.Descriptor, file.Access, share)) {
+            return ERROR_SHARING_VIOLATION;
+        }
+        if (disposition == OPEN_EXISTING || IsNamed(status, path)) {
+            return ERROR_SUCCESS;
+        }
+        // Opening and taking the place are two steps here. Between them another process opened the file, made it whole
+        // and gave it another name: it is that process's now, and what is wanted is a file of this name.
+        (void)close(file.Descriptor);
+        file.Descriptor = -1;
+    }
+    return ERROR_SHARING_VIOLATION;
+}
+
 HANDLE OpenHostFile(const std::string& path, DWORD access, DWORD share, DWORD disposition, DWORD flags) {
     // Looked at first, because opening some devices does something.
     struct stat status {};
@@ -150,19 +183,9 @@ HANDLE OpenHostFile(const std::string& path, DWORD access, DWORD share, DWORD di
     auto file = std::make_unique<OpenObject>();
     file->Access = access;
     bool created = false;
-    DWORD error = ERROR_FILE_NOT_FOUND;
-    file->Descriptor = OpenOrdinaryFile(path, OpenModeOf(access), disposition, created, error);
-    if (file->Descriptor < 0) {
-        (void)FailWith(error);
-        return INVALID_HANDLE_VALUE;
-    }
-    if (fstat(file->Descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
-        (void)FailWith(ERROR_ACCESS_DENIED);
-        return INVALID_HANDLE_VALUE;
-    }
     // Before anything is cut off: a refused open changes nothing.
-    if (!TakeSharePlace(file->Descriptor, access, share)) {
-        (void)FailWith(ERROR_SHARING_VIOLATION);
+    if (const DWORD error = OpenInItsPlace(*file, path, share, disposition, created); error != ERROR_SUCCESS) {
+        (void)FailWith(error);
         return INVALID_HANDLE_VALUE;
     }
     if (disposition == CREATE_ALWAYS && !created && ftruncate(file->Descriptor, 0) != 0) {

@@ -193,16 +193,23 @@ class Changing(Hostile):
 
 
 class TwoAtOnce(Hostile):
+    @staticmethod
+    def is_written(machine, name):
+        try:
+            return os.path.getsize(machine.path(name)) > 0
+        except FileNotFoundError:
+            return False
+
     def start_and_hold(self, machine, *arguments):
-        """The run, stopped while its work file is there; a machine that is too quick for that gets another chance."""
+        """The run, stopped while it writes its work file; a machine that is too quick for that gets another chance."""
         machine.write_home("machine.json", json.dumps(machine.description).encode())
         for _ in range(10):
             run = subprocess.Popen([self.settings.bench, os.path.join("..", "machine"), *arguments], cwd=machine.work,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.settings.environment())
-            while not machine.exists("new.vrnx.partial") and run.poll() is None:
+            while not self.is_written(machine, "new.vrnx.partial") and run.poll() is None:
                 time.sleep(0.0005)
             run.send_signal(signal.SIGSTOP)
-            if machine.exists("new.vrnx.partial"):
+            if self.is_written(machine, "new.vrnx.partial"):
                 return run
             run.send_signal(signal.SIGCONT)
             run.communicate(timeout=120)
