@@ -194,22 +194,23 @@ class Changing(Hostile):
 
 class TwoAtOnce(Hostile):
     @staticmethod
-    def is_written(machine, name):
+    def has_size(machine, name, size):
         try:
-            return os.path.getsize(machine.path(name)) > 0
+            return os.path.getsize(machine.path(name)) >= size
         except FileNotFoundError:
             return False
 
-    def start_and_hold(self, machine, *arguments):
-        """The run, stopped while it writes its work file; a machine that is too quick for that gets another chance."""
+    def start_and_hold(self, machine, at_size, *arguments):
+        """The run, stopped while its work file has `at_size` bytes at least; a machine that is too quick for that gets
+        another chance."""
         machine.write_home("machine.json", json.dumps(machine.description).encode())
         for _ in range(10):
             run = subprocess.Popen([self.settings.bench, os.path.join("..", "machine"), *arguments], cwd=machine.work,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.settings.environment())
-            while not self.is_written(machine, "new.vrnx.partial") and run.poll() is None:
+            while not self.has_size(machine, "new.vrnx.partial", at_size) and run.poll() is None:
                 time.sleep(0.0005)
             run.send_signal(signal.SIGSTOP)
-            if self.is_written(machine, "new.vrnx.partial"):
+            if self.has_size(machine, "new.vrnx.partial", at_size):
                 return run
             run.send_signal(signal.SIGCONT)
             run.communicate(timeout=120)
@@ -220,7 +221,7 @@ class TwoAtOnce(Hostile):
         machine = self.machine(source=64 * 1048576)
         machine.description.pop("calls")
         arguments = ["capture", "--disk", "1", "--out", "new.vrnx"]
-        first = self.start_and_hold(machine, *arguments)
+        first = self.start_and_hold(machine, 1, *arguments)
         try:
             second = machine.run(*arguments)
         finally:
@@ -230,6 +231,20 @@ class TwoAtOnce(Hostile):
         _, stderr = first.communicate(timeout=120)
         self.assertEqual((first.returncode, stderr), (0, b""))
         self.assertEqual(reference_plain_bytes(machine.path("new.vrnx")), bytes(64 * 1048576))
+
+    def test_of_two_captures_that_begin_at_the_same_moment_one_gives_its_image_and_the_other_touches_nothing_of_it(self):
+        disks = {1: pattern(16 * 1048576, "first"), 2: pattern(16 * 1048576, "second")}
+        machine = self.machine(source=disks[1], target=disks[2])
+        machine.description.pop("calls")
+        # Held as soon as the work file is there, which may be before the run has claimed it for itself.
+        first = self.start_and_hold(machine, 0, "capture", "--disk", "1", "--out", "new.vrnx")
+        try:
+            second = machine.run("capture", "--disk", "2", "--out", "new.vrnx")
+        finally:
+            first.send_signal(signal.SIGCONT)
+        first.communicate(timeout=120)
+        self.assertEqual({first.returncode, second.status}, {0, 1})
+        self.assertEqual(reference_plain_bytes(machine.path("new.vrnx")), disks[1 if first.returncode == 0 else 2])
 
     def test_a_second_consolidation_to_the_same_output_is_refused_and_leaves_it_alone(self):
         machine = self.machine(default=False)

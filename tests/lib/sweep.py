@@ -171,8 +171,10 @@ def sample(items, limit):
 
 
 def _limit(limit=None):
-    """How many runs a sweep may have; `limit` is the caller's own where nothing is sampled anyway."""
-    return WINE_SAMPLE if SETTINGS.sampled else limit
+    """How many runs a sweep may have: where runs are sampled anyway, the caller's own limit only makes them fewer."""
+    if not SETTINGS.sampled:
+        return limit
+    return WINE_SAMPLE if limit is None else min(limit, WINE_SAMPLE)
 
 
 def _judge(expected, machine, result):
