@@ -188,7 +188,8 @@ HANDLE OpenHostFile(const std::string& path, DWORD access, DWORD share, DWORD di
         (void)FailWith(error);
         return INVALID_HANDLE_VALUE;
     }
-    if (disposition == CREATE_ALWAYS && !created && ftruncate(file->Descriptor, 0) != 0) {
+    // A new file as well: until it was claimed another process may have written into it.
+    if (disposition == CREATE_ALWAYS && ftruncate(file->Descriptor, 0) != 0) {
         (void)FailWith(ErrorFromErrno(errno, Subject::File));
         return INVALID_HANDLE_VALUE;
     }

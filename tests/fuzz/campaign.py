@@ -87,6 +87,8 @@ def main():
     parser.add_argument("--update", action="store_true")
     arguments = parser.parse_args()
     if arguments.update:
+        if not os.path.exists(RECORD):
+            sys.exit("campaign.py: no campaign is recorded yet")
         update_page()
         return 0
     record = read_record() if os.path.exists(RECORD) else {}
