@@ -15,6 +15,7 @@
 #include "linux_calls.h"
 #include "linux_disks.h"
 #include "open_objects.h"
+#include "read_ahead.h"
 #include "share_modes.h"
 #include "unsupported.h"
 
@@ -24,10 +25,14 @@ namespace {
 
 // Written bytes are handed to the disk in stretches of this size, so that a rename that waits for them finds little
 // left to wait for. Each handing over costs, so they are not shorter.
-//
-// Reading has no such thing: the kernel reads ahead of a file that is read in sequence, and does it in larger pieces
-// than those that it can be asked for.
 constexpr uint64_t writeBehindStretch = uint64_t{32} << 20;
+// A file is read ahead when its reads follow each other and are at least this long: shorter ones the kernel serves
+// well.
+constexpr uint64_t shortestReadAhead = uint64_t{1} << 20;
+// How many reads of the same length it is kept ahead: one that is computed on, and one behind it to be begun with.
+constexpr uint64_t readsAhead = 2;
+// What comes next of a huge read is not known to be wanted.
+constexpr uint64_t longestReadAhead = uint64_t{32} << 20;
 // The kernel cuts a single transfer just below 2 GiB; this is a multiple of any sector size.
 constexpr size_t largestPiece = size_t{1} << 30;
 // Memory that direct I/O cannot use is copied through a block of this size.
@@ -313,6 +318,29 @@ void WriteBehind(OpenObject& file, uint64_t start, uint64_t end) {
     file.WriteBehindStart = end;
 }
 
+// Has the next reads of a sequential reader brought into memory while it is busy with this one.
+void KeepAhead(OpenObject& file, uint64_t start, uint64_t end) {
+    const uint64_t length = end - start;
+    const bool follows = start == file.LastReadEnd && file.LastReadIsLong;
+    file.LastReadEnd = end;
+    file.LastReadIsLong = length >= shortestReadAhead;
+    if (!follows || !file.LastReadIsLong) {
+        file.ReadAheadEnd = end;
+        return;
+    }
+    if (!file.KernelReadAhead.has_value()) {
+        file.KernelReadAhead = KernelReadAhead(file.Descriptor);
+    }
+    if (*file.KernelReadAhead >= length) {
+        // As far as that it is quicker: whoever reads the same file beside it takes from it what it is quick with.
+        return;
+    }
+    const uint64_t from = std::max(file.ReadAheadEnd, end);
+    file.ReadAheadEnd = end + std::min(readsAhead * length, longestReadAhead);
+    file.IsReadAhead = true;
+    ReadAhead(file.Descriptor, end, from, file.ReadAheadEnd);
+}
+
 BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DWORD length, LPDWORD transferred,
               LPOVERLAPPED overlapped) {
     if (overlapped != nullptr) {
@@ -357,8 +385,12 @@ BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DW
     }
     const uint64_t start = file->Position;
     file->Position += done;
-    if (writing && !isDisk && file->SectorSize == 1) {
-        WriteBehind(*file, start, file->Position);
+    if (!isDisk && file->SectorSize == 1) {
+        if (writing) {
+            WriteBehind(*file, start, file->Position);
+        } else {
+            KeepAhead(*file, start, file->Position);
+        }
     }
     return TRUE;
 }
@@ -520,6 +552,9 @@ BOOL WINAPI LinuxCloseHandle(HANDLE handle) {
     }
     const int descriptor = object->Descriptor;
     object->Descriptor = -1;
+    if (object->IsReadAhead) {
+        EndReadAhead(descriptor);
+    }
     // The handle is gone whatever close says; after EINTR the descriptor is gone as well.
     if (descriptor >= 0 && close(descriptor) != 0 && errno != EINTR) {
         return FailWith(ErrorFromErrno(errno, object->Kind == ObjectKind::Disk ? Subject::Disk : Subject::File));

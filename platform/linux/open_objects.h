@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace vornix::platform {
 
@@ -47,6 +48,13 @@ struct OpenObject {
     // and where the last transfer ended.
     uint64_t WriteBehindStart = 0;
     uint64_t LastWriteEnd = 0;
+    // The same, while they are read in sequence: where the last transfer ended, up to where reading ahead was asked
+    // for, and whether it ever was.
+    uint64_t LastReadEnd = 0;
+    bool LastReadIsLong = false;
+    uint64_t ReadAheadEnd = 0;
+    bool IsReadAhead = false;
+    std::optional<uint64_t> KernelReadAhead; // in bytes, once it was asked for
 };
 
 // Takes the object into the table and gives its handle. Handles are never null, never INVALID_HANDLE_VALUE, and not

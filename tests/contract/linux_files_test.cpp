@@ -1,21 +1,27 @@
 // What the file calls promise on Linux beyond their common contract: the errors of the host as those of Windows, share
-// modes between processes, unbuffered transfers, and a rename that reaches the disk on any file system.
+// modes between processes, reading ahead, unbuffered transfers, and a rename that reaches the disk on any file system.
 #include "temporary_folder.h"
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <stdio.h>
 
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
+#include <thread>
 
 #include "linux_host_calls.h"
 
@@ -241,6 +247,160 @@ TEST_F(LinuxFiles, ShortAndInterruptedTransfersGoOn) {
         EXPECT_EQ(ContentOf(L"file"), content);
     }
     EXPECT_EQ(ContentOf(L"file"), content);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Reading ahead
+
+class LinuxReadAhead : public LinuxFiles {
+protected:
+    // A file of `reads` reads, which are just longer than what the kernel reads ahead by itself in this folder. Nothing
+    // of it is on a disk or in memory.
+    void MakeFileToRead(unsigned reads) {
+        std::ofstream(Folder() / "file").close();
+        struct stat status {};
+        ASSERT_EQ(stat((Folder() / "file").c_str(), &status), 0);
+        uint64_t kernel = 0;
+        std::ifstream("/sys/class/bdi/" + std::to_string(major(status.st_dev)) + ":" +
+                      std::to_string(minor(status.st_dev)) + "/read_ahead_kb") >>
+            kernel;
+        length_ = (kernel << 10) + mebibyte;
+        std::filesystem::resize_file(Folder() / "file", reads * length_);
+        buffer_.resize(length_);
+    }
+
+    void Read(const ScopedHandle& file) {
+        DWORD count = 0;
+        ASSERT_TRUE(ReadFile(file.Get(), buffer_.data(), static_cast<DWORD>(length_), &count, nullptr));
+        ASSERT_EQ(count, length_);
+    }
+
+    // Waits until other threads have read up to here.
+    static bool OthersReachWithin(uint64_t end, std::chrono::seconds patience) {
+        const auto deadline = std::chrono::steady_clock::now() + patience;
+        while (TheOtherReads().To < end && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return TheOtherReads().To >= end;
+    }
+
+    // Waits until this stretch of the file is in memory as a whole.
+    static bool IsInMemoryWithin(int descriptor, uint64_t start, uint64_t length, std::chrono::seconds patience) {
+        const auto deadline = std::chrono::steady_clock::now() + patience;
+        void* const view =
+            mmap(nullptr, length, PROT_READ, MAP_SHARED, descriptor, static_cast<off_t>(start)); // whole pages
+        EXPECT_NE(view, MAP_FAILED);
+        std::vector<unsigned char> pages(length / static_cast<uint64_t>(sysconf(_SC_PAGESIZE)));
+        const auto isThere = [&] {
+            EXPECT_EQ(mincore(view, length, pages.data()), 0);
+            return std::all_of(pages.begin(), pages.end(), [](unsigned char page) { return (page & 1) != 0; });
+        };
+        bool is = isThere();
+        while (!is && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            is = isThere();
+        }
+        (void)munmap(view, length);
+        return is;
+    }
+
+    static constexpr uint64_t mebibyte = uint64_t{1} << 20;
+    uint64_t length_ = 0;
+    std::vector<char> buffer_;
+};
+
+TEST_F(LinuxReadAhead, ReadsInSequenceHaveTheNextTwoBroughtIntoMemory) {
+    MakeFileToRead(5);
+    const int descriptor = open((Folder() / "file").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(descriptor, 0);
+    for (int i = 0; i < 5; i++) {
+        ASSERT_EQ(write(descriptor, buffer_.data(), length_), static_cast<ssize_t>(length_));
+    }
+    ASSERT_EQ(fsync(descriptor), 0);
+    ASSERT_EQ(posix_fadvise(descriptor, 0, 0, POSIX_FADV_DONTNEED), 0);
+    {
+        const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+        Read(file);
+        Read(file);
+        EXPECT_TRUE(IsInMemoryWithin(descriptor, 2 * length_, 2 * length_, std::chrono::seconds(60)));
+    }
+    (void)close(descriptor);
+}
+
+TEST_F(LinuxReadAhead, EndOfTheFileIsAsFarAsItGoes) {
+    MakeFileToRead(3);
+    const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+    const ScopedHostCalls scope;
+    Read(file);
+    Read(file);
+    EXPECT_TRUE(OthersReachWithin(3 * length_, std::chrono::seconds(60)));
+    Read(file);
+    DWORD count = 1;
+    ASSERT_TRUE(ReadFile(file.Get(), buffer_.data(), static_cast<DWORD>(length_), &count, nullptr));
+    EXPECT_EQ(count, 0u);
+}
+
+TEST_F(LinuxReadAhead, OtherReadsBringNothing) {
+    MakeFileToRead(6);
+    const ScopedHostCalls scope;
+    {
+        const ScopedHandle once(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+        Read(once);
+        // Elsewhere, and then in sequence but short.
+        ASSERT_TRUE(
+            SetFilePointerEx(once.Get(), LargeInteger(static_cast<LONGLONG>(3 * length_)), nullptr, FILE_BEGIN));
+        Read(once);
+        DWORD count = 0;
+        for (int i = 0; i < 4; i++) {
+            ASSERT_TRUE(ReadFile(once.Get(), buffer_.data(), 65536, &count, nullptr));
+        }
+    }
+    EXPECT_FALSE(OthersReachWithin(1, std::chrono::seconds(0)));
+}
+
+TEST_F(LinuxReadAhead, CloseIsTheEndOfIt) {
+    MakeFileToRead(6);
+    const ScopedHostCalls scope;
+    TheOtherReads().Microseconds = 10'000;
+    for (int i = 0; i < 10; i++) {
+        ScopedHandle file(Open(L"file", GENERIC_READ, 0, OPEN_EXISTING));
+        ASSERT_TRUE(file.IsOpen()) << "still held after the close, error " << GetLastError();
+        Read(file);
+        Read(file);
+        while (TheOtherReads().UnderWay == 0) {
+            std::this_thread::yield();
+        }
+        file.Close();
+        ASSERT_EQ(TheOtherReads().UnderWay, 0);
+    }
+}
+
+TEST_F(LinuxReadAhead, MoreFilesThanItServesAreReadAllTheSame) {
+    MakeFileToRead(3);
+    const ScopedHostCalls scope;
+    std::vector<std::unique_ptr<ScopedHandle>> files(20);
+    for (auto& file : files) {
+        file = std::make_unique<ScopedHandle>(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+    }
+    for (int read = 0; read < 3; read++) {
+        for (const auto& file : files) {
+            Read(*file);
+        }
+    }
+}
+
+TEST_F(LinuxReadAhead, FileThatShrinksMeanwhileEndsWhereItEnds) {
+    MakeFileToRead(6);
+    const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+    const ScopedHostCalls scope;
+    Read(file);
+    Read(file);
+    std::filesystem::resize_file(Folder() / "file", 2 * length_ + 5);
+    DWORD count = 0;
+    ASSERT_TRUE(ReadFile(file.Get(), buffer_.data(), static_cast<DWORD>(length_), &count, nullptr));
+    EXPECT_EQ(count, 5u);
+    ASSERT_TRUE(ReadFile(file.Get(), buffer_.data(), static_cast<DWORD>(length_), &count, nullptr));
+    EXPECT_EQ(count, 0u);
 }
 
 // ---------------------------------------------------------------------------------------------------------------

@@ -17,7 +17,28 @@ HostCalls& TheHostCalls() {
     return calls;
 }
 
+OtherReads& TheOtherReads() {
+    static OtherReads reads;
+    return reads;
+}
+
 namespace {
+
+ssize_t ReadOfAnotherThread(int descriptor, void* buffer, size_t length, off_t offset) {
+    OtherReads& reads = TheOtherReads();
+    reads.UnderWay++;
+    if (reads.Microseconds != 0) {
+        (void)usleep(reads.Microseconds);
+    }
+    const ssize_t count = syscall(SYS_pread64, descriptor, buffer, length, offset);
+    if (count > 0) {
+        const auto start = static_cast<uint64_t>(offset);
+        reads.From = std::min(reads.From.load(), start);
+        reads.To = std::max(reads.To.load(), start + static_cast<uint64_t>(count));
+    }
+    reads.UnderWay--;
+    return count;
+}
 
 // Decides a transfer: false if it fails, with errno set; else `length` is what it may move.
 bool AdmitTransfer(size_t& length) {
@@ -53,6 +74,9 @@ const char* __asan_default_options() {
 }
 
 ssize_t pread(int descriptor, void* buffer, size_t length, off_t offset) {
+    if (gettid() != getpid()) {
+        return ReadOfAnotherThread(descriptor, buffer, length, offset);
+    }
     return AdmitTransfer(length) ? syscall(SYS_pread64, descriptor, buffer, length, offset) : -1;
 }
 

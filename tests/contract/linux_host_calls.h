@@ -5,6 +5,8 @@
 // With nothing asked of them they go on to the kernel.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -22,14 +24,33 @@ struct HostCalls {
     std::vector<std::string> Order; // "sync file", "rename", "sync folder"
 };
 
-// What the layer does from now on.
+// What the layer does from now on, to the calls of the program's own thread.
 HostCalls& TheHostCalls();
+
+// The reads that other threads made, which the layer lets through: the lowest offset, the highest end, and how many are
+// under way.
+struct OtherReads {
+    std::atomic<uint64_t> From = UINT64_MAX;
+    std::atomic<uint64_t> To = 0;
+    std::atomic<int> UnderWay = 0;
+    std::atomic<unsigned> Microseconds = 0; // by which each takes longer
+};
+
+OtherReads& TheOtherReads();
 
 // Puts the layer back to doing nothing at the end of a test.
 class ScopedHostCalls {
 public:
-    ScopedHostCalls() { TheHostCalls() = HostCalls(); }
-    ~ScopedHostCalls() { TheHostCalls() = HostCalls(); }
+    ScopedHostCalls() {
+        TheHostCalls() = HostCalls();
+        TheOtherReads().From = UINT64_MAX;
+        TheOtherReads().To = 0;
+        TheOtherReads().Microseconds = 0;
+    }
+    ~ScopedHostCalls() {
+        TheHostCalls() = HostCalls();
+        TheOtherReads().Microseconds = 0;
+    }
     ScopedHostCalls(const ScopedHostCalls&) = delete;
     ScopedHostCalls& operator=(const ScopedHostCalls&) = delete;
 };
