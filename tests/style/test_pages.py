@@ -186,8 +186,18 @@ class Pages(unittest.TestCase):
         shown = section(read("README.md"), "demo output")
         self.assertEqual(steady(shown), steady("```\n" + demo_output().lstrip("\n") + "```\n"))
 
+    def test_what_no_test_reaches_is_still_there(self):
+        rows = re.findall(r"^\| `(src/\S+)`: `(.*?)(?: \(\d\))?` \| (?:never run|one direction) \| (.*) \|$",
+                          section(read("docs", "reliability.md"), "coverage"), flags=re.M)
+        self.assertGreater(len(rows), 0)
+        for path, line, reason in rows:
+            lines = [source.strip().replace("|", "\\|") for source in read(*path.split("/")).splitlines()]
+            self.assertTrue(line in lines, f"{path}: {line}")
+            self.assertGreater(len(reason), 0, line)
+
     def test_pages_that_are_referred_to_exist(self):
-        for page in ("README.md", "CONTRIBUTING.md", "docs/design.md", "docs/users-guide.md", "docs/image-format.md"):
+        for page in ("README.md", "CONTRIBUTING.md", "docs/design.md", "docs/users-guide.md", "docs/image-format.md",
+                     "docs/reliability.md"):
             for name in re.findall(r"`((?:docs|platform|bench|tests|benchmarks|packaging)/[\w./-]*)`", read(page)):
                 self.assertTrue(os.path.exists(os.path.join(ROOT, name)), f"{page} names {name}")
 
