@@ -1,8 +1,7 @@
 """One successful run of each command with every byte of memory accounted for.
 
-In the sanitized build the leak sanitizer looks at what is left at the end of the run; it is off in the other suites,
-where most runs end in a failure that gives nothing back. In the plain build valgrind looks at every read of memory that
-was never written as well, where it is installed.
+In the sanitized build the leak sanitizer looks at what is left at the end of the run, as it does in every scenario. In the
+plain build valgrind looks at every read of memory that was never written as well, where it is installed.
 """
 
 import copy

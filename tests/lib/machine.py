@@ -61,15 +61,15 @@ class Settings:
         # How an uncaught exception ends the process: SIGABRT, or the status that the Windows build gives itself.
         self.abnormal_status = 3 if self.windows else -6
 
-    def environment(self):
-        """The environment of a run: the caller's, with what keeps Wine silent and a sanitizer's finding plain."""
+    def environment(self, leaks=False):
+        """The environment of a run: the caller's, with what keeps Wine silent and a sanitizer's finding plain. `leaks`:
+        whether memory that nothing points to any more at the end is a finding."""
         environment = dict(os.environ)
         environment.setdefault("WINEDEBUG", "-all")
-        for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS"):
-            # Their default exit status, 1, would pass for a refusal of the program. Handles that a fatal end leaves
-            # open are meant to be left open.
+        # Their default exit status, 1, would pass for a refusal of the program.
+        for name, extra in (("ASAN_OPTIONS", f"exitcode=86:detect_leaks={int(leaks)}"),
+                            ("UBSAN_OPTIONS", "exitcode=86:halt_on_error=1")):
             options = environment.get(name, "")
-            extra = "exitcode=86" + (":detect_leaks=0" if name == "ASAN_OPTIONS" else ":halt_on_error=1")
             environment[name] = f"{extra}:{options}" if options else extra
         return environment
 
@@ -80,6 +80,18 @@ SETTINGS = Settings()
 def pattern(size, seed="disk"):
     """Bytes that do not repeat and do not compress, the same for the same seed."""
     return hashlib.shake_128(str(seed).encode()).digest(size)
+
+
+# Calls that give back what another one gave out. Where one of them is made to fail, that much is lost.
+RELEASING_CALLS = {"BCryptCloseAlgorithmProvider", "BCryptDestroyHash", "BCryptDestroyKey", "CloseHandle",
+                   "FindVolumeClose"}
+
+
+def loses_memory(description):
+    """Whether a fault of a description keeps something from being given back."""
+    faults = description.get("faults") if isinstance(description, dict) else None
+    return isinstance(faults, list) and any(isinstance(fault, dict) and fault.get("call") in RELEASING_CALLS
+                                            for fault in faults)
 
 
 def number_in_description(value):
@@ -158,6 +170,7 @@ class Machine:
         os.makedirs(self.work, exist_ok=True)
         self.runs = []
         self.onlooker = None  # called with the machine and each of its results
+        self.leaks = False  # whether the leak sanitizer looks at the end of each run; it takes a sixth longer then
         self.description = {"disks": [], "calls": "calls.jsonl"}
         self.ticks(1000, 1000)
         if default:
@@ -328,11 +341,12 @@ class Machine:
         log_path = self._log_path(used)
         if log_path is not None and os.path.exists(log_path):
             os.remove(log_path)
-        done = self._start(command, timeout)
+        environment = self.settings.environment(leaks=self.leaks and not loses_memory(used))
+        done = self._start(command, timeout, environment)
         for _ in range(WINE_STARTS - 1):
             if not self._wine_did_not_start(done, log_path):
                 break
-            done = self._start(command, timeout)
+            done = self._start(command, timeout, environment)
         log = self._read_log(used)
         result = Result(list(arguments), done.returncode, done.stdout, done.stderr, log,
                         json.loads(json.dumps(used)) if isinstance(used, dict) else {"content": repr(used)},
@@ -342,14 +356,14 @@ class Machine:
             self.onlooker(self, result)
         return result
 
-    def _start(self, command, timeout):
+    def _start(self, command, timeout, environment=None):
         if not os.path.exists(self.settings.bench):
             raise FileNotFoundError(f"no such executable: {self.settings.bench} (VORNIX_BENCH, VORNIX_BUILD)")
         # Into files and not pipes: what Wine starts in the background on the way inherits the streams and lives longer
         # than the run, so that the end of a pipe would be long in coming.
         with tempfile.TemporaryFile() as stdout, tempfile.TemporaryFile() as stderr:
             done = subprocess.run(command, cwd=self.work, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr,
-                                  timeout=timeout, env=self.settings.environment(), check=False)
+                                  timeout=timeout, env=environment or self.settings.environment(), check=False)
             stdout.seek(0)
             stderr.seek(0)
             return subprocess.CompletedProcess(command, done.returncode, stdout.read(), stderr.read())

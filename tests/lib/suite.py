@@ -72,6 +72,7 @@ class Scenario(unittest.TestCase):
     def machine(self, **options):
         made = Machine(os.path.join(self.folder, f"m{len(self.machines) + 1}"), **options)
         made.onlooker = self.judge_made_image
+        made.leaks = True
         self.machines.append(made)
         return made
 
