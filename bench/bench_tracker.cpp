@@ -3,8 +3,10 @@
 // reading.
 #include "bench_tracker.h"
 
-#include "call_log.h"
+#include "host.h"
 #include "text.h"
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdio>
@@ -126,9 +128,10 @@ void Tracker::Save() {
         return;
     }
     // The file was read and found good when the machine was built, and its list of disks is that of the states.
-    LogFields content = LogFields::parse(text_);
+    using Json = nlohmann::ordered_json;
+    Json content = Json::parse(text_);
     for (std::size_t index = 0; index < states_.size(); ++index) {
-        LogFields& fields = content["disks"][index];
+        Json& fields = content["disks"][index];
         State& state = states_[index];
         if (state.Committed) {
             fields["has_previous_epoch"] = state.Disk.HasPreviousEpoch;

@@ -1,11 +1,29 @@
 // Writes the log of a described machine. See call_log.h.
 #include "call_log.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
-#include <string>
 #include <utility>
 
 namespace vornix::bench {
+
+namespace {
+
+std::string Quoted(std::string_view text) {
+    using Json = nlohmann::json;
+    return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+} // namespace
+
+void LogFields::Add(std::string_view key, std::string_view text) {
+    AddJson(key, Quoted(text));
+}
+
+void LogFields::AddJson(std::string_view key, std::string_view value) {
+    text_.append(",\"").append(key).append("\":").append(value);
+}
 
 CallLog::CallLog(std::unique_ptr<HostFile> file) : file_(std::move(file)) {}
 
@@ -13,12 +31,10 @@ void CallLog::Write(std::string_view call, const LogFields& fields) {
     if (file_ == nullptr) {
         return;
     }
-    LogFields line = {{"n", ++lines_}, {"call", call}};
-    for (const auto& field : fields.items()) {
-        line[field.key()] = field.value();
-    }
-    // A narrow path of the program is bytes of any kind; what is no UTF-8 in it must not break the line.
-    const std::string text = line.dump(-1, ' ', false, LogFields::error_handler_t::replace) + "\n";
+    LogFields head;
+    head.Add("n", ++lines_);
+    head.Add("call", call);
+    const std::string text = "{" + head.Text().substr(1) + fields.Text() + "}\n";
     const HostTransfer transfer = file_->WriteAt(size_, text.data(), text.size());
     if (transfer.Error != 0 || transfer.Count != text.size()) {
         std::fprintf(stderr, "vornix-bench: cannot write the log of calls (error %u)\n",

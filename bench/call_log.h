@@ -4,16 +4,39 @@
 
 #include "host.h"
 
+#include <concepts>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 namespace vornix::bench {
 
-// Fields of one line, in the order in which they are added.
-using LogFields = nlohmann::ordered_json;
+// Fields of one line, in the order in which they are added, each with a key of its own. They are kept as text: nearly
+// every file of the machine sees this header, and the JSON library is a long one to compile.
+class LogFields {
+public:
+    // A narrow path of the program is bytes of any kind; what is no UTF-8 in a text becomes U+FFFD.
+    void Add(std::string_view key, std::string_view text);
+
+    // A number or a flag. Not a function each: a literal text would rather turn to a bool than to a text.
+    template <std::integral Value>
+    void Add(std::string_view key, Value value) {
+        if constexpr (std::same_as<Value, bool>) {
+            AddJson(key, value ? "true" : "false");
+        } else {
+            AddJson(key, std::to_string(value));
+        }
+    }
+
+    // `,"key":value` of each field.
+    const std::string& Text() const { return text_; }
+
+private:
+    void AddJson(std::string_view key, std::string_view value);
+
+    std::string text_;
+};
 
 class CallLog {
 public:

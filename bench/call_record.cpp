@@ -50,7 +50,7 @@ CallRecord::CallRecord(std::string_view call, std::initializer_list<std::string_
 }
 
 void CallRecord::AddCode(const char* key, std::uint32_t code) {
-    fields_[key] = FormatCode(code);
+    fields_.Add(key, FormatCode(code));
 }
 
 void CallRecord::AdoptLastError() {

@@ -39,7 +39,7 @@ public:
     // Adds a field to the call's line, behind those that it already has.
     template <typename Value>
     void Add(const char* key, Value&& value) {
-        fields_[key] = std::forward<Value>(value);
+        fields_.Add(key, std::forward<Value>(value));
     }
 
     // Adds a mask or a code.
@@ -68,7 +68,7 @@ private:
     std::string_view call_;
     DWORD lastError_;
     FaultEffect effect_;
-    LogFields fields_ = LogFields::object();
+    LogFields fields_;
 };
 
 // The end of a call that is killed, with the status that says so.

@@ -24,8 +24,8 @@ void FinishRun() {
     if (machine.ChangeTracker != nullptr) {
         machine.ChangeTracker->Save();
     }
-    LogFields fields = LogFields::object();
-    fields["code"] = exitCode;
+    LogFields fields;
+    fields.Add("code", exitCode);
     machine.Log.Write("exit", fields);
 }
 
