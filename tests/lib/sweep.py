@@ -37,7 +37,7 @@ INJECTED_NTSTATUS = 0xC0000001
 INJECTED_HRESULT = 0x80004005
 
 LASTING = 1000000  # `times` of a fault that goes on from its call to the end of the run
-WINE_SAMPLE = 24   # runs of one sweep under Wine, where each costs a second
+SAMPLE = 12        # runs of one sweep under Wine and the sanitizers, where each costs several times as much
 
 LAST_ERROR_CALLS = {
     "CreateFileW", "ReadFile", "WriteFile", "SetFilePointerEx", "GetFileSizeEx", "DeviceIoControl", "CloseHandle",
@@ -174,7 +174,7 @@ def _limit(limit=None):
     """How many runs a sweep may have: where runs are sampled anyway, the caller's own limit only makes them fewer."""
     if not SETTINGS.sampled:
         return limit
-    return WINE_SAMPLE if limit is None else min(limit, WINE_SAMPLE)
+    return SAMPLE if limit is None else min(limit, SAMPLE)
 
 
 def _judge(expected, machine, result):
@@ -256,9 +256,10 @@ def clean_run(test, make, arguments, expected):
     return _in_fresh_folder(make, body)
 
 
-def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None):
-    """The fault sweep; `clean` is the Expected of the healthy machine. Gives the number of runs, at most `limit`."""
-    result, _ = clean_run(test, make, arguments, clean)
+def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None, made=None):
+    """The fault sweep; `clean` is the Expected of the healthy machine, and `made` what `clean_run` gave where the caller
+    has asked it already. Gives the number of runs, at most `limit`."""
+    result, _ = made or clean_run(test, make, arguments, clean)
     possible = faults_of(result.log, kinds)
     faults = sample(possible, _limit(limit))
     test.assertTrue(faults, "the clean run made no call that can fail")
@@ -301,7 +302,7 @@ def _expect_writes_as_logged(machine, result, initial, final, torn):
             raise AssertionError(f"disk {number} after the kill: {suite.first_difference(actual, bytes(expected))}")
 
 
-def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None):
+def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None, made=None):
     """The kill sweep: the process ends at each call of the clean run in turn; transfers also half-way.
 
     After each kill: status 137, nothing on standard error, standard output a beginning of the clean one, the log what
@@ -310,7 +311,7 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None
     Expected of the same command run once more on the machine as the kill left it (absent: that of the clean run). Gives
     the number of runs.
     """
-    clean_result, final = clean_run(test, make, arguments, clean)
+    clean_result, final = made or clean_run(test, make, arguments, clean)
     initial = _in_fresh_folder(make, lambda machine: {
         disk["number"]: machine.disk_bytes(disk["number"]) for disk in machine.description["disks"]})
     kills = []
