@@ -66,8 +66,8 @@ public:
         LoopDisks& disks = Disks();
         constexpr uint64_t length = 16 << 20;
         // A last stretch that is no whole chunk, and for the small sectors no whole page.
-        if (!Attach(disks.Small, length + 3 * 512, 512, false) ||
-            !Attach(disks.Large, length + 3 * 4096, 4096, false) || !Attach(disks.ReadOnly, length, 512, true)) {
+        if (!Attach(disks.Small, length + 3ull * 512, 512, false) ||
+            !Attach(disks.Large, length + 3ull * 4096, 4096, false) || !Attach(disks.ReadOnly, length, 512, true)) {
             disks.WhyNone = std::string("no loop devices here: ") + std::strerror(errno);
             return;
         }

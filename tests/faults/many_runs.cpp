@@ -127,6 +127,7 @@ std::vector<std::string> SplitAtTabs(const std::string& line) {
     failingAllocation = std::stol(fields[0]);
     fields[0] = "vornix";
     std::vector<char*> arguments;
+    arguments.reserve(fields.size() + 1);
     for (std::string& field : fields) {
         arguments.push_back(field.data());
     }

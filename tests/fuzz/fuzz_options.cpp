@@ -21,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     std::vector<char*> arguments;
+    arguments.reserve(words.size());
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint64_t length = input.TakeNumber(4);
     Bytes first = input.TakeStretch();
     first.resize(sizeof(TrackerStatus));
-    if ((first[46] != 0 && first[46] > (largestBitmap >> 16)) || first[47] != 0) {
+    if (first[46] > (largestBitmap >> 16) || first[47] != 0) {
         return 0;
     }
     TheWorld().TrackerReplies = {first, input.TakeStretch()};

@@ -167,7 +167,7 @@ struct WorldAnswers : PlatformAnswers {
     }
 
     static DWORD GetFileAttributesA(LPCSTR path) {
-        return TheWorld().Files.count(path) != 0 ? FILE_ATTRIBUTE_NORMAL : INVALID_FILE_ATTRIBUTES;
+        return TheWorld().Files.contains(path) ? FILE_ATTRIBUTE_NORMAL : INVALID_FILE_ATTRIBUTES;
     }
 
     static BOOL CloseHandle(HANDLE handle) {
