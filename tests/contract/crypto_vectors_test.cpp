@@ -136,6 +136,32 @@ TEST(CryptoVectors, Pbkdf2OfRfc7914) {
     }
 }
 
+TEST(CryptoVectors, Pbkdf2OfPasswordsRoundABlockOfTheHash) {
+    // By Python's hashlib.pbkdf2_hmac("sha256", bytes(range(length)), b"salt", 3, 40): a password of more than 64 bytes
+    // is hashed first, and a key of 40 bytes ends within the second block.
+    const struct {
+        ULONG Length;
+        const char* Key;
+    } vectors[] = {
+        {0, "5ddf839afa2d5fb4be56e1a0f48917617559bef61ec122bfca1c7f75ac8f401d060b470b70403497"},
+        {64, "47abb5a895833e0d9f159900e107cf2cf4fbae648b0b4231f23cda25e6a7c7d8b272c94708c498fe"},
+        {65, "a49f29e0f3153b764202b10e64123789a4e4237973e28038bdad36b3b80e596bf184a33e7843f7c9"},
+    };
+    const Provider provider(BCRYPT_SHA256_ALGORITHM, BCRYPT_ALG_HANDLE_HMAC_FLAG);
+    for (const auto& vector : vectors) {
+        Bytes password(vector.Length + 1);
+        for (ULONG index = 0; index < vector.Length; ++index) {
+            password[index] = static_cast<UCHAR>(index);
+        }
+        Bytes salt = FromText("salt");
+        Bytes key(40);
+        EXPECT_EQ(BCryptDeriveKeyPBKDF2(provider.Handle(), password.data(), vector.Length, salt.data(), 4, 3,
+                                        key.data(), 40, 0),
+                  0);
+        EXPECT_EQ(key, FromHex(vector.Key)) << vector.Length;
+    }
+}
+
 // --- AES-256-GCM
 // ----------------------------------------------------------------------------------------------------------
 
