@@ -13,6 +13,7 @@ The builds are found through the environment:
     VORNIX_LONG     not empty: no sampling of sweeps, and the slow scenarios run too
 """
 
+import functools
 import hashlib
 import json
 import os
@@ -94,6 +95,7 @@ def wait_for(process, timeout):
     return process.wait()
 
 
+@functools.lru_cache(maxsize=32)  # nearly every machine begins with the same disks
 def pattern(size, seed="disk"):
     """Bytes that do not repeat and do not compress, the same for the same seed."""
     return hashlib.shake_128(str(seed).encode()).digest(size)
