@@ -83,16 +83,21 @@ SETTINGS = Settings()
 def wait_for(process, timeout):
     """The status of a process that ends within `timeout` seconds. As `Popen.wait` does it, but that one looks for the end
     at ever longer intervals, which for runs of this length is as much again as the run."""
-    descriptor = os.pidfd_open(process.pid)
     try:
-        ended, _, _ = select.select([descriptor], [], [], timeout)
-    finally:
-        os.close(descriptor)
-    if not ended:
+        descriptor = os.pidfd_open(process.pid)
+    except OSError:  # an old kernel, or one that is imitated
+        descriptor = None
+    try:
+        if descriptor is None or select.select([descriptor], [], [], timeout)[0]:
+            return process.wait(timeout)
+        raise subprocess.TimeoutExpired(process.args, timeout)
+    except subprocess.TimeoutExpired:
         process.kill()
         process.wait()
-        raise subprocess.TimeoutExpired(process.args, timeout)
-    return process.wait()
+        raise
+    finally:
+        if descriptor is not None:
+            os.close(descriptor)
 
 
 @functools.lru_cache(maxsize=32)  # nearly every machine begins with the same disks
