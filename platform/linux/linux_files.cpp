@@ -10,12 +10,12 @@
 #include <cstring>
 #include <optional>
 
+#include "background_transfers.h"
 #include "host_paths.h"
 #include "last_error.h"
 #include "linux_calls.h"
 #include "linux_disks.h"
 #include "open_objects.h"
-#include "read_ahead.h"
 #include "share_modes.h"
 #include "unsupported.h"
 
@@ -23,9 +23,9 @@ using namespace vornix::platform;
 
 namespace {
 
-// Written bytes are handed to the disk in stretches of this size, so that a rename that waits for them finds little
-// left to wait for. Each handing over costs, so they are not shorter.
-constexpr uint64_t writeBehindStretch = uint64_t{32} << 20;
+// Written bytes are sent to the disk in stretches of at least this size, so that a rename that waits for them finds
+// little left to wait for.
+constexpr uint64_t writeBehindStretch = uint64_t{8} << 20;
 // A file is read ahead when its reads follow each other and are at least this long: shorter ones the kernel serves
 // well.
 constexpr uint64_t shortestReadAhead = uint64_t{1} << 20;
@@ -303,9 +303,8 @@ int TransferThroughBounce(OpenObject& file, bool writing, uint8_t* memory, size_
     return 0;
 }
 
-// Starts the way to the disk of what a sequential writer has finished. Nothing depends on the answer, and nothing is
-// waited for: a failure of the writing itself is told by the sync of the rename.
-void WriteBehind(OpenObject& file, uint64_t start, uint64_t end) {
+// Has what a sequential writer has finished sent to the disk.
+void SendBehind(OpenObject& file, uint64_t start, uint64_t end) {
     if (start != file.LastWriteEnd) {
         file.WriteBehindStart = start;
     }
@@ -313,8 +312,8 @@ void WriteBehind(OpenObject& file, uint64_t start, uint64_t end) {
     if (end - file.WriteBehindStart < writeBehindStretch) {
         return;
     }
-    (void)sync_file_range(file.Descriptor, static_cast<off_t>(file.WriteBehindStart),
-                          static_cast<off_t>(end - file.WriteBehindStart), SYNC_FILE_RANGE_WRITE);
+    file.HasBackgroundTransfers = true;
+    WriteBehind(file.Descriptor, file.WriteBehindStart, end);
     file.WriteBehindStart = end;
 }
 
@@ -337,7 +336,7 @@ void KeepAhead(OpenObject& file, uint64_t start, uint64_t end) {
     }
     const uint64_t from = std::max(file.ReadAheadEnd, end);
     file.ReadAheadEnd = end + std::min(readsAhead * length, longestReadAhead);
-    file.IsReadAhead = true;
+    file.HasBackgroundTransfers = true;
     ReadAhead(file.Descriptor, end, from, file.ReadAheadEnd);
 }
 
@@ -387,7 +386,7 @@ BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DW
     file->Position += done;
     if (!isDisk && file->SectorSize == 1) {
         if (writing) {
-            WriteBehind(*file, start, file->Position);
+            SendBehind(*file, start, file->Position);
         } else {
             KeepAhead(*file, start, file->Position);
         }
@@ -552,8 +551,8 @@ BOOL WINAPI LinuxCloseHandle(HANDLE handle) {
     }
     const int descriptor = object->Descriptor;
     object->Descriptor = -1;
-    if (object->IsReadAhead) {
-        EndReadAhead(descriptor);
+    if (object->HasBackgroundTransfers) {
+        EndBackgroundTransfers(descriptor);
     }
     // The handle is gone whatever close says; after EINTR the descriptor is gone as well.
     if (descriptor >= 0 && close(descriptor) != 0 && errno != EINTR) {

@@ -44,17 +44,18 @@ struct OpenObject {
     uint32_t MemoryAlignment = 1;
     std::unique_ptr<void, FreeAlignedBlock> Bounce;
 
-    // Buffered files alone, while they are written in sequence: from where bytes have not been handed to the disk yet,
-    // and where the last transfer ended.
-    uint64_t WriteBehindStart = 0;
+    // Buffered files alone, while they are written in sequence: where the last transfer ended, and from where bytes
+    // have not been sent to the disk yet.
     uint64_t LastWriteEnd = 0;
-    // The same, while they are read in sequence: where the last transfer ended, up to where reading ahead was asked
-    // for, and whether it ever was.
+    uint64_t WriteBehindStart = 0;
+    // The same, while they are read in sequence: where the last transfer ended, and up to where reading ahead was asked
+    // for.
     uint64_t LastReadEnd = 0;
     bool LastReadIsLong = false;
     uint64_t ReadAheadEnd = 0;
-    bool IsReadAhead = false;
     std::optional<uint64_t> KernelReadAhead; // in bytes, once it was asked for
+
+    bool HasBackgroundTransfers = false; // ever had
 };
 
 // Takes the object into the table and gives its handle. Handles are never null, never INVALID_HANDLE_VALUE, and not

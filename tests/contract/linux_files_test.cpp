@@ -1,5 +1,6 @@
 // What the file calls promise on Linux beyond their common contract: the errors of the host as those of Windows, share
-// modes between processes, reading ahead, unbuffered transfers, and a rename that reaches the disk on any file system.
+// modes between processes, reading ahead, writing behind, unbuffered transfers, and a rename that reaches the disk on
+// any file system.
 #include "temporary_folder.h"
 
 #include <fcntl.h>
@@ -278,10 +279,10 @@ protected:
     // Waits until other threads have read up to here.
     static bool OthersReachWithin(uint64_t end, std::chrono::seconds patience) {
         const auto deadline = std::chrono::steady_clock::now() + patience;
-        while (TheOtherReads().To < end && std::chrono::steady_clock::now() < deadline) {
+        while (TheOtherThreads().ReadTo < end && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        return TheOtherReads().To >= end;
+        return TheOtherThreads().ReadTo >= end;
     }
 
     // Waits until this stretch of the file is in memory as a whole.
@@ -361,17 +362,17 @@ TEST_F(LinuxReadAhead, OtherReadsBringNothing) {
 TEST_F(LinuxReadAhead, CloseIsTheEndOfIt) {
     MakeFileToRead(6);
     const ScopedHostCalls scope;
-    TheOtherReads().Microseconds = 10'000;
+    TheOtherThreads().Microseconds = 10'000;
     for (int i = 0; i < 10; i++) {
         ScopedHandle file(Open(L"file", GENERIC_READ, 0, OPEN_EXISTING));
         ASSERT_TRUE(file.IsOpen()) << "still held after the close, error " << GetLastError();
         Read(file);
         Read(file);
-        while (TheOtherReads().UnderWay == 0) {
+        while (TheOtherThreads().UnderWay == 0) {
             std::this_thread::yield();
         }
         file.Close();
-        ASSERT_EQ(TheOtherReads().UnderWay, 0);
+        ASSERT_EQ(TheOtherThreads().UnderWay, 0);
     }
 }
 
@@ -401,6 +402,39 @@ TEST_F(LinuxReadAhead, FileThatShrinksMeanwhileEndsWhereItEnds) {
     EXPECT_EQ(count, 5u);
     ASSERT_TRUE(ReadFile(file.Get(), buffer_.data(), static_cast<DWORD>(length_), &count, nullptr));
     EXPECT_EQ(count, 0u);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Writing behind
+
+TEST_F(LinuxFiles, WritesInSequenceAreSentToTheDiskByAnotherThread) {
+    constexpr DWORD length = DWORD{4} << 20;
+    const std::vector<char> bytes(length, 'x');
+    const ScopedHostCalls scope;
+    TheOtherThreads().Microseconds = 10'000;
+    ScopedHandle file(Open(L"file", GENERIC_WRITE, 0, CREATE_NEW));
+    for (uint64_t written = 0; written < 4; written++) {
+        DWORD count = 0;
+        ASSERT_TRUE(WriteFile(file.Get(), bytes.data(), length, &count, nullptr));
+        ASSERT_EQ(count, length);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (TheOtherThreads().SentTo < 4 * uint64_t{length} && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(TheOtherThreads().SentTo, 4 * uint64_t{length});
+    EXPECT_TRUE(TheHostCalls().Order.empty());
+    // Of what is written now the close does not wait for more than what has been begun.
+    for (uint64_t written = 0; written < 2; written++) {
+        DWORD count = 0;
+        ASSERT_TRUE(WriteFile(file.Get(), bytes.data(), length, &count, nullptr));
+    }
+    while (TheOtherThreads().UnderWay == 0) {
+        std::this_thread::yield();
+    }
+    file.Close();
+    EXPECT_EQ(TheOtherThreads().UnderWay, 0);
+    EXPECT_EQ(std::filesystem::file_size(Folder() / "file"), 6 * uint64_t{length});
 }
 
 // ---------------------------------------------------------------------------------------------------------------

@@ -17,26 +17,40 @@ HostCalls& TheHostCalls() {
     return calls;
 }
 
-OtherReads& TheOtherReads() {
-    static OtherReads reads;
-    return reads;
+OtherThreads& TheOtherThreads() {
+    static OtherThreads threads;
+    return threads;
 }
 
 namespace {
 
-ssize_t ReadOfAnotherThread(int descriptor, void* buffer, size_t length, off_t offset) {
-    OtherReads& reads = TheOtherReads();
-    reads.UnderWay++;
-    if (reads.Microseconds != 0) {
-        (void)usleep(reads.Microseconds);
+bool IsOtherThread() {
+    return gettid() != getpid();
+}
+
+// For the time of a transfer of another thread.
+class UnderWay {
+public:
+    UnderWay() {
+        TheOtherThreads().UnderWay++;
+        if (TheOtherThreads().Microseconds != 0) {
+            (void)usleep(TheOtherThreads().Microseconds);
+        }
     }
+    ~UnderWay() { TheOtherThreads().UnderWay--; }
+    UnderWay(const UnderWay&) = delete;
+    UnderWay& operator=(const UnderWay&) = delete;
+};
+
+ssize_t ReadOfAnotherThread(int descriptor, void* buffer, size_t length, off_t offset) {
+    const UnderWay scope;
+    OtherThreads& threads = TheOtherThreads();
     const ssize_t count = syscall(SYS_pread64, descriptor, buffer, length, offset);
     if (count > 0) {
         const auto start = static_cast<uint64_t>(offset);
-        reads.From = std::min(reads.From.load(), start);
-        reads.To = std::max(reads.To.load(), start + static_cast<uint64_t>(count));
+        threads.ReadFrom = std::min(threads.ReadFrom.load(), start);
+        threads.ReadTo = std::max(threads.ReadTo.load(), start + static_cast<uint64_t>(count));
     }
-    reads.UnderWay--;
     return count;
 }
 
@@ -74,7 +88,7 @@ const char* __asan_default_options() {
 }
 
 ssize_t pread(int descriptor, void* buffer, size_t length, off_t offset) {
-    if (gettid() != getpid()) {
+    if (IsOtherThread()) {
         return ReadOfAnotherThread(descriptor, buffer, length, offset);
     }
     return AdmitTransfer(length) ? syscall(SYS_pread64, descriptor, buffer, length, offset) : -1;
@@ -82,6 +96,17 @@ ssize_t pread(int descriptor, void* buffer, size_t length, off_t offset) {
 
 ssize_t pwrite(int descriptor, const void* buffer, size_t length, off_t offset) {
     return AdmitTransfer(length) ? syscall(SYS_pwrite64, descriptor, buffer, length, offset) : -1;
+}
+
+int sync_file_range(int descriptor, off_t offset, off_t length, unsigned flags) {
+    if (!IsOtherThread()) {
+        TheHostCalls().Order.emplace_back("send"); // takes as long as the disk likes
+        return 0;
+    }
+    const UnderWay scope;
+    const auto status = static_cast<int>(syscall(SYS_sync_file_range, descriptor, offset, length, flags));
+    TheOtherThreads().SentTo = std::max(TheOtherThreads().SentTo.load(), static_cast<uint64_t>(offset + length));
+    return status;
 }
 
 int fcntl(int descriptor, int command, ...) {

@@ -27,29 +27,31 @@ struct HostCalls {
 // What the layer does from now on, to the calls of the program's own thread.
 HostCalls& TheHostCalls();
 
-// The reads that other threads made, which the layer lets through: the lowest offset, the highest end, and how many are
-// under way.
-struct OtherReads {
-    std::atomic<uint64_t> From = UINT64_MAX;
-    std::atomic<uint64_t> To = 0;
+// What other threads than the program's own did, which the layer lets through: the lowest offset of all their reads,
+// the highest end of those and of what they sent to a disk, and how many of both are under way.
+struct OtherThreads {
+    std::atomic<uint64_t> ReadFrom = UINT64_MAX;
+    std::atomic<uint64_t> ReadTo = 0;
+    std::atomic<uint64_t> SentTo = 0;
     std::atomic<int> UnderWay = 0;
     std::atomic<unsigned> Microseconds = 0; // by which each takes longer
 };
 
-OtherReads& TheOtherReads();
+OtherThreads& TheOtherThreads();
 
 // Puts the layer back to doing nothing at the end of a test.
 class ScopedHostCalls {
 public:
     ScopedHostCalls() {
         TheHostCalls() = HostCalls();
-        TheOtherReads().From = UINT64_MAX;
-        TheOtherReads().To = 0;
-        TheOtherReads().Microseconds = 0;
+        TheOtherThreads().ReadFrom = UINT64_MAX;
+        TheOtherThreads().ReadTo = 0;
+        TheOtherThreads().SentTo = 0;
+        TheOtherThreads().Microseconds = 0;
     }
     ~ScopedHostCalls() {
         TheHostCalls() = HostCalls();
-        TheOtherReads().Microseconds = 0;
+        TheOtherThreads().Microseconds = 0;
     }
     ScopedHostCalls(const ScopedHostCalls&) = delete;
     ScopedHostCalls& operator=(const ScopedHostCalls&) = delete;
