@@ -564,7 +564,8 @@ def main():
         try:
             jobs = base_jobs(bed)
             if not arguments.base_only:
-                first, only = name == beds[0], arguments.only
+                # What takes longest, or does not depend on the disk, on one small disk.
+                first, only = name == beds[0] and int(gib) == 1, arguments.only
                 if not only or "consolidate" in only:
                     jobs += [fold_job(bed, links) for links in ((2, 10, 65) if first else (10,))]
                 if first:
