@@ -38,6 +38,22 @@ protected:
     }
 };
 
+// Closes a file of which another thread's transfer is held under way, and lets that go on a little later.
+void ExpectCloseToWait(ScopedHandle& file) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (TheOtherThreads().UnderWay == 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(TheOtherThreads().UnderWay, 1);
+    std::thread later([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        TheOtherThreads().AreHeld = false;
+    });
+    file.Close();
+    EXPECT_EQ(TheOtherThreads().UnderWay, 0);
+    later.join();
+}
+
 // Runs `body` in a process of its own and gives what it returned, 0 to 255.
 int InChild(const std::function<int()>& body) {
     fflush(nullptr);
@@ -265,6 +281,9 @@ protected:
         std::ifstream("/sys/class/bdi/" + std::to_string(major(status.st_dev)) + ":" +
                       std::to_string(minor(status.st_dev)) + "/read_ahead_kb") >>
             kernel;
+        if (kernel > 8192) {
+            GTEST_SKIP() << "the kernel itself reads too far ahead here";
+        }
         length_ = (kernel << 10) + mebibyte;
         std::filesystem::resize_file(Folder() / "file", reads * length_);
         buffer_.resize(length_);
@@ -312,6 +331,9 @@ protected:
 
 TEST_F(LinuxReadAhead, ReadsInSequenceHaveTheNextTwoBroughtIntoMemory) {
     MakeFileToRead(5);
+    if (IsSkipped()) {
+        return;
+    }
     const int descriptor = open((Folder() / "file").c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_GE(descriptor, 0);
     for (int i = 0; i < 5; i++) {
@@ -330,6 +352,9 @@ TEST_F(LinuxReadAhead, ReadsInSequenceHaveTheNextTwoBroughtIntoMemory) {
 
 TEST_F(LinuxReadAhead, EndOfTheFileIsAsFarAsItGoes) {
     MakeFileToRead(3);
+    if (IsSkipped()) {
+        return;
+    }
     const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
     const ScopedHostCalls scope;
     Read(file);
@@ -343,6 +368,9 @@ TEST_F(LinuxReadAhead, EndOfTheFileIsAsFarAsItGoes) {
 
 TEST_F(LinuxReadAhead, OtherReadsBringNothing) {
     MakeFileToRead(6);
+    if (IsSkipped()) {
+        return;
+    }
     const ScopedHostCalls scope;
     {
         const ScopedHandle once(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
@@ -359,25 +387,27 @@ TEST_F(LinuxReadAhead, OtherReadsBringNothing) {
     EXPECT_FALSE(OthersReachWithin(1, std::chrono::seconds(0)));
 }
 
-TEST_F(LinuxReadAhead, CloseIsTheEndOfIt) {
+TEST_F(LinuxReadAhead, CloseWaitsForWhatIsBeingRead) {
     MakeFileToRead(6);
-    const ScopedHostCalls scope;
-    TheOtherThreads().Microseconds = 10'000;
-    for (int i = 0; i < 10; i++) {
-        ScopedHandle file(Open(L"file", GENERIC_READ, 0, OPEN_EXISTING));
-        ASSERT_TRUE(file.IsOpen()) << "still held after the close, error " << GetLastError();
-        Read(file);
-        Read(file);
-        while (TheOtherThreads().UnderWay == 0) {
-            std::this_thread::yield();
-        }
-        file.Close();
-        ASSERT_EQ(TheOtherThreads().UnderWay, 0);
+    if (IsSkipped()) {
+        return;
     }
+    const ScopedHostCalls scope;
+    TheOtherThreads().AreHeld = true;
+    ScopedHandle file(Open(L"file", GENERIC_READ, 0, OPEN_EXISTING));
+    Read(file);
+    Read(file);
+    ExpectCloseToWait(file);
+    EXPECT_LT(TheOtherThreads().ReadTo, 3 * length_) << "what was not begun is not read any more";
+    const ScopedHandle again(Open(L"file", GENERIC_READ, 0, OPEN_EXISTING));
+    EXPECT_TRUE(again.IsOpen()) << "still held after the close, error " << GetLastError();
 }
 
 TEST_F(LinuxReadAhead, MoreFilesThanItServesAreReadAllTheSame) {
     MakeFileToRead(3);
+    if (IsSkipped()) {
+        return;
+    }
     const ScopedHostCalls scope;
     std::vector<std::unique_ptr<ScopedHandle>> files(20);
     for (auto& file : files) {
@@ -392,6 +422,9 @@ TEST_F(LinuxReadAhead, MoreFilesThanItServesAreReadAllTheSame) {
 
 TEST_F(LinuxReadAhead, FileThatShrinksMeanwhileEndsWhereItEnds) {
     MakeFileToRead(6);
+    if (IsSkipped()) {
+        return;
+    }
     const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
     const ScopedHostCalls scope;
     Read(file);
@@ -411,7 +444,6 @@ TEST_F(LinuxFiles, WritesInSequenceAreSentToTheDiskByAnotherThread) {
     constexpr DWORD length = DWORD{4} << 20;
     const std::vector<char> bytes(length, 'x');
     const ScopedHostCalls scope;
-    TheOtherThreads().Microseconds = 10'000;
     ScopedHandle file(Open(L"file", GENERIC_WRITE, 0, CREATE_NEW));
     for (uint64_t written = 0; written < 4; written++) {
         DWORD count = 0;
@@ -424,16 +456,12 @@ TEST_F(LinuxFiles, WritesInSequenceAreSentToTheDiskByAnotherThread) {
     }
     EXPECT_EQ(TheOtherThreads().SentTo, 4 * uint64_t{length});
     EXPECT_TRUE(TheHostCalls().Order.empty());
-    // Of what is written now the close does not wait for more than what has been begun.
+    TheOtherThreads().AreHeld = true;
     for (uint64_t written = 0; written < 2; written++) {
         DWORD count = 0;
         ASSERT_TRUE(WriteFile(file.Get(), bytes.data(), length, &count, nullptr));
     }
-    while (TheOtherThreads().UnderWay == 0) {
-        std::this_thread::yield();
-    }
-    file.Close();
-    EXPECT_EQ(TheOtherThreads().UnderWay, 0);
+    ExpectCloseToWait(file);
     EXPECT_EQ(std::filesystem::file_size(Folder() / "file"), 6 * uint64_t{length});
 }
 

@@ -33,8 +33,8 @@ class UnderWay {
 public:
     UnderWay() {
         TheOtherThreads().UnderWay++;
-        if (TheOtherThreads().Microseconds != 0) {
-            (void)usleep(TheOtherThreads().Microseconds);
+        while (TheOtherThreads().AreHeld) {
+            (void)usleep(1000);
         }
     }
     ~UnderWay() { TheOtherThreads().UnderWay--; }

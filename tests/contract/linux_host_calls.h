@@ -21,7 +21,7 @@ struct HostCalls {
     bool HasHardLinks = true;
     int SyncError = 0; // fsync of an ordinary file fails with this
 
-    std::vector<std::string> Order; // "sync file", "rename", "sync folder"
+    std::vector<std::string> Order; // "send", "sync file", "rename", "sync folder"
 };
 
 // What the layer does from now on, to the calls of the program's own thread.
@@ -34,7 +34,7 @@ struct OtherThreads {
     std::atomic<uint64_t> ReadTo = 0;
     std::atomic<uint64_t> SentTo = 0;
     std::atomic<int> UnderWay = 0;
-    std::atomic<unsigned> Microseconds = 0; // by which each takes longer
+    std::atomic<bool> AreHeld = false; // each that begins stays under way until this is false
 };
 
 OtherThreads& TheOtherThreads();
@@ -47,11 +47,10 @@ public:
         TheOtherThreads().ReadFrom = UINT64_MAX;
         TheOtherThreads().ReadTo = 0;
         TheOtherThreads().SentTo = 0;
-        TheOtherThreads().Microseconds = 0;
     }
     ~ScopedHostCalls() {
         TheHostCalls() = HostCalls();
-        TheOtherThreads().Microseconds = 0;
+        TheOtherThreads().AreHeld = false;
     }
     ScopedHostCalls(const ScopedHostCalls&) = delete;
     ScopedHostCalls& operator=(const ScopedHostCalls&) = delete;
