@@ -1,7 +1,8 @@
 """The frame of a scenario suite: assertions on runs, recordings, and the runner.
 
 A suite is a file of Scenario classes that ends with `suite.main()`. It prints nothing but failures, each with the whole
-context of its runs, and as its last line `N passed, N failed, N skipped`; its exit status is 1 when anything failed.
+context of its runs, what was skipped and why, and as its last line `N passed, N failed, N skipped`; its exit status is 1
+when anything failed.
 
     python3 tests/scenarios/test_verify.py               all of it
     python3 tests/scenarios/test_verify.py -k hash       the tests whose name contains "hash"
@@ -361,6 +362,7 @@ def main():
                     print(test.failure_context() + "\n", flush=True)
             elif result.skipped:
                 skipped += 1
+                print(f"skipped {test.id().removeprefix('__main__.')}: {result.skipped[0][1]}", flush=True)
             else:
                 passed += 1
     if not tests:
