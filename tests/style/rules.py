@@ -153,15 +153,35 @@ def other_rooms_keep_apart(tree):
         for bracket, name in includes(text):
             if path.startswith("platform/") and "bench" in name.split("/"):
                 problems.append(f"{path}: the platform may not see {name}")
-            if name.startswith("openssl/") and not path.startswith(("platform/linux/", "benchmarks/")):
+            if name.startswith("openssl/") and not path.startswith(("platform/linux/", "benchmarks/", "reader/lib/")):
                 problems.append(f"{path}: {name} is not for this folder")
     return problems
 
 
+def reader_keeps_to_itself(tree):
+    """reader/ and the rest see nothing of each other, and of the system's headers only its ports and its plugin do."""
+    problems = []
+    for path, text in of_kind(tree, ""):
+        for bracket, name in includes(text):
+            if path.startswith(("src/", "platform/", "bench/")) and ("reader" in name.split("/") or name == "vrnx.h"):
+                problems.append(f"{path}: {name} is the reader's")
+            if not path.startswith("reader/"):
+                continue
+            beside = path.rsplit("/", 1)[0] + "/" + name
+            if bracket == '"' and beside not in tree and f"reader/include/{name}" not in tree:
+                problems.append(f'{path}: "{name}" is no file of its folder of reader/, nor the library\'s header')
+            may_see_the_system = path.startswith("reader/nbdkit/") or path.split("/")[-1].startswith("port_")
+            if bracket == "<" and not may_see_the_system and re.match(
+                    r"(?:sys|openssl|linux)/|(?:unistd|fcntl|windows|bcrypt|dirent|termios|poll|io)\.h$", name):
+                problems.append(f"{path}: <{name}> is for a port alone")
+    return problems
+
+
 def no_system_switches_in_the_program(tree):
-    """An operating system shows in which file is compiled, never inside src/."""
+    """An operating system shows in which file is compiled, never inside src/ or reader/."""
     return [f"{path}:{text.count(chr(10), 0, match.start()) + 1}: asks for the operating system"
-            for path, text in of_kind(tree, "src/") for match in SYSTEM_MACROS.finditer(text)]
+            for folder in ("src/", "reader/") for path, text in of_kind(tree, folder)
+            for match in SYSTEM_MACROS.finditer(text)]
 
 
 def program_uses_no_words_of_one_compiler(tree):
@@ -313,7 +333,7 @@ def files_begin_with_a_comment(tree):
     """A source file opens with what it is."""
     def opens_well(path, text):
         if path.endswith(CPP):
-            return text.startswith("//")
+            return text.startswith(("//", "/*"))
         if path.endswith(".py"):
             return re.match(r'(#![^\n]*\n)?"""\S', text)
         if path.endswith(".def"):
@@ -354,9 +374,10 @@ def functions(text):
 
 
 def functions_fit_a_reader(tree):
-    """No function of src/ is longer than a reader's patience."""
+    """No function of src/ or reader/ is longer than a reader's patience."""
     return [f"{path}:{first}: {name} has {last - first + 1} lines, {MAX_FUNCTION_LINES} are the most"
-            for path, text in of_kind(tree, "src/") for name, first, last, _ in functions(text)
+            for folder in ("src/", "reader/") for path, text in of_kind(tree, folder)
+            for name, first, last, _ in functions(text)
             if last - first + 1 > MAX_FUNCTION_LINES]
 
 

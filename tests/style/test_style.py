@@ -60,8 +60,17 @@ PROOFS = {
     rules.other_rooms_keep_apart: (
         [{"platform/linux/a.cpp": '#include "../../bench/machine.h"\n'}, {"bench/a.cpp": "#include <openssl/evp.h>\n"}],
         [{"platform/linux/a.cpp": "#include <openssl/evp.h>\n", "bench/a.cpp": '#include "linux/linux_calls.h"\n'}]),
+    rules.reader_keeps_to_itself: (
+        [{"src/image/a.cpp": '#include "vrnx.h"\n'}, {"bench/a.cpp": '#include "../reader/lib/image.h"\n'},
+         {"reader/lib/a.cpp": '#include "image/open_image.h"\n', "src/image/open_image.h": ""},
+         {"reader/cli/a.cpp": '#include "layer.h"\n', "reader/lib/layer.h": ""},
+         {"reader/lib/a.cpp": "#include <openssl/evp.h>\n"}, {"reader/cli/a.cpp": "#include <windows.h>\n"}],
+        [{"reader/lib/a.cpp": '#include <vector>\n#include "b.h"\n#include "vrnx.h"\n', "reader/lib/b.h": "",
+          "reader/include/vrnx.h": "", "reader/lib/port_posix.cpp": "#include <openssl/evp.h>\n#include <unistd.h>\n",
+          "reader/nbdkit/a.cpp": "#include <sys/prctl.h>\n"}]),
     rules.no_system_switches_in_the_program: (
-        [{"src/disk/a.cpp": "int a;\n#ifdef _WIN32\n"}, {"src/disk/a.h": "#if defined(__linux__)\n"}],
+        [{"src/disk/a.cpp": "int a;\n#ifdef _WIN32\n"}, {"src/disk/a.h": "#if defined(__linux__)\n"},
+         {"reader/lib/a.cpp": "#ifdef _WIN32\n"}],
         [{"src/disk/a.cpp": "#ifdef NDEBUG\n", "platform/linux/a.cpp": "#ifdef __linux__\n"}]),
     rules.program_uses_no_words_of_one_compiler: (
         [{"src/disk/a.cpp": "int a __attribute__((aligned(4)));\n"}, {"src/disk/a.h": "int a = __builtin_clz(b);\n"},
@@ -95,7 +104,7 @@ PROOFS = {
     rules.files_begin_with_a_comment: (
         [{"src/a.cpp": "#include <vector>\n"}, {"a.py": "import os\n"}, {"a.cmake": "set(a b)\n"},
          {"check": "#!/bin/sh\nls\n"}, {"src/CMakeLists.txt": "project(a)\n"}],
-        [{"src/a.cpp": "// What it is.\n", "a.py": '#!/usr/bin/env python3\n"""What it is."""\n',
+        [{"src/a.cpp": "// What it is.\n", "reader/include/a.h": "/* What it is. */\n", "a.py": '#!/usr/bin/env python3\n"""What it is."""\n',
           "b.py": '"""What it is."""\n', "check": "#!/bin/sh\n# What it is.\n", "README.md": "Text\n"}]),
     rules.functions_fit_a_reader: (
         [{"src/cli/a.cpp": LONG_FUNCTION}, {"src/cli/a.cpp": "namespace vornix {\n\n" + LONG_FUNCTION + "\n}\n"},
