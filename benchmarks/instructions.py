@@ -4,11 +4,12 @@
     sudo python3 benchmarks/instructions.py [--gib N] [--work FOLDER]
 
 Runs `vornix capture` of a disk of N GiB (1 unless said otherwise) under callgrind, which counts instructions and not
-seconds, so that nothing else on the machine shows. Hashing and sealing are what is executed in libcrypto, copying is what
-is executed in the C library's memory functions; the kernel's instructions are not counted by callgrind at all. callgrind
-knows fewer of a processor's instructions than the processor: the hash runs on the vector form instead of the one made
-for it, which takes more of them. The share is therefore given twice, of what was counted and of what the hash would
-have been at 2 instructions a byte. Takes some minutes. Needs root, a loop device and the build of the preset `linux`.
+seconds, so that nothing else on the machine shows. Hashing and sealing are what is executed in libcrypto, copying is
+what is executed in the C library's memory functions; the kernel's instructions are not counted by callgrind at all.
+callgrind knows fewer of a processor's instructions than the processor: the hash runs on the vector form instead of the
+one made for it, which takes more of them. The share is therefore given twice, of what was counted and of what the hash
+would have been at 2 instructions a byte. Takes some minutes. Needs root, a loop device and the build of the preset
+`linux`.
 """
 
 import argparse

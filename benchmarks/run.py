@@ -17,12 +17,12 @@ benchmarks/results.md.
 
 What is cached and what is synced: "cold" jobs start with the page cache dropped; "warm" ones are preceded by one
 reading of the file; wherever something is written, the time goes on until it is on the disk (the writers sync it
-themselves, or a sync follows inside the measured time), but for consolidations, which neither side syncs. Peak memory is
-the largest resident set among a contender's processes.
+themselves, or a sync follows inside the measured time), but for consolidations, which neither side syncs. Peak memory
+is the largest resident set among a contender's processes.
 
-A virtual machine that reports its free memory to the host loses it there, and pays for it once more with whoever uses it
-next: up to 2.5 s a GiB were seen, in anything that goes through the page cache. Switch that off before measuring (the
-parameters of the module page_reporting), and use all memory once.
+A virtual machine that reports its free memory to the host loses it there, and pays for it once more with whoever uses
+it next: up to 2.5 s a GiB were seen, in anything that goes through the page cache. Switch that off before measuring
+(the parameters of the module page_reporting), and use all memory once.
 """
 
 import argparse
@@ -50,8 +50,9 @@ SHORT_JOB_SECONDS = 4
 RESULTS = os.path.join(HERE, "results.md")
 RESULTS_HEAD = """# Results
 
-Medians of interleaved rounds, with ratios as medians of the ratios of each round. What a bed is, what is cached and what
-is synced stands at the head of `benchmarks/run.py`, which writes this page; every time includes the way to the disk.
+Medians of interleaved rounds, with ratios as medians of the ratios of each round. What a bed is, what is cached and
+what is synced stands at the head of `benchmarks/run.py`, which writes this page; every time includes the way to the
+disk.
 """
 PACKAGES = ["time", "e2fsprogs", "openssl", "qemu-utils", "ewf-tools", "dc3dd", "partclone", "borgbackup", "restic"]
 VORNIX = os.path.join(ROOT, "build", "linux", "vornix")
@@ -104,7 +105,8 @@ class Contender:
             seconds = time.monotonic() - start
             user, system, peak = account.read().split()
         if child.returncode != 0:
-            raise RuntimeError(f"{self.name}: status {child.returncode}: {child.stderr.decode(errors='replace')[-500:]}")
+            said = child.stderr.decode(errors="replace")[-500:]
+            raise RuntimeError(f"{self.name}: status {child.returncode}: {said}")
         self.seconds.append(seconds)
         self.user.append(float(user))
         self.system.append(float(system))
@@ -293,7 +295,8 @@ def base_jobs(bed):
                                  "--password-file", bed.password], (warm_sealed,)),
         ]),
         Job("clone", [
-            Contender("vornix", [VORNIX, "clone", "--from", str(number), "--to", str(goal), "--confirm", "YES"], (cold,)),
+            Contender("vornix", [VORNIX, "clone", "--from", str(number), "--to", str(goal), "--confirm", "YES"],
+                      (cold,)),
             Contender("floor", [FLOOR, "clone", loop, target], (cold,)),
             Contender("dd, direct", f"dd if={loop} of={target} bs=4M iflag=direct oflag=direct", (cold,)),
         ], {"floor": 1.05, "dd, direct": 1.03}),
@@ -350,7 +353,8 @@ def fold_job(bed, links):
 
 
 def keep_first_backups(bed, environment):
-    """A first backup of the disk by each of the backup programs that are here, kept in folders first-NAME: the NAMEs."""
+    """A first backup of the disk by each of the backup programs that are here, kept in folders first-NAME: the
+    NAMEs."""
     borg, restic = ["borg"], ["restic", "-r", bed.path("restic")]
     kept = []
     for names, commands in ((("borg", "borg-home"),

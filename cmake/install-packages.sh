@@ -1,5 +1,6 @@
 #!/bin/sh
-# Installs those of the named Debian packages that are not yet there; says so, and is silent where there is nothing to do.
+# Installs those of the named Debian packages that are not yet there; says so, and is silent where there is nothing to
+# do.
 #
 #   install-packages.sh PACKAGE...
 #

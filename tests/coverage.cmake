@@ -2,9 +2,10 @@
 # `cmake -DCMAKE_PROJECT_INCLUDE=`, behind the project's name and before its targets.
 
 file(GLOB counted CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/src/*/*.cpp")
-# Line by line as written, -O0. Without the ways that only an exception takes: the program catches nothing, so the code of
-# these ways never runs, and gcov would list a branch or two for nearly every call.
-set_source_files_properties(${counted} PROPERTIES COMPILE_OPTIONS "-O0;--coverage;-fprofile-update=atomic;-fno-exceptions")
+# Line by line as written, -O0. Without the ways that only an exception takes: the program catches nothing, so the code
+# of these ways never runs, and gcov would list a branch or two for nearly every call.
+set_source_files_properties(${counted} PROPERTIES
+  COMPILE_OPTIONS "-O0;--coverage;-fprofile-update=atomic;-fno-exceptions")
 # The one that throws: a number option that is no number.
 set_source_files_properties("${CMAKE_CURRENT_SOURCE_DIR}/src/cli/options.cpp" PROPERTIES
   COMPILE_OPTIONS "-O0;--coverage;-fprofile-update=atomic")

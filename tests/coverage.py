@@ -6,9 +6,10 @@
     tests/coverage.py --update      as without arguments, and rewrites the tables in docs/reliability.md
 
 Needs g++ and its gcov. Only src/ is counted (coverage.cmake), function by function in the one object file that all test
-executables are linked from. A branch is a direction that a condition can take; it counts when it was taken. Ways that only
-an exception takes are left out: the program catches nothing, and an allocation that fails ends the process
-(tests/faults/test_allocation_failures.py). A run that dies, by a signal or by an injected kill, leaves no counts behind.
+executables are linked from. A branch is a direction that a condition can take; it counts when it was taken. Ways that
+only an exception takes are left out: the program catches nothing, and an allocation that fails ends the process
+(tests/faults/test_allocation_failures.py). A run that dies, by a signal or by an injected kill, leaves no counts
+behind.
 
 Everything that was not reached needs its reason below, and every reason its place: otherwise the exit status is 1.
 """
@@ -28,15 +29,17 @@ SUITES = "^(vornix-.*tests|scenarios/.*|faults/hostile_files|faults/no_write.*|f
 # These look at the optimised code or at other builds, or go at length where the others have been.
 LEFT_OUT = "secret_wiping|interop|generations|folding|chain_bit_changes"
 
-# File, line as it stands there (the second of two equal ones with a "(2)" behind it), and why no test reaches it, or one
-# direction of its condition.
+# File, line as it stands there (the second of two equal ones with a "(2)" behind it), and why no test reaches it, or
+# one direction of its condition.
 REASONS = {
     ("src/commands/capture.cpp", "if (sectorSize == 0) {"):
-        "Neither Linux nor a description has a disk with sectors of 0 bytes; only a driver of Windows could report one.",
+        "Neither Linux nor a description has a disk with sectors of 0 bytes; only a driver of Windows could report "
+        "one.",
     ("src/commands/capture.cpp", 'Fatal("source disk reports a sector size of 0", 0);'): "As above.",
     ("src/commands/incremental_capture.cpp",
      "if (base.ChunkSize != source.chunkSize || base.ChunkCount != source.chunkCount) {"):
-        "An image opens only with the chunk count that follows from its disk and chunk size, which are equal here: the count "
+        "An image opens only with the chunk count that follows from its disk and chunk size, which are equal here: the "
+        "count "
         "alone cannot differ.",
     ("src/crypto/password_file.cpp", 'if (fopen_s(&stream, path.c_str(), "rb") != 0 || stream == nullptr) {'):
         "An open that succeeds gives a stream.",
@@ -79,8 +82,8 @@ def counters(suffix):
 
 
 def branches_to_count(branches):
-    """The counts of the directions that a line's conditions can take. Of a call that may throw gcov lists both ways, the
-    ordinary one first; neither is one that a condition takes."""
+    """The counts of the directions that a line's conditions can take. Of a call that may throw gcov lists both ways,
+    the ordinary one first; neither is one that a condition takes."""
     kept = []
     for branch in branches:
         if branch["throw"]:

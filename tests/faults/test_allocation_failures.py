@@ -1,17 +1,15 @@
 """Every allocation of verify and consolidate failing in turn, once and from then on.
 
-Running out of memory for a container is an exception that nobody catches: the process ends abnormally, without a word of
-its own. Inside a call of the platform it is that call's failure, with the status or the error that Windows has for it,
-and the program reports it like any other. A run never ends as a success for that, and what it leaves is no image to any
-reader. Natively, through tests/faults/many_runs.cpp.
+Running out of memory for a container is an exception that nobody catches: the process ends abnormally, without a word
+of its own. Inside a call of the platform it is that call's failure, with the status or the error that Windows has for
+it, and the program reports it like any other. A run never ends as a success for that, and what it leaves is no image to
+any reader. Natively, through tests/faults/many_runs.cpp.
 """
 
 import os
 import signal
-import sys
 from collections import Counter
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from image import build_image, is_accepted, reference_plain_bytes
 from machine import pattern

@@ -1,10 +1,10 @@
 """Every single bit of small images inverted: verify notices it, or the format says that the bit carries nothing.
 
 The images hold all that the format has: plain and sealed chunks, thin references, a trailer, a base below. What the
-program still takes after a change the second reader takes for the very same disk, and it agrees on what is refused. What
-carried nothing is counted by field, and docs/image-format.md shows exactly these counts:
+program still takes after a change the second reader takes for the very same disk, and it agrees on what is refused.
+What carried nothing is counted by field, and docs/image-format.md shows exactly these counts:
 
-    python3 tests/faults/test_every_bit.py --update      rewrites the table there
+    tests/run tests/faults/test_every_bit.py --update      rewrites the table there
 """
 
 import os
@@ -12,7 +12,6 @@ import re
 import sys
 from collections import Counter
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from image import ImageError, build_image, reference_plain_bytes
 from machine import CHECKOUT, SETTINGS, pattern
@@ -122,7 +121,8 @@ def row_of(case, folder, complain):
             at, mask = bit // 8, 1 << bit % 8
             with changed.change(at, bytes([changed.content[at] ^ mask])):
                 result = runs.run(*arguments)
-                # Of what the program refuses, one bit a byte goes through the second reader too, which is the slower one.
+                # Of what the program refuses, one bit a byte goes through the second reader too, which is the slower
+                # one.
                 asked = result.status == 0 or bit % 8 == at % 8
                 taken = reader_takes(folder, case.verified, disk) if asked else False
             field = field_at(at, case.references, data_end)

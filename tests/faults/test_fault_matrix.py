@@ -1,8 +1,8 @@
-"""The cells of the fault and kill matrices that have no account of their own: sealed captures over a base, sealed chains,
-runs of more than 32 chunks, and the death of every mode that the other sweeps do not kill.
+"""The cells of the fault and kill matrices that have no account of their own: sealed captures over a base, sealed
+chains, runs of more than 32 chunks, and the death of every mode that the other sweeps do not kill.
 
-The suites beside this one foretell every byte of a run under a fault. Here one table says of each call which message its
-failure brings; where the call's result is left unexamined, no more is said than what has to hold after any failure:
+The suites beside this one foretell every byte of a run under a fault. Here one table says of each call which message
+its failure brings; where the call's result is left unexamined, no more is said than what has to hold after any failure:
 
 - the status is 0 or 1, and with 1 there is a report; standard output is that of the healthy run up to there;
 - after 1 there is no image of the final name; after 0 the image is the right one, or does not verify;
@@ -12,9 +12,7 @@ failure brings; where the call's result is left unexamined, no more is said than
 """
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 import sweep
 from console import exclusive_failure, fatal, fatal_status
@@ -39,7 +37,8 @@ CRYPTO = {"BCryptCreateHash": "BCryptCreateHash", "BCryptGenRandom": "BCryptGenR
 # What a failure of these changes is nothing that anybody sees.
 WITHOUT_EFFECT = {"GetTickCount64", "BCryptGetProperty", "BCryptDestroyHash", "BCryptDestroyKey",
                   "BCryptCloseAlgorithmProvider"}
-CONTROL = {LENGTH_INFO: "IOCTL_DISK_GET_LENGTH_INFO failed", DRIVE_GEOMETRY_EX: "IOCTL_DISK_GET_DRIVE_GEOMETRY_EX failed",
+CONTROL = {LENGTH_INFO: "IOCTL_DISK_GET_LENGTH_INFO failed",
+           DRIVE_GEOMETRY_EX: "IOCTL_DISK_GET_DRIVE_GEOMETRY_EX failed",
            VOLUME_DISK_EXTENTS: "IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS on C: failed"}
 READS = {"header": "could not read image header - file is truncated or not a .vrnx image",
          "table": "could not read chunk table - image is truncated",
@@ -54,7 +53,8 @@ NEXT_CHUNK = {"verify": "could not read chunk data - image is truncated",
 # --- The cells ------------------------------------------------------------------------------------------------------
 
 class Cell:
-    """One command in one mode. `prepare(machine)` makes its files; `disk` is what its image or its target has to hold."""
+    """One command in one mode. `prepare(machine)` makes its files; `disk` is what its image or its target has to
+    hold."""
 
     def __init__(self, arguments, prepare, disk, *, source=None, target=None, tracker=False, volumes=False):
         self.arguments, self.prepare, self.disk = arguments.split(), prepare, disk
@@ -407,8 +407,8 @@ class KillMatrix(suite.Scenario):
             self.assertGreaterEqual(count, limit or 16)
 
 
-# Where a key is derived a run takes a tenth of a second, and 34 chunks make two thousand runs of a command, most of them
-# alike: these are sampled unless time is given.
+# Where a key is derived a run takes a tenth of a second, and 34 chunks make two thousand runs of a command, most of
+# them alike: these are sampled unless time is given.
 SEALED_SAMPLES = {"sweep": 24, "kill": 8}  # a kill takes three runs
 MANY_SAMPLE = 90
 

@@ -7,9 +7,7 @@ with which words, or left unexamined with which consequence for the file or the 
 
 import hashlib
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (NO_TRACKER, RESTORE_COMPLETE, exclusive_failure, fatal, fatal_status, meter, restore_text,
                      restoring_line, source_line, verify_failed, verify_text, verifying_line)

@@ -1,16 +1,14 @@
-"""Each call of a clone failing in turn, and the process killed at each: what is said, and how far the target was written.
+"""Each call of a clone failing in turn, and the process killed at each: what is said, and how far the target was
+written.
 
-A clone looks at every result but those of closing a handle and of having the partition table read again. So each fault has
-one outcome, which depends on where in the run it strikes, and a number of bytes that were written to the target by then.
+A clone looks at every result but those of closing a handle and of having the partition table read again. So each fault
+has one outcome, which depends on where in the run it strikes, and a number of bytes that were written to the target by
+then.
 """
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
-from clone_runs import (BLOCK, READ_FAILED, SYSTEM_SOURCE_NOTE, VERIFY_SOURCE_FAILED, VERIFY_TARGET_FAILED, WRITE_FAILED,
-                        blocks_of, clone_text, cloning_line, copy_text, pattern, sector_note, verify_text)
+from clone_runs import (BLOCK, READ_FAILED, SYSTEM_SOURCE_NOTE, VERIFY_SOURCE_FAILED, VERIFY_TARGET_FAILED,
+                        WRITE_FAILED, blocks_of, clone_text, cloning_line, copy_text, pattern, sector_note, verify_text)
 from console import exclusive_failure, fatal
 from machine import Machine
 from sweep import SAMPLE, Expected, sweep_faults, sweep_kills
@@ -25,7 +23,8 @@ class Setting:
 
     def __init__(self, *, size=BLOCK + 1536, verify=False, target_size=None, sectors=(512, 512), system_source=False,
                  changed=None):
-        self.size, self.verify, self.sectors, self.system_source, self.changed = size, verify, sectors, system_source, changed
+        self.size, self.verify, self.sectors = size, verify, sectors
+        self.system_source, self.changed = system_source, changed
         self.target_size = size if target_size is None else target_size
         self.blocks = blocks_of(size)
         self.sector_note = "" if sectors[0] == sectors[1] else sector_note(*sectors)
@@ -83,7 +82,8 @@ class Setting:
 
     def compared(self, block, stderr):
         """Ended in the verify pass, at this block."""
-        return Expected(1, copy_text(1, 2, self.size, self.notes) + verify_text(self.size, self.silent, upto=block), stderr,
+        return Expected(1, copy_text(1, 2, self.size, self.notes) + verify_text(self.size, self.silent, upto=block),
+                        stderr,
                         self.written(self.size))
 
     def at_CreateFileW(self, occurrence, fault):
@@ -165,7 +165,8 @@ class Sweeps(suite.Scenario):
 
 
 class Kills(suite.Scenario):
-    """After each kill the sweep itself holds the target against the logged writes; the run after it copies everything."""
+    """After each kill the sweep itself holds the target against the logged writes; the run after it copies
+    everything."""
 
     recorded = False
 

@@ -1,18 +1,16 @@
 """Each call of a consolidation failing in turn, and the process killed at each: what is said, and which file is left.
 
 The course of a run is written down once, by hand and step by step: what stands on the console, what lies in the output,
-and what comes of a failure of each call. A call that is not in the account has no failure that anybody looks at; the sweep
-holds the account against the log of the healthy run, so that none is forgotten.
+and what comes of a failure of each call. A call that is not in the account has no failure that anybody looks at; the
+sweep holds the account against the log of the healthy run, so that none is forgotten.
 """
 
 import os
-import sys
 import tempfile
 from collections import Counter, defaultdict
 from dataclasses import dataclass
 from typing import Callable, Optional
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from consolidate_runs import (ALREADY_THERE, BAD_HASH, BAD_TAG, NO_OUTPUT, NO_PATHS, UNREADABLE, WRITE_FAILED,
                               consolidate_text, consolidated_line, plain_full_image)
@@ -82,7 +80,8 @@ class Account:
         images = {"password": PASSWORD}
         with tempfile.TemporaryDirectory(prefix="vornix-chain-") as folder:
             for link, name in enumerate(self.names):
-                builder = build_image(os.path.join(folder, name), self.disks[link], chunk_size=CHUNK, epoch=77, seed=name,
+                builder = build_image(os.path.join(folder, name), self.disks[link], chunk_size=CHUNK, epoch=77,
+                                      seed=name,
                                       password=PASSWORD if self.sealed[link] else None,
                                       base=os.path.join(folder, self.names[link - 1]) if link else None)
                 images[name] = builder.to_bytes()
@@ -96,7 +95,8 @@ class Account:
 
     # --- The account ---
 
-    def step(self, kind, message=None, *, status=False, stderr=None, content=None, shown_at=None, stdout=None, bad_chunk=None,
+    def step(self, kind, message=None, *, status=False, stderr=None, content=None, shown_at=None, stdout=None,
+             bad_chunk=None,
              unsealed=True):
         """`message` is that of a fatal end; `stderr` is given where there is more to it."""
         self.position += 1
@@ -186,7 +186,7 @@ class Account:
         self.closing()
         self.verification()
 
-    # --- What the output holds, as a plain one has it; of a sealed one only its length and its zeros can be foretold ---
+    # --- What the output holds, as a plain one has it; of a sealed one only its length and its zeros can be foretold --
 
     @property
     def start(self):
@@ -244,7 +244,8 @@ class Account:
 
         self.step("WriteFile", shown_at=2000, content=lost_header, stderr=lambda fault: fatal(
             "image has invalid encryption/KDF parameters" if "transferred" in fault.effect else no_magic))
-        self.step("WriteFile", shown_at=2001, stderr=lambda fault: fatal("image chunk table has an invalid offset or length"),
+        self.step("WriteFile", shown_at=2001,
+                  stderr=lambda fault: fatal("image chunk table has an invalid offset or length"),
                   content=lambda fault: self.start_written(64, fault.effect.get("transferred", 0)))
         self.content = self.start_written(64, table)
         # A handle that was not closed keeps others from the file.
@@ -316,7 +317,8 @@ class Account:
         actual, path = machine.read(OUT), machine.path(OUT)
         complete = content == self.content
         if is_accepted(path) != complete:
-            raise AssertionError("an unfinished file passes for an image" if not complete else "a good image does not open")
+            raise AssertionError("an unfinished file passes for an image" if not complete
+                                 else "a good image does not open")
         if len(actual) != len(content):
             raise AssertionError(f"an output of {len(actual)} bytes where {len(content)} were expected")
         if not self.encrypt:

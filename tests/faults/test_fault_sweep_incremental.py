@@ -7,10 +7,7 @@ so that every sweep goes over the opening of a chain.
 """
 
 import hashlib
-import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (NO_TRACKER, RESTORE_COMPLETE, exclusive_failure, fatal, fatal_status, meter, restoring_line,
                      source_line, verify_failed, verifying_line)

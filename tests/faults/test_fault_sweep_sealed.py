@@ -1,21 +1,19 @@
-"""The sweeps over runs with sealed images: capture --encrypt, and verify and restore of a sealed image, with each call of
-the platform failing in turn; and capture --encrypt with the process ended at each.
+"""The sweeps over runs with sealed images: capture --encrypt, and verify and restore of a sealed image, with each call
+of the platform failing in turn; and capture --encrypt with the process ended at each.
 
-The models below go through a run as the program promises it, call by call, with the fault striking where it is due. They
-read no log: the names of the calls that they come to are held against the log of the run.
+The models below go through a run as the program promises it, call by call, with the fault striking where it is due.
+They read no log: the names of the calls that they come to are held against the log of the run.
 """
 
 import hashlib
 import json
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import image
 import suite
-from console import (NO_TRACKER, RESTORE_COMPLETE, capture_text, exclusive_failure, fatal, fatal_status, meter, restore_text,
-                     restoring_line, source_line, verify_failed, verify_text, verifying_line)
-from image import ImageBuilder, build_image, derive_key, is_accepted, read_table, reference_plain_bytes
+from console import (NO_TRACKER, RESTORE_COMPLETE, capture_text, exclusive_failure, fatal, fatal_status, meter,
+                     restore_text, restoring_line, source_line, verify_failed, verify_text, verifying_line)
+from image import ImageBuilder, derive_key, is_accepted, read_table, reference_plain_bytes
 from machine import Machine, pattern
 from sealing import PASSWORD, restore_unauthentic, verify_mismatch, verify_unauthentic
 from sweep import Expected, sweep_faults, sweep_kills
@@ -136,7 +134,7 @@ class Model:
         return Expected(self.status, self.stdout, self.stderr, check_all)
 
 
-# --- capture --encrypt ----------------------------------------------------------------------------------------------------
+# --- capture --encrypt ------------------------------------------------------------------------------------------------
 
 class Capture(Model):
     def perform(self):
@@ -165,7 +163,8 @@ class Capture(Model):
         offset = 0
         for index, length in enumerate(LENGTHS):
             self.fallible("SetFilePointerEx", "SetFilePointerEx on source failed mid-capture")
-            self.fallible("ReadFile", "ReadFile from source disk failed mid-capture - image is incomplete, do not trust it")
+            self.fallible("ReadFile", "ReadFile from source disk failed mid-capture - image is incomplete, "
+                          "do not trust it")
             self.hashes[index] = self.hash(SOURCE_BYTES[offset:offset + length]) or bytes(32)
             self.random()
             self.primitive("BCryptEncrypt", "BCryptEncrypt")
@@ -238,7 +237,7 @@ def make_source(folder):
     return machine
 
 
-# --- verify and restore ---------------------------------------------------------------------------------------------------
+# --- verify and restore -----------------------------------------------------------------------------------------------
 
 SEALED = ImageBuilder(IMAGE_BYTES, password=PASSWORD).to_bytes()
 
@@ -320,7 +319,8 @@ class Restore(Reader):
             self.strikes("SetFilePointerEx")  # not looked at: the last write ended at the same place
             if self.strikes("WriteFile"):
                 self.written += self.fault.effect.get("transferred", 0)
-                message = "WriteFile to target disk failed mid-restore - target disk left partially written, do not boot it yet"
+                message = ("WriteFile to target disk failed mid-restore - target disk left partially written, "
+                           "do not boot it yet")
                 self.die(fatal(message) if self.fault.error is None else fatal(message, self.fault.error))
             self.written += length
             if index in (0, 2):
@@ -333,7 +333,7 @@ class Restore(Reader):
         self.release_key()
 
 
-# --- The sweeps -----------------------------------------------------------------------------------------------------------
+# --- The sweeps -------------------------------------------------------------------------------------------------------
 
 class FaultSweep(suite.Scenario):
     recorded = False  # a sample under Wine
@@ -416,7 +416,8 @@ class KillSweep(suite.Scenario):
                     raise AssertionError(f"the second reader {'refuses' if finished else 'takes'} {name}")
                 if finished and reference_plain_bytes(machine.path(name), PASSWORD) != SOURCE_BYTES:
                     raise AssertionError(f"{name} stands for another disk")
-                # Header and table come last: before both chunks lie in the file its start is zero, whatever was written.
+                # Header and table come last: before both chunks lie in the file its start is zero, whatever was
+                # written.
                 written = [line["offset"] for line in result.calls("WriteFile")]
                 chunks = sum(offset >= TABLE_END for offset in written)
                 at_header = 0 in written or call.kind == "WriteFile" and call.line["offset"] == 0

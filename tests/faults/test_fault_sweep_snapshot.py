@@ -8,9 +8,7 @@ disk and the tracker's state are held against the account of the same run in tes
 import hashlib
 import os
 import random
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from capture_account import CHUNK, Account
 from console import verify_text

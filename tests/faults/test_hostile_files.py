@@ -1,18 +1,17 @@
-"""A hostile place for images, with real files: no room, no right to write, files that change under the run, a second run.
+"""A hostile place for images, with real files: no room, no right to write, files that change under the run, a second
+run.
 
-What has no room gets a file system of its own that is as small as the case wants it. A run is held at a known place by a
-password file that is a pipe: the program waits at it with the image open and its table read, and goes on when the test
-has done its damage. Natively, and where file systems can be mounted.
+What has no room gets a file system of its own that is as small as the case wants it. A run is held at a known place by
+a password file that is a pipe: the program waits at it with the image open and its table read, and goes on when the
+test has done its damage. Natively, and where file systems can be mounted.
 """
 
 import json
 import os
 import signal
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import fatal
 from image import ImageBuilder, build_image, check_image, is_accepted, reference_plain_bytes
@@ -232,7 +231,7 @@ class TwoAtOnce(Hostile):
         self.assertEqual((first.returncode, stderr), (0, b""))
         self.assertEqual(reference_plain_bytes(machine.path("new.vrnx")), bytes(64 * 1048576))
 
-    def test_of_two_captures_that_begin_at_the_same_moment_one_gives_its_image_and_the_other_touches_nothing_of_it(self):
+    def test_of_two_captures_that_begin_at_once_one_gives_its_image_and_the_other_touches_nothing_of_it(self):
         disks = {1: pattern(16 * 1048576, "first"), 2: pattern(16 * 1048576, "second")}
         machine = self.machine(source=disks[1], target=disks[2])
         machine.description.pop("calls")

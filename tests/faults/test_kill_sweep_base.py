@@ -1,9 +1,5 @@
 """The kill sweep over capture, verify and restore: the process ends at each of its calls in turn."""
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import capture_text, restore_text, verify_text
 from image import ImageBuilder, build_image, is_accepted, reference_plain_bytes

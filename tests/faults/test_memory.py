@@ -1,15 +1,13 @@
 """One successful run of each command with every byte of memory accounted for.
 
-In the sanitized build the leak sanitizer looks at what is left at the end of the run, as it does in every scenario. In the
-plain build valgrind looks at every read of memory that was never written as well, where it is installed.
+In the sanitized build the leak sanitizer looks at what is left at the end of the run, as it does in every scenario. In
+the plain build valgrind looks at every read of memory that was never written as well, where it is installed.
 """
 
 import copy
 import os
 import shutil
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from image import build_image
 from incremental import marked
@@ -18,7 +16,8 @@ from snapshot import volume_name
 
 SANITIZED = os.path.basename(SETTINGS.build) == "sanitize"
 os.environ["ASAN_OPTIONS"] = "detect_leaks=1:" + os.environ.get("ASAN_OPTIONS", "")
-VALGRIND = ["valgrind", "--quiet", "--error-exitcode=86", "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"]
+VALGRIND = ["valgrind", "--quiet", "--error-exitcode=86", "--leak-check=full",
+            "--errors-for-leak-kinds=definite,indirect"]
 SIZE = 3 * 4096 + 512
 SOURCE = pattern(1048576, "source")
 MIB4 = 0x400000
@@ -68,7 +67,8 @@ class Memory(suite.Scenario):
         machine.shadow_service([("Registry Writer", 1, 0)])
         machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": EPOCH, "current_epoch": EPOCH + 1,
                           "bitmap": marked(len(SOURCE), 16)}])
-        self.expect_clean(machine, "capture", "--disk", "1", "--out", "new.vrnx", "--vss", "--base", "base.vrnx", "--thin")
+        self.expect_clean(machine, "capture", "--disk", "1", "--out", "new.vrnx", "--vss", "--base", "base.vrnx",
+                          "--thin")
 
     def test_verify_of_a_sealed_image_over_a_plain_one(self):
         self.expect_clean(self.chain(PASSWORD), "verify", "--in", "a.vrnx", *KEY)
@@ -77,7 +77,8 @@ class Memory(suite.Scenario):
         self.expect_clean(self.chain(), "restore", "--in", "a.vrnx", "--disk", "2", "--confirm", "YES")
 
     def test_clone(self):
-        self.expect_clean(self.watched(source=SOURCE), "clone", "--from", "1", "--to", "2", "--confirm", "YES", "--verify")
+        self.expect_clean(self.watched(source=SOURCE), "clone", "--from", "1", "--to", "2", "--confirm", "YES",
+                          "--verify")
 
     def test_consolidate(self):
         self.expect_clean(self.chain(), "consolidate", "--in", "a.vrnx", "--out", "new.vrnx")

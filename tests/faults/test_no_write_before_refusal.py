@@ -1,14 +1,12 @@
 """Every reason for which restore and clone refuse, in one table: status 1 with its report, and not one byte written.
 
 "Not one byte" is said by the log, in which no call writes to a disk or tells one to read its partition table again, and
-by the disks, which hold what they held. The reports themselves are held word for word by the suites of the two commands;
-here a part of each shows that it was this reason and no other.
+by the disks, which hold what they held. The reports themselves are held word for word by the suites of the two
+commands; here a part of each shows that it was this reason and no other.
 """
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from image import ImageBuilder, build_image
 from machine import UPDATE_PROPERTIES, pattern

@@ -1,16 +1,13 @@
 """What a power cut can leave of an image: the last writes in any combination, and sectors of them missing.
 
 The writes of a run are taken from its log. From the finished file all files are made in which a subset of them never
-reached the medium: their bytes are zero, or the file ends before them. Then single sectors and drawn sets of sectors are
-zeroed, and the file is cut at every sector and at every byte of its end. `verify` calls none of these good, and the second
-reader none either, but the file that is whole. Natively, through tests/faults/many_runs.cpp.
+reached the medium: their bytes are zero, or the file ends before them. Then single sectors and drawn sets of sectors
+are zeroed, and the file is cut at every sector and at every byte of its end. `verify` calls none of these good, and the
+second reader none either, but the file that is whole. Natively, through tests/faults/many_runs.cpp.
 """
 
-import os
 import random
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from image import ImageError, build_image, reference_plain_bytes
 from machine import pattern

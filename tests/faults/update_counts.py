@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Runs every sweep of the native build and rewrites the table of their numbers in docs/reliability.md.
 
-    python3 tests/faults/update_counts.py                            all of them
-    python3 tests/faults/update_counts.py test_fault_matrix.py ...   some suites; the rows of the others stay
+    tests/run tests/faults/update_counts.py                            all of them
+    tests/run tests/faults/update_counts.py test_fault_matrix.py ...   some suites; the rows of the others stay
 """
 
 import glob
@@ -12,9 +12,9 @@ import subprocess
 import sys
 import tempfile
 
+import counts
+
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "lib"))
-import counts  # noqa: E402
 
 
 def main():

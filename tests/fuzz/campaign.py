@@ -63,7 +63,8 @@ def account(record, target, errors, cpu):
 
 
 def table(record):
-    lines = ["| Target | CPU time | Inputs | Edges reached, of those in the program | Features |", "|---|---:|---:|---:|---:|"]
+    lines = ["| Target | CPU time | Inputs | Edges reached, of those in the program | Features |",
+             "|---|---:|---:|---:|---:|"]
     for target, entry in sorted(record.items()):
         lines.append(f"| {target} | {entry['cpu_seconds'] / 3600:.1f} h | {entry['inputs']:,} "
                      f"| {entry['edges']:,} of {entry['all_edges']:,} | {entry['features']:,} |")

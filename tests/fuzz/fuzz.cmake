@@ -1,14 +1,15 @@
-# The fuzz targets: the program on the world of tests/fuzz/fuzz_world.h, under libFuzzer and the sanitizers. Each target's
-# committed inputs are in tests/fuzz/seeds/<target>; new ones are collected in the build folder.
+# The fuzz targets: the program on the world of tests/fuzz/fuzz_world.h, under libFuzzer and the sanitizers. Each
+# target's committed inputs are in tests/fuzz/seeds/<target>; new ones are collected in the build folder.
 #
-# As a test a target runs its seeds and then a fixed number of further inputs. `./check --long` runs them for longer, and
-# a run by hand is  build/fuzz/tests/fuzz_image -max_total_time=3600 <folder for new inputs> tests/fuzz/seeds/image
+# As a test a target runs its seeds and then a fixed number of further inputs. `./check --long` runs them for longer,
+# and a run by hand is  build/fuzz/tests/fuzz_image -max_total_time=3600 <folder for new inputs> tests/fuzz/seeds/image
 
 set(VORNIX_FUZZ_RUNS 20000 CACHE STRING "Further inputs that a fuzz target tries as a test")
 
 target_compile_options(vornix_program PRIVATE -fsanitize=fuzzer-no-link)
 
-# No target is on the described machine; its sources are in the build for the linter, which finds the compiler's warnings.
+# No target is on the described machine; its sources are in the build for the linter, which finds the compiler's
+# warnings.
 set_target_properties(vornix_bench_objects vornix-bench PROPERTIES EXCLUDE_FROM_ALL ON)
 
 add_library(fuzz_world OBJECT ${CMAKE_CURRENT_LIST_DIR}/fuzz_world.cpp)
@@ -24,7 +25,8 @@ foreach(name image trailer options password tracker volumes)
     $<FILTER:$<TARGET_OBJECTS:vornix_program>,EXCLUDE,cli/fatal>)
   target_compile_options(fuzz_${name} PRIVATE -fsanitize=fuzzer-no-link)
   target_include_directories(fuzz_${name} PRIVATE "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/platform")
-  target_link_libraries(fuzz_${name} PRIVATE vornix_platform vornix_sdk vornix_warnings vornix_hardening OpenSSL::Crypto)
+  target_link_libraries(fuzz_${name} PRIVATE
+    vornix_platform vornix_sdk vornix_warnings vornix_hardening OpenSSL::Crypto)
   target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   set(runs ${VORNIX_FUZZ_RUNS})
   if(name STREQUAL "password")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes the committed inputs of the fuzz targets anew: python3 tests/fuzz/make_seeds.py
+"""Makes the committed inputs of the fuzz targets anew: tests/run tests/fuzz/make_seeds.py
 
 Each is one valid case or one cause of a refusal, and is named for it.
 """
@@ -10,10 +10,9 @@ import struct
 import sys
 import tempfile
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(os.path.dirname(HERE), "lib"))
+import image
 
-import image  # noqa: E402
+HERE = os.path.dirname(os.path.abspath(__file__))
 
 CHUNK = 512
 PLAIN = bytes(range(256)) * 2 + bytes(CHUNK) + b"end of the disk" * 20

@@ -3,8 +3,9 @@
 
     run_fuzz_target.py TARGET FOUND SEEDS RUNS
 
-New inputs of interest go to FOUND, never to SEEDS. With VORNIX_LONG set the target runs for five minutes instead. Prints
-how many inputs were tried and how much of the program they reached, and closes with the line that ./check adds up.
+New inputs of interest go to FOUND, never to SEEDS. With VORNIX_LONG set the target runs for five minutes instead.
+Prints how many inputs were tried and how much of the program they reached, and closes with the line that ./check adds
+up.
 """
 
 import os

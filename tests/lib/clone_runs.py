@@ -29,7 +29,8 @@ def blocks_of(length):
 
 
 def sector_note(source, target):
-    return f"NOTE: sector sizes differ ({source} -> {target}); a raw clone between different sector sizes may not boot.\n"
+    return (f"NOTE: sector sizes differ ({source} -> {target}); "
+            "a raw clone between different sector sizes may not boot.\n")
 
 
 def cloning_line(source, target, length):

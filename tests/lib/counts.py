@@ -44,7 +44,8 @@ def count(test, kind, calls, runs, possible):
         rows = section(file.read())
         # A suite that the page does not count at all has nothing there that could grow old.
         if row.partition(" | ")[0] in rows and row not in rows:
-            test.fail(f"docs/reliability.md does not have the row\n{row}tests/faults/update_counts.py rewrites its table")
+            test.fail(f"docs/reliability.md does not have the row\n{row}"
+                      "tests/faults/update_counts.py rewrites its table")
 
 
 def table(rows):
@@ -53,5 +54,6 @@ def table(rows):
     for row in rows:
         fields = [field.strip() for field in row.strip().strip("|").split("|")]
         runs[fields[1].partition(":")[0]] += int(fields[3])
-    return (f"{runs['faults']} runs with a failing call, and {runs['kills']} that died at one, {len(rows)} sweeps in all:\n\n"
+    return (f"{runs['faults']} runs with a failing call, and {runs['kills']} that died at one, "
+            f"{len(rows)} sweeps in all:\n\n"
             + HEADINGS + "".join(sorted(rows)))

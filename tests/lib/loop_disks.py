@@ -2,8 +2,8 @@
 
 Disks are addressed by number, and a number is a place in a list that changes whenever anybody attaches or detaches a
 device. A test that writes to a disk must not depend on who else does so meanwhile. So the program is run in a mount
-namespace of its own, where the list of block devices holds the devices of the test alone: they are disks 0, 1, ... in the
-order of their device numbers, and no other disk can be reached at all. Everything else is the kernel's.
+namespace of its own, where the list of block devices holds the devices of the test alone: they are disks 0, 1, ... in
+the order of their device numbers, and no other disk can be reached at all. Everything else is the kernel's.
 """
 
 import errno
@@ -45,12 +45,14 @@ class LoopDisks:
         os.mkdir(self.list)
 
     def attach(self, contents, sector_size=512, scan_partitions=False):
-        """A device over a file of these bytes; gives its path. Raises OSError where the kernel has none of that kind."""
+        """A device over a file of these bytes; gives its path. Raises OSError where the kernel has none of that
+        kind."""
         path = os.path.join(self.folder, f"device{len(self.devices)}.img")
         with open(path, "wb") as file:
             file.write(contents)
         command = ["losetup", "--find", "--show", "--sector-size", str(sector_size)]
-        done = subprocess.run(command + (["--partscan"] if scan_partitions else []) + [path], capture_output=True, text=True,
+        done = subprocess.run(command + (["--partscan"] if scan_partitions else []) + [path], capture_output=True,
+                              text=True,
                               check=False)
         if done.returncode != 0:
             raise OSError(f"no loop device with sectors of {sector_size} bytes: {done.stderr.strip()}")
@@ -85,7 +87,8 @@ class LoopDisks:
         return sorted(self.devices, key=lambda path: os.stat(path).st_rdev).index(device)
 
     def command(self, *arguments):
-        return ["unshare", "--mount", "--propagation", "private", "sh", "-c", _IN_NAMESPACE, self.list, SETTINGS.program,
+        return ["unshare", "--mount", "--propagation", "private", "sh", "-c", _IN_NAMESPACE, self.list,
+                SETTINGS.program,
                 *map(str, arguments)]
 
     def run(self, *arguments):

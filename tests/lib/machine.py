@@ -68,8 +68,8 @@ class Settings:
         whether memory that nothing points to any more at the end is a finding."""
         environment = dict(os.environ)
         environment.setdefault("WINEDEBUG", "-all")
-        # Their default exit status, 1, would pass for a refusal of the program. Freed memory is held back from use for a
-        # while so that a late use of it shows; to hold back all of a run's costs a third of a sealed one.
+        # Their default exit status, 1, would pass for a refusal of the program. Freed memory is held back from use for
+        # a while so that a late use of it shows; to hold back all of a run's costs a third of a sealed one.
         for name, extra in (("ASAN_OPTIONS", f"exitcode=86:detect_leaks={int(leaks)}:quarantine_size_mb=16"),
                             ("UBSAN_OPTIONS", "exitcode=86:halt_on_error=1")):
             options = environment.get(name, "")
@@ -81,8 +81,8 @@ SETTINGS = Settings()
 
 
 def wait_for(process, timeout):
-    """The status of a process that ends within `timeout` seconds. As `Popen.wait` does it, but that one looks for the end
-    at ever longer intervals, which for runs of this length is as much again as the run."""
+    """The status of a process that ends within `timeout` seconds. As `Popen.wait` does it, but that one looks for the
+    end at ever longer intervals, which for runs of this length is as much again as the run."""
     try:
         descriptor = os.pidfd_open(process.pid)
     except OSError:  # an old kernel, or one that is imitated
@@ -395,8 +395,8 @@ class Machine:
 
     def _wine_did_not_start(self, done, log_path):
         """Whether Wine gave up before the first instruction of the program, as it does now and then on a busy machine:
-        status 1 and nothing else. The described machine makes the log's file before the program starts, so that no run of
-        it ends like this; such a run has changed nothing and can be made again."""
+        status 1 and nothing else. The described machine makes the log's file before the program starts, so that no run
+        of it ends like this; such a run has changed nothing and can be made again."""
         return (self.settings.windows and log_path is not None and done.returncode == 1
                 and not done.stdout and not done.stderr and not os.path.exists(log_path))
 

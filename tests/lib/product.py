@@ -1,8 +1,8 @@
 """Runs of the program itself, vornix or vornix.exe, on the host: no described machine stands between.
 
 A Product is a Machine without disks, so that a suite writes its files and states its expectations as elsewhere. What
-the host's clock decides, the rate of the meter, is set to 0.0 in what a run is held against; `raw` has the bytes as they
-came. No disk that the host may have is ever named: ABSENT and the numbers behind it stand for none.
+the host's clock decides, the rate of the meter, is set to 0.0 in what a run is held against; `raw` has the bytes as
+they came. No disk that the host may have is ever named: ABSENT and the numbers behind it stand for none.
 """
 
 import re
@@ -48,7 +48,8 @@ class Product(Machine):
                 stdout.seek(0)
                 stderr.seek(0)
                 raw = stdout.read(), stderr.read()
-            # No run of the program ends like this, but Wine does when it gives up before the program's first instruction.
+            # No run of the program ends like this, but Wine does when it gives up before the program's first
+            # instruction.
             if not (self.settings.windows and status == 1 and raw == (b"", b"")):
                 break
         result = Result(list(arguments), status, *map(without_rates, raw), [], {}, self.settings.windows, self.folder)

@@ -29,7 +29,8 @@ def restore_unauthentic(index):
 
 def consolidate_text(out, disk_size, chunk_size, verify):
     """A whole successful consolidation; `verify` is what the verification at its end prints."""
-    return (meter_run(disk_size, chunk_size) + f"\nConsolidated: {out} (self-contained full image, verifying...)\n" + verify)
+    return (meter_run(disk_size, chunk_size) + f"\nConsolidated: {out} (self-contained full image, verifying...)\n"
+            + verify)
 
 
 def blocks(data, size=16):

@@ -1,12 +1,12 @@
 """The frame of a scenario suite: assertions on runs, recordings, and the runner.
 
 A suite is a file of Scenario classes that ends with `suite.main()`. It prints nothing but failures, each with the whole
-context of its runs, what was skipped and why, and as its last line `N passed, N failed, N skipped`; its exit status is 1
-when anything failed.
+context of its runs, what was skipped and why, and as its last line `N passed, N failed, N skipped`; its exit status is
+1 when anything failed.
 
-    python3 tests/scenarios/test_verify.py               all of it
-    python3 tests/scenarios/test_verify.py -k hash       the tests whose name contains "hash"
-    python3 tests/scenarios/test_verify.py --list        the names
+    tests/run tests/scenarios/test_verify.py               all of it
+    tests/run tests/scenarios/test_verify.py -k hash       the tests whose name contains "hash"
+    tests/run tests/scenarios/test_verify.py --list        the names
 
 With VORNIX_RECORD=FOLDER each test leaves a normalised account of its runs in FOLDER/<suite>/<test>.json, for the
 comparison of two builds. VORNIX_JOBS says how many tests run at a time (2 when absent).
@@ -25,10 +25,9 @@ import tempfile
 import traceback
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import image  # noqa: E402
-from console import ANY_NUMBER  # noqa: E402
-from machine import SETTINGS, Machine  # noqa: E402
+import image
+from console import ANY_NUMBER
+from machine import SETTINGS, Machine
 
 ANY_NUMBER_BYTES = ANY_NUMBER.encode()
 

@@ -257,8 +257,8 @@ def clean_run(test, make, arguments, expected):
 
 
 def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None, made=None):
-    """The fault sweep; `clean` is the Expected of the healthy machine, and `made` what `clean_run` gave where the caller
-    has asked it already. Gives the number of runs, at most `limit`."""
+    """The fault sweep; `clean` is the Expected of the healthy machine, and `made` what `clean_run` gave where the
+    caller has asked it already. Gives the number of runs, at most `limit`."""
     result, _ = made or clean_run(test, make, arguments, clean)
     possible = faults_of(result.log, kinds)
     faults = sample(possible, _limit(limit))

@@ -15,7 +15,8 @@ NO_PASSWORD, LENIENT, ALONE, EXAMINE = 1, 2, 4, 8
 CACHE_NONE = 2**32 - 1
 NOT_CHECKED = -1
 OK = 0
-ERROR_USAGE, ERROR_MEMORY, ERROR_OPEN, ERROR_FILE_READ, ERROR_CRYPTO, ERROR_PASSWORD_NEEDED, ERROR_PASSWORD = range(1, 8)
+(ERROR_USAGE, ERROR_MEMORY, ERROR_OPEN, ERROR_FILE_READ, ERROR_CRYPTO, ERROR_PASSWORD_NEEDED,
+ ERROR_PASSWORD) = range(1, 8)
 (REFUSED_CHAIN_LENGTH, REFUSED_NO_HEADER, REFUSED_NOT_AN_IMAGE, REFUSED_GEOMETRY, REFUSED_SEAL_PARAMETERS,
  REFUSED_CHUNK_COUNT, REFUSED_TABLE_TRUNCATED, REFUSED_TABLE_ENTRY, REFUSED_DATA_TRUNCATED, REFUSED_NO_TRAILER,
  REFUSED_TRAILER_MALFORMED, REFUSED_BASE_NAME, REFUSED_BASE_MISSING, REFUSED_BASE_REPLACED,
@@ -34,7 +35,8 @@ class Error(ctypes.Structure):
 
 
 class Options(ctypes.Structure):
-    _fields_ = [("flags", u32), ("cache_chunks", u32), ("password", ctypes.c_char_p), ("password_length", ctypes.c_size_t),
+    _fields_ = [("flags", u32), ("cache_chunks", u32), ("password", ctypes.c_char_p),
+                ("password_length", ctypes.c_size_t),
                 ("password_file", ctypes.c_char_p)]
 
 

@@ -2,8 +2,8 @@
 # The first process of a computer: prepares the system, then runs the commands that come over the channel, one by one.
 #
 # A command is a line in base64. The answer is a line "STATUS LENGTH LENGTH" and behind it standard output and standard
-# error, of these lengths. A command that begins with "!" is the agent's own, so that it can become another process. When
-# the other side is gone, so is the computer.
+# error, of these lengths. A command that begins with "!" is the agent's own, so that it can become another process.
+# When the other side is gone, so is the computer.
 export PATH=/bin HOME=/root TERM=dumb
 if [ "$1" != --again ]; then
     # Programs that are there already go before busybox' own of their names.

@@ -4,8 +4,8 @@
         result = computer.run("vornix list-disks")
 
 There is no network and no screen. Commands go over a virtio channel and come back with their status and both streams;
-QEMU itself is reached through its own protocol (`qmp`), for plugs that are pulled. Every process is ended by its own id,
-and ends with the one that started it, whatever becomes of that.
+QEMU itself is reached through its own protocol (`qmp`), for plugs that are pulled. Every process is ended by its own
+id, and ends with the one that started it, whatever becomes of that.
 """
 
 import base64
@@ -150,7 +150,8 @@ class Computer:
     def hardware(self):
         """The command that starts QEMU, without what it is reached through."""
         command = ["setpriv", "--pdeathsig", "KILL", QEMU, "-accel", "tcg", "-machine", "pc", "-cpu", "max",
-                   "-m", str(self.memory), "-smp", "1", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
+                   "-m", str(self.memory), "-smp", "1", "-nodefaults", "-no-user-config", "-display", "none",
+                   "-no-reboot",
                    *(self.firmware or []), *self.boot]
         controllers = [disk.controller() for disk in self.disks]
         for controller in {made["id"]: made for made in controllers if made}.values():
@@ -259,8 +260,8 @@ class Computer:
         return [self.device(disk) for disk in self.disks]
 
     def numbers(self):
-        """The disk numbers by device name, as the page says they are given: hardware in the order of the device numbers,
-        then loop devices that hold something."""
+        """The disk numbers by device name, as the page says they are given: hardware in the order of the device
+        numbers, then loop devices that hold something."""
         listed = self.succeed('for d in /sys/block/*; do echo $(basename $d) $(tr : " " < $d/dev) $(cat $d/size); done')
         hardware, attached = [], []
         for name, major, minor, size in (line.split() for line in listed.splitlines()):

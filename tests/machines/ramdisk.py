@@ -65,7 +65,8 @@ class RamDisk:
             shutil.copy(source, self.path(source))
 
     def add_program(self, program, strip=False):
-        """An executable, by its name or its path, and its libraries. It lies in /bin, before busybox' one of that name."""
+        """An executable, by its name or its path, and its libraries. It lies in /bin, before busybox' one of that
+        name."""
         path = program if "/" in program else shutil.which(program, path=SEARCH)
         if path is None or not os.path.exists(path):
             raise Missing(f"there is no {program} here")
@@ -107,5 +108,6 @@ class RamDisk:
         names = sorted(os.path.relpath(os.path.join(folder, name), self.folder)
                        for folder, folders, files in os.walk(self.folder) for name in folders + files)
         with open(target, "wb") as file:
-            subprocess.run(["cpio", "--quiet", "--create", "--format=newc", "--owner=0:0"], cwd=self.folder, stdout=file,
+            subprocess.run(["cpio", "--quiet", "--create", "--format=newc", "--owner=0:0"], cwd=self.folder,
+                           stdout=file,
                            input="".join(name + "\n" for name in names).encode(), check=True)

@@ -1,20 +1,17 @@
 #!/usr/bin/env python3
 """A shell in a whole computer, on this terminal.
 
-    python3 tests/machines/shell.py                            three disks: virtio, NVMe and SCSI with sectors of 4096 bytes
-    python3 tests/machines/shell.py 64:usb 64:ahci 128:nvme    disks of so many MiB and such kinds
+    tests/run tests/machines/shell.py                            three disks: virtio, NVMe and SCSI with 4 KiB sectors
+    tests/run tests/machines/shell.py 64:usb 64:ahci 128:nvme    disks of so many MiB and such kinds
 
 The program lies in /bin, the kernel's modules for the disks are loaded; `poweroff -f`, or Ctrl-A X, ends it. The disks
 are gone afterwards.
 """
 
-import os
 import subprocess
 import sys
 import tempfile
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path[:0] = [HERE, os.path.join(HERE, "..", "lib")]
 import computer
 from disks import MIB, Disk
 

@@ -4,11 +4,6 @@ What makes the difference to the described machine is that nothing here is descr
 and sectors of their own.
 """
 
-import os
-import sys
-
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path[:0] = [HERE, os.path.join(HERE, "..", "lib")]
 import computer_suite
 import suite
 from console import gib

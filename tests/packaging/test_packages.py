@@ -14,11 +14,10 @@ import threading
 import unittest
 import zipfile
 
+import suite
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
-
-import suite  # noqa: E402
 
 BUILT = all(os.path.exists(os.path.join(ROOT, "build", path)) for path in ("windows/vornix.exe", "linux/vornix"))
 

@@ -10,11 +10,10 @@ import sys
 import unittest
 import xml.etree.ElementTree
 
+import suite
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
-
-import suite  # noqa: E402
 
 EXECUTABLE = os.path.join(ROOT, "build", "windows", "vornix.exe")
 
@@ -151,7 +150,8 @@ class WindowsExecutable(unittest.TestCase):
     def test_it_carries_stack_protection_in_the_program_s_own_units(self):
         self.assertIn(b"stack smashing detected", self.file.data)
         unguarded = []
-        objects = glob.glob(os.path.join(ROOT, "build", "windows", "CMakeFiles", "vornix_program.dir", "src", "*", "*.obj"))
+        objects = glob.glob(os.path.join(ROOT, "build", "windows", "CMakeFiles", "vornix_program.dir", "src", "*",
+                                         "*.obj"))
         self.assertGreater(len(objects), 20)
         for path in objects:
             with open(path, "rb") as file:

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""The daily routine for Linux, over months of described days: what it makes, what it builds on, what it refuses and why.
+"""The daily routine for Linux, over months of described days: what it makes, what it builds on, what it refuses and
+why.
 
-The routine runs as it is shipped. Around it stand a described machine as `vornix`, a clock that the test sets as `date`,
-a list of disks as `vornix-disks`, and where it was built the real `vrnx`.
+The routine runs as it is shipped. Around it stand a described machine as `vornix`, a clock that the test sets as
+`date`, a list of disks as `vornix-disks`, and where it was built the real `vrnx`.
 """
 
 import datetime
@@ -10,9 +11,7 @@ import json
 import os
 import shutil
 import subprocess
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from machine import CHECKOUT, Machine, pattern
 

@@ -9,9 +9,7 @@ import os
 import re
 import shlex
 import subprocess
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from machine import CHECKOUT, pattern
 
@@ -98,7 +96,8 @@ class WindowsLines(suite.Scenario):
         self.assertIn(b'"deletable"', done.stdout)
 
     def test_both_routines_judge_a_snapshot_alike(self):
-        """What counts as a fall-back is one expression in both, and those of the program's lines that are one fit it."""
+        """What counts as a fall-back is one expression in both, and those of the program's lines that are one fit
+        it."""
         windows = "".join(re.findall(r"'(\^ \*--vss: [^']*|\.\*[^']* - read live[^']*)'", read(SCRIPT)))
         linux, = re.findall(r"'(\^ \*--vss: .*)'", read(LINUX))
         self.assertEqual(windows, linux)

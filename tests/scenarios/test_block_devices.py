@@ -8,9 +8,7 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, exclusive_failure, fatal, gib
 from image import check_image, reference_plain_bytes
@@ -23,8 +21,8 @@ METER = r"(\r  [ 0-9]{3}\.[0-9]{2}%  [0-9]+ / [0-9]+ MiB  \([0-9]+\.[0-9] MiB/s\
 
 def numbered_disks():
     """The machine's own disks in the order in which they must stand: hardware disks in the order of their device
-    numbers, then loop and network block devices that hold something; partitions, RAM disks and device-mapper targets are
-    none."""
+    numbers, then loop and network block devices that hold something; partitions, RAM disks and device-mapper targets
+    are none."""
     hardware, attached = [], []
     for name in os.listdir("/sys/block"):
         with open(f"/sys/block/{name}/dev", encoding="ascii") as file:

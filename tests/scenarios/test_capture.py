@@ -1,9 +1,7 @@
 """capture: a full plain image of a disk, from the opening of the source to the final name."""
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (NO_TRACKER, SYSTEM_DISK_NOTE, capture_text, fatal, fatal_status, meter_run, source_line,
                      verify_text)

@@ -10,13 +10,10 @@ sample of the positions is tried.
 """
 
 import hashlib
-import os
 import re
 import struct
-import sys
 from collections import Counter
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import fatal, meter, verify_failed, verifying_line
 from image import build_image, is_accepted

@@ -4,10 +4,6 @@
 sequence themselves.
 """
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import fatal, fatal_status, meter_run, verify_text
 from image import build_image, is_accepted

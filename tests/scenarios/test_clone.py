@@ -1,13 +1,11 @@
 """clone: one disk straight onto another, the comparison of the copy, and everything that is refused."""
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from clone_runs import (BLOCK, COMPLETE, READ_FAILED, SYSTEM_SOURCE_NOTE, UNCONFIRMED, VERIFY_SOURCE_FAILED,
-                        VERIFY_TARGET_FAILED, WRITE_FAILED, blocks_of, clone_text, cloning_line,
-                        copy_text, pattern, sector_note, smaller_refusal, system_target_refusal, verify_text)
+                        VERIFY_TARGET_FAILED, WRITE_FAILED, blocks_of, clone_text, cloning_line, copy_text, pattern,
+                        sector_note, smaller_refusal, system_target_refusal, verify_text)
 from console import ANY_NUMBER, exclusive_failure, fatal
 from machine import (ACCESS_READ, ACCESS_READ_WRITE, DRIVE_GEOMETRY_EX, FLAG_NO_BUFFERING, LENGTH_INFO,
                      UPDATE_PROPERTIES, VOLUME_DISK_EXTENTS)
@@ -288,7 +286,8 @@ class Notes(Clone):
     def test_sector_sizes_are_noted_source_first(self):
         machine = self.prepared(8192, source_sector=4096, target_sector=512)
         self.expect(self.clone(machine), 0,
-                    "NOTE: sector sizes differ (4096 -> 512); a raw clone between different sector sizes may not boot.\n"
+                    "NOTE: sector sizes differ (4096 -> 512); "
+                    "a raw clone between different sector sizes may not boot.\n"
                     "Cloning PhysicalDrive1 -> PhysicalDrive2 (0.00 GiB)\n"
                     "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
                     "Clone complete. Run 'diskpart > rescan' (or reboot) before relying on the target disk.\n")

@@ -9,9 +9,7 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import loop_disks
 import suite
 from clone_runs import (BLOCK, COMPLETE, WRITE_FAILED, cloning_line, pattern, sector_note, smaller_refusal)
@@ -82,9 +80,10 @@ class CloneBlockDevices(suite.Scenario):
     def test_the_devices_of_the_test_are_the_only_disks(self):
         source, target = self.pair(2 * BLOCK + 1536, 3 * BLOCK, (512, 4096))
         done = self.disks.run("list-disks")
-        lines = {self.disks.number(device): f"PhysicalDrive{self.disks.number(device):<2}  {float(gib(size)):8.2f} GiB  "
-                                            f"sector {sector} bytes\n"
-                 for device, size, sector in ((source, 2 * BLOCK + 1536, 512), (target, 3 * BLOCK, 4096))}
+        lines = {}
+        for device, size, sector in ((source, 2 * BLOCK + 1536, 512), (target, 3 * BLOCK, 4096)):
+            number = self.disks.number(device)
+            lines[number] = f"PhysicalDrive{number:<2}  {float(gib(size)):8.2f} GiB  sector {sector} bytes\n"
         self.assertEqual((done.returncode, done.stdout.decode(), done.stderr), (0, lines[0] + lines[1], b""))
 
     def test_sectors_of_512_bytes(self):

@@ -1,9 +1,5 @@
 """The command line: which words are commands, how options are found and converted, what is usage and what is not."""
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (RESTORE_UNCONFIRMED, USAGE, capture_text, fatal, restore_text, source_line, verify_text)
 from image import build_image

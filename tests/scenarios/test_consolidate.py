@@ -2,9 +2,7 @@
 
 import os
 import shutil
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from consolidate_runs import (ALREADY_THERE, BAD_HASH, BAD_TAG, NO_OUTPUT, NO_PATHS, SEALED_INPUT, UNREADABLE,
                               WRITE_FAILED, consolidate_text, folded_text, plain_full_image, unfinished_image,
@@ -633,7 +631,8 @@ class Refusals(Consolidate):
 
 class BrokenChunks(Consolidate):
     def expect_unfinished(self, machine, plain, written, path="c.vrnx"):
-        """What a broken run leaves: chunks behind a start of zeros that no reader accepts, and a name that stays taken."""
+        """What a broken run leaves: chunks behind a start of zeros that no reader accepts, and a name that stays
+        taken."""
         self.expect_file(machine, "out.vrnx", unfinished_image(plain, CHUNK, written))
         self.assertFalse(is_accepted(machine.path("out.vrnx")))
         message = ("not a recognized Vornix image (bad magic/version)" if written else

@@ -5,9 +5,7 @@ What a single call answers is the matter of the contract tests; here stands what
 
 import json
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (NO_TRACKER, capture_text, exclusive_failure, fatal, meter_run, restore_text, source_line,
                      verify_text, verifying_line)

@@ -1,9 +1,5 @@
 """Physical disks: list-disks, how disks are opened, their geometry, the system disk, aligned buffers, raw transfers."""
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (NO_TRACKER, capture_text, exclusive_failure, fatal, restore_text, restoring_line, source_line,
                      system_disk_refusal, verify_text)

@@ -6,9 +6,7 @@ captures. Whatever the chain, folding it must not change what a restore brings b
 
 import os
 import random
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from consolidate_runs import consolidate_text, plain_full_image
 from console import restore_text, verify_text
@@ -69,7 +67,8 @@ class FoldingStory(suite.Scenario):
         size, chunk_size = chain_header.disk_size, chain_header.chunk_size
         before = {name: machine.read(name) for name in machine.files()}
         password = ("--password-file", "password")
-        self.expect(machine.run("consolidate", "--in", top, "--out", out, *password, *(["--encrypt"] if encrypt else [])),
+        self.expect(machine.run("consolidate", "--in", top, "--out", out, *password,
+                                *(["--encrypt"] if encrypt else [])),
                     0, consolidate_text(out, size, chunk_size))
         for name, content in before.items():
             self.expect_file(machine, name, content)

@@ -9,17 +9,15 @@ that the disk had at its capture. What a story was made of is told in a line of 
 import json
 import os
 import random
-import sys
 from collections import Counter
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, capture_text, fatal, restore_text
 from image import check_image, read_header, reference_plain_bytes
 from incremental import (MIB4, REASON_GAP, REASON_NO_EPOCH, REASON_NO_PREVIOUS, REASON_NO_TRACKER, REASON_NOT_LATEST,
-                         SECTOR, bits_of, chunks_read, compared_line, copy_complete, data_reads,
-                         fallback_line, first_wrong_sector, full_complete, incremental_text, proof_line, sector,
-                         set_bits, thin_complete, tracker_line)
+                         SECTOR, bits_of, chunks_read, compared_line, copy_complete, data_reads, fallback_line,
+                         first_wrong_sector, full_complete, incremental_text, proof_line, sector, set_bits,
+                         thin_complete, tracker_line)
 
 SIZE = 3 * MIB4 + 37 * SECTOR  # four chunks, the last one short
 CHUNKS = 4

@@ -5,9 +5,7 @@ empty.
 """
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import exclusive_failure, fatal, verify_text
 from image import Header, ImageBuilder, MAX_CHUNK_COUNT, Trailer, build_image, write_sparse_image

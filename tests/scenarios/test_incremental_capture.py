@@ -2,9 +2,7 @@
 
 import functools
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, SYSTEM_DISK_NOTE, capture_text, fatal, meter_run, source_line, verify_text
 from image import (Header, Image, ImageBuilder, build_image, digest_of, is_accepted, read_header, read_table,

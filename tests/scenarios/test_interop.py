@@ -6,9 +6,7 @@ and VORNIX_BENCH_WINDOWS say; where one is missing each test is skipped.
 
 import os
 import shutil
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import capture_text, restore_text, verify_text
 from consolidate_runs import consolidate_text, plain_full_image
@@ -77,7 +75,8 @@ class Interop(suite.Scenario):
         machines = self.pair(source=pattern(size, "exchange"))
         chains = []
         for machine in machines:
-            self.expect(machine.run("capture", "--disk", "1", "--out", "full.vrnx"), 0, capture_text(1, size, "full.vrnx"))
+            self.expect(machine.run("capture", "--disk", "1", "--out", "full.vrnx"), 0,
+                        capture_text(1, size, "full.vrnx"))
             for name, base, place in (("thin.vrnx", "full.vrnx", 5), ("top.vrnx", "thin.vrnx", MIB4 + 5)):
                 machine.poke_disk(1, place, b"changed")
                 result = machine.run("capture", "--disk", "1", "--out", name, "--base", base, "--thin")

@@ -1,9 +1,5 @@
 """The progress meter: its line, when it is printed, and what it counts."""
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, capture_text, restore_text, source_line, verify_text, verifying_line
 from image import build_image

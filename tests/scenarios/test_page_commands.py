@@ -1,17 +1,17 @@
 #!/usr/bin/env python3
 """Runs what the pages show: each command line of the guide and the manual page, in its order, on a described machine.
 
-A block marked `console` is a session: behind the prompt `C:\\> ` or `# ` stands what is typed, below it what the program
-prints. A page is one story in one folder, from its first session to its last; what happens between two command lines
-(files change, a disk is taken offline, the computer is started from other media) stands in BEFORE, what has to be true
-behind one in AFTER. Of the meter, which rewrites its line, a page shows the last state. The number behind a failure
-that is no failure of a system call means nothing and is not compared; all else is, byte for byte.
+A block marked `console` is a session: behind the prompt `C:\\> ` or `# ` stands what is typed, below it what the
+program prints. A page is one story in one folder, from its first session to its last; what happens between two command
+lines (files change, a disk is taken offline, the computer is started from other media) stands in BEFORE, what has to be
+true behind one in AFTER. Of the meter, which rewrites its line, a page shows the last state. The number behind a
+failure that is no failure of a system call means nothing and is not compared; all else is, byte for byte.
 
 A command line that has to fail is followed by a look at its status; any other has to end with 0. Shell scripts of the
 guide are run. PowerShell is nothing that Debian has: of its scripts the lines with the program are run, with their
 variables filled in, and the rest is not.
 
-    python3 tests/scenarios/test_page_commands.py --update      writes what the program prints into the guide
+    tests/run tests/scenarios/test_page_commands.py --update      writes what the program prints into the guide
 """
 
 import json
@@ -23,7 +23,6 @@ import subprocess
 import sys
 import tempfile
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import image
 import suite
 from incremental import marked
@@ -282,7 +281,8 @@ class Guide(suite.Scenario):
         self.assertEqual(story.status, 0, "the last command line failed, and nobody looked")
         self.assertGreater(lines, 30)
         told = set(BEFORE) | set(AFTER)
-        self.assertEqual({key for key in told if story.counts.get(key[0], 0) < key[1]}, set(), "told of lines not there")
+        self.assertEqual({key for key in told if story.counts.get(key[0], 0) < key[1]}, set(),
+                         "told of lines not there")
 
     def test_no_command_line_of_the_guide_goes_untried(self):
         guide = read(GUIDE)
@@ -408,16 +408,18 @@ class Contributing(suite.Scenario):
         script = script.replace("/tmp/machine", self.folder).replace("build/linux/vornix-bench", SETTINGS.bench)
         done = subprocess.run(["sh", "-c", script], cwd=CHECKOUT, capture_output=True, text=True, check=False,
                               env=SETTINGS.environment())
-        self.assertEqual((done.returncode, done.stderr), (0, "FATAL: ReadFile from source disk failed mid-capture - image "
+        self.assertEqual((done.returncode, done.stderr),
+                         (0, "FATAL: ReadFile from source disk failed mid-capture - image "
                                                           "is incomplete, do not trust it (GetLastError=23)\n"))
         self.assertIn('"transferred":0,"ok":false,"error":23}\n', done.stdout)
 
     def test_the_narrowed_suites_have_tests_of_that_name(self):
-        lines = re.findall(r"python3 (tests/\S+\.py) -k (\w+)", read("CONTRIBUTING.md") + read("tests/README.md"))
+        lines = re.findall(r"tests/run (tests/\S+\.py) -k (\w+)", read("CONTRIBUTING.md") + read("tests/README.md"))
         self.assertGreater(len(lines), 2)
         for suite_path, word in lines:
-            done = subprocess.run([sys.executable, os.path.join(CHECKOUT, suite_path), "--list", "-k", word],
-                                  capture_output=True, text=True, check=True)
+            done = subprocess.run(["tests/run", suite_path, "--list", "-k", word], cwd=CHECKOUT,
+                                  capture_output=True, text=True, check=True,
+                                  env={name: value for name, value in os.environ.items() if name != "PYTHONPATH"})
             self.assertIn(word, done.stdout, suite_path)
 
 

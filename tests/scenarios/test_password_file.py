@@ -1,11 +1,10 @@
 """The password file: which of its bytes are the password, what is refused, and at which place of a run."""
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
-from console import NO_TRACKER, capture_text, fatal, fatal_status, source_line, verify_failed, verify_text, verifying_line
+from console import (NO_TRACKER, capture_text, fatal, fatal_status, source_line, verify_failed, verify_text,
+                     verifying_line)
 from image import ImageBuilder, build_image
 from machine import pattern
 from sealing import NEEDS_PASSWORD, PASSWORD_EMPTY, PASSWORD_TOO_LARGE, PASSWORD_UNREADABLE, verify_unauthentic
@@ -37,7 +36,8 @@ class Password(suite.Scenario):
         return self.machine(source=pattern(512, "source"), target=bytes(512))
 
     def capture(self, machine, *options, password="password"):
-        return machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--encrypt", "--password-file", password, *options)
+        return machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--encrypt", "--password-file", password,
+                           *options)
 
 
 class Trimming(Password):
@@ -145,7 +145,8 @@ class Limits(Password):
 
     def test_the_limit_counts_line_ends_that_are_trimmed(self):
         self.expect_opens(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 6))
-        self.expect(self.verify(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 5)), 1, "", fatal(PASSWORD_TOO_LARGE))
+        self.expect(self.verify(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 5)), 1, "",
+                    fatal(PASSWORD_TOO_LARGE))
 
     def test_a_file_of_nothing_is_empty(self):
         machine = self.image(b"secret")
@@ -223,7 +224,8 @@ class Place(Password):
                 (lambda builder: setattr(builder.header, "kdf_iterations", 99999), KDF_PARAMETERS),
                 (lambda builder: setattr(builder.header, "kdf_iterations", 10000001), KDF_PARAMETERS),
                 (lambda builder: setattr(builder.header, "encrypted", 2), KDF_PARAMETERS),
-                (lambda builder: setattr(builder.header, "chunk_count", 3), "image header has an impossible chunk count"),
+                (lambda builder: setattr(builder.header, "chunk_count", 3),
+                 "image header has an impossible chunk count"),
                 (lambda builder: builder.records.pop(), "image is truncated before its chunk table"),
                 (lambda builder: setattr(builder.records[1], "disk_offset", 0),
                  "image chunk table has an invalid offset or length"),
@@ -237,7 +239,8 @@ class Place(Password):
     def test_it_comes_before_the_trailer_of_a_thin_image(self):
         machine = self.image(b"secret")
         os.rename(machine.path("a.vrnx"), machine.path("base.vrnx"))
-        builder = ImageBuilder(pattern(512, "image"), chunk_size=512, password=b"secret", base=machine.path("base.vrnx"))
+        builder = ImageBuilder(pattern(512, "image"), chunk_size=512, password=b"secret",
+                               base=machine.path("base.vrnx"))
         builder.trailer.magic = b"VRNXBASF"
         builder.write(machine.path("a.vrnx"))
         self.expect(self.verify(machine, name="missing"), 1, "", fatal(PASSWORD_UNREADABLE, 2))
@@ -273,16 +276,19 @@ class Place(Password):
     def test_a_consolidation_reads_it_for_the_input_the_output_and_the_verification(self):
         machine = self.image(b"secret")
         machine.write("password", b"secret\n")
-        result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", "password", "--encrypt")
+        result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", "password",
+                             "--encrypt")
         self.assertEqual(result.status, 0, result.describe())
-        self.assertEqual([line["iterations"] for line in result.calls("BCryptDeriveKeyPBKDF2")], [100000, 200000, 200000])
+        self.assertEqual([line["iterations"] for line in result.calls("BCryptDeriveKeyPBKDF2")],
+                         [100000, 200000, 200000])
 
     def test_a_consolidation_with_a_bad_one_leaves_no_output(self):
         machine = self.machine(default=False)
         build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512)
         machine.write("empty", b"\r\n")
         for name, report in (("missing", fatal(PASSWORD_UNREADABLE, 2)), ("empty", fatal(PASSWORD_EMPTY))):
-            result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", name, "--encrypt")
+            result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", name,
+                                 "--encrypt")
             self.expect(result, 1, "", report)
             self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16])
         self.assertEqual(machine.files(), ["a.vrnx", "empty"])
@@ -294,7 +300,8 @@ class Place(Password):
         machine.add_disk(2, pattern(512, "target"))
         machine.write("empty", b"\n")
         for name, report in (("missing", fatal(PASSWORD_UNREADABLE, 2)), ("empty", fatal(PASSWORD_EMPTY))):
-            result = machine.run("restore", "--in", "a.vrnx", "--disk", "2", "--confirm", "YES", "--password-file", name)
+            result = machine.run("restore", "--in", "a.vrnx", "--disk", "2", "--confirm", "YES", "--password-file",
+                                 name)
             self.expect(result, 1, "", report)
             self.assertEqual(result.calls("CreateFileW", path="PhysicalDrive"), [])
         self.expect_disk(machine, 2, pattern(512, "target"))
@@ -319,7 +326,8 @@ class Derivation(Password):
     def test_one_password_serves_a_chain_of_images_with_their_own_iterations(self):
         machine = self.image(b"secret", iterations=100001, seed="base")
         os.rename(machine.path("a.vrnx"), machine.path("base.vrnx"))
-        build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512, password=b"secret", iterations=100002,
+        build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512, password=b"secret",
+                    iterations=100002,
                     base=machine.path("base.vrnx"), seed="top")
         result = self.verify(machine, b"secret\n")
         self.assertEqual(result.status, 0, result.describe())

@@ -1,5 +1,5 @@
-"""The product itself, vornix and vornix.exe, on the host: everything that needs no disk, and what it says where there is
-none. The same expectations hold for both builds.
+"""The product itself, vornix and vornix.exe, on the host: everything that needs no disk, and what it says where there
+is none. The same expectations hold for both builds.
 
 The described machine tells of each rule in all its cases. Here is shown that what it is linked into is the product, and
 what it stands in front of: the arguments, paths and streams of the real system.
@@ -8,10 +8,8 @@ what it stands in front of: the arguments, paths and streams of the real system.
 import os
 import resource
 import subprocess
-import sys
 import tempfile
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (RESTORE_UNCONFIRMED, USAGE, fatal, verify_failed, verifying_line)
 from consolidate_runs import consolidated_line, plain_full_image
@@ -95,7 +93,8 @@ class CommandLine(ProductRuns):
     def test_options_are_found_as_on_the_described_machine(self):
         product = self.prepared()
         good = verify_text("full.vrnx")
-        self.expect_each(product, 0, good, "", ("verify", "--IN", "full.vrnx"), ("verify", "--In", "full.vrnx", "--in", "no"),
+        self.expect_each(product, 0, good, "", ("verify", "--IN", "full.vrnx"),
+                         ("verify", "--In", "full.vrnx", "--in", "no"),
                          ("verify", "stray", "--bogus", "--in", "full.vrnx", "--skip-zero"))
         self.expect(product.run("verify", "--in", "--password-file", "p"), 1, "", unopened("--password-file"))
 
@@ -135,7 +134,8 @@ class NoDisk(ProductRuns):
         product.write("bad.vrnx", bytes(4096))
         restore = ("restore", "--disk", ABSENT, "--confirm", "YES", "--in")
         self.expect(product.run(*restore, "no.vrnx"), 1, "", unopened("no.vrnx"))
-        self.expect(product.run(*restore, "bad.vrnx"), 1, "", fatal("not a recognized Vornix image (bad magic/version)"))
+        self.expect(product.run(*restore, "bad.vrnx"), 1, "",
+                    fatal("not a recognized Vornix image (bad magic/version)"))
         self.expect(product.run(*restore, "sealed.vrnx"), 1, "", fatal(NEEDS_PASSWORD))
 
     def test_a_restore_without_its_target_ends_with_the_program_s_own_words(self):
@@ -163,7 +163,8 @@ class Images(ProductRuns):
         product.flip("full.vrnx", 64 + COUNT * 72 + CHUNK)
         head = verifying_line("full.vrnx", COUNT, SIZE) + product_meter(SIZE, CHUNK, upto=1)
         self.expect(product.run("verify", "--in", "full.vrnx"), 1, head + verify_mismatch(1)
-                    + product_meter(SIZE, CHUNK).removeprefix(product_meter(SIZE, CHUNK, upto=1)) + "\n", verify_failed(1, COUNT))
+                    + product_meter(SIZE, CHUNK).removeprefix(product_meter(SIZE, CHUNK, upto=1)) + "\n",
+                    verify_failed(1, COUNT))
         product.write("wrong", PASSWORD + b"?")
         self.expect(product.run("verify", "--in", "sealed.vrnx", "--password-file", "wrong"), 1,
                     verifying_line("sealed.vrnx", COUNT, SIZE) + "".join(map(verify_unauthentic, range(COUNT))) + "\n",
@@ -203,7 +204,8 @@ class Images(ProductRuns):
         product = self.prepared()
         self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "a.vrnx"), 0, consolidate_text("a.vrnx"))
         self.expect_file(product, "a.vrnx", plain_full_image(NEWER, CHUNK))
-        self.expect(product.run("consolidate", "--in", "both.vrnx", "--out", "b.vrnx", "--password-file", "password"), 0,
+        self.expect(product.run("consolidate", "--in", "both.vrnx", "--out", "b.vrnx", "--password-file", "password"),
+                    0,
                     consolidate_text("b.vrnx"))
         self.expect_file(product, "b.vrnx", plain_full_image(NEWER, CHUNK))
         self.expect(product.run("consolidate", "--in", "both.vrnx", "--out", "c.vrnx", "--password-file", "password",
@@ -264,7 +266,8 @@ class HostPaths(ProductRuns):
         room = 259 - len(product.absolute(""))
         self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "x" * (room + 1)), 1, "", NO_PATHS)
         self.expect(product.run("consolidate", "--in", "x" * (room + 1), "--out", "y"), 1, "", NO_PATHS)
-        self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "x" * room), 0, consolidate_text("x" * room))
+        self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "x" * room), 0,
+                    consolidate_text("x" * room))
         self.expect_file(product, "x" * room, plain_full_image(NEWER, CHUNK))
 
     def test_the_limit_is_that_of_the_whole_path_and_not_of_what_was_typed(self):
@@ -288,7 +291,8 @@ class HostPaths(ProductRuns):
         self.expect(product.run("verify", "--in", "Z:full.vrnx"), 0, verify_text("Z:full.vrnx"))
         self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "z:Thin.vrnx"), 1, "", SAME_FILE)
         self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "z:full.vrnx"), 1, "", ALREADY_THERE)
-        self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "z:new.vrnx"), 0, consolidate_text("z:new.vrnx"))
+        self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "z:new.vrnx"), 0,
+                    consolidate_text("z:new.vrnx"))
         self.expect_file(product, "new.vrnx", plain_full_image(NEWER, CHUNK))
         # The folder of such a path is empty, so that a base is looked for in the current folder of the run.
         self.expect(product.run("verify", "--in", "z:thin.vrnx"), 0, verify_text("z:thin.vrnx", "full.vrnx"))
@@ -343,7 +347,8 @@ class HostPaths(ProductRuns):
         self.expect(product.run("verify", "--in", "top.vrnx"), 1, "", self.as_bytes(
             letter, missing_base("\u00e4.vrnx") + fatal("base image of a thin image not found")))
         product.write("\u00e4.vrnx", b"something of that name")
-        self.expect(product.run("verify", "--in", "top.vrnx"), 0, self.as_bytes(letter, verify_text("top.vrnx", "\u00e4.vrnx")))
+        self.expect(product.run("verify", "--in", "top.vrnx"), 0,
+                    self.as_bytes(letter, verify_text("top.vrnx", "\u00e4.vrnx")))
 
 
 class Streams(ProductRuns):

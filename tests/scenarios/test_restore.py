@@ -1,9 +1,5 @@
 """restore: a full plain image back onto a disk, its refusals, what is written and what is left alone."""
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (LARGER_TARGET_NOTE, RESTORE_COMPLETE, RESTORE_UNCONFIRMED, exclusive_failure, fatal, fatal_status,
                      meter_run, restore_text, restoring_line, system_disk_refusal)

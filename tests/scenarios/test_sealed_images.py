@@ -3,12 +3,10 @@
 import json
 import os
 import struct
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
-from console import (NO_TRACKER, USAGE, capture_text, fatal, meter, meter_run, restore_text, restoring_line, source_line,
-                     verify_failed, verify_text, verifying_line)
+from console import (NO_TRACKER, USAGE, capture_text, fatal, meter, meter_run, restore_text, restoring_line,
+                     source_line, verify_failed, verify_text, verifying_line)
 from image import Image, ImageBuilder, build_image, derive_key, is_accepted, read_header, read_table
 from machine import pattern
 from sealing import (CHUNK_MISMATCH, CHUNK_UNAUTHENTIC, NEEDS_PASSWORD, PASSWORD, blocks, consolidate_text,
@@ -40,7 +38,8 @@ class Sealed(suite.Scenario):
         return machine.run("verify", "--in", name, "--password-file", password)
 
     def restore(self, machine, *options, name="a.vrnx", password="password"):
-        return machine.run("restore", "--in", name, "--disk", "2", "--confirm", "YES", "--password-file", password, *options)
+        return machine.run("restore", "--in", name, "--disk", "2", "--confirm", "YES", "--password-file", password,
+                           *options)
 
     def consolidate(self, machine, *options, name="a.vrnx", out="out.vrnx", password="password"):
         return machine.run("consolidate", "--in", name, "--out", out, "--password-file", password, *options)
@@ -157,7 +156,8 @@ class Capture(Sealed):
     def test_the_nonce_in_the_table_is_the_one_that_sealed(self):
         machine, result = self.captured(pattern(2 * MIB4, "source"))
         _, records = read_table(machine.path("a.vrnx"))
-        self.assertEqual([line["nonce"] for line in result.calls("BCryptEncrypt")], [record.nonce.hex() for record in records])
+        self.assertEqual([line["nonce"] for line in result.calls("BCryptEncrypt")],
+                         [record.nonce.hex() for record in records])
 
     def test_the_key_is_released_behind_the_publication_key_before_provider(self):
         _, result = self.captured(pattern(512, "source"))
@@ -295,7 +295,8 @@ class Verify(Sealed):
         self.assertEqual([(line["length"], line["nonce"]) for line in result.calls("BCryptDecrypt")],
                          [(len(data), record.nonce.hex()) for data, record in zip(builder.stored, builder.records)])
         self.assertEqual(result.sequence("ReadFile", "BCryptDecrypt", "BCryptHashData"),
-                         ["ReadFile", "ReadFile", "BCryptHashData"] + ["ReadFile", "BCryptDecrypt", "BCryptHashData"] * 3)
+                         ["ReadFile", "ReadFile", "BCryptHashData"]
+                         + ["ReadFile", "BCryptDecrypt", "BCryptHashData"] * 3)
         self.assertEqual([line["length"] for line in result.calls("BCryptHashData")], [64 + 3 * 72, 4096, 4096, 3072])
 
     def test_chunks_are_read_in_sequence_with_no_seek_and_one_buffer(self):
@@ -320,7 +321,8 @@ class Verify(Sealed):
     def test_a_wrong_password_makes_every_chunk_fail_and_draws_no_meter(self):
         machine, _ = self.sealed()
         self.expect(self.verify(machine, password="wrong"), 1,
-                    verifying_line("a.vrnx", 10, SIZE) + "".join(verify_unauthentic(index) for index in range(10)) + "\n",
+                    verifying_line("a.vrnx", 10, SIZE) + "".join(verify_unauthentic(index) for index in range(10))
+                    + "\n",
                     "Verify FAILED - 10 of 10 chunks did not match. Do not trust this image for restore.\n")
 
     def test_a_damaged_chunk_is_told_counted_and_not_hashed(self):
@@ -328,7 +330,8 @@ class Verify(Sealed):
         machine.flip("a.vrnx", builder.data_offset(5) + 17)
         result = self.expect(self.verify(machine), 1,
                              "Verifying a.vrnx  (10 chunks, 0.00 GiB source disk)\n" + FIRST_METER +
-                             "\n  chunk 5 (disk offset 20480): AUTHENTICATION FAILED (corrupt or tampered)\n" + LAST_METER
+                             "\n  chunk 5 (disk offset 20480): AUTHENTICATION FAILED (corrupt or tampered)\n"
+                             + LAST_METER
                              + "\n",
                              "Verify FAILED - 1 of 10 chunks did not match. Do not trust this image for restore.\n")
         self.assertEqual(len(result.calls("BCryptDecrypt")), 10)
@@ -354,7 +357,8 @@ class Verify(Sealed):
         for index in (0, 32, 64):
             machine.flip("a.vrnx", builder.data_offset(index))
         self.expect(self.verify(machine), 1,
-                    verifying_line("a.vrnx", 65, size) + "".join(verify_unauthentic(index, 512) for index in (0, 32, 64)) + "\n",
+                    verifying_line("a.vrnx", 65, size)
+                    + "".join(verify_unauthentic(index, 512) for index in (0, 32, 64)) + "\n",
                     verify_failed(3, 65))
 
     def test_a_wrong_hash_there_does_draw_it(self):
@@ -370,7 +374,8 @@ class Verify(Sealed):
         machine, builder = self.sealed()
         machine.flip("a.vrnx", builder.data_offset(9) + 3071)
         self.expect(self.verify(machine), 1,
-                    verifying_line("a.vrnx", 10, SIZE) + FIRST_METER + verify_unauthentic(9) + "\n", verify_failed(1, 10))
+                    verifying_line("a.vrnx", 10, SIZE) + FIRST_METER + verify_unauthentic(9) + "\n",
+                    verify_failed(1, 10))
 
     def test_a_byte_that_turns_while_it_is_read_is_unauthentic(self):
         machine, _ = self.sealed()
@@ -399,7 +404,8 @@ class Verify(Sealed):
         builder.write(machine.path("a.vrnx"))
         result = self.verify(machine)
         self.expect(result, 1, verifying_line("a.vrnx", 3, 3 * 4096) + verify_mismatch(0) + meter(4096, 3 * 4096, 1)
-                    + verify_mismatch(1) + verify_mismatch(2) + meter(3 * 4096, 3 * 4096, 2) + "\n", verify_failed(3, 3))
+                    + verify_mismatch(1) + verify_mismatch(2) + meter(3 * 4096, 3 * 4096, 2) + "\n",
+                    verify_failed(3, 3))
 
     def test_plain_bytes_that_a_header_calls_sealed_are_unauthentic(self):
         machine, _ = self.sealed()
@@ -407,7 +413,8 @@ class Verify(Sealed):
         builder.header.encrypted, builder.header.kdf_iterations = 1, 100000
         builder.write(machine.path("a.vrnx"))
         self.expect(self.verify(machine), 1,
-                    verifying_line("a.vrnx", 3, 3 * 4096) + "".join(verify_unauthentic(index) for index in range(3)) + "\n",
+                    verifying_line("a.vrnx", 3, 3 * 4096) + "".join(verify_unauthentic(index) for index in range(3))
+                    + "\n",
                     verify_failed(3, 3))
 
     def test_another_salt_or_iteration_count_is_another_key(self):
@@ -562,7 +569,8 @@ class Consolidate(Sealed):
         machine, builder = self.sealed(3 * 4096 - 1024)
         result = self.consolidate(machine)
         opened = [(line["length"], line["nonce"]) for line in result.calls("BCryptDecrypt")]
-        self.assertEqual(opened, [(len(data), record.nonce.hex()) for data, record in zip(builder.stored, builder.records)])
+        self.assertEqual(opened, [(len(data), record.nonce.hex())
+                                  for data, record in zip(builder.stored, builder.records)])
         self.assertEqual(result.sequence("BCryptDecrypt", "BCryptHashData", "WriteFile")[:10],
                          ["BCryptHashData"] + ["BCryptDecrypt", "BCryptHashData", "WriteFile"] * 3)
 
@@ -575,16 +583,19 @@ class Consolidate(Sealed):
         return result
 
     def test_a_flipped_bit_of_the_data_is_unauthentic(self):
-        self.expect_stopped_at(5, CHUNK_UNAUTHENTIC, lambda machine, builder: machine.flip("a.vrnx", builder.data_offset(5)))
+        self.expect_stopped_at(5, CHUNK_UNAUTHENTIC,
+                               lambda machine, builder: machine.flip("a.vrnx", builder.data_offset(5)))
 
     def test_a_flipped_bit_of_a_nonce_is_unauthentic(self):
         self.expect_stopped_at(4, CHUNK_UNAUTHENTIC, lambda machine, builder: machine.flip("a.vrnx", 64 + 72 * 4 + 44))
 
     def test_a_flipped_bit_of_a_tag_is_unauthentic(self):
-        self.expect_stopped_at(9, CHUNK_UNAUTHENTIC, lambda machine, builder: machine.flip("a.vrnx", 64 + 72 * 9 + 56 + 15))
+        self.expect_stopped_at(9, CHUNK_UNAUTHENTIC,
+                               lambda machine, builder: machine.flip("a.vrnx", 64 + 72 * 9 + 56 + 15))
 
     def test_a_flipped_bit_of_a_hash_is_a_mismatch(self):
-        self.expect_stopped_at(3, CHUNK_MISMATCH, lambda machine, builder: machine.flip("a.vrnx", 64 + 72 * 3 + 12 + 31))
+        self.expect_stopped_at(3, CHUNK_MISMATCH,
+                               lambda machine, builder: machine.flip("a.vrnx", 64 + 72 * 3 + 12 + 31))
 
     def test_a_wrong_password_ends_the_run_at_the_first_chunk(self):
         self.expect_stopped_at(0, CHUNK_UNAUTHENTIC, lambda machine, builder: machine.write("password", b"wrong"))
@@ -618,7 +629,8 @@ class Exchanged(Sealed):
         self.expect(self.verify(machine), 1,
                     verifying_line("a.vrnx", 10, SIZE) + FIRST_METER + verify_unauthentic(1) + verify_unauthentic(2)
                     + LAST_METER + "\n", verify_failed(2, 10))
-        self.expect(self.restore(machine), 1, restoring_line("a.vrnx", 2, 10, SIZE) + FIRST_METER, restore_unauthentic(1))
+        self.expect(self.restore(machine), 1, restoring_line("a.vrnx", 2, 10, SIZE) + FIRST_METER,
+                    restore_unauthentic(1))
         self.expect(self.consolidate(machine), 1, FIRST_METER, CHUNK_UNAUTHENTIC)
 
     def test_bytes_with_nonce_and_tag_are_authentic_but_not_what_was_hashed(self):
@@ -636,7 +648,8 @@ class Exchanged(Sealed):
         self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
         self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
         self.expect_disk(machine, 2, self.swapped_disk())
-        self.expect(self.consolidate(machine), 0, consolidate_text("out.vrnx", SIZE, 4096, verify_text("out.vrnx", SIZE, 4096)))
+        self.expect(self.consolidate(machine), 0,
+                    consolidate_text("out.vrnx", SIZE, 4096, verify_text("out.vrnx", SIZE, 4096)))
         self.expect_file(machine, "out.vrnx", ImageBuilder(self.swapped_disk()).to_bytes())
 
     def test_disk_offsets_are_refused_at_open(self):
@@ -688,9 +701,11 @@ class Chains(Sealed):
         os.remove(machine.path("a.vrnx"))
         plain = pattern(SIZE, "image")
         base = build_image(machine.path("base.vrnx"), plain, password=base_password, seed="base")
-        changed = b"".join(pattern(4096, f"new {index}") if index in self.STORED else plain[index * 4096:(index + 1) * 4096]
+        changed = b"".join(pattern(4096, f"new {index}") if index in self.STORED
+                           else plain[index * 4096:(index + 1) * 4096]
                            for index in range(10))
-        top = build_image(machine.path("a.vrnx"), changed, password=password, base=machine.path("base.vrnx"), seed="top")
+        top = build_image(machine.path("a.vrnx"), changed, password=password, base=machine.path("base.vrnx"),
+                          seed="top")
         return machine, base, top, changed
 
     def thin_text(self):
@@ -744,7 +759,8 @@ class Chains(Sealed):
         for offset in (44, 56):
             machine, _, _, _ = self.chain()
             machine.flip("base.vrnx", 64 + 72 * 5 + offset)
-            refusal = ("Base image base.vrnx is not the one this image was made against (it was modified or replaced).\n"
+            refusal = ("Base image base.vrnx is not the one this image was made against "
+                       "(it was modified or replaced).\n"
                        + fatal("base image does not match the one pinned in the thin image"))
             self.expect(self.verify(machine), 1, "", refusal)
 

@@ -1,14 +1,12 @@
 """Sealed images of the Windows build and of the native build: each build opens what the other has sealed.
 
-Needs both builds and Wine. The native one is in build/linux, the other in build/windows, or where VORNIX_BENCH_LINUX and
-VORNIX_BENCH_WINDOWS say; where one is missing each test is skipped.
+Needs both builds and Wine. The native one is in build/linux, the other in build/windows, or where VORNIX_BENCH_LINUX
+and VORNIX_BENCH_WINDOWS say; where one is missing each test is skipped.
 """
 
 import os
 import shutil
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import capture_text, meter_run, restore_text, verify_failed, verify_text, verifying_line
 from consolidate_runs import plain_full_image
@@ -51,7 +49,8 @@ class SealedInterop(suite.Scenario):
         contents = pattern(size, "exchange")
         machines = self.pair(source=contents)
         for machine in machines:
-            result = machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--encrypt", "--password-file", "password")
+            result = machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--encrypt", "--password-file",
+                                 "password")
             self.expect(result, 0, capture_text(1, size, "a.vrnx"))
             self.expect_good_image(machine, "a.vrnx", contents, PASSWORD)
         for machine, other in (machines, reversed(machines)):
@@ -64,7 +63,8 @@ class SealedInterop(suite.Scenario):
         for machine in machines:
             self.expect(machine.run("verify", "--in", "other.vrnx", "--password-file", "password"), 0,
                         verify_text("other.vrnx", size, MIB4))
-            self.expect(machine.run("restore", "--in", "other.vrnx", "--disk", "2", "--confirm", "YES", "--password-file",
+            self.expect(machine.run("restore", "--in", "other.vrnx", "--disk", "2", "--confirm", "YES",
+                                    "--password-file",
                                     "password"), 0, restore_text("other.vrnx", 2, size, MIB4))
             self.expect_disk(machine, 2, contents)
 
@@ -94,8 +94,10 @@ class SealedInterop(suite.Scenario):
         for index, machine in enumerate(self.pair(default=False)):
             build_image(machine.path("base.vrnx"), pattern(size, "old"), password=PASSWORD, seed=f"base {index}")
             plain = pattern(size, "old")[:4096] + pattern(size - 4096, "new")
-            build_image(machine.path("a.vrnx"), plain, password=PASSWORD, base=machine.path("base.vrnx"), seed=f"top {index}")
-            result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", "password", "--encrypt")
+            build_image(machine.path("a.vrnx"), plain, password=PASSWORD, base=machine.path("base.vrnx"),
+                        seed=f"top {index}")
+            result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", "password",
+                                 "--encrypt")
             self.expect(result, 0, consolidate_text("b.vrnx", size, 4096, verify_text("b.vrnx", size, 4096)))
         native, windows = self.machines
         for machine, other in ((native, windows), (windows, native)):
@@ -109,12 +111,12 @@ class SealedInterop(suite.Scenario):
         machines, contents = self.captured(size)
         for machine in machines:
             machine.poke_disk(1, MIB4 + 3, b"changed")
-            result = machine.run("capture", "--disk", "1", "--out", "thin.vrnx", "--encrypt", "--password-file", "password",
-                                 "--base", "other.vrnx", "--thin")
+            result = machine.run("capture", "--disk", "1", "--out", "thin.vrnx", "--encrypt", "--password-file",
+                                 "password", "--base", "other.vrnx", "--thin")
             self.assertEqual((result.status, result.stderr), (0, b""), result.describe())
             self.assertTrue(result.stdout.endswith(
-                (meter_run(size, MIB4) + "\nCapture complete (thin): thin.vrnx  (stored 1 of 2 chunks, 1 are references to "
-                 "the base; read from disk: 2)\n").encode()))
+                (meter_run(size, MIB4) + "\nCapture complete (thin): thin.vrnx  (stored 1 of 2 chunks, "
+                 "1 are references to the base; read from disk: 2)\n").encode()))
             self.expect_good_image(machine, "thin.vrnx", machine.disk_bytes(1), PASSWORD)
 
     # Which images of a chain of two are sealed: (base, top).

@@ -1,8 +1,8 @@
 """That secrets are overwritten: in the code that the compilers make of it, and in the memory of a running capture.
 
-What the routines that hold a secret do with it step by step is looked at by the unit tests beside observed_calls.h. Here it
-is what an optimiser makes of the overwriting, in a place where nothing else would keep it, and in the objects as built; and
-whether anything else in a whole run has kept a copy.
+What the routines that hold a secret do with it step by step is looked at by the unit tests beside observed_calls.h.
+Here it is what an optimiser makes of the overwriting, in a place where nothing else would keep it, and in the objects
+as built; and whether anything else in a whole run has kept a copy.
 """
 
 import json
@@ -11,10 +11,8 @@ import re
 import shutil
 import signal
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from image import derive_key
 from machine import CHECKOUT, pattern

@@ -5,10 +5,6 @@ other one from the live disk, in one piece. It shows in the bytes of the image o
 in the log.
 """
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, fatal, meter_run, source_line, verify_text
 from image import ImageBuilder, build_image, read_table

@@ -7,14 +7,12 @@ which of the two it was read. A failure of the session never fails the capture.
 import os
 import re
 import subprocess
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, RESTORE_UNCONFIRMED, USAGE, gib, fatal, fatal_status, meter_run, source_line
 from image import build_image, check_image, reference_plain_bytes
 from machine import ACCESS_READ, FLAG_NO_BUFFERING, SETTINGS, TRACKER_ATTACH, TRACKER_COMMIT, TRACKER_QUERY, pattern
-from snapshot import (ASYNC_CANCELLED, ASYNC_FINISHED, ASYNC_PENDING, E_FAIL, FREEZING, GATHERING, NO_MODULE,
+from snapshot import (ASYNC_CANCELLED, ASYNC_FINISHED, ASYNC_PENDING, E_FAIL, FREEZING, GATHERING,
                       OBJECT_NOT_FOUND, begun, device_of, fall_back, not_deleted, session_calls, shadow_path,
                       short_names, snapshotted, snapshotting, step_failed, volume_name, writer_failed, writers_reported)
 from test_block_devices import numbered_disks, reason_to_skip

@@ -1,9 +1,7 @@
 """Thin images and their chains: the trailer, the way to the base, the proof of it, and reading through references."""
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import (LARGER_TARGET_NOTE, fatal, meter, meter_run, restore_text, restoring_line, verify_failed,
                      verify_text, verifying_line)

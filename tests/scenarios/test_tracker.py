@@ -5,9 +5,7 @@ and that no driver which keeps its contract, however odd its replies, makes an i
 """
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, capture_text, fatal, meter_run, restore_text, source_line
 from image import ImageBuilder, build_image, read_header

@@ -7,7 +7,6 @@ import shutil
 import subprocess
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import image
 import suite
 from machine import CHECKOUT, SETTINGS
@@ -67,7 +66,8 @@ class Vectors(suite.Scenario):
         shutil.copy(os.path.join(VECTORS, "make_vectors.py"), again)
         subprocess.run([sys.executable, os.path.join(again, "make_vectors.py")], check=True)
         made = sorted(name for name in os.listdir(again) if name.endswith((".vrnx", ".json", ".txt")))
-        self.assertEqual(made, sorted(name for name in os.listdir(VECTORS) if name.endswith((".vrnx", ".json", ".txt"))))
+        self.assertEqual(made, sorted(name for name in os.listdir(VECTORS)
+                                      if name.endswith((".vrnx", ".json", ".txt"))))
         _, differing, missing = filecmp.cmpfiles(again, VECTORS, made, shallow=False)
         self.assertEqual((differing, missing), ([], []))
 

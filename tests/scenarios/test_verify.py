@@ -1,9 +1,7 @@
 """verify: a full plain image from end to end, every bad chunk reported, the verdict."""
 
 import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import fatal, fatal_status, meter, meter_run, verify_failed, verify_text, verifying_line
 from image import ImageBuilder, build_image, read_table

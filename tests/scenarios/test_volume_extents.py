@@ -3,14 +3,10 @@
 The search prints nothing of its own; it shows in the volumes that the session then asks for, and in the log of calls.
 """
 
-import os
-import sys
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "lib"))
 import suite
 from console import NO_TRACKER, meter_run, source_line
 from machine import ACCESS_READ, VOLUME_DISK_EXTENTS, pattern
-from snapshot import (FREEZING, GATHERING, begun, device_of, fall_back, shadow_path, snapshotted, snapshotting,
+from snapshot import (FREEZING, GATHERING, begun, device_of, fall_back, shadow_path, snapshotted,
                       volume_name, writers_reported)
 
 MIB4 = 0x400000

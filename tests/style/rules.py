@@ -6,6 +6,7 @@ Layout is clang-format's business and no rule's here.
 """
 
 import ast
+import fnmatch
 import os
 import re
 
@@ -41,7 +42,6 @@ COMPILER_WORDS = re.compile(
     r"|\[\[\s*(?:gnu|clang|msvc)\s*::|^[ ]*#\s*pragma\s+(?!once\b|pack\()\w+", re.M)
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
-MAX_COLUMNS = 120
 MAX_FUNCTION_LINES = 100
 
 
@@ -309,11 +309,25 @@ def table_of_calls_is_true(tree):
 BANNED = re.compile(r"\b(" + "|".join(("TO" + "DO", "FIX" + "ME", "XX" + "X", "HA" + "CK")) + r")\b")
 
 
+def columns_of(tree, path):
+    """How many columns the lines of a file may have by .editorconfig, where the last section that fits decides; or
+    None."""
+    columns = None
+    for pattern, body in re.findall(r"^\[(.+)\]\n([^\[]*)", tree.get(".editorconfig", ""), re.M):
+        start, _, rest = pattern.partition("{")
+        names, _, end = rest.partition("}")
+        setting = re.search(r"^max_line_length = (\w+)$", body, re.M)
+        if setting and any(fnmatch.fnmatch(os.path.basename(path), start + name + end) for name in names.split(",")):
+            columns = None if setting.group(1) == "off" else int(setting.group(1))
+    return columns
+
+
 def no_leftovers(tree):
     """No notes to self, tabs, trailing blanks, carriage returns; each file ends with one line feed."""
     problems = []
     for path in sorted(tree):
         text = tree[path]
+        columns = columns_of(tree, path)
         for number, line in enumerate(text.split("\n"), 1):
             banned = BANNED.search(line)
             if banned:
@@ -322,8 +336,8 @@ def no_leftovers(tree):
                 problems.append(f"{path}:{number}: a tab")
             if line != line.rstrip():
                 problems.append(f"{path}:{number}: trailing blanks")
-            if path.endswith(CPP) and len(line) > MAX_COLUMNS:
-                problems.append(f"{path}:{number}: longer than {MAX_COLUMNS} columns")
+            if columns and len(line) > columns:
+                problems.append(f"{path}:{number}: longer than {columns} columns")
         if text and (not text.endswith("\n") or text.endswith("\n\n")):
             problems.append(f"{path}: does not end with exactly one line feed")
     return problems
@@ -409,6 +423,13 @@ def close_over_calls(names, functions_and_calls):
         if not more:
             return closed
         closed |= more
+
+
+def suites_find_their_modules_by_the_runner(tree):
+    """No script of the tests patches the path of its modules: tests/run and ctest set it, in one place each."""
+    return [f"{path}:{node.lineno}: patches the path of its modules, which tests/run sets"
+            for path, text in of_kind(tree, "tests/", (".py",)) for node in ast.walk(ast.parse(text, path))
+            if isinstance(node, ast.Attribute) and node.attr == "path" and getattr(node.value, "id", "") == "sys"]
 
 
 def python_calls(function):

@@ -12,11 +12,10 @@ import sys
 import tempfile
 import unittest
 
+import suite
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
-
-import suite  # noqa: E402
 
 SAME = [{"runs": [{"status": 0, "log": [{"call": "exit"}]}]}]
 OTHER = [{"runs": [{"status": 1, "log": [{"call": "exit"}]}]}]

@@ -15,15 +15,13 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 
+import suite
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
-
-import suite  # noqa: E402
 
 CLANG = "clang++"
 WINDOWS_COMPILER = "x86_64-w64-mingw32-g++-posix"
@@ -53,7 +51,8 @@ EXTENSIONS = {
 
 def system_headers():
     """The folders in which the Windows compiler looks for the headers of C++ and of Windows, not those of its own."""
-    said = subprocess.run([WINDOWS_COMPILER, "-xc++", "-E", "-v", os.devnull], capture_output=True, text=True, check=True)
+    said = subprocess.run([WINDOWS_COMPILER, "-xc++", "-E", "-v", os.devnull], capture_output=True, text=True,
+                          check=True)
     listed = re.search(r"^#include <\.\.\.>.*?\n(.*?)^End of search list", said.stderr, re.M | re.S)
     folders = [os.path.normpath(line.strip()) for line in listed.group(1).splitlines()]
     return [folder for folder in folders if "c++" in folder.split(os.sep) or folder.endswith("mingw32/include")]

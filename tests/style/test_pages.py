@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Holds the pages and the program together.
 
-Every message of the program stands in the user's guide, and every message of the guide is one of the program's. What the
-README shows of the demo, and what docs/image-format.md shows of an image, is what the demo prints and what the bytes are.
-Closes with the line that ./check adds up.
+Every message of the program stands in the user's guide, and every message of the guide is one of the program's. What
+the README shows of the demo, and what docs/image-format.md shows of an image, is what the demo prints and what the
+bytes are. Closes with the line that ./check adds up.
 """
 
 import os
@@ -13,18 +13,17 @@ import sys
 import tempfile
 import unittest
 
+import console
+import image
+import suite
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tests", "lib"))
-
-import console  # noqa: E402
-import image  # noqa: E402
-import suite  # noqa: E402
 
 LITERAL = r'"(?:[^"\\\n]|\\.)*"'
 DIRECTIVE = re.compile(r"%[-+ 0#]*\d*(?:\.\d+)?(?:hh|h|ll|l|z)?[dufsxXc]")
-# What stands between quotation marks in the program and is no message: names of options, commands and steps, values, parts
-# of paths.
+# What stands between quotation marks in the program and is no message: names of options, commands and steps, values,
+# parts of paths.
 NO_MESSAGE = re.compile(
     r"^(GatherWriterMetadata|PrepareForBackup|DoSnapshotSet|GatherWriterStatus|BackupComplete|"
     r"--[a-z-]+|[a-z-]+|-1|YES|\.partial|[\\/:]+||rb|\?|invalid stoi argument|stoi argument out of range)$")
@@ -113,8 +112,10 @@ def sealed_example():
     header, record = opened.header, opened.records[0]
     rows = [("password file", f"`{content.hex()}`"), ("password", f"`{password.hex()}` (`{password.decode()}`)"),
             ("`Salt`", f"`{header.salt.hex()}`"), ("`KdfIterations`", f"{header.kdf_iterations:,}"),
-            ("key", f"`{opened.key.hex()}`"), ("`Nonce`", f"`{record.nonce.hex()}`"), ("`Tag`", f"`{record.tag.hex()}`"),
-            (f"stored bytes, {record.stored_length} at {opened.offsets[0]}", f"`{opened.stored_bytes(0)[:16].hex()}...`"),
+            ("key", f"`{opened.key.hex()}`"), ("`Nonce`", f"`{record.nonce.hex()}`"),
+            ("`Tag`", f"`{record.tag.hex()}`"),
+            (f"stored bytes, {record.stored_length} at {opened.offsets[0]}",
+             f"`{opened.stored_bytes(0)[:16].hex()}...`"),
             ("plain bytes", f"`{opened.chunk(0)[:16].hex()}...`"), ("`Hash`", f"`{record.hash.hex()}`")]
     return "| | |\n|---|---|\n" + "".join(f"| {name} | {value} |\n" for name, value in rows)
 
@@ -172,7 +173,8 @@ class Pages(unittest.TestCase):
         self.assertEqual(sorted(named), sorted(re.sub(r"#.*", "", packages).split()))
 
     def test_manual_page_has_no_warnings(self):
-        done = subprocess.run(["groff", "-man", "-ww", "-z", os.path.join(ROOT, "man", "vornix.1")], capture_output=True,
+        done = subprocess.run(["groff", "-man", "-ww", "-z", os.path.join(ROOT, "man", "vornix.1")],
+                              capture_output=True,
                               text=True, check=False)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
 

@@ -1,6 +1,6 @@
 """Holds the text of the project against the rules in rules.py, and each rule against a tree that breaks it.
 
-    python3 tests/style/test_style.py
+    tests/run tests/style/test_style.py
 
 Prints each problem, and closes with a line `N passed, N failed, N skipped`.
 """
@@ -9,8 +9,7 @@ import inspect
 import os
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import rules  # noqa: E402
+import rules
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
@@ -36,6 +35,16 @@ def changed(path, text):
 
 LONG_FUNCTION = "void Run() {\n" + "    Step();\n" * rules.MAX_FUNCTION_LINES + "}\n"
 TAG = "TO" + "DO"
+WIDTHS = """[*]
+max_line_length = 120
+
+[*.{md,txt}]
+max_line_length = off
+
+[CMakeLists.txt]
+max_line_length = 120
+"""
+PATH = "sys" + ".path"
 
 # Each rule with trees that break it, and trees that look like it and do not.
 PROOFS = {
@@ -99,12 +108,16 @@ PROOFS = {
         [WHOLE_CALL]),
     rules.no_leftovers: (
         [{"a.cpp": f"// {TAG}: later\n"}, {"a.md": "a\tb\n"}, {"a.md": "a \n"}, {"a.md": "a\r\n"}, {"a.md": "a"},
-         {"a.md": "a\n\n"}, {"a.cpp": "/" * 121 + "\n"}],
-        [{"a.cpp": "/" * 120 + "\n", "a.md": "x" * 200 + "\n", "empty.txt": ""}]),
+         {"a.md": "a\n\n"}]
+        + [{path: "#" * 121 + "\n", ".editorconfig": WIDTHS}
+           for path in ("a.cpp", "a.py", "check", "b/CMakeLists.txt")],
+        [{"a.cpp": "/" * 120 + "\n", "a.md": "x" * 200 + "\n", "a.txt": "x" * 200 + "\n", "empty.txt": "",
+          ".editorconfig": WIDTHS}]),
     rules.files_begin_with_a_comment: (
         [{"src/a.cpp": "#include <vector>\n"}, {"a.py": "import os\n"}, {"a.cmake": "set(a b)\n"},
          {"check": "#!/bin/sh\nls\n"}, {"src/CMakeLists.txt": "project(a)\n"}],
-        [{"src/a.cpp": "// What it is.\n", "reader/include/a.h": "/* What it is. */\n", "a.py": '#!/usr/bin/env python3\n"""What it is."""\n',
+        [{"src/a.cpp": "// What it is.\n", "reader/include/a.h": "/* What it is. */\n",
+          "a.py": '#!/usr/bin/env python3\n"""What it is."""\n',
           "b.py": '"""What it is."""\n', "check": "#!/bin/sh\n# What it is.\n", "README.md": "Text\n"}]),
     rules.functions_fit_a_reader: (
         [{"src/cli/a.cpp": LONG_FUNCTION}, {"src/cli/a.cpp": "namespace vornix {\n\n" + LONG_FUNCTION + "\n}\n"},
@@ -116,6 +129,10 @@ PROOFS = {
          {"tests/unit/a_test.cpp": "void Run() { Step(); }\nTEST(A, B) { Run(); /* EXPECT_TRUE(true) */ }\n"}],
         [{"tests/unit/a_test.cpp": "void Check(int a) { EXPECT_EQ(a, 1); }\nTEST(A, B) { Check(2); }\n"
                                    "TEST_F(C, D) { ASSERT_TRUE(e); }\n"}]),
+    rules.suites_find_their_modules_by_the_runner: (
+        [{"tests/scenarios/test_a.py": f"import sys\n\n{PATH}.insert(0, 'lib')\nimport suite\n"},
+         {"tests/style/test_a.py": f"import sys\n\n{PATH} += ['lib']\n"}],
+        [{"tests/scenarios/test_a.py": "import os\n\nimport suite\n\nHERE = os.path.dirname(__file__)\n"}]),
     rules.python_tests_assert: (
         [{"tests/scenarios/test_a.py": "def test_a(self):\n    self.machine().run()\n"},
          {"tests/scenarios/test_a.py": "def helper():\n    return 1\n\n\ndef test_a():\n    helper()\n"}],

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Makes the committed image files anew, good and bad: python3 tests/vectors/make_vectors.py
+"""Makes the committed image files anew, good and bad: tests/run tests/vectors/make_vectors.py
 
 Each bad file has one cause, is named for it, and stands in expectations.json with the exit status of a verification and
-the line that it ends with on standard error. Files of a chain are made, but only the top of a chain has an expectation of
-its own where the others are good.
+the line that it ends with on standard error. Files of a chain are made, but only the top of a chain has an expectation
+of its own where the others are good.
 """
 
 import json
@@ -11,10 +11,9 @@ import os
 import shutil
 import sys
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(os.path.dirname(HERE), "lib"))
+import image
 
-import image  # noqa: E402
+HERE = os.path.dirname(os.path.abspath(__file__))
 
 CHUNK = 512
 PLAIN = b"A" * CHUNK + b"B" * CHUNK + b"C" * 300 + bytes(100)
@@ -147,11 +146,13 @@ def make_bad_thin():
     bad("bad-base-missing.vrnx", "base image of a thin image not found", trailer(base_name=b"nowhere.vrnx"), base=base)
     bad("bad-base-digest.vrnx", "base image does not match the one pinned in the thin image",
         trailer(base_digest=bytes(32)), base=base)
-    bad("bad-loop.vrnx", "image chain is too deep (or loops back on itself)", trailer(base_name=b"bad-loop.vrnx"), base=base)
+    bad("bad-loop.vrnx", "image chain is too deep (or loops back on itself)", trailer(base_name=b"bad-loop.vrnx"),
+        base=base)
     other = os.path.join(HERE, "full-one-chunk.vrnx")
     bad("bad-base-geometry.vrnx", "base image geometry differs from the thin image",
         trailer(base_name=b"full-one-chunk.vrnx", base_digest=image.digest_of(other)), base=base)
-    bad("bad-thin-hash.vrnx", "chunk failed its hash check (corrupt image or base)", record(0, hash=bytes(32)), base=base)
+    bad("bad-thin-hash.vrnx", "chunk failed its hash check (corrupt image or base)", record(0, hash=bytes(32)),
+        base=base)
 
 
 def main():
