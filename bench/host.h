@@ -41,6 +41,9 @@ public:
     virtual std::optional<std::uint64_t> FindSize() = 0;
 };
 
+// Before the first call of the program: settles what the host does otherwise for a described machine.
+void PrepareHost();
+
 // `name` as seen from `folder`; an absolute name stands as it is.
 std::string JoinHostPath(const std::string& folder, const std::string& name);
 

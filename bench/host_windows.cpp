@@ -145,6 +145,8 @@ std::unique_ptr<HostFile> HostFile::Open(const std::string& path, Mode mode) {
     return std::make_unique<WindowsFile>(handle);
 }
 
+void PrepareHost() {}
+
 std::string JoinHostPath(const std::string& folder, const std::string& name) {
     const bool absolute = name.starts_with('/') || name.starts_with('\\') || (name.size() > 1 && name[1] == ':');
     return absolute ? name : folder + "\\" + name;

@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
     if (argc < 2) {
         RefuseStart("usage: vornix-bench DIR ARGS...");
     }
+    PrepareHost();
     BuildMachine(argv[1]);
     if (!RegisterRunEnd()) {
         RefuseStart("there is no room for an exit routine");

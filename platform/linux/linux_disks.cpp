@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -15,6 +16,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "disk_users.h"
+#include "durable_writes.h"
 #include "last_error.h"
 #include "linux_calls.h"
 #include "root_disks.h"
@@ -141,8 +144,11 @@ BOOL AnswerGeometry(const OpenObject& disk, LPVOID out, DWORD outLength, LPDWORD
     return Answer(&answer, sizeof answer, out, outLength, returned);
 }
 
-BOOL RereadPartitionTable(const OpenObject& disk, LPDWORD returned) {
+BOOL RereadPartitionTable(OpenObject& disk, LPDWORD returned) {
     *returned = 0;
+    if (!FlushDisk(disk)) {
+        return FALSE;
+    }
     if (ioctl(disk.Descriptor, BLKRRPART) != 0) {
         return FailWith(ErrorFromErrno(errno, Subject::Disk));
     }
@@ -208,7 +214,8 @@ std::unique_ptr<OpenObject> OpenDisk(uint64_t number, DWORD access, DWORD share,
     mode |= (flags & FILE_FLAG_NO_BUFFERING) != 0 ? O_DIRECT : 0;
     // The kernel gives this claim to nobody while the disk or a partition of it is mounted, part of a RAID or in any
     // other exclusive use, and to nobody else while it is held.
-    mode |= (share & (FILE_SHARE_READ | FILE_SHARE_WRITE)) != (FILE_SHARE_READ | FILE_SHARE_WRITE) ? O_EXCL : 0;
+    const bool isExclusive = (share & (FILE_SHARE_READ | FILE_SHARE_WRITE)) != (FILE_SHARE_READ | FILE_SHARE_WRITE);
+    mode |= isExclusive ? O_EXCL : 0;
 
     // Some kernels refuse this open and others every single write; here it is the open, before anything happens.
     if ((access & GENERIC_WRITE) != 0 && IsAttributeSet("/sys/block/" + disk.Name + "/ro")) {
@@ -219,6 +226,8 @@ std::unique_ptr<OpenObject> OpenDisk(uint64_t number, DWORD access, DWORD share,
     auto object = std::make_unique<OpenObject>();
     object->Kind = ObjectKind::Disk;
     object->Access = access;
+    object->Name = "PhysicalDrive" + std::to_string(number) + " (" + path + ")";
+    object->Device = disk.Device;
     object->Descriptor = open(path.c_str(), mode);
     if (object->Descriptor < 0) {
         (void)FailWith(ErrorOfDiskOpen(errno));
@@ -245,7 +254,12 @@ std::unique_ptr<OpenObject> OpenDisk(uint64_t number, DWORD access, DWORD share,
     if ((flags & FILE_FLAG_NO_BUFFERING) != 0) {
         object->MemoryAlignment = DirectMemoryAlignment(object->Descriptor, object->SectorSize);
     }
-    if (!TakeSharePlace(object->Descriptor, access, share)) {
+    if (isExclusive) {
+        // Asks what names devices and looks into them to leave this one alone meanwhile. They may be at it just now.
+        (void)flock(object->Descriptor, LOCK_EX | LOCK_NB);
+    }
+    if (!TakeSharePlace(object->Descriptor, access, share) ||
+        (isExclusive && IsDiskInUse(object->Descriptor, disk.Device, object->Claims))) {
         (void)FailWith(ERROR_SHARING_VIOLATION);
         return nullptr;
     }
@@ -277,7 +291,7 @@ BOOL WINAPI LinuxDeviceIoControl(HANDLE device, DWORD code, LPVOID in, DWORD inL
     if (in != nullptr || inLength != 0) {
         EndUnsupported("DeviceIoControl", "input with control code", code);
     }
-    const OpenObject* const object = FindObject(device);
+    OpenObject* const object = FindObject(device);
     if (object == nullptr) {
         return FALSE;
     }

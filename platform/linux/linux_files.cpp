@@ -1,6 +1,8 @@
 // Files and devices: the answers to CreateFileW, ReadFile, WriteFile, SetFilePointerEx, GetFileSizeEx, CloseHandle,
 // GetFileAttributesA and MoveFileExW. Device control and the disks themselves are in linux_disks.cpp.
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,13 +11,16 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "background_transfers.h"
+#include "durable_writes.h"
 #include "host_paths.h"
 #include "last_error.h"
 #include "linux_calls.h"
 #include "linux_disks.h"
 #include "open_objects.h"
+#include "owned_descriptor.h"
 #include "share_modes.h"
 #include "unsupported.h"
 
@@ -187,6 +192,7 @@ HANDLE OpenHostFile(const std::string& path, DWORD access, DWORD share, DWORD di
 
     auto file = std::make_unique<OpenObject>();
     file->Access = access;
+    file->Name = path;
     bool created = false;
     // Before anything is cut off: a refused open changes nothing.
     if (const DWORD error = OpenInItsPlace(*file, path, share, disposition, created); error != ERROR_SUCCESS) {
@@ -197,6 +203,11 @@ HANDLE OpenHostFile(const std::string& path, DWORD access, DWORD share, DWORD di
     if (disposition == CREATE_ALWAYS && ftruncate(file->Descriptor, 0) != 0) {
         (void)FailWith(ErrorFromErrno(errno, Subject::File));
         return INVALID_HANDLE_VALUE;
+    }
+    file->IsWritten = disposition != OPEN_EXISTING;
+    file->IsNew = created;
+    if (created) {
+        file->Folder = OwnedDescriptor(open(FolderOfHostPath(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     }
     if ((flags & FILE_FLAG_NO_BUFFERING) != 0) {
         MakeUnbuffered(*file);
@@ -340,6 +351,35 @@ void KeepAhead(OpenObject& file, uint64_t start, uint64_t end) {
     ReadAhead(file.Descriptor, end, from, file.ReadAheadEnd);
 }
 
+// What the transfer of a disk that ended in front of its length is called.
+DWORD ErrorOfShortDisk(int descriptor) {
+    uint64_t length = 0;
+    const bool isThere = ioctl(descriptor, BLKGETSIZE64, &length) == 0 && length != 0;
+    return isThere ? ERROR_SECTOR_NOT_FOUND : ERROR_DEVICE_NOT_CONNECTED;
+}
+
+// Moves the bytes of a transfer at the handle's position, as far as it goes. Gives ERROR_SUCCESS or the error.
+DWORD MoveBytes(OpenObject& file, bool writing, uint8_t* memory, size_t length, size_t& done) {
+    const bool isDisk = file.Kind == ObjectKind::Disk;
+    if (writing) {
+        file.IsWritten = true;
+        file.IsUnflushed = isDisk;
+    }
+    if (writing && !isDisk) {
+        if (const int code = AllocateGap(file); code != 0) {
+            return ErrorFromErrno(code, Subject::File);
+        }
+    }
+    const bool misaligned = reinterpret_cast<uintptr_t>(memory) % file.MemoryAlignment != 0;
+    const int code = misaligned ? TransferThroughBounce(file, writing, memory, length, done)
+                                : TransferStretch(file, writing, memory, length, file.Position, done);
+    // A disk that is there no more has an end in front of everything.
+    if (isDisk && done < length && (code == 0 || code == ENOSPC)) {
+        return ErrorOfShortDisk(file.Descriptor);
+    }
+    return code == 0 ? ERROR_SUCCESS : ErrorFromErrno(code, isDisk ? Subject::Disk : Subject::File);
+}
+
 BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DWORD length, LPDWORD transferred,
               LPOVERLAPPED overlapped) {
     if (overlapped != nullptr) {
@@ -372,16 +412,21 @@ BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DW
             return FailWith(ERROR_SECTOR_NOT_FOUND);
         }
         wanted = static_cast<size_t>(std::min<uint64_t>(wanted, file->Length - file->Position));
+        // What is compared with what was written has to come from the medium.
+        if (!writing && !FlushDisk(*file)) {
+            return FALSE;
+        }
     }
 
     size_t done = 0;
-    const bool misaligned = reinterpret_cast<uintptr_t>(memory) % file->MemoryAlignment != 0;
-    const int code = misaligned ? TransferThroughBounce(*file, writing, memory, wanted, done)
-                                : TransferStretch(*file, writing, memory, wanted, file->Position, done);
-    *transferred = static_cast<DWORD>(done);
-    if (code != 0) {
-        return FailWith(ErrorFromErrno(code, isDisk ? Subject::Disk : Subject::File));
+    if (const DWORD error = MoveBytes(*file, writing, memory, wanted, done); error != ERROR_SUCCESS) {
+        *transferred = static_cast<DWORD>(done);
+        if (writing) {
+            RecordFailure(*file, error);
+        }
+        return FailWith(error);
     }
+    *transferred = static_cast<DWORD>(done);
     const uint64_t start = file->Position;
     file->Position += done;
     if (!isDisk && file->SectorSize == 1) {
@@ -396,26 +441,6 @@ BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DW
 
 // ---------------------------------------------------------------------------------------------------------------
 // MoveFileExW
-
-// An open descriptor that closes itself.
-class Descriptor {
-public:
-    explicit Descriptor(int value) : value_(value) {}
-    ~Descriptor() {
-        if (value_ >= 0) {
-            (void)close(value_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor(Descriptor&&) = delete;
-    Descriptor& operator=(Descriptor&&) = delete;
-    int Get() const { return value_; }
-    bool IsOpen() const { return value_ >= 0; }
-
-private:
-    int value_;
-};
 
 // Gives `from` the name `to` unless something has that name. 0 or an errno value, EEXIST where the name is taken.
 int RenameWithoutReplacing(const std::string& from, const std::string& to) {
@@ -457,18 +482,6 @@ DWORD ErrorOfRename(int code, const std::string& from, const std::string& to) {
         return lstat(from.c_str(), &status) != 0 ? ErrorOfPath(errno, from) : ERROR_PATH_NOT_FOUND;
     }
     return ErrorOfPath(code, to);
-}
-
-// Waits until the folder's entries are on the disk. Where the folder cannot be opened or synced by itself, the whole
-// file system of `file` is.
-int SyncFolder(const Descriptor& folder, const Descriptor& file) {
-    if (folder.IsOpen() && fsync(folder.Get()) == 0) {
-        return 0;
-    }
-    if (folder.IsOpen() && errno != EINVAL && errno != EBADF) {
-        return errno;
-    }
-    return syncfs(file.Get()) == 0 ? 0 : errno;
 }
 
 } // namespace
@@ -549,11 +562,14 @@ BOOL WINAPI LinuxCloseHandle(HANDLE handle) {
     if (object == nullptr) {
         return FALSE;
     }
-    const int descriptor = object->Descriptor;
-    object->Descriptor = -1;
     if (object->HasBackgroundTransfers) {
-        EndBackgroundTransfers(descriptor);
+        EndBackgroundTransfers(object->Descriptor);
     }
+    if (object->IsWritten) {
+        CloseWritten(*object);
+        return TRUE;
+    }
+    const int descriptor = std::exchange(object->Descriptor, -1);
     // The handle is gone whatever close says; after EINTR the descriptor is gone as well.
     if (descriptor >= 0 && close(descriptor) != 0 && errno != EINTR) {
         return FailWith(ErrorFromErrno(errno, object->Kind == ObjectKind::Disk ? Subject::Disk : Subject::File));
@@ -593,12 +609,12 @@ BOOL WINAPI LinuxMoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
     const std::string source = HostPath(from);
     const std::string target = HostPath(to);
     // Everything that the sync will need is opened before anything changes.
-    const Descriptor file(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    const OwnedDescriptor file(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (!file.IsOpen()) {
         return FailWith(ErrorOfPath(errno, source));
     }
-    const Descriptor sourceFolder(open(FolderOfHostPath(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const Descriptor targetFolder(open(FolderOfHostPath(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const OwnedDescriptor sourceFolder(open(FolderOfHostPath(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const OwnedDescriptor targetFolder(open(FolderOfHostPath(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (IsHeldByAnother(file.Get())) {
         return FailWith(ERROR_SHARING_VIOLATION);
     }
@@ -609,7 +625,7 @@ BOOL WINAPI LinuxMoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
     if (const int code = RenameWithoutReplacing(source, target); code != 0) {
         return FailWith(ErrorOfRename(code, source, target));
     }
-    if (const int code = SyncFolder(targetFolder, file); code != 0) {
+    if (const int code = SyncFolder(targetFolder.Get(), file.Get()); code != 0) {
         return FailWith(ErrorFromErrno(code, Subject::File));
     }
     struct stat sourceStatus {};
@@ -619,7 +635,7 @@ BOOL WINAPI LinuxMoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
                             fstat(targetFolder.Get(), &targetStatus) == 0 &&
                             sourceStatus.st_dev == targetStatus.st_dev && sourceStatus.st_ino == targetStatus.st_ino;
     if (!sameFolder) {
-        if (const int code = SyncFolder(sourceFolder, file); code != 0) {
+        if (const int code = SyncFolder(sourceFolder.Get(), file.Get()); code != 0) {
             return FailWith(ErrorFromErrno(code, Subject::File));
         }
     }

@@ -3,9 +3,15 @@
 
 #include <windows.h>
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
+
+#include "owned_descriptor.h"
 
 namespace vornix::platform {
 
@@ -32,10 +38,22 @@ struct OpenObject {
     int Descriptor = -1; // -1 for the system volume, which is asked about and never read
     DWORD Access = 0;    // GENERIC_READ, GENERIC_WRITE
     uint64_t Position = 0;
+    std::string Name; // for reports: the path of a file as it was given, the number and node of a disk
 
-    // Disks alone: the length in bytes when it was opened, and whether its medium can be taken out.
+    // Disks alone: the length in bytes when it was opened, whether its medium can be taken out, and whether it took
+    // bytes since it was flushed.
+    dev_t Device = 0;
     uint64_t Length = 0;
     bool Removable = false;
+    bool IsUnflushed = false;
+    std::vector<OwnedDescriptor> Claims; // on the devices that the disk itself stands for, where it is a loop device
+
+    // What the close has to look after: whether the handle changed anything, whether it made the file, with the folder
+    // that has its name (not open where it may not be), and the first failure of a write or a flush.
+    bool IsWritten = false;
+    bool IsNew = false;
+    OwnedDescriptor Folder;
+    DWORD Failure = ERROR_SUCCESS;
 
     // Offset and length of a transfer must be whole multiples of this; 1 where there is no such rule.
     uint32_t SectorSize = 1;

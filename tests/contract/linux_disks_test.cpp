@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <linux/blkpg.h>
+#include <linux/loop.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -30,6 +31,7 @@
 #include <thread>
 #include <vector>
 
+#include "linux/disk_users.h"
 #include "linux/linux_disks.h"
 #include "linux_host_calls.h"
 #include "linux_loop_disks.h"
@@ -85,6 +87,9 @@ protected:
     static const LoopDisk& Large() { return TheLoopDisks().Large; }
     static const LoopDisk& ReadOnly() { return TheLoopDisks().ReadOnly; }
 };
+
+// Tests of which a part ends its process: this name has them run first, while there is no other thread.
+using LinuxDisksDeathTest = LinuxDisks;
 
 // ---------------------------------------------------------------------------------------------------------------
 // Numbering
@@ -268,11 +273,7 @@ TEST_F(LinuxDisks, TransferAtTheEndIsRefusedAndAcrossItIsCut) {
     }
 }
 
-TEST_F(LinuxDisks, FailedTransferTellsItsErrorAndHowFarItCame) {
-    const ScopedHandle handle(OpenNumber(Small().Number, readWrite, 0));
-    AlignedBytes buffer = MakeAligned(8192);
-    std::memset(buffer.get(), 0, 8192);
-    const ScopedHostCalls scope;
+TEST_F(LinuxDisksDeathTest, FailedTransferTellsItsErrorAndHowFarItCame) {
     const struct {
         int HostError;
         DWORD Error;
@@ -281,19 +282,134 @@ TEST_F(LinuxDisks, FailedTransferTellsItsErrorAndHowFarItCame) {
                  {ENOMEDIUM, ERROR_NOT_READY},
                  {ENODEV, ERROR_DEVICE_NOT_CONNECTED}};
     for (const auto& oneCase : cases) {
-        TheHostCalls().TransferError = oneCase.HostError;
-        TheHostCalls().LongestTransfer = 2048;
-        TheHostCalls().FailTransferAfter = 3;
-        DWORD count = 99;
-        ASSERT_TRUE(Seek(handle.Get(), 0));
-        EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), 8192, &count, nullptr));
-        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
-        EXPECT_EQ(count, 3u * 2048);
-        TheHostCalls().FailTransferAfter = 1;
-        EXPECT_FALSE(WriteFile(handle.Get(), buffer.get(), 8192, &count, nullptr));
-        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
-        EXPECT_EQ(count, 2048u);
+        // A process of its own: the close of a disk that a write failed on ends it.
+        const auto run = [&] {
+            const HANDLE handle = OpenNumber(Small().Number, readWrite, 0);
+            const AlignedBytes buffer = MakeAligned(8192);
+            std::memset(buffer.get(), 0, 8192);
+            TheHostCalls().TransferError = oneCase.HostError;
+            TheHostCalls().LongestTransfer = 2048;
+            TheHostCalls().FailTransferAfter = 3;
+            DWORD count = 99;
+            if (ReadFile(handle, buffer.get(), 8192, &count, nullptr) || GetLastError() != oneCase.Error ||
+                count != 3 * 2048) {
+                _exit(2);
+            }
+            TheHostCalls().FailTransferAfter = 1;
+            const BOOL written = WriteFile(handle, buffer.get(), 8192, &count, nullptr);
+            _exit(!written && GetLastError() == oneCase.Error && count == 2048 ? 0 : 3);
+        };
+        EXPECT_EXIT(run(), testing::ExitedWithCode(0), "") << oneCase.HostError;
     }
+}
+
+// Gives the file behind a loop device another size, which the device then has too.
+void Resize(const LoopDisk& loop, uint64_t length) {
+    std::filesystem::resize_file(loop.File, length);
+    const int device = open(("/dev/" + loop.Name).c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(ioctl(device, LOOP_SET_CAPACITY, 0), 0) << std::strerror(errno);
+    (void)close(device);
+}
+
+TEST_F(LinuxDisksDeathTest, TransferBehindTheEndThatADiskHasByNowSaysWhatIsWrong) {
+    const struct {
+        uint64_t Length;
+        DWORD Error;
+    } cases[] = {{1 << 20, ERROR_SECTOR_NOT_FOUND}, {0, ERROR_DEVICE_NOT_CONNECTED}};
+    for (const auto& oneCase : cases) {
+        const auto run = [&] {
+            const HANDLE handle = OpenNumber(Small().Number, readWrite, 0);
+            const AlignedBytes buffer = MakeAligned(8192);
+            Resize(Small(), oneCase.Length);
+            DWORD count = 99;
+            if (!Seek(handle, (1 << 20) - 4096) || ReadFile(handle, buffer.get(), 8192, &count, nullptr) ||
+                GetLastError() != oneCase.Error || count != (oneCase.Length != 0 ? 4096u : 0u)) {
+                _exit(2);
+            }
+            if (!Seek(handle, 1 << 20) || WriteFile(handle, buffer.get(), 8192, &count, nullptr) ||
+                GetLastError() != oneCase.Error || count != 0) {
+                _exit(3);
+            }
+            _exit(0);
+        };
+        EXPECT_EXIT(run(), testing::ExitedWithCode(0), "") << oneCase.Length;
+        Resize(Small(), Small().Length);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// The way to the medium
+
+BOOL WriteSector(HANDLE handle, const LoopDisk& disk) {
+    const AlignedBytes buffer = MakeAligned(disk.SectorSize);
+    FillWithPattern(buffer.get(), disk.SectorSize, 7);
+    DWORD count = 0;
+    return Seek(handle, 0) && WriteFile(handle, buffer.get(), disk.SectorSize, &count, nullptr);
+}
+
+BOOL ReadSector(HANDLE handle, const LoopDisk& disk) {
+    const AlignedBytes buffer = MakeAligned(disk.SectorSize);
+    DWORD count = 0;
+    return Seek(handle, 0) && ReadFile(handle, buffer.get(), disk.SectorSize, &count, nullptr);
+}
+
+BOOL UpdateProperties(HANDLE handle) {
+    DWORD returned = 0;
+    return DeviceIoControl(handle, IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0, &returned, nullptr);
+}
+
+TEST_F(LinuxDisks, WrittenDiskIsFlushedBeforeItIsReadAtItsPropertiesAndAtItsClose) {
+    using Names = std::vector<std::string>;
+    const ScopedHostCalls scope;
+    const Names& order = TheHostCalls().Order;
+    {
+        const ScopedHandle handle(OpenNumber(Small().Number, readWrite, 0));
+        ASSERT_TRUE(ReadSector(handle.Get(), Small()));
+        ASSERT_TRUE(WriteSector(handle.Get(), Small()));
+        ASSERT_TRUE(WriteSector(handle.Get(), Small()));
+        EXPECT_EQ(order, Names{});
+        ASSERT_TRUE(ReadSector(handle.Get(), Small()));
+        ASSERT_TRUE(ReadSector(handle.Get(), Small()));
+        EXPECT_EQ(order, Names{"sync disk"});
+        ASSERT_TRUE(WriteSector(handle.Get(), Small()));
+        (void)UpdateProperties(handle.Get());
+        EXPECT_EQ(order, (Names{"sync disk", "sync disk"}));
+        ASSERT_TRUE(WriteSector(handle.Get(), Small()));
+    }
+    EXPECT_EQ(order, (Names{"sync disk", "sync disk", "sync disk"}));
+    TheHostCalls().Order.clear();
+    {
+        const ScopedHandle handle(OpenNumber(Small().Number, readWrite, 0));
+        ASSERT_TRUE(ReadSector(handle.Get(), Small()));
+        (void)UpdateProperties(handle.Get());
+    }
+    EXPECT_EQ(order, Names{});
+}
+
+TEST_F(LinuxDisksDeathTest, FlushThatFailedOnceIsToldByEachCallAndEndsTheProcessAtTheClose) {
+    const auto run = [](bool reading, bool updating) {
+        const HANDLE handle = OpenNumber(Small().Number, readWrite, 0);
+        TheHostCalls().SyncError = EIO;
+        if (!WriteSector(handle, Small())) {
+            _exit(2);
+        }
+        // The second time the kernel itself would say that all is well.
+        for (int time = 0; time < 2; time++) {
+            if (reading && (ReadSector(handle, Small()) || GetLastError() != ERROR_IO_DEVICE)) {
+                _exit(3);
+            }
+            if (updating && (UpdateProperties(handle) || GetLastError() != ERROR_IO_DEVICE)) {
+                _exit(4);
+            }
+        }
+        (void)CloseHandle(handle);
+    };
+    const std::string report = "FATAL: PhysicalDrive" + std::to_string(Small().Number) + " \\(/dev/" + Small().Name +
+                               "\\): not everything that was written reached the medium - do not trust it "
+                               "\\(GetLastError=1117\\)\n$";
+    EXPECT_EXIT(run(false, false), testing::ExitedWithCode(1), report);
+    EXPECT_EXIT(run(true, false), testing::ExitedWithCode(1), report);
+    EXPECT_EXIT(run(false, true), testing::ExitedWithCode(1), report);
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -345,14 +461,18 @@ std::string PartitionOf(const LoopDisk& loop) {
 }
 
 // Tells the kernel of one partition behind partitionStart, without a partition table: not every kernel reads those.
-bool AddPartition(const LoopDisk& loop) {
-    const int device = open(("/dev/" + loop.Name).c_str(), O_RDONLY | O_CLOEXEC);
+bool AddPartition(int device, uint64_t length) {
     blkpg_partition partition{};
     partition.pno = 1;
     partition.start = static_cast<long long>(partitionStart);
-    partition.length = static_cast<long long>(loop.Length - partitionStart);
+    partition.length = static_cast<long long>(length - partitionStart);
     blkpg_ioctl_arg argument{BLKPG_ADD_PARTITION, 0, sizeof partition, &partition};
-    const bool isAdded = device >= 0 && ioctl(device, BLKPG, &argument) == 0;
+    return device >= 0 && ioctl(device, BLKPG, &argument) == 0;
+}
+
+bool AddPartition(const LoopDisk& loop) {
+    const int device = open(("/dev/" + loop.Name).c_str(), O_RDONLY | O_CLOEXEC);
+    const bool isAdded = AddPartition(device, loop.Length);
     close(device);
     return isAdded;
 }
@@ -380,6 +500,51 @@ int ClaimPartition(const LoopDisk& loop) {
     return -1;
 }
 
+// A loop device over an open file or device, for as long as this lives.
+class ScopedLoop {
+public:
+    explicit ScopedLoop(int backing) {
+        const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+        // Another process may take the free device between the two steps.
+        for (int attempt = 0; attempt < 10 && device_ < 0; attempt++) {
+            const int number = ioctl(control, LOOP_CTL_GET_FREE);
+            device_ = open(("/dev/loop" + std::to_string(number)).c_str(), O_RDWR | O_CLOEXEC);
+            loop_config config{};
+            config.fd = static_cast<uint32_t>(backing);
+            config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+            if (device_ >= 0 && ioctl(device_, LOOP_CONFIGURE, &config) != 0) {
+                close(device_);
+                device_ = -1;
+            }
+        }
+        close(control);
+    }
+    ~ScopedLoop() {
+        if (device_ >= 0) {
+            // Now, and not when another process that looked at it lets it go.
+            (void)ioctl(device_, LOOP_CLR_FD, 0);
+            close(device_);
+        }
+    }
+    ScopedLoop(const ScopedLoop&) = delete;
+    ScopedLoop& operator=(const ScopedLoop&) = delete;
+    int Get() const { return device_; }
+    std::string Name() const {
+        return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(device_)).filename().string();
+    }
+    // Whether anything but the exclusive open of the asking itself uses it.
+    bool IsInUse(std::vector<vornix::platform::OwnedDescriptor>& claims) const {
+        const vornix::platform::OwnedDescriptor target(open(("/dev/" + Name()).c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
+        struct stat status {};
+        EXPECT_TRUE(target.IsOpen()) << std::strerror(errno);
+        EXPECT_EQ(fstat(target.Get(), &status), 0);
+        return vornix::platform::IsDiskInUse(target.Get(), status.st_rdev, claims);
+    }
+
+private:
+    int device_ = -1;
+};
+
 TEST_F(LinuxDisks, ClaimedPartitionGuardsItsDisk) {
     ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
     const int claim = ClaimPartition(Small());
@@ -391,6 +556,108 @@ TEST_F(LinuxDisks, ClaimedPartitionGuardsItsDisk) {
         EXPECT_TRUE(reader.IsOpen());
     }
     close(claim);
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+// Opens a partition as any program may, once the system has made its node.
+int OpenPartition(const std::string& disk) {
+    for (int attempt = 0; attempt < 200; attempt++) {
+        const int descriptor = open(("/dev/" + disk + "p1").c_str(), O_RDWR | O_CLOEXEC);
+        if (descriptor >= 0) {
+            return descriptor;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return -1;
+}
+
+bool IsPartitionThere(const LoopDisk& loop) {
+    return std::filesystem::exists("/sys/block/" + loop.Name + "/" + PartitionOf(loop));
+}
+
+TEST_F(LinuxDisks, OpenPartitionGuardsItsDiskAndStaysAPartition) {
+    for (const LoopDisk* disk : {&Small(), &Large()}) {
+        ASSERT_TRUE(AddPartition(*disk)) << std::strerror(errno);
+        const int user = OpenPartition(disk->Name);
+        ASSERT_GE(user, 0) << "no node for the partition";
+        EXPECT_EQ(OpenNumber(disk->Number, readWrite, 0), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+        EXPECT_TRUE(IsPartitionThere(*disk));
+        close(user);
+        {
+            const ScopedHandle target(OpenNumber(disk->Number, readWrite, 0));
+            EXPECT_TRUE(target.IsOpen()) << GetLastError();
+        }
+        // An open that writes nothing changes nothing, although the disk has no partition table.
+        EXPECT_TRUE(IsPartitionThere(*disk));
+        DWORD returned = 99;
+        EXPECT_TRUE(UpdateProperties(*disk, returned)) << GetLastError();
+    }
+}
+
+TEST_F(LinuxDisks, LoopDeviceGuardsTheDiskAndThePartitionThatItStandsFor) {
+    ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+    for (const std::string& name : {Small().Name, PartitionOf(Small())}) {
+        const int backing =
+            name == Small().Name ? open(("/dev/" + name).c_str(), O_RDWR | O_CLOEXEC) : OpenPartition(Small().Name);
+        ASSERT_GE(backing, 0);
+        {
+            const ScopedLoop loop(backing);
+            ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
+            close(backing);
+            EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE) << name;
+            EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+            const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
+            EXPECT_TRUE(reader.IsOpen()) << "a disk in use can be read";
+        }
+    }
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+TEST_F(LinuxDisks, OpenPartitionOfADiskWhoseTableIsNotReadGuardsIt) {
+    const int file = open(Small().File.c_str(), O_RDWR | O_CLOEXEC);
+    const ScopedLoop loop(file);
+    close(file);
+    ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
+    EXPECT_NE(ioctl(loop.Get(), BLKRRPART), 0) << "the kernel reads its table after all";
+    ASSERT_TRUE(AddPartition(loop.Get(), Small().Length)) << std::strerror(errno);
+    const std::string partition = "/sys/class/block/" + loop.Name() + "p1";
+    std::vector<vornix::platform::OwnedDescriptor> claims;
+    const int user = OpenPartition(loop.Name());
+    ASSERT_GE(user, 0) << "no node for the partition";
+    EXPECT_TRUE(loop.IsInUse(claims));
+    EXPECT_TRUE(std::filesystem::exists(partition));
+    close(user);
+    EXPECT_FALSE(loop.IsInUse(claims));
+    EXPECT_TRUE(std::filesystem::exists(partition));
+}
+
+TEST_F(LinuxDisks, WhatALoopDeviceStandsForGuardsIt) {
+    ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+    const int backing = OpenPartition(Small().Name);
+    ASSERT_GE(backing, 0);
+    {
+        const ScopedLoop loop(backing);
+        ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
+        std::vector<vornix::platform::OwnedDescriptor> claims;
+        const int claim = ClaimPartition(Small());
+        ASSERT_GE(claim, 0);
+        EXPECT_TRUE(loop.IsInUse(claims));
+        EXPECT_TRUE(claims.empty());
+        close(claim);
+        {
+            const ScopedLoop other(backing);
+            ASSERT_GE(other.Get(), 0) << std::strerror(errno);
+            EXPECT_TRUE(loop.IsInUse(claims));
+        }
+        EXPECT_FALSE(loop.IsInUse(claims));
+        ASSERT_EQ(claims.size(), 1u);
+        EXPECT_LT(open(("/dev/" + PartitionOf(Small())).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC), 0)
+            << "not claimed while the loop device is the target";
+    }
+    close(backing);
     DWORD returned = 99;
     EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
 }

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -202,15 +203,16 @@ TEST_F(LinuxFiles, FullDiskTellsHowFarTheWriteCame) {
     if (mount("none", point.c_str(), "tmpfs", 0, "size=1m") != 0) {
         GTEST_SKIP() << "mounting is not allowed here";
     }
-    {
-        const ScopedHandle file(Open(L"small/file", GENERIC_WRITE, 0, CREATE_NEW));
-        const std::vector<char> buffer(2 << 20, 'x');
-        DWORD count = 0;
-        EXPECT_FALSE(WriteFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &count, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
-        EXPECT_GT(count, 0u);
-        EXPECT_LE(count, 1u << 20);
-    }
+    // A process of its own: the close of a file that a write failed on ends it.
+    EXPECT_EQ(InChild([this] {
+                  const HANDLE file = Open(L"small/file", GENERIC_WRITE, 0, CREATE_NEW);
+                  const std::vector<char> buffer(2 << 20, 'x');
+                  DWORD count = 0;
+                  const BOOL written =
+                      WriteFile(file, buffer.data(), static_cast<DWORD>(buffer.size()), &count, nullptr);
+                  return !written && GetLastError() == ERROR_DISK_FULL && count > 0 && count <= 1u << 20 ? 0 : 1;
+              }),
+              0);
     EXPECT_EQ(mount("none", point.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     EXPECT_EQ(Open(L"small/other", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
@@ -222,9 +224,8 @@ TEST_F(LinuxFiles, FullDiskTellsHowFarTheWriteCame) {
 
 TEST_F(LinuxFiles, FailedTransferTellsItsErrorAndHowFarItCame) {
     MakeFile(L"file", std::string(100, 'x'));
-    const ScopedHandle file(Open(L"file", readWrite, 0, OPEN_EXISTING));
     const ScopedHostCalls scope;
-    char buffer[100];
+    char buffer[100] = {};
     DWORD count = 99;
     const struct {
         int HostError;
@@ -236,17 +237,23 @@ TEST_F(LinuxFiles, FailedTransferTellsItsErrorAndHowFarItCame) {
                  {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
                  {ENOLINK, ERROR_GEN_FAILURE}};
     for (const auto& oneCase : cases) {
-        TheHostCalls().TransferError = oneCase.HostError;
-        TheHostCalls().LongestTransfer = 30;
-        TheHostCalls().FailTransferAfter = 2;
-        ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
-        EXPECT_FALSE(ReadFile(file.Get(), buffer, 100, &count, nullptr));
-        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
-        EXPECT_EQ(count, 60u);
-        TheHostCalls().FailTransferAfter = 0;
-        EXPECT_FALSE(WriteFile(file.Get(), buffer, 100, &count, nullptr));
-        EXPECT_EQ(GetLastError(), oneCase.Error) << oneCase.HostError;
-        EXPECT_EQ(count, 0u);
+        // A process of its own: the close of a file that a write failed on ends it.
+        EXPECT_EQ(
+            InChild([&] {
+                const HANDLE file = Open(L"file", readWrite, 0, OPEN_EXISTING);
+                TheHostCalls().TransferError = oneCase.HostError;
+                TheHostCalls().LongestTransfer = 30;
+                TheHostCalls().FailTransferAfter = 2;
+                if (ReadFile(file, buffer, 100, &count, nullptr) || GetLastError() != oneCase.Error || count != 60) {
+                    return 1;
+                }
+                TheHostCalls().FailTransferAfter = 0;
+                return !WriteFile(file, buffer, 100, &count, nullptr) && GetLastError() == oneCase.Error && count == 0
+                           ? 0
+                           : 2;
+            }),
+            0)
+            << oneCase.HostError;
     }
 }
 
@@ -463,6 +470,145 @@ TEST_F(LinuxFiles, WritesInSequenceAreSentToTheDiskByAnotherThread) {
     }
     ExpectCloseToWait(file);
     EXPECT_EQ(std::filesystem::file_size(Folder() / "file"), 6 * uint64_t{length});
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// The way to the medium
+
+class LinuxDurableFiles : public LinuxFiles {
+protected:
+    using Names = std::vector<std::string>;
+
+    static BOOL Write(HANDLE file, uint64_t offset, const std::string& bytes) {
+        DWORD count = 0;
+        return SetFilePointerEx(file, LargeInteger(static_cast<LONGLONG>(offset)), nullptr, FILE_BEGIN) &&
+               WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr) &&
+               count == bytes.size();
+    }
+
+    // The bytes of the disk that a file takes.
+    uint64_t RoomOf(const std::string& name) const {
+        struct stat status {};
+        EXPECT_EQ(stat(NarrowPath(name).c_str(), &status), 0);
+        return static_cast<uint64_t>(status.st_blocks) * 512;
+    }
+
+    // What the end of a process at the close of this file says.
+    std::string Report(const std::string& name, DWORD error) const {
+        return "FATAL: " + NarrowPath(name) +
+               ": not everything that was written reached the medium - do not trust it " +
+               "\\(GetLastError=" + std::to_string(error) + "\\)\n$";
+    }
+};
+
+TEST_F(LinuxDurableFiles, GapInFrontOfAWriteHasItsRoom) {
+    constexpr uint64_t gap = 300'000;
+    for (const bool hasAllocation : {true, false}) {
+        const std::wstring name = hasAllocation ? L"allocated" : L"zeros";
+        const ScopedHostCalls scope;
+        TheHostCalls().HasAllocation = hasAllocation;
+        {
+            const ScopedHandle file(Open(name, GENERIC_WRITE, 0, CREATE_NEW));
+            ASSERT_TRUE(Write(file.Get(), gap, "behind"));
+            ASSERT_TRUE(Write(file.Get(), 2 * gap, "far behind"));
+            ASSERT_TRUE(Write(file.Get(), 0, "front"));
+        }
+        EXPECT_GE(RoomOf(hasAllocation ? "allocated" : "zeros"), 2 * gap);
+        std::string expected(2 * gap, '\0');
+        expected.replace(0, 5, "front");
+        expected.replace(gap, 6, "behind");
+        EXPECT_EQ(ContentOf(name), expected + "far behind");
+    }
+}
+
+TEST_F(LinuxDurableFiles, GapThatHasNoRoomFailsTheWriteThatIsBehindIt) {
+    const std::string point = NarrowPath("small");
+    std::filesystem::create_directory(point);
+    if (mount("none", point.c_str(), "tmpfs", 0, "size=1m") != 0) {
+        GTEST_SKIP() << "mounting is not allowed here";
+    }
+    for (const bool hasAllocation : {true, false}) {
+        EXPECT_EQ(InChild([&] {
+                      const ScopedHostCalls scope;
+                      TheHostCalls().HasAllocation = hasAllocation;
+                      const HANDLE file = Open(L"small/file", GENERIC_WRITE, 0, CREATE_ALWAYS);
+                      return !Write(file, 2 << 20, "behind") && GetLastError() == ERROR_DISK_FULL ? 0 : 1;
+                  }),
+                  0);
+    }
+    EXPECT_EQ(umount(point.c_str()), 0);
+}
+
+TEST_F(LinuxDurableFiles, CloseBringsBytesAndANewNameToTheDiskAndLeavesTheCache) {
+    const ScopedHostCalls scope;
+    const Names& order = TheHostCalls().Order;
+    MakeFile(L"file", "content");
+    EXPECT_EQ(order, (Names{"sync file", "sync folder", "drop"}));
+    TheHostCalls().Order.clear();
+    EXPECT_EQ(ContentOf(L"file"), "content");
+    { const ScopedHandle untouched(Open(L"file", readWrite, 0, OPEN_EXISTING)); }
+    EXPECT_EQ(order, Names{});
+    {
+        const ScopedHandle changed(Open(L"file", GENERIC_WRITE, 0, OPEN_EXISTING));
+        ASSERT_TRUE(Write(changed.Get(), 0, "C"));
+    }
+    EXPECT_EQ(order, (Names{"sync file", "drop"}));
+    TheHostCalls().Order.clear();
+    { const ScopedHandle emptied(Open(L"file", GENERIC_WRITE, 0, CREATE_ALWAYS)); }
+    EXPECT_EQ(order, (Names{"sync file", "drop"}));
+}
+
+TEST_F(LinuxDurableFiles, WrittenPagesAreNotInMemoryBehindTheClose) {
+    constexpr size_t size = 1 << 20;
+    MakeFile(L"file", std::string(size, 'x'));
+    const int descriptor = open(NarrowPath("file").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(descriptor, 0);
+    void* const view = mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0);
+    ASSERT_NE(view, MAP_FAILED);
+    std::vector<unsigned char> pages(size / static_cast<size_t>(sysconf(_SC_PAGESIZE)));
+    ASSERT_EQ(mincore(view, size, pages.data()), 0);
+    (void)munmap(view, size);
+    (void)close(descriptor);
+    const auto inMemory = std::count_if(pages.begin(), pages.end(), [](unsigned char page) { return (page & 1) != 0; });
+    if (inMemory == static_cast<ptrdiff_t>(pages.size())) {
+        GTEST_SKIP() << "files are in memory alone here";
+    }
+    EXPECT_EQ(inMemory, 0);
+}
+
+// This name has them run first, while there is no other thread.
+using LinuxFilesDeathTest = LinuxDurableFiles;
+
+TEST_F(LinuxFilesDeathTest, CloseBehindAFailedWriteEndsTheProcess) {
+    const auto run = [this] {
+        const HANDLE file = Open(L"file", GENERIC_WRITE, 0, CREATE_NEW);
+        TheHostCalls().TransferError = ENOSPC;
+        TheHostCalls().FailTransferAfter = 1;
+        std::printf("printed before\n"); // which arrives
+        if (!Write(file, 0, "one") || Write(file, 0, "two") || !Write(file, 3, "three")) {
+            _exit(2);
+        }
+        (void)CloseHandle(file);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(1), Report("file", ERROR_DISK_FULL));
+    // What failed before the medium was asked changes nothing of the file.
+    MakeFile(L"other", "content");
+    const ScopedHandle reader(Open(L"other", GENERIC_READ, 0, OPEN_EXISTING));
+    EXPECT_FALSE(Write(reader.Get(), 0, "x"));
+}
+
+TEST_F(LinuxFilesDeathTest, CloseOfBytesThatDoNotReachTheMediumEndsTheProcess) {
+    const auto run = [this](int HostCalls::*call, int error) {
+        const HANDLE file = Open(L"file", GENERIC_WRITE, 0, CREATE_NEW);
+        TheHostCalls().*call = error;
+        if (!Write(file, 0, "content")) {
+            _exit(2);
+        }
+        (void)CloseHandle(file);
+    };
+    EXPECT_EXIT(run(&HostCalls::SyncError, EIO), testing::ExitedWithCode(1), Report("file", ERROR_CRC));
+    std::filesystem::remove(Folder() / "file");
+    EXPECT_EXIT(run(&HostCalls::CloseError, EDQUOT), testing::ExitedWithCode(1), Report("file", ERROR_DISK_FULL));
 }
 
 // ---------------------------------------------------------------------------------------------------------------

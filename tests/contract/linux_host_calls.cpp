@@ -146,13 +146,46 @@ int link(const char* from, const char* to) noexcept {
 
 int fsync(int descriptor) {
     struct stat status {};
-    const bool isFolder = fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
-    TheHostCalls().Order.emplace_back(isFolder ? "sync folder" : "sync file");
-    if (!isFolder && TheHostCalls().SyncError != 0) {
-        errno = TheHostCalls().SyncError;
-        return -1;
+    const bool isKnown = fstat(descriptor, &status) == 0;
+    const bool isFolder = isKnown && S_ISDIR(status.st_mode);
+    HostCalls& calls = TheHostCalls();
+    calls.Order.emplace_back(isFolder ? "sync folder" : isKnown && S_ISBLK(status.st_mode) ? "sync disk" : "sync file");
+    if (!isFolder) {
+        calls.LastSynced = descriptor;
+        if (calls.SyncError != 0) {
+            errno = calls.SyncError;
+            calls.SyncError = 0;
+            return -1;
+        }
     }
     return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+int fallocate(int descriptor, int mode, off_t offset, off_t length) {
+    if (!TheHostCalls().HasAllocation) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    TheHostCalls().Order.emplace_back("allocate");
+    return static_cast<int>(syscall(SYS_fallocate, descriptor, mode, offset, length));
+}
+
+int posix_fadvise(int descriptor, off_t offset, off_t length, int advice) noexcept {
+    if (advice == POSIX_FADV_DONTNEED) {
+        TheHostCalls().Order.emplace_back("drop");
+    }
+    return syscall(SYS_fadvise64, descriptor, offset, length, advice) == 0 ? 0 : errno;
+}
+
+int close(int descriptor) {
+    const auto status = static_cast<int>(syscall(SYS_close, descriptor));
+    HostCalls& calls = TheHostCalls();
+    if (!IsOtherThread() && calls.CloseError != 0 && descriptor == calls.LastSynced) {
+        errno = calls.CloseError;
+        calls.CloseError = 0;
+        return -1;
+    }
+    return status;
 }
 
 } // extern "C"

@@ -19,9 +19,13 @@ struct HostCalls {
     bool HasLocks = true; // the file system has advisory locks
     bool HasRenameWithoutReplacing = true;
     bool HasHardLinks = true;
-    int SyncError = 0; // fsync of an ordinary file fails with this
+    bool HasAllocation = true; // the file system can give room to a stretch that was not written
+    int SyncError = 0;         // fsync of an ordinary file or of a disk fails with this, once
+    int CloseError = 0;        // the close of an ordinary file that was synced says this, once
 
-    std::vector<std::string> Order; // "send", "sync file", "rename", "sync folder"
+    // "send", "allocate", "sync file", "sync disk", "drop", "rename", "sync folder"
+    std::vector<std::string> Order;
+    int LastSynced = -1; // the descriptor
 };
 
 // What the layer does from now on, to the calls of the program's own thread.

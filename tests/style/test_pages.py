@@ -46,9 +46,21 @@ def normalized_lines(text):
     return [line.strip() for line in text.split("\n") if line.strip()]
 
 
+def messages_of_platform():
+    """The fatal reports of the Linux platform, without what stands in front of each fatal report."""
+    lines = set()
+    folder = os.path.join(ROOT, "platform", "linux")
+    for name in os.listdir(folder):
+        if name.endswith(".cpp"):
+            source = without_comments(read("platform", "linux", name))
+            for text in re.findall(r'"FATAL: (.*?) \(GetLastError=%lu\)\\n"', source):
+                lines.update(normalized_lines(text))
+    return lines
+
+
 def messages_of_program():
     """Every line that the program can print, but for the usage text."""
-    lines = set()
+    lines = messages_of_platform()
     for folder, _, names in os.walk(os.path.join(ROOT, "src")):
         for name in names:
             if not name.endswith(".cpp"):
@@ -147,6 +159,9 @@ class Pages(unittest.TestCase):
     def test_every_message_of_the_program_is_in_the_guide(self):
         missing = messages_of_program() - messages_of_guide() - TOLD_BESIDE
         self.assertEqual(sorted(missing), [])
+
+    def test_the_platform_has_messages_of_its_own(self):
+        self.assertNotEqual(messages_of_platform(), set())
 
     def test_every_message_of_the_guide_is_one_of_the_program(self):
         unknown = messages_of_guide() - messages_of_program()
