@@ -1,21 +1,22 @@
-// Disks of the Linux build: which block devices are disks, how they are opened, and the answers to DeviceIoControl.
+// Disks of the Linux build: how they are opened, and the answers to DeviceIoControl.
 #include "linux_disks.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <string>
+#include <utility>
 
+#include "disk_numbers.h"
 #include "disk_users.h"
 #include "durable_writes.h"
 #include "last_error.h"
@@ -28,71 +29,24 @@ namespace vornix::platform {
 
 namespace {
 
-std::string ReadSysfsLine(const std::string& path) {
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line);
-    return line;
-}
-
-bool IsAttributeSet(const std::string& path) {
-    const std::string value = ReadSysfsLine(path);
-    return !value.empty() && value != "0";
-}
-
-// What is no disk although the kernel lists it as a whole block device: memory, devices composed of others (they are
-// reached through the disks they are composed of), optical and floppy drives, and the special areas of flash cards.
-bool IsNoDisk(const std::string& name) {
-    for (const char* prefix : {"ram", "zram", "nullb", "dm-", "md", "bcache", "zd", "sr", "fd", "mtdblock"}) {
-        if (name.starts_with(prefix)) {
-            return true;
-        }
-    }
-    return name.starts_with("mmcblk") &&
-           (name.find("boot") != std::string::npos || name.find("rpmb") != std::string::npos);
-}
-
-std::vector<HostDisk> EnumerateDisks() {
-    std::vector<HostDisk> hardware;
-    std::vector<HostDisk> others;
-    const std::string root = "/sys/block";
-    DIR* const folder = opendir(root.c_str());
-    if (folder == nullptr) {
-        return hardware;
-    }
-    while (const dirent* entry = readdir(folder)) {
-        const std::string name = entry->d_name;
-        std::string path = root;
-        path += '/';
-        path += name;
-        unsigned majorNumber = 0;
-        unsigned minorNumber = 0;
-        // The hidden attribute marks the single paths of a disk that is reached over several.
-        if (name[0] == '.' || IsNoDisk(name) || IsAttributeSet(path + "/hidden") ||
-            std::sscanf(ReadSysfsLine(path + "/dev").c_str(), "%u:%u", &majorNumber, &minorNumber) != 2) {
-            continue;
-        }
-        const HostDisk disk{name, makedev(majorNumber, minorNumber)};
-        if (access((path + "/device").c_str(), F_OK) == 0) {
-            hardware.push_back(disk);
-        } else if (IsAttributeSet(path + "/size")) {
-            others.push_back(disk);
-        }
-    }
-    (void)closedir(folder);
-    const auto byDeviceNumber = [](const HostDisk& a, const HostDisk& b) {
-        return major(a.Device) != major(b.Device) ? major(a.Device) < major(b.Device)
-                                                  : minor(a.Device) < minor(b.Device);
-    };
-    std::sort(hardware.begin(), hardware.end(), byDeviceNumber);
-    std::sort(others.begin(), others.end(), byDeviceNumber);
-    hardware.insert(hardware.end(), others.begin(), others.end());
-    return hardware;
-}
-
 DWORD ErrorOfDiskOpen(int code) {
     // A node without its device is a disk that is not there; once open, it would be one that was pulled out.
     return code == ENXIO || code == ENODEV ? ERROR_FILE_NOT_FOUND : ErrorFromErrno(code, Subject::Disk);
+}
+
+// Whoever gave the number saw it in a list. Where that list is damaged the number may be any disk's, so that nothing is
+// done with it; the next run finds the disks numbered anew.
+std::vector<HostDisk> NumberDisksOrEnd() {
+    NumberedDisks numbered = NumberDisks(TheHostRoots());
+    if (!numbered.Damage.empty()) {
+        std::fprintf(
+            stderr,
+            "FATAL: the disk numbers of this boot in %s are damaged (%s) - look at the disks and their numbers "
+            "anew before you go on (GetLastError=%u)\n",
+            RegistryPath(TheHostRoots()).c_str(), numbered.Damage.c_str(), ERROR_FILE_NOT_FOUND);
+        std::exit(1);
+    }
+    return std::move(numbered.Disks);
 }
 
 // What direct transfers demand of memory: the kernel's own word where it gives one, else whole sectors.
@@ -162,12 +116,12 @@ DWORD NumberOfDisk(dev_t device) {
     const std::vector<HostDisk>& disks = HostDisks();
     const auto found =
         std::find_if(disks.begin(), disks.end(), [device](const HostDisk& disk) { return disk.Device == device; });
-    return found == disks.end() ? numberOfNoDisk : static_cast<DWORD>(found - disks.begin());
+    return found == disks.end() ? numberOfNoDisk : static_cast<DWORD>(found->Number);
 }
 
 BOOL AnswerSystemExtents(LPVOID out, DWORD outLength, LPDWORD returned) {
     *returned = 0;
-    std::vector<HostExtent> extents = FindRootExtents();
+    std::vector<HostExtent> extents = FindRootExtents(TheHostRoots(), HostDisks());
     if (extents.empty()) {
         // The system runs from memory or from the network. It still has a volume, but on no disk.
         extents.emplace_back();
@@ -196,20 +150,22 @@ BOOL AnswerSystemExtents(LPVOID out, DWORD outLength, LPDWORD returned) {
 } // namespace
 
 const std::vector<HostDisk>& HostDisks() {
-    static const std::vector<HostDisk>& disks = *new std::vector<HostDisk>(EnumerateDisks());
+    static const std::vector<HostDisk>& disks = *new std::vector<HostDisk>(NumberDisksOrEnd());
     return disks;
 }
 
 std::unique_ptr<OpenObject> OpenDisk(uint64_t number, DWORD access, DWORD share, DWORD flags) {
-    if (number >= HostDisks().size()) {
+    const std::vector<HostDisk>& disks = HostDisks();
+    const auto found = std::find_if(disks.begin(), disks.end(), [number](const HostDisk& candidate) {
+        return static_cast<uint64_t>(candidate.Number) == number;
+    });
+    if (found == disks.end()) {
         (void)FailWith(ERROR_FILE_NOT_FOUND);
         return nullptr;
     }
-    const HostDisk& disk = HostDisks()[static_cast<size_t>(number)];
-    std::string path = "/dev/" + disk.Name;
-    std::replace(path.begin() + 5, path.end(), '!', '/');
+    const HostDisk& disk = *found;
 
-    int mode = O_CLOEXEC | O_NONBLOCK;
+    int mode = O_NONBLOCK;
     mode |= (access & GENERIC_WRITE) == 0 ? O_RDONLY : (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
     mode |= (flags & FILE_FLAG_NO_BUFFERING) != 0 ? O_DIRECT : 0;
     // The kernel gives this claim to nobody while the disk or a partition of it is mounted, part of a RAID or in any
@@ -226,17 +182,11 @@ std::unique_ptr<OpenObject> OpenDisk(uint64_t number, DWORD access, DWORD share,
     auto object = std::make_unique<OpenObject>();
     object->Kind = ObjectKind::Disk;
     object->Access = access;
-    object->Name = "PhysicalDrive" + std::to_string(number) + " (" + path + ")";
+    object->Name = "PhysicalDrive" + std::to_string(number) + " (" + NodeOf(TheHostRoots(), disk) + ")";
     object->Device = disk.Device;
-    object->Descriptor = open(path.c_str(), mode);
+    object->Descriptor = OpenNode(TheHostRoots(), disk, mode);
     if (object->Descriptor < 0) {
         (void)FailWith(ErrorOfDiskOpen(errno));
-        return nullptr;
-    }
-    struct stat status {};
-    if (fstat(object->Descriptor, &status) != 0 || !S_ISBLK(status.st_mode) || status.st_rdev != disk.Device) {
-        // The name belongs to another device by now, or to none.
-        (void)FailWith(ERROR_FILE_NOT_FOUND);
         return nullptr;
     }
     int sectorSize = 0;

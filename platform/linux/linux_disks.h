@@ -1,25 +1,17 @@
 // Whole disks of the host as the numbered disks of the program, and the volume that the system runs from.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
+#include "host_disks.h"
 #include "open_objects.h"
 
 namespace vornix::platform {
 
-struct HostDisk {
-    std::string Name; // as the kernel calls it, with '!' where its node's path has '/'
-    dev_t Device = 0;
-};
-
-// The whole disks; the index of a disk is its number. Hardware disks come first, in the order of their device
-// numbers, then loop and network block devices that hold something, likewise. Looked up once in a run, so that a
-// number means the same disk from the first question about it to the last write.
+// The whole disks in the order of their numbers. Looked up once in a run, so that a number means the same disk from the
+// first question about it to the last write. Ends the process where the numbers of this boot are damaged.
 const std::vector<HostDisk>& HostDisks();
 
 // Opens disk `number` for CreateFileW. Null with the last error recorded if it cannot be had.

@@ -26,7 +26,7 @@ public:
     bool IsOpen() const { return value_ >= 0; }
 
 private:
-    void Close() {
+    void Close() const {
         if (value_ >= 0) {
             (void)close(value_);
         }

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "host_disks.h"
+
 namespace vornix::platform {
 
 // A stretch of a disk: the partition, or the whole disk, that something lies on.
@@ -15,9 +17,10 @@ struct HostExtent {
     uint64_t Length = 0;
 };
 
-// The stretches of numbered disks that the file system at "/" lies on, found down through partitions, logical
-// volumes, encryption, RAID, loop devices and the layers of an overlay. Empty where it lies in memory, on the network,
-// or on a pool of disks that the kernel does not name.
-std::vector<HostExtent> FindRootExtents();
+// The stretches of the given disks that the file system at "/" lies on, found down through partitions, logical volumes,
+// encryption, RAID, loop devices and the layers of an overlay; behind them those that the root folder of process 1 lies
+// on where that is another one and can be told, of disks that are not among the first. Empty where all of this lies in
+// memory, on the network, or on a pool of disks that the kernel does not name.
+std::vector<HostExtent> FindRootExtents(const HostRoots& roots, const std::vector<HostDisk>& disks);
 
 } // namespace vornix::platform

@@ -95,6 +95,7 @@ using LinuxDisksDeathTest = LinuxDisks;
 // Numbering
 
 TEST(LinuxDiskNumbers, HardwareComesFirstAndEachKindInTheKernelsOrder) {
+    int number = 0;
     bool isPastHardware = false;
     dev_t last = 0;
     for (const HostDisk& disk : HostDisks()) {
@@ -104,6 +105,7 @@ TEST(LinuxDiskNumbers, HardwareComesFirstAndEachKindInTheKernelsOrder) {
             isPastHardware = true;
             last = 0;
         }
+        EXPECT_EQ(disk.Number, number++) << disk.Name;
         EXPECT_NE(isHardware, isPastHardware) << disk.Name << " is hardware behind other devices";
         EXPECT_GT(disk.Device, last) << disk.Name;
         last = disk.Device;
@@ -718,8 +720,11 @@ TEST(LinuxSystemVolume, LiesOnTheDiskOfTheRootFolder) {
     if (std::filesystem::exists(whole / "slaves") && !std::filesystem::is_empty(whole / "slaves")) {
         GTEST_SKIP() << "the root folder lies on a composed device";
     }
-    ASSERT_LT(answer.Disk, HostDisks().size());
-    EXPECT_EQ(HostDisks()[answer.Disk].Name, whole.filename().string());
+    const auto disk = std::find_if(HostDisks().begin(), HostDisks().end(), [&answer](const HostDisk& candidate) {
+        return candidate.Number == static_cast<int>(answer.Disk);
+    });
+    ASSERT_NE(disk, HostDisks().end());
+    EXPECT_EQ(disk->Name, whole.filename().string());
 }
 
 TEST(LinuxSystemVolume, NeedsRoomForAnExtent) {
@@ -733,8 +738,8 @@ TEST(LinuxSystemVolume, NeedsRoomForAnExtent) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
 }
 
-// Runs with another root folder, in a process and a mount namespace of its own: `mountRoot` mounts it at the path
-// given. 0 if the answer is the expected one; 77 where such a root cannot be made here.
+// Runs with another root folder, as process 1 of namespaces of its own: `mountRoot` mounts it at the path given. 0 if
+// the answer is the expected one; 77 where such a root cannot be made here.
 template <typename MountRoot>
 int AskUnderAnotherRoot(const std::string& point, MountRoot mountRoot, RootAnswer& answer) {
     int channel[2];
@@ -743,14 +748,23 @@ int AskUnderAnotherRoot(const std::string& point, MountRoot mountRoot, RootAnswe
     }
     const pid_t child = fork();
     if (child == 0) {
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            !mountRoot(point)) {
+        if (unshare(CLONE_NEWNS | CLONE_NEWPID) != 0) {
+            _exit(77);
+        }
+        if (const pid_t first = fork(); first != 0) {
+            int status = 77 << 8;
+            (void)waitpid(first, &status, 0);
+            _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
+        }
+        if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || !mountRoot(point)) {
             _exit(77);
         }
         for (const char* name : {"proc", "sys", "dev"}) {
             const std::string target = point + "/" + name;
             (void)mkdir(target.c_str(), 0755);
-            if (mount((std::string("/") + name).c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+            const bool isProc = std::string(name) == "proc";
+            if (mount(isProc ? "proc" : (std::string("/") + name).c_str(), target.c_str(), isProc ? "proc" : nullptr,
+                      isProc ? 0ul : MS_BIND | MS_REC, nullptr) != 0) {
                 _exit(77);
             }
         }

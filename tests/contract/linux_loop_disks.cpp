@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "linux/linux_disks.h"
 
@@ -63,6 +65,12 @@ bool Attach(LoopDisk& disk, uint64_t length, uint32_t sectorSize, bool isReadOnl
 class LoopEnvironment : public testing::Environment {
 public:
     void SetUp() override {
+        // The numbers of this program alone: those of the machine stay as they are, whatever others attach meanwhile.
+        std::string run = (std::filesystem::temp_directory_path() / "vornix-run-XXXXXX").string();
+        ASSERT_NE(mkdtemp(run.data()), nullptr);
+        run_ = run;
+        vornix::platform::TheHostRoots().Run = run;
+        vornix::platform::TheHostRoots().Owner = geteuid();
         LoopDisks& disks = Disks();
         constexpr uint64_t length = 16 << 20;
         // A last stretch that is no whole chunk, and for the small sectors no whole page.
@@ -73,13 +81,21 @@ public:
         }
         const auto& hostDisks = vornix::platform::HostDisks();
         for (LoopDisk* disk : {&disks.Small, &disks.Large, &disks.ReadOnly}) {
-            for (size_t i = 0; i < hostDisks.size(); i++) {
-                if (hostDisks[i].Name == disk->Name) {
-                    disk->Number = static_cast<int>(i);
+            for (const vornix::platform::HostDisk& hostDisk : hostDisks) {
+                if (hostDisk.Name == disk->Name) {
+                    disk->Number = hostDisk.Number;
                 }
             }
         }
     }
+
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(run_, ignored);
+    }
+
+private:
+    std::filesystem::path run_;
 };
 
 [[maybe_unused]] testing::Environment* const environment = testing::AddGlobalTestEnvironment(new LoopEnvironment);

@@ -1,12 +1,14 @@
 """Loop devices as the only disks that the native program sees.
 
-Disks are addressed by number, and a number is a place in a list that changes whenever anybody attaches or detaches a
-device. A test that writes to a disk must not depend on who else does so meanwhile. So the program is run in a mount
-namespace of its own, where the list of block devices holds the devices of the test alone: they are disks 0, 1, ... in
-the order of their device numbers, and no other disk can be reached at all. Everything else is the kernel's.
+Disks are addressed by number, and there are sixteen numbers that mean one disk each until the next boot. A test that
+writes to a disk must not depend on who else attaches devices meanwhile, nor use up the machine's numbers. So the
+program is run in a mount namespace of its own, where the list of block devices holds the devices of the test alone, no
+other disk can be reached at all, and /run is a folder of the test, which has the registry of numbers. Everything else
+is the kernel's.
 """
 
 import errno
+import itertools
 import os
 import shutil
 import subprocess
@@ -14,8 +16,9 @@ import time
 
 from machine import SETTINGS
 
-# Hides the host's list of block devices behind the folder given first, then becomes the program.
-_IN_NAMESPACE = 'mount --bind "$0" /sys/block && exec "$@"'
+# Hides the host's list of block devices behind the folder given first, and /run behind the next, then becomes the
+# program.
+_IN_NAMESPACE = 'mount --bind "$0" /sys/block && mount --bind "$1" /run && shift && exec "$@"'
 
 
 def reason_to_skip():
@@ -29,25 +32,29 @@ def reason_to_skip():
             return f"there is no {tool} here"
     if subprocess.run(["losetup", "--find"], capture_output=True, check=False).returncode != 0:
         return "no loop device can be had here"
-    probe = ["unshare", "--mount", "--propagation", "private", "sh", "-c", _IN_NAMESPACE, "/sys/block", "true"]
+    probe = ["unshare", "--mount", "--propagation", "private", "sh", "-c", _IN_NAMESPACE, "/sys/block", "/run", "true"]
     if subprocess.run(probe, capture_output=True, check=False).returncode != 0:
         return "no mount namespace can be had here"
     return None
 
 
 class LoopDisks:
-    """The loop devices of one test. `folder` receives their files and the list that the program sees."""
+    """The loop devices of one test. `folder` receives their files, the list that the program sees, and its /run."""
 
     def __init__(self, folder):
         self.folder = folder
         self.devices = []
         self.list = os.path.join(folder, "block")
         os.mkdir(self.list)
+        self.run_folder = os.path.join(folder, "run")
+        os.mkdir(self.run_folder, 0o755)
+        self._numbers = {}
+        self._files = itertools.count()
 
     def attach(self, contents, sector_size=512, scan_partitions=False):
         """A device over a file of these bytes; gives its path. Raises OSError where the kernel has none of that
         kind."""
-        path = os.path.join(self.folder, f"device{len(self.devices)}.img")
+        path = os.path.join(self.folder, f"device{next(self._files)}.img")
         with open(path, "wb") as file:
             file.write(contents)
         command = ["losetup", "--find", "--show", "--sector-size", str(sector_size)]
@@ -77,19 +84,45 @@ class LoopDisks:
                 time.sleep(0.05)
         raise TimeoutError(f"{device} is still in use")
 
+    def detach(self, device):
+        """Takes the device away, and out of the list that the program sees."""
+        subprocess.run(["losetup", "--detach", device], check=True)
+        os.remove(os.path.join(self.list, os.path.basename(device)))
+        self._numbers.pop(device, None)
+        self.devices.remove(device)
+
     def detach_all(self):
         for device in self.devices:
             subprocess.run(["umount", device], capture_output=True, check=False)
             subprocess.run(["losetup", "--detach", device], capture_output=True, check=False)
 
+    @property
+    def registry(self):
+        """The path of the registry of numbers that the program keeps here."""
+        return os.path.join(self.run_folder, "vornix", "disks")
+
+    def registered(self):
+        """The numbers in the registry, by identity: (number, whether its disk is there)."""
+        with open(self.registry, encoding="ascii") as file:
+            rows = [line.split() for line in file if line.startswith("disk ")]
+        return {identity: (int(number), gone == "0") for _, number, gone, identity in rows}
+
     def number(self, device):
-        """The disk's number among those attached so far."""
-        return sorted(self.devices, key=lambda path: os.stat(path).st_rdev).index(device)
+        """The number that the program gave the disk; one that it has not seen yet it is made to look at."""
+        if device not in self._numbers:
+            status = os.stat(device)
+            key = f"{os.major(status.st_rdev)}:{os.minor(status.st_rdev)},"
+            looked = self.run("list-disks")
+            numbers = [number for identity, (number, is_there) in self.registered().items()
+                       if is_there and identity.startswith(key)]
+            if len(numbers) != 1:
+                raise AssertionError(f"{device} has no number: {looked}")
+            self._numbers[device] = numbers[0]
+        return self._numbers[device]
 
     def command(self, *arguments):
         return ["unshare", "--mount", "--propagation", "private", "sh", "-c", _IN_NAMESPACE, self.list,
-                SETTINGS.program,
-                *map(str, arguments)]
+                self.run_folder, SETTINGS.program, *map(str, arguments)]
 
     def run(self, *arguments):
         """Runs vornix with these devices as its disks; gives what subprocess.run gives."""

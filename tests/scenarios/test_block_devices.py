@@ -8,6 +8,8 @@ import os
 import re
 import shutil
 import subprocess
+import sys
+import tempfile
 
 import suite
 from console import NO_TRACKER, exclusive_failure, fatal, gib
@@ -20,9 +22,9 @@ METER = r"(\r  [ 0-9]{3}\.[0-9]{2}%  [0-9]+ / [0-9]+ MiB  \([0-9]+\.[0-9] MiB/s\
 
 
 def numbered_disks():
-    """The machine's own disks in the order in which they must stand: hardware disks in the order of their device
-    numbers, then loop and network block devices that hold something; partitions, RAM disks and device-mapper targets
-    are none."""
+    """The machine's own disks in the order in which they must stand at the first look: hardware disks in the order of
+    their device numbers, then loop and network block devices that hold something; partitions, RAM disks and
+    device-mapper targets are none."""
     hardware, attached = [], []
     for name in os.listdir("/sys/block"):
         with open(f"/sys/block/{name}/dev", encoding="ascii") as file:
@@ -103,8 +105,7 @@ class BlockDevices(suite.Scenario):
         self.attach(bytes(SIZE))
         for _ in range(20):  # somebody may attach or detach a device meanwhile
             before = numbered_disks()
-            done = subprocess.run([SETTINGS.program, "list-disks"], capture_output=True, env=SETTINGS.environment(),
-                                  stdin=subprocess.DEVNULL, check=False)
+            done = self.first_look_at_the_machine()
             openable = [str(place) for place, name in enumerate(before[:16]) if self.opens(name)]
             if numbered_disks() == before:
                 break
@@ -114,6 +115,13 @@ class BlockDevices(suite.Scenario):
         shown = [re.match(r"PhysicalDrive([0-9]+) ", line).group(1) for line in done.stdout.decode().splitlines()]
         self.assertEqual(shown, openable)
 
+    def first_look_at_the_machine(self):
+        """list-disks with the machine's own list of devices, and with no numbers given before."""
+        run = tempfile.mkdtemp(dir=self.folder)
+        return subprocess.run(["unshare", "--mount", "--propagation", "private", "sh", "-c",
+                               'mount --bind "$0" /run && exec "$@"', run, SETTINGS.program, "list-disks"],
+                              capture_output=True, env=SETTINGS.environment(), stdin=subprocess.DEVNULL, check=False)
+
     @staticmethod
     def opens(name):
         try:
@@ -121,6 +129,85 @@ class BlockDevices(suite.Scenario):
             return True
         except OSError:
             return False
+
+    def listed(self):
+        """The numbers that list-disks shows."""
+        done = self.program("list-disks")
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        return [int(line.split()[0].removeprefix("PhysicalDrive")) for line in done.stdout.decode().splitlines()]
+
+    def expect_no_disk(self, number):
+        message = "could not open source disk for raw read (run as Administrator?)"
+        self.expect_run(self.program("capture", "--disk", number, "--out", "none.vrnx"), 1, [""], fatal(message, 2))
+
+    def test_a_number_stays_with_its_disk_and_that_of_a_gone_disk_is_nobodys(self):
+        first, second = self.attach(bytes(SIZE)), self.attach(pattern(SIZE, "second"))
+        gone, kept = self.number(first), self.number(second)
+        self.assertEqual(sorted((gone, kept)), [0, 1])
+        self.disks.detach(first)
+        self.assertEqual(self.listed(), [kept])
+        self.expect_no_disk(gone)
+        target = pattern(SIZE, "another")
+        another = self.attach(target)
+        self.assertEqual(self.listed(), [kept, 2] if kept < 2 else [2, kept])
+        self.expect_no_disk(gone)
+        self.assertEqual(self.number(another), 2)
+        self.capture(kept, SIZE, 512)
+        self.assertEqual(reference_plain_bytes(os.path.join(self.folder, "a.vrnx")), pattern(SIZE, "second"))
+        done = self.program("restore", "--in", "a.vrnx", "--disk", gone, "--confirm", "YES")
+        self.assertEqual((done.returncode, done.stdout), (1, b""))
+        self.assertIn(b"(GetLastError=2)", done.stderr)
+        self.assertEqual(self.device_bytes(another), target)
+
+    def test_a_device_that_gets_another_file_gets_another_number(self):
+        device = self.attach(bytes(SIZE))
+        number = self.number(device)
+        path = os.path.join(self.folder, "other.img")
+        with open(path, "wb") as file:
+            file.truncate(SIZE)
+        subprocess.run(["losetup", "--detach", device], check=True)
+        done = subprocess.run(["losetup", device, path], capture_output=True, check=False)
+        if done.returncode != 0:
+            self.disks.devices.remove(device)
+            self.skipTest("another test was faster with this device")
+        self.expect_no_disk(number)
+        self.assertEqual(self.listed(), [number + 1])
+
+    def test_numbers_of_gone_disks_are_given_again_once_all_sixteen_were_given(self):
+        kept = self.attach(bytes(SIZE))
+        number = self.number(kept)
+        for wanted in range(1, 16):
+            passing = self.attach(bytes(65536))
+            self.assertEqual(self.number(passing), wanted)
+            self.disks.detach(passing)
+        self.assertEqual(self.listed(), [number])
+        again = self.attach(bytes(65536))
+        self.assertEqual(self.number(again), 1)
+        self.assertEqual(self.listed(), [number, 1])
+
+    def test_damaged_numbers_end_the_run_that_finds_them_and_are_written_anew(self):
+        source = self.attach(pattern(SIZE, "source"))
+        number = self.number(source)
+        with open(self.disks.registry, "r+b") as file:
+            file.truncate(60)
+        done = self.program("capture", "--disk", number, "--out", "a.vrnx")
+        self.expect_run(done, 1, [""], fatal(
+            "the disk numbers of this boot in /run/vornix/disks are damaged (its end is missing) - look at the disks "
+            "and their numbers anew before you go on", 2))
+        self.assertFalse(os.path.exists(os.path.join(self.folder, "a.vrnx")))
+        self.capture(number, SIZE, 512)
+
+    def test_where_nothing_can_be_kept_numbers_are_ranks(self):
+        first, second = self.attach(bytes(SIZE)), self.attach(pattern(SIZE, "second"))
+        shutil.rmtree(self.disks.run_folder)
+        with open(self.disks.run_folder, "wb"):
+            pass
+        self.disks.run_folder = os.path.join(self.folder, "not-to-be-written")
+        os.mkdir(self.disks.run_folder)
+        os.symlink("/nowhere", os.path.join(self.disks.run_folder, "vornix"))
+        self.assertEqual(self.listed(), [0, 1])
+        self.disks.detach(min(first, second, key=lambda path: os.stat(path).st_rdev))
+        self.assertEqual(self.listed(), [0])
 
     def round_trip(self, sector_size):
         contents = pattern(SIZE, f"real {sector_size}")
