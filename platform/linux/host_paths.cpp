@@ -7,6 +7,10 @@ namespace vornix::platform {
 
 namespace {
 
+// What the bytes from 0x80 become when they are widened by their sign.
+constexpr uint32_t firstWidenedByte = 0xFF80;
+constexpr uint32_t lastWidenedByte = 0xFFFF;
+
 void AppendUtf8(std::string& text, uint32_t point) {
     const auto append = [&text](uint32_t byte) { text.push_back(static_cast<char>(static_cast<unsigned char>(byte))); };
     if (point < 0x80) {
@@ -42,7 +46,11 @@ std::string HostPath(LPCWSTR path) {
             point = 0x10000 + ((point - 0xD800) << 10) + (unitAt(i + 1) - 0xDC00);
             i++;
         }
-        AppendUtf8(host, point);
+        if (point >= firstWidenedByte && point <= lastWidenedByte) {
+            host.push_back(static_cast<char>(static_cast<unsigned char>(point & 0xFF)));
+        } else {
+            AppendUtf8(host, point);
+        }
     }
     return host;
 }

@@ -9,8 +9,9 @@
 
 namespace vornix::platform {
 
-// The 16-bit units read as UTF-16 and written as UTF-8. A surrogate without its partner is written as the three bytes
-// of its own value, so that any path has a name of its own on the host.
+// The units 0xFF80 to 0xFFFF are bytes that the program widened by their sign, and are those bytes again: a name on
+// Linux is bytes, and the file is the one that the user named. All other units are read as UTF-16 and written as UTF-8;
+// a surrogate without its partner is written as the three bytes of its own value.
 std::string HostPath(LPCWSTR path);
 
 // The folder that holds the path's last name: everything before the last '/', "." for a bare name, "/" for the root.

@@ -6,8 +6,9 @@
 namespace vornix {
 
 // A narrow path as a wide one of the same length: each byte is sign-extended to one 16-bit unit, with no code page in
-// between. A byte of 0x80 and above therefore does not become the character that it stands for, so only plain ASCII
-// reaches the file that was meant. Images have always been opened this way, and names made this way are found again.
+// between. A byte of 0x80 and above therefore does not become the character that it stands for, so that on Windows only
+// plain ASCII reaches the file that was meant. Images have always been opened this way, and names made this way are
+// found again.
 std::wstring WidenPath(const std::string& narrow);
 
 // Everything up to and including the last backslash or forward slash; empty where there is neither. A colon separates

@@ -84,7 +84,26 @@ TEST_F(LinuxFiles, UnpairedSurrogateHasANameOfItsOwn) {
 TEST_F(LinuxFiles, UnitIsSixteenBitsOfItsWideCharacter) {
     // What a byte widened by its sign leaves in the wider type of this platform.
     MakeFile(std::wstring(1, static_cast<wchar_t>(static_cast<signed char>(0xC3))), "x");
-    EXPECT_TRUE(std::filesystem::exists(Folder() / "\xEF\xBF\x83"));
+    EXPECT_TRUE(std::filesystem::exists(Folder() / "\xC3"));
+}
+
+TEST_F(LinuxFiles, WidenedByteIsThatByteAgain) {
+    // Every byte that a name may hold and ASCII does not, none of them in the company that UTF-8 wants.
+    for (unsigned byte = 0x80; byte <= 0xFF; byte++) {
+        const std::string name = "n" + std::string(1, static_cast<char>(static_cast<unsigned char>(byte)));
+        MakeFile(std::wstring{L'n', static_cast<wchar_t>(0xFF00 | byte)}, "x");
+        ASSERT_TRUE(std::filesystem::exists(Folder() / name)) << byte;
+        ASSERT_NE(GetFileAttributesA(NarrowPath(name.c_str()).c_str()), INVALID_FILE_ATTRIBUTES) << byte;
+    }
+    // The unit in front of them is a character.
+    MakeFile(std::wstring(1, static_cast<wchar_t>(0xFF7F)), "x");
+    EXPECT_TRUE(std::filesystem::exists(Folder() / "\xEF\xBD\xBF"));
+}
+
+TEST_F(LinuxFiles, MoveNamesBytesAsTheyWere) {
+    MakeFile(L"from", "x");
+    EXPECT_TRUE(Move(L"from", L"M\xFFC3\xFFA4rz"));
+    EXPECT_TRUE(std::filesystem::exists(Folder() / "M\xC3\xA4rz"));
 }
 
 TEST_F(LinuxFiles, NameThatIsTooLongSaysSo) {

@@ -346,10 +346,10 @@ class Machine:
 
     def host_path(self, argument):
         """The host's path of a file as the program opens what an argument names, in either build's way of writing."""
+        if not self.settings.windows:
+            return os.path.join(self.work, os.fsdecode(argument))
         text = "".join(chr(byte if byte < 0x80 else 0xFF00 + byte) for byte in os.fsencode(argument))
-        if self.settings.windows:
-            text = text.removeprefix("Z:").replace("\\", "/")
-        return os.path.join(self.work, text)
+        return os.path.join(self.work, text.removeprefix("Z:").replace("\\", "/"))
 
     # --- Runs ---
 

@@ -249,14 +249,17 @@ class Names(Capture):
         self.expect(self.capture(machine, path), 0, capture_text(1, SMALL, path))
         self.assertEqual(machine.files(), ["b.vrnx", "folder", os.path.join("folder", "a.vrnx")])
 
-    def test_the_existence_test_and_the_creation_may_look_at_different_names(self):
+    def test_a_name_beyond_ascii_is_that_file_and_its_bytes_are_widened_one_by_one(self):
         if self.settings.windows:
             self.skipTest("what reaches the program as a narrow argument depends on the code page there")
         machine = self.small()
         result = self.capture(machine, "\u00e4.vrnx")
         self.expect(result, 0, capture_text(1, SMALL, "\u00e4.vrnx"))
         self.assertEqual(result.calls("GetFileAttributesA")[0]["path"], "\u00e4.vrnx")
-        self.assertEqual(machine.files(), ["\uffc3\uffa4.vrnx"])
+        # The log has the units of the call, and the host its bytes.
+        self.assertEqual(result.calls("MoveFileExW")[0]["to"], "\uffc3\uffa4.vrnx")
+        self.assertEqual(machine.files(), ["\u00e4.vrnx"])
+        self.expect(self.capture(machine, "\u00e4.vrnx"), 1, source_line(1, SMALL) + NO_TRACKER, fatal(OVERWRITE))
 
 
 class ExistingOutput(Capture):

@@ -108,10 +108,13 @@ class File(Opening):
             self.skipTest("what reaches the program as a narrow argument depends on the code page there")
         machine = self.machine(default=False)
         build_image(machine.path("\u00e4.vrnx"), pattern(SIZE, "image"))
+        result = machine.run("verify", "--in", "\u00e4.vrnx")
+        self.expect(result, 0, verify_text("\u00e4.vrnx", SIZE, 4096))
+        self.assertEqual(result.calls("CreateFileW")[0]["path"], "\uffc3\uffa4.vrnx")
+        # Not the name that the widened units would have as characters.
+        os.rename(machine.path("\u00e4.vrnx"), machine.path("\uffc3\uffa4.vrnx"))
         self.expect(machine.run("verify", "--in", "\u00e4.vrnx"), 1, "",
                     "could not open image file: \u00e4.vrnx\n" + fatal(UNOPENED, 2))
-        os.rename(machine.path("\u00e4.vrnx"), machine.path("\uffc3\uffa4.vrnx"))
-        self.expect(machine.run("verify", "--in", "\u00e4.vrnx"), 0, verify_text("\u00e4.vrnx", SIZE, 4096))
 
 
 class HeaderBytes(Opening):

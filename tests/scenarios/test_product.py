@@ -313,42 +313,56 @@ class HostPaths(ProductRuns):
             self.expect(product.run("verify", "--in", name), 0, verify_text(name))
         self.expect(product.run("verify", "--in", "FULL.vrnx"), 1, "", unopened("FULL.vrnx"))
 
-    # A letter beyond ASCII: the bytes that the program gets for it, and the name that these bytes widened make.
-    def letter(self):
-        return (b"\xe4", "\uffe4") if self.settings.windows else (b"\xc3\xa4", "\uffc3\uffa4")
+    # A letter beyond ASCII on Windows: the byte that the program gets for it, and the character that this byte makes
+    # when it is widened.
+    LETTER, WIDENED = b"\xe4", "\uffe4"
 
-    @staticmethod
-    def as_bytes(letter, text):
-        return b"\xc3\xa4".join(part.encode() for part in text.split("\u00e4")).replace(b"\xc3\xa4", letter)
+    def as_bytes(self, text):
+        return self.LETTER.join(part.encode() for part in text.split("\u00e4"))
 
     def test_beyond_ascii_a_file_is_opened_under_its_widened_name(self):
-        product, (letter, widened) = self.prepared(), self.letter()
+        product, widened = self.windows(), self.WIDENED
         os.rename(product.path("full.vrnx"), product.path("\u00e4.vrnx"))
-        self.expect(product.run("verify", "--in", "\u00e4.vrnx"), 1, "", self.as_bytes(letter, unopened("\u00e4.vrnx")))
+        self.expect(product.run("verify", "--in", "\u00e4.vrnx"), 1, "", self.as_bytes(unopened("\u00e4.vrnx")))
         os.rename(product.path("\u00e4.vrnx"), product.path(widened + ".vrnx"))
-        self.expect(product.run("verify", "--in", "\u00e4.vrnx"), 0, self.as_bytes(letter, verify_text("\u00e4.vrnx")))
+        self.expect(product.run("verify", "--in", "\u00e4.vrnx"), 0, self.as_bytes(verify_text("\u00e4.vrnx")))
 
     def test_beyond_ascii_existence_is_tested_under_the_name_as_typed(self):
-        product, (letter, widened) = self.prepared(), self.letter()
+        product, widened = self.windows(), self.WIDENED
         consolidate = ("consolidate", "--in", "thin.vrnx", "--out", "\u00e4.vrnx")
         product.write("\u00e4.vrnx", b"here already")
         self.expect(product.run(*consolidate), 1, "", ALREADY_THERE)
         os.rename(product.path("\u00e4.vrnx"), product.path(widened + ".vrnx"))
         self.expect(product.run(*consolidate), 1, "", fatal("could not create output image file", 80))
         os.remove(product.path(widened + ".vrnx"))
-        self.expect(product.run(*consolidate), 0, self.as_bytes(letter, consolidate_text("\u00e4.vrnx")))
+        self.expect(product.run(*consolidate), 0, self.as_bytes(consolidate_text("\u00e4.vrnx")))
         self.expect_file(product, widened + ".vrnx", plain_full_image(NEWER, CHUNK))
         self.assertFalse(product.exists("\u00e4.vrnx"))
 
     def test_beyond_ascii_a_base_is_looked_for_and_opened_under_two_names(self):
-        product, (letter, widened) = self.prepared(), self.letter()
-        build_image(product.path("top.vrnx"), NEWER, base=product.path("full.vrnx"), base_name=letter + b".vrnx")
+        product, widened = self.windows(), self.WIDENED
+        build_image(product.path("top.vrnx"), NEWER, base=product.path("full.vrnx"),
+                    base_name=self.LETTER + b".vrnx")
         os.rename(product.path("full.vrnx"), product.path(widened + ".vrnx"))
         self.expect(product.run("verify", "--in", "top.vrnx"), 1, "", self.as_bytes(
-            letter, missing_base("\u00e4.vrnx") + fatal("base image of a thin image not found")))
+            missing_base("\u00e4.vrnx") + fatal("base image of a thin image not found")))
         product.write("\u00e4.vrnx", b"something of that name")
         self.expect(product.run("verify", "--in", "top.vrnx"), 0,
-                    self.as_bytes(letter, verify_text("top.vrnx", "\u00e4.vrnx")))
+                    self.as_bytes(verify_text("top.vrnx", "\u00e4.vrnx")))
+
+    def test_a_name_beyond_ascii_is_that_file_and_a_chain_over_it_opens(self):
+        product = self.linux()
+        # UTF-8, a letter of an older encoding, and bytes that are letters in none.
+        for name in ("M\u00e4rz.vrnx", os.fsdecode(b"M\xe4rz.vrnx"), os.fsdecode(b"\x80\xff\xfe.vrnx")):
+            with self.subTest(name=os.fsencode(name)):
+                text = consolidate_text("@").encode().replace(b"@", os.fsencode(name))
+                self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", name), 0, text)
+                self.expect_file(product, name, plain_full_image(NEWER, CHUNK))
+                build_image(product.path("top.vrnx"), PLAIN, base=product.path(name), base_name=os.fsencode(name))
+                text = verify_text("top.vrnx", "@").encode().replace(b"@", os.fsencode(name))
+                self.expect(product.run("verify", "--in", "top.vrnx"), 0, text)
+                self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", name), 1, "", ALREADY_THERE)
+                os.remove(product.path(name))
 
 
 class Streams(ProductRuns):

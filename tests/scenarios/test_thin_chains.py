@@ -354,16 +354,15 @@ class WayToTheBase(Chains):
         self.expect(self.verify(machine, "g1.vrnx"), 1, "",
                     "could not open image file: g0.vrnx\n" + fatal(UNOPENED, 32))
 
-    def test_beyond_ascii_existence_and_opening_look_at_different_names(self):
+    def test_beyond_ascii_a_base_is_the_file_of_that_name(self):
         if self.settings.windows:
             self.skipTest("what a narrow name means there depends on the code page")
         machine, builder = self.thin_pair()
         os.rename(machine.path("g0.vrnx"), machine.path("\u00e4.vrnx"))
         builder.trailer.base_name = "\u00e4.vrnx".encode()
-        self.expect_refused(machine, builder, UNOPENED, "could not open image file: \u00e4.vrnx\n", error=2)
-        os.link(machine.path("\u00e4.vrnx"), machine.path("\uffc3\uffa4.vrnx"))
+        builder.write(machine.path("thin.vrnx"))
         self.expect_good(machine, "thin.vrnx", "\u00e4.vrnx")
-        os.remove(machine.path("\u00e4.vrnx"))
+        os.rename(machine.path("\u00e4.vrnx"), machine.path("\uffc3\uffa4.vrnx"))
         self.expect(self.verify(machine, "thin.vrnx"), 1, "", missing_base("\u00e4.vrnx") + fatal(NOT_FOUND))
 
 
