@@ -72,17 +72,21 @@ OpenOutcome OpenPath(Machine& machine, const OpenRequest& request) {
     if (volume == nullptr && snapshot == nullptr && !inDeviceFolder && !deviceName) {
         return OpenHostFile(request);
     }
-    const Outcome checked = CheckDeviceRequest(request);
-    if (!checked.Ok) {
-        return {.Object = nullptr, .Result = checked};
-    }
+    RequireKnownDeviceOpen(request);
+    OpenOutcome outcome = RefuseOpen(ERROR_FILE_NOT_FOUND);
     if (snapshot != nullptr) {
-        return OpenShadowDevice(snapshot, request);
+        outcome = OpenShadowDevice(snapshot, request);
+    } else if (volume != nullptr) {
+        outcome = volume->OpenError != 0 ? RefuseOpen(volume->OpenError) : OpenVolume(volume->Extents);
+    } else if (inDeviceFolder) {
+        outcome = OpenDevice(machine, request);
     }
-    if (volume != nullptr) {
-        return volume->OpenError != 0 ? RefuseOpen(volume->OpenError) : OpenVolume(volume->Extents);
+    if (outcome.Result.Ok && request.Disposition != OPEN_EXISTING) {
+        // A device is there or not; nobody makes one by opening it.
+        (void)outcome.Object->Close();
+        return RefuseOpen(ERROR_INVALID_PARAMETER);
     }
-    return inDeviceFolder ? OpenDevice(machine, request) : RefuseOpen(ERROR_FILE_NOT_FOUND);
+    return outcome;
 }
 
 // Null for a handle that the program did not get from the machine; its calls go straight on to the host.

@@ -113,7 +113,7 @@ OpenOutcome OpenHostFile(const OpenRequest& request) {
     return {.Object = std::make_unique<HostFileObject>(handle), .Result = {.Ok = true, .LastError = error}};
 }
 
-Outcome CheckDeviceRequest(const OpenRequest& request) {
+void RequireKnownDeviceOpen(const OpenRequest& request) {
     constexpr DWORD kKnownAccess = GENERIC_READ | GENERIC_WRITE;
     constexpr DWORD kKnownShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
     // What a device open may carry without another meaning than it has for these devices: their transfers reach the
@@ -124,7 +124,6 @@ Outcome CheckDeviceRequest(const OpenRequest& request) {
         (request.Flags & ~kKnownFlags) != 0 || request.TemplateFile != nullptr) {
         EndUnsupported("an open of the device " + request.Path + " with this access, share mode, flag or template");
     }
-    return request.Disposition == OPEN_EXISTING ? Outcome() : FailWith(ERROR_INVALID_PARAMETER);
 }
 
 bool ShareLedger::Enter(DWORD access, DWORD share) {

@@ -83,9 +83,9 @@ inline OpenOutcome RefuseOpen(DWORD error) {
 // A file of the host, through the host's own calls, which bring their share modes and last errors along.
 OpenOutcome OpenHostFile(const OpenRequest& request);
 
-// Holds an open of a device to what devices take: an existing one, with flags that mean nothing to them or are
-// imitated. Anything else fails, or ends the process where its meaning is unknown.
-Outcome CheckDeviceRequest(const OpenRequest& request);
+// Holds an open of a device to access, share modes and flags that mean nothing to it or are imitated; any other ends
+// the process.
+void RequireKnownDeviceOpen(const OpenRequest& request);
 
 // The opens that stand on one device, held against each other's share modes.
 class ShareLedger {

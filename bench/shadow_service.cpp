@@ -86,10 +86,11 @@ struct Progress {
     bool SetDeleted = false;
 };
 
-// The asynchronous result of one step. It is pending until it is waited for.
+// The asynchronous result of one step. It is pending until somebody waited for its end, however long that takes: a wait
+// with a limit succeeds, as the service's does when the time is over, and the step is where it was.
 class AsyncStep final : public IVssAsync {
 public:
-    // `step` is the name of the method that gave the object; `done` is set when it is waited for.
+    // `step` is the name of the method that gave the object; `done` is set when its end is waited for.
     AsyncStep(const char* step, std::shared_ptr<Progress> progress, bool Progress::*done)
         : step_(step), progress_(std::move(progress)), done_(done) {}
 
@@ -105,11 +106,12 @@ public:
         return 0;
     }
 
-    HRESULT STDMETHODCALLTYPE Wait(DWORD) override {
+    HRESULT STDMETHODCALLTYPE Wait(DWORD timeout) override {
         CallRecord call("IVssAsync::Wait");
         call.Add("step", step_);
+        call.AddCode("timeout", timeout);
         const HRESULT status = call.AnswerStatus([] { return S_OK; });
-        if (SUCCEEDED(status)) {
+        if (SUCCEEDED(status) && timeout == INFINITE) {
             finished_ = true;
             (*progress_).*done_ = true;
         }
@@ -170,10 +172,18 @@ public:
                           [&] { return context == VSS_CTX_BACKUP ? S_OK : kUnsupportedContext; });
     }
 
-    HRESULT STDMETHODCALLTYPE SetBackupState(boolean, boolean, VSS_BACKUP_TYPE type, boolean) override {
+    HRESULT STDMETHODCALLTYPE SetBackupState(boolean selectComponents, boolean bootableState, VSS_BACKUP_TYPE type,
+                                             boolean partialFiles) override {
         CallRecord call("IVssBackupComponents::SetBackupState");
+        call.Add("select_components", selectComponents != 0);
+        call.Add("bootable_state", bootableState != 0);
         call.Add("type", static_cast<int>(type));
-        return AnswerStep(call, progress_->Initialized && !progress_->PrepareAsked, &Progress::StateSet);
+        call.Add("partial_files", partialFiles != 0);
+        // Whole volumes are frozen here, with the state that a system boots from, for a copy that leaves no trace in
+        // the writers' own records of what was backed up; nothing else is imitated.
+        const bool isImitated = selectComponents == 0 && bootableState != 0 && type == VSS_BT_COPY && partialFiles == 0;
+        return AnswerStep(call, progress_->Initialized && !progress_->PrepareAsked, &Progress::StateSet,
+                          [&] { return isImitated ? S_OK : E_INVALIDARG; });
     }
 
     HRESULT STDMETHODCALLTYPE GatherWriterMetadata(IVssAsync** async) override {
@@ -191,7 +201,7 @@ public:
         });
     }
 
-    HRESULT STDMETHODCALLTYPE IsVolumeSupported(VSS_ID provider, VSS_PWSZ name, WINBOOL* supported) override {
+    HRESULT STDMETHODCALLTYPE IsVolumeSupported(VSS_ID provider, VSS_PWSZ name, BOOL* supported) override {
         const std::string path = Utf8FromWide(name);
         CallRecord call("IVssBackupComponents::IsVolumeSupported", {path});
         call.Add("path", path);
@@ -296,7 +306,7 @@ public:
                           &Progress::Aborted);
     }
 
-    HRESULT STDMETHODCALLTYPE DeleteSnapshots(VSS_ID objectId, VSS_OBJECT_TYPE type, WINBOOL force, LONG* deleted,
+    HRESULT STDMETHODCALLTYPE DeleteSnapshots(VSS_ID objectId, VSS_OBJECT_TYPE type, BOOL force, LONG* deleted,
                                               VSS_ID* notDeleted) override {
         CallRecord call("IVssBackupComponents::DeleteSnapshots");
         call.Add("force", force != FALSE);
@@ -361,7 +371,7 @@ public:
     VORNIX_NOT_IMITATED(EnableWriterClasses, (const VSS_ID*, UINT))
     VORNIX_NOT_IMITATED(DisableWriterInstances, (const VSS_ID*, UINT))
     VORNIX_NOT_IMITATED(ExposeSnapshot, (VSS_ID, VSS_PWSZ, LONG, VSS_PWSZ, VSS_PWSZ*))
-    VORNIX_NOT_IMITATED(RevertToSnapshot, (VSS_ID, WINBOOL))
+    VORNIX_NOT_IMITATED(RevertToSnapshot, (VSS_ID, BOOL))
     VORNIX_NOT_IMITATED(QueryRevertStatus, (VSS_PWSZ, IVssAsync**))
 #undef VORNIX_NOT_IMITATED
 

@@ -92,9 +92,9 @@ class GoodSession(Session):
 
     def test_the_calls_of_a_session_stand_in_their_order(self):
         result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
-        self.assertEqual([line["step"] for line in result.calls("IVssAsync::Wait")],
-                         ["GatherWriterMetadata", "PrepareForBackup", "DoSnapshotSet", "GatherWriterStatus",
-                          "BackupComplete"])
+        self.assertEqual([(line["step"], line["timeout"]) for line in result.calls("IVssAsync::Wait")],
+                         [(step, "0xFFFFFFFF") for step in ("GatherWriterMetadata", "PrepareForBackup", "DoSnapshotSet",
+                                                            "GatherWriterStatus", "BackupComplete")])
 
     def test_the_arguments_of_the_calls(self):
         result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
@@ -106,7 +106,8 @@ class GoodSession(Session):
         self.assertEqual(fields("CoInitializeSecurity", "authentication", "impersonation", "capabilities"),
                          [(6, 3, "0x00000000")])
         self.assertEqual(fields("::SetContext", "context"), [(0,)])
-        self.assertEqual(fields("::SetBackupState", "type"), [(5,)])
+        self.assertEqual(fields("::SetBackupState", "select_components", "bootable_state", "type", "partial_files"),
+                         [(False, True, 5, False)])
         self.assertEqual(fields("::IsVolumeSupported", "path"), [(volume_name(1),)])
         self.assertEqual(fields("::AddToSnapshotSet", "path"), [(volume_name(1),)])
         self.assertEqual(fields("::DeleteSnapshots", "force"), [(True,)])

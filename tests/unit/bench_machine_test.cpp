@@ -246,6 +246,31 @@ TEST_F(MachineTest, ShareModesHoldAmongTheHandlesOfARun) {
     EXPECT_EQ(OpenError(L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy1"), 2u);
 }
 
+TEST_F(MachineTest, ADeviceIsNotMadeByOpeningIt) {
+    MakeDisk("d", 1u << 20);
+    Start({{"disks", {{{"number", 1}, {"file", "d"}}}},
+           {"system_volume", {{"extents", Json::array()}}},
+           {"volumes", {{{"name", "\\\\?\\Volume{1}\\"}}}}});
+    const auto error = [](const wchar_t* path, DWORD disposition) {
+        SetLastError(0);
+        EXPECT_EQ(CreateFileW(path, GENERIC_WRITE, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr),
+                  INVALID_HANDLE_VALUE);
+        return GetLastError();
+    };
+    for (const DWORD disposition : {DWORD{CREATE_NEW}, DWORD{CREATE_ALWAYS}}) {
+        EXPECT_EQ(error(kDisk1, disposition), 87u);
+        EXPECT_EQ(error(L"\\\\.\\C:", disposition), 87u);
+        EXPECT_EQ(error(L"\\\\?\\Volume{1}", disposition), 87u);
+        for (const wchar_t* missing :
+             {L"\\\\.\\PhysicalDrive1.partial", L"\\\\.\\PhysicalDrive2", L"\\\\.\\x", L"\\\\.\\", L"\\\\?\\Volume{2}",
+              L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy1"}) {
+            EXPECT_EQ(error(missing, disposition), 2u) << missing;
+        }
+    }
+    // Nothing of a refused open stands in the way of another.
+    EXPECT_NE(Open(kDisk1, kReadWrite, 0), INVALID_HANDLE_VALUE);
+}
+
 TEST_F(MachineTest, AClosedHandleIsRefusedAndItsNumberNotUsedAgain) {
     MakeDisk("d", 1024);
     Start({{"disks", {{{"number", 1}, {"file", "d"}}}}, {"calls", "calls.jsonl"}});
@@ -440,6 +465,7 @@ protected:
         }
         Start({{"disks", disks},
                {"volumes", {volume}},
+               {"calls", "calls.jsonl"},
                {"shadow_service", {{"writers", {{{"name", "W"}, {"state", 7}, {"failure", "0x800423F4"}}}}}}});
         ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
         ASSERT_EQ(CreateVssBackupComponents(&components_), S_OK);
@@ -476,7 +502,7 @@ protected:
         ASSERT_EQ(components_->SetBackupState(FALSE, TRUE, VSS_BT_COPY, FALSE), S_OK);
         ASSERT_EQ(Finish(&IVssBackupComponents::GatherWriterMetadata), VSS_S_ASYNC_FINISHED);
         ASSERT_EQ(components_->StartSnapshotSet(&setId_), S_OK);
-        WINBOOL supported = FALSE;
+        BOOL supported = FALSE;
         ASSERT_EQ(components_->IsVolumeSupported(VSS_ID{}, Name(), &supported), S_OK);
         ASSERT_TRUE(supported);
         ASSERT_EQ(components_->AddToSnapshotSet(Name(), VSS_ID{}, &snapshotId_), S_OK);
@@ -594,7 +620,7 @@ TEST_F(ShadowTest, WritersAreReportedOnceTheirStatusIsGathered) {
 TEST_F(ShadowTest, CallsOutOfOrderAreRefused) {
     StartService();
     VSS_ID id = {};
-    WINBOOL supported = FALSE;
+    BOOL supported = FALSE;
     EXPECT_EQ(components_->SetContext(VSS_CTX_BACKUP), VSS_E_BAD_STATE);
     EXPECT_EQ(components_->SetBackupState(FALSE, TRUE, VSS_BT_COPY, FALSE), VSS_E_BAD_STATE);
     EXPECT_EQ(Finish(&IVssBackupComponents::GatherWriterMetadata), VSS_E_BAD_STATE);
@@ -613,6 +639,63 @@ TEST_F(ShadowTest, CallsOutOfOrderAreRefused) {
     EXPECT_EQ(components_->GetSnapshotProperties(id, &properties), VSS_E_BAD_STATE);
 }
 
+TEST_F(ShadowTest, OnlyAWaitForTheEndFinishesAStep) {
+    StartService();
+    ASSERT_EQ(components_->InitializeForBackup(nullptr), S_OK);
+    IVssAsync* async = nullptr;
+    ASSERT_EQ(components_->GatherWriterMetadata(&async), S_OK);
+    HRESULT result = E_FAIL;
+    for (const DWORD limit : {DWORD{0}, DWORD{1000}, DWORD{INFINITE} - 1}) {
+        EXPECT_EQ(async->Wait(limit), S_OK);
+        EXPECT_EQ(async->QueryStatus(&result, nullptr), S_OK);
+        EXPECT_EQ(static_cast<std::uint32_t>(result), 0x00042309u) << limit;
+        EXPECT_EQ(components_->StartSnapshotSet(&setId_), VSS_E_BAD_STATE) << limit;
+    }
+    EXPECT_EQ(async->Wait(INFINITE), S_OK);
+    for (const DWORD limit : {DWORD{INFINITE}, DWORD{0}}) {
+        EXPECT_EQ(async->QueryStatus(&result, nullptr), S_OK);
+        EXPECT_EQ(static_cast<std::uint32_t>(result), 0x0004230Au);
+        EXPECT_EQ(async->Wait(limit), S_OK);
+    }
+    EXPECT_EQ(components_->StartSnapshotSet(&setId_), S_OK);
+    EXPECT_EQ(async->Release(), 0u);
+    std::vector<std::string> limits;
+    for (const Json& line : Log()) {
+        if (line["call"] == "IVssAsync::Wait") {
+            EXPECT_EQ(line["step"], "GatherWriterMetadata");
+            limits.push_back(line["timeout"]);
+        }
+    }
+    EXPECT_EQ(limits, (std::vector<std::string>{"0x00000000", "0x000003E8", "0xFFFFFFFE", "0xFFFFFFFF", "0xFFFFFFFF",
+                                                "0x00000000"}));
+}
+
+TEST_F(ShadowTest, OnlyTheBackupStateOfACopyIsTaken) {
+    StartService();
+    ASSERT_EQ(components_->InitializeForBackup(nullptr), S_OK);
+    ASSERT_EQ(Finish(&IVssBackupComponents::GatherWriterMetadata), VSS_S_ASYNC_FINISHED);
+    ASSERT_EQ(components_->StartSnapshotSet(&setId_), S_OK);
+    ASSERT_EQ(components_->AddToSnapshotSet(Name(), VSS_ID{}, &snapshotId_), S_OK);
+    const auto set = [&](bool select, bool bootable, VSS_BACKUP_TYPE type, bool partial) {
+        const auto status = static_cast<std::uint32_t>(components_->SetBackupState(select, bootable, type, partial));
+        const Json line = Log().back();
+        EXPECT_EQ(line["call"], "IVssBackupComponents::SetBackupState");
+        EXPECT_EQ(line["select_components"], select);
+        EXPECT_EQ(line["bootable_state"], bootable);
+        EXPECT_EQ(line["type"], static_cast<int>(type));
+        EXPECT_EQ(line["partial_files"], partial);
+        return status;
+    };
+    EXPECT_EQ(set(true, true, VSS_BT_COPY, false), 0x80070057u);
+    EXPECT_EQ(set(false, false, VSS_BT_COPY, false), 0x80070057u);
+    EXPECT_EQ(set(false, true, VSS_BT_FULL, false), 0x80070057u);
+    EXPECT_EQ(set(false, true, VSS_BT_COPY, true), 0x80070057u);
+    // A state that was refused is none.
+    EXPECT_EQ(Finish(&IVssBackupComponents::PrepareForBackup), VSS_E_BAD_STATE);
+    EXPECT_EQ(set(false, true, VSS_BT_COPY, false), 0u);
+    EXPECT_EQ(Finish(&IVssBackupComponents::PrepareForBackup), VSS_S_ASYNC_FINISHED);
+}
+
 TEST_F(ShadowTest, ASetWithoutAVolumeCannotBeMade) {
     StartService();
     ASSERT_EQ(components_->InitializeForBackup(nullptr), S_OK);
@@ -628,7 +711,7 @@ TEST_F(ShadowTest, AVolumeIsAddedOnceAndByItsWholeName) {
     ASSERT_EQ(components_->InitializeForBackup(nullptr), S_OK);
     ASSERT_EQ(Finish(&IVssBackupComponents::GatherWriterMetadata), VSS_S_ASYNC_FINISHED);
     ASSERT_EQ(components_->StartSnapshotSet(&setId_), S_OK);
-    WINBOOL supported = TRUE;
+    BOOL supported = TRUE;
     EXPECT_EQ(components_->IsVolumeSupported(VSS_ID{}, Name(), &supported), S_OK);
     EXPECT_FALSE(supported);
     VSS_ID id = {};
