@@ -76,7 +76,7 @@ struct IVssBackupComponents : public IUnknown {
                                                        VSS_ID* pidSnapshot) = 0;
     virtual HRESULT STDMETHODCALLTYPE DoSnapshotSet(IVssAsync** ppAsync) = 0;
     virtual HRESULT STDMETHODCALLTYPE DeleteSnapshots(VSS_ID SourceObjectId, VSS_OBJECT_TYPE eSourceObjectType,
-                                                      WINBOOL bForceDelete, LONG* plDeletedSnapshots,
+                                                      BOOL bForceDelete, LONG* plDeletedSnapshots,
                                                       VSS_ID* pNondeletedSnapshotID) = 0;
     virtual HRESULT STDMETHODCALLTYPE ImportSnapshots(IVssAsync** ppAsync) = 0;
     virtual HRESULT STDMETHODCALLTYPE BreakSnapshotSet(VSS_ID SnapshotSetId) = 0;
@@ -84,13 +84,13 @@ struct IVssBackupComponents : public IUnknown {
     virtual HRESULT STDMETHODCALLTYPE Query(VSS_ID QueriedObjectId, VSS_OBJECT_TYPE eQueriedObjectType,
                                             VSS_OBJECT_TYPE eReturnedObjectsType, IVssEnumObject** ppEnum) = 0;
     virtual HRESULT STDMETHODCALLTYPE IsVolumeSupported(VSS_ID ProviderId, VSS_PWSZ pwszVolumeName,
-                                                        WINBOOL* pbSupportedByThisProvider) = 0;
+                                                        BOOL* pbSupportedByThisProvider) = 0;
     virtual HRESULT STDMETHODCALLTYPE DisableWriterClasses(const VSS_ID* rgWriterClassId, UINT cClassId) = 0;
     virtual HRESULT STDMETHODCALLTYPE EnableWriterClasses(const VSS_ID* rgWriterClassId, UINT cClassId) = 0;
     virtual HRESULT STDMETHODCALLTYPE DisableWriterInstances(const VSS_ID* rgWriterInstanceId, UINT cInstanceId) = 0;
     virtual HRESULT STDMETHODCALLTYPE ExposeSnapshot(VSS_ID SnapshotId, VSS_PWSZ wszPathFromRoot, LONG lAttributes,
                                                      VSS_PWSZ wszExpose, VSS_PWSZ* pwszExposed) = 0;
-    virtual HRESULT STDMETHODCALLTYPE RevertToSnapshot(VSS_ID SnapshotId, WINBOOL bForceDismount) = 0;
+    virtual HRESULT STDMETHODCALLTYPE RevertToSnapshot(VSS_ID SnapshotId, BOOL bForceDismount) = 0;
     virtual HRESULT STDMETHODCALLTYPE QueryRevertStatus(VSS_PWSZ pwszVolume, IVssAsync** ppAsync) = 0;
 
 protected:

@@ -23,7 +23,6 @@
 #define INFINITE 0xFFFFFFFFu
 
 typedef int BOOL;
-typedef int WINBOOL;
 typedef unsigned char boolean;
 typedef unsigned char BYTE;
 typedef unsigned char UCHAR;

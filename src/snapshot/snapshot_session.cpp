@@ -139,7 +139,7 @@ SessionStep PrepareBackup() {
 std::vector<SnapshotVolume> AddVolumes(uint32_t disk) {
     std::vector<SnapshotVolume> volumes;
     for (const VolumeExtent& extent : FindVolumesOnDisk(disk)) {
-        WINBOOL supported = FALSE;
+        BOOL supported = FALSE;
         const HRESULT asked = session.Components->IsVolumeSupported(nullId, AsInput(extent.VolumeName), &supported);
         if (FAILED(asked) || !supported) {
             std::printf("  --vss: volume %ls can't be snapshotted (removable/unsupported) - it will be read live.\n",

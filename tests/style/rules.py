@@ -41,6 +41,10 @@ COMPILER_WORDS = re.compile(
     r"|__clang__|__declspec|__forceinline|__try|__except)\b"
     r"|\[\[\s*(?:gnu|clang|msvc)\s*::|^[ ]*#\s*pragma\s+(?!once\b|pack\()\w+", re.M)
 
+# Names that only mingw-w64's headers of Windows have, in the form that each takes there.
+STARTS_ON_WINDOWS = {"platform/windows/runtime_start.cpp", "reader/cli/port_windows.cpp"}
+MINGW_NAMES = re.compile(r"\b(?:L?P?WINBOOL|__MINGW\w+|__mingw\w+|MINGW_\w+|_dowildcard)\b")
+
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 MAX_FUNCTION_LINES = 100
 
@@ -191,6 +195,13 @@ def program_uses_no_words_of_one_compiler(tree):
     return [f"{path}:{text.count(chr(10), 0, match.start()) + 1}: {match.group()} is not every compiler's"
             for path, text in ((path, without_comments_and_strings(text)) for path, text in of_kind(tree, "src/"))
             for match in COMPILER_WORDS.finditer(text)]
+
+
+def sdk_names_are_those_of_every_sdk(tree):
+    """Windows is called by the names that Microsoft publishes; mingw-w64's own stand where its start is set up."""
+    return [f"{path}:{text.count(chr(10), 0, match.start()) + 1}: {match.group()} is a name of mingw-w64 alone"
+            for path, text in ((path, without_comments_and_strings(text)) for path, text in of_kind(tree, ""))
+            if path not in STARTS_ON_WINDOWS for match in MINGW_NAMES.finditer(text)]
 
 
 def headers_are_used(tree):

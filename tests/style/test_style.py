@@ -87,6 +87,11 @@ PROOFS = {
          {"src/disk/a.cpp": "#pragma GCC diagnostic push\n"}, {"src/disk/a.cpp": "__declspec(noinline) void Run();\n"}],
         [{"src/disk/a.h": "#pragma once\n#pragma pack(push, 1)\n// asm\nconst char* a = \"__builtin_clz\";\n",
           "platform/linux/a.cpp": "int a __attribute__((aligned(4)));\n"}]),
+    rules.sdk_names_are_those_of_every_sdk: (
+        [{"src/disk/a.cpp": "WINBOOL done = FALSE;\n"}, {"bench/a.h": "void Take(PWINBOOL done);\n"},
+         {"platform/windows/a.cpp": "#ifdef __MINGW32__\n"}, {"tests/unit/a.cpp": "__mingw_printf(text);\n"}],
+        [{"src/disk/a.cpp": "BOOL done = FALSE; // no WINBOOL\n",
+          "platform/windows/runtime_start.cpp": "int _dowildcard = 0;\n"}]),
     rules.headers_are_used: (
         [{"src/disk/a.h": "", "src/disk/b.cpp": "#include <a>\n"}],
         [{"src/disk/a.h": "", "src/disk/b.cpp": '#include "disk/a.h"\n'}]),
