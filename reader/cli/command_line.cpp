@@ -39,6 +39,8 @@ const char programHelp[] =
     "  vrnx list   FOLDER                 [--json]\n"
     "  vrnx check  IMAGE... [--password-file F] [--jobs N] [--part I/N] [--json]\n"
     "  vrnx diff   OLD NEW                [--json]\n"
+    "  vrnx map    IMAGE    [--check FILE] [--svg FILE]\n"
+    "  vrnx export IMAGE OUT|- [--password-file F] [--salvage MAPFILE] [--from IMAGE]...\n"
     "\n"
     "  vrnx COMMAND --help    tells more of a command\n"
     "  vrnx --version         prints the version\n"
@@ -80,6 +82,27 @@ const char diffHelp[] =
     "\n"
     "  --json    print a JSON document\n";
 
+const char mapHelp[] =
+    "Usage: vrnx map IMAGE [--check FILE] [--svg FILE]\n"
+    "\n"
+    "Draws the disk: which image of the chain holds which part of it, what is zeros, and what is bad. Needs no\n"
+    "password.\n"
+    "\n"
+    "  --check FILE    mark the chunks that are bad by this document of vrnx check --json\n"
+    "  --svg FILE      draw into a new SVG file and not on the terminal\n";
+
+const char exportHelp[] =
+    "Usage: vrnx export IMAGE OUT|- [--password-file F] [--salvage MAPFILE] [--from IMAGE]...\n"
+    "\n"
+    "Writes the disk that an image stands for, every chunk proved, to a new file, or to standard output. Chunks of\n"
+    "zeros become holes. A bad chunk ends it; what was written stays.\n"
+    "\n"
+    "  --password-file F    the file with the password of sealed images\n"
+    "  --salvage MAPFILE    go on behind bad chunks, which become holes; MAPFILE, a new file, tells in the form of\n"
+    "                       GNU ddrescue what is good (+) and what is not (-)\n"
+    "  --from IMAGE         take a bad chunk out of this image or raw disk copy, where it has the right bytes; may be\n"
+    "                       given several times\n";
+
 const std::vector<Command>& Commands() {
     static const std::vector<Command> commands = {
         {"info", 1, 1, {{"--json", false}}, RunInfo, infoHelp},
@@ -91,6 +114,13 @@ const std::vector<Command>& Commands() {
          RunCheck,
          checkHelp},
         {"diff", 2, 2, {{"--json", false}}, RunDiff, diffHelp},
+        {"map", 1, 1, {{"--check", true}, {"--svg", true}}, RunMap, mapHelp},
+        {"export",
+         2,
+         2,
+         {{"--password-file", true}, {"--salvage", true}, {"--from", true, true}},
+         RunExport,
+         exportHelp},
     };
     return commands;
 }

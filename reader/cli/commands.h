@@ -33,5 +33,7 @@ int RunInfo(const Arguments& arguments, Console& console);
 int RunList(const Arguments& arguments, Console& console);
 int RunCheck(const Arguments& arguments, Console& console);
 int RunDiff(const Arguments& arguments, Console& console);
+int RunMap(const Arguments& arguments, Console& console);
+int RunExport(const Arguments& arguments, Console& console);
 
 } // namespace vrnx_cli
