@@ -22,6 +22,7 @@
 
 #include "host_paths.h"
 #include "linux_calls.h"
+#include "secret_memory.h"
 #include "unsupported.h"
 
 using namespace vornix::platform;
@@ -226,6 +227,9 @@ NTSTATUS WINAPI LinuxBCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE* algorithm, L
         } else if (!IsText(id, BCRYPT_SHA256_ALGORITHM)) {
             EndUnsupportedName(call, "algorithm", id);
         }
+    }
+    if (which == Algorithm::HmacSha256 || which == Algorithm::Aes) {
+        HideMemory();
     }
     // A library without the algorithm is a system without its provider.
     const bool isThere =

@@ -220,9 +220,11 @@ std::unique_ptr<OpenObject> OpenSystemVolume(DWORD access) {
     if (access != GENERIC_READ) {
         EndUnsupported("CreateFileW", "access to the system volume", access);
     }
+    constexpr uint32_t usualSector = 512;
     auto object = std::make_unique<OpenObject>();
     object->Kind = ObjectKind::SystemVolume;
     object->Access = access;
+    object->SectorSize = usualSector;
     return object;
 }
 

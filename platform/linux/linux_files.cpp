@@ -23,6 +23,7 @@
 #include "owned_descriptor.h"
 #include "share_modes.h"
 #include "unsupported.h"
+#include "work_account.h"
 
 using namespace vornix::platform;
 
@@ -38,6 +39,9 @@ constexpr uint64_t shortestReadAhead = uint64_t{1} << 20;
 constexpr uint64_t readsAhead = 2;
 // What comes next of a huge read is not known to be wanted.
 constexpr uint64_t longestReadAhead = uint64_t{32} << 20;
+// An image holds everything that the permissions of the disk protect: who may read it besides its owner is for the
+// owner to say.
+constexpr mode_t newFileMode = S_IRUSR | S_IWUSR;
 // The kernel cuts a single transfer just below 2 GiB; this is a multiple of any sector size.
 constexpr size_t largestPiece = size_t{1} << 30;
 // Memory that direct I/O cannot use is copied through a block of this size.
@@ -83,7 +87,6 @@ void RefuseUnsupportedOpen(DWORD access, DWORD share, LPSECURITY_ATTRIBUTES secu
 int OpenOrdinaryFile(const std::string& path, int mode, DWORD disposition, bool& created, DWORD& error) {
     // Without O_NONBLOCK a pipe at this path would hold the open until somebody came to its other end.
     const int openFlags = mode | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    constexpr mode_t newFileMode = 0666;
     created = false;
     if (disposition == OPEN_EXISTING) {
         const int descriptor = open(path.c_str(), openFlags);
@@ -194,10 +197,21 @@ HANDLE OpenHostFile(const std::string& path, DWORD access, DWORD share, DWORD di
     file->Access = access;
     file->Name = path;
     bool created = false;
+    WorkAccount& account = AccountOfRun();
+    std::unique_lock<std::timed_mutex> entering(account.Mutex, std::defer_lock);
+    if (disposition != OPEN_EXISTING) {
+        entering.lock();
+    }
     // Before anything is cut off: a refused open changes nothing.
     if (const DWORD error = OpenInItsPlace(*file, path, share, disposition, created); error != ERROR_SUCCESS) {
         (void)FailWith(error);
         return INVALID_HANDLE_VALUE;
+    }
+    account.HasOtherWork = true;
+    if (disposition != OPEN_EXISTING) {
+        account.File = path;
+        // One that an earlier run left, with the permissions of its time. A file system without permissions says no.
+        (void)fchmod(file->Descriptor, newFileMode);
     }
     // A new file as well: until it was claimed another process may have written into it.
     if (disposition == CREATE_ALWAYS && ftruncate(file->Descriptor, 0) != 0) {
@@ -235,8 +249,13 @@ std::optional<uint64_t> DiskNumberOf(std::string_view device) {
     return number;
 }
 
-HANDLE OpenDevice(std::string_view device, DWORD access, DWORD share, DWORD flags) {
+HANDLE OpenDevice(std::string_view device, DWORD access, DWORD share, DWORD disposition, DWORD flags) {
     std::unique_ptr<OpenObject> object;
+    if (disposition != OPEN_EXISTING) {
+        // A device is there or not; nobody makes one, and none is an image. Looked at in a way that disturbs nobody.
+        access = GENERIC_READ;
+        share = FILE_SHARE_READ | FILE_SHARE_WRITE;
+    }
     if (const std::optional<uint64_t> number = DiskNumberOf(device)) {
         object = OpenDisk(*number, access, share, flags);
     } else if (EqualsIgnoringCase(device, "C:")) {
@@ -247,6 +266,16 @@ HANDLE OpenDevice(std::string_view device, DWORD access, DWORD share, DWORD flag
     }
     if (object == nullptr) {
         return INVALID_HANDLE_VALUE;
+    }
+    if (disposition != OPEN_EXISTING) {
+        (void)FailWith(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    if ((access & GENERIC_WRITE) != 0) {
+        WorkAccount& account = AccountOfRun();
+        const std::lock_guard<std::timed_mutex> lock(account.Mutex);
+        account.Disk = object->Name;
+        account.HasOtherWork = true;
     }
     SetLastError(ERROR_SUCCESS);
     return RegisterObject(std::move(object));
@@ -365,6 +394,9 @@ DWORD MoveBytes(OpenObject& file, bool writing, uint8_t* memory, size_t length, 
         file.IsWritten = true;
         file.IsUnflushed = isDisk;
     }
+    if (writing && isDisk) {
+        EnterDiskWrite();
+    }
     if (writing && !isDisk) {
         if (const int code = AllocateGap(file); code != 0) {
             return ErrorFromErrno(code, Subject::File);
@@ -393,14 +425,15 @@ BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DW
     if (file == nullptr) {
         return FALSE;
     }
-    if (file->Kind == ObjectKind::SystemVolume) {
-        EndUnsupported(call, "a transfer on the system volume");
-    }
     if ((file->Access & (writing ? GENERIC_WRITE : GENERIC_READ)) == 0) {
         return FailWith(ERROR_ACCESS_DENIED);
     }
     if (file->Position % file->SectorSize != 0 || length % file->SectorSize != 0) {
         return FailWith(ERROR_INVALID_PARAMETER);
+    }
+    if (file->Kind == ObjectKind::SystemVolume) {
+        // It is asked where it lies, and has no bytes here.
+        return FailWith(ERROR_INVALID_FUNCTION);
     }
     if (length == 0) {
         return TRUE;
@@ -463,7 +496,7 @@ int RenameWithoutReplacing(const std::string& from, const std::string& to) {
         return errno;
     }
     // Nor can it give a file two names. An empty file claims the name, and only that file is replaced.
-    const int claim = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const int claim = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, newFileMode);
     if (claim < 0) {
         return errno;
     }
@@ -491,10 +524,7 @@ HANDLE WINAPI LinuxCreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURI
     RefuseUnsupportedOpen(access, share, security, disposition, flags, templateFile);
     const std::string hostPath = HostPath(path);
     if (hostPath.starts_with(R"(\\.\)") || hostPath.starts_with(R"(\\?\)")) {
-        if (disposition != OPEN_EXISTING) {
-            EndUnsupported("CreateFileW", "creation of a device, disposition", disposition);
-        }
-        return OpenDevice(std::string_view(hostPath).substr(4), access, share, flags);
+        return OpenDevice(std::string_view(hostPath).substr(4), access, share, disposition, flags);
     }
     return OpenHostFile(hostPath, access, share, disposition, flags);
 }
@@ -567,6 +597,9 @@ BOOL WINAPI LinuxCloseHandle(HANDLE handle) {
     }
     if (object->IsWritten) {
         CloseWritten(*object);
+        if (object->Kind == ObjectKind::Disk) {
+            EnterDiskClose();
+        }
         return TRUE;
     }
     const int descriptor = std::exchange(object->Descriptor, -1);
@@ -622,8 +655,13 @@ BOOL WINAPI LinuxMoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
     if (fsync(file.Get()) != 0) {
         return FailWith(ErrorFromErrno(errno, Subject::File));
     }
-    if (const int code = RenameWithoutReplacing(source, target); code != 0) {
-        return FailWith(ErrorOfRename(code, source, target));
+    {
+        WorkAccount& account = AccountOfRun();
+        const std::lock_guard<std::timed_mutex> lock(account.Mutex);
+        if (const int code = RenameWithoutReplacing(source, target); code != 0) {
+            return FailWith(ErrorOfRename(code, source, target));
+        }
+        account.File.clear();
     }
     if (const int code = SyncFolder(targetFolder.Get(), file.Get()); code != 0) {
         return FailWith(ErrorFromErrno(code, Subject::File));

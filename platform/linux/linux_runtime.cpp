@@ -14,6 +14,7 @@
 #include "huge_pages.h"
 #include "last_error.h"
 #include "linux_calls.h"
+#include "secret_memory.h"
 #include "share_modes.h"
 #include "unsupported.h"
 
@@ -103,6 +104,8 @@ errno_t __cdecl Linuxfopen_s(FILE** stream, const char* path, const char* mode) 
         EndUnsupported("fopen_s", (std::string("mode \"") + mode + "\"").c_str());
     }
     *stream = nullptr;
+    // The one file that the program opens in this way is that with the password.
+    HideMemory();
     const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
     if (descriptor < 0) {
         const int code = errno;

@@ -142,6 +142,46 @@ TEST_F(LinuxFiles, PipeAndDeviceAreNoFiles) {
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 }
 
+TEST_F(LinuxFiles, WhatIsMadeIsItsOwnersAlone) {
+    const mode_t before = umask(0);
+    MakeFile(L"left", "x");
+    ASSERT_EQ(chmod((Folder() / "left").c_str(), 0666), 0);
+    for (const auto& [name, disposition] :
+         {std::pair{L"new", DWORD{CREATE_NEW}}, {L"other", DWORD{CREATE_ALWAYS}}, {L"left", DWORD{CREATE_ALWAYS}}}) {
+        const ScopedHandle file(Open(name, GENERIC_WRITE, 0, disposition));
+        ASSERT_NE(file.Get(), INVALID_HANDLE_VALUE);
+        struct stat status {};
+        ASSERT_EQ(stat((Folder() / name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0600u) << name;
+    }
+    (void)umask(before);
+}
+
+TEST_F(LinuxFiles, DeviceIsNotMadeByOpeningIt) {
+    for (const DWORD disposition : {DWORD{CREATE_NEW}, DWORD{CREATE_ALWAYS}}) {
+        for (const auto& [path, error] : {std::pair{L"\\\\.\\x", ERROR_FILE_NOT_FOUND},
+                                          {L"\\\\?\\x", ERROR_FILE_NOT_FOUND},
+                                          {L"\\\\.\\PhysicalDrive999999", ERROR_FILE_NOT_FOUND},
+                                          {L"\\\\.\\C:", ERROR_INVALID_PARAMETER}}) {
+            EXPECT_EQ(CreateFileW(path, GENERIC_WRITE, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr),
+                      INVALID_HANDLE_VALUE);
+            EXPECT_EQ(GetLastError(), static_cast<DWORD>(error)) << path;
+        }
+    }
+}
+
+TEST_F(LinuxFiles, SystemVolumeHasNoBytes) {
+    const ScopedHandle volume(
+        CreateFileW(L"\\\\.\\C:", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_NE(volume.Get(), INVALID_HANDLE_VALUE);
+    std::array<char, 512> sector{};
+    DWORD count = 0;
+    EXPECT_FALSE(ReadFile(volume.Get(), sector.data(), 64, &count, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_FALSE(ReadFile(volume.Get(), sector.data(), 512, &count, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+}
+
 TEST_F(LinuxFiles, ReadOnlyFileHasItsAttribute) {
     MakeFile(L"file", "x");
     ASSERT_EQ(chmod((Folder() / "file").c_str(), 0444), 0);

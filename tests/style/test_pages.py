@@ -47,13 +47,17 @@ def normalized_lines(text):
 
 
 def messages_of_platform():
-    """The fatal reports of the Linux platform, without what stands in front of each fatal report."""
+    """What the Linux platform says of the end of a run: its fatal reports, without what stands in front of each fatal
+    report, and the lines about interruptions and lost output."""
     lines = set()
     folder = os.path.join(ROOT, "platform", "linux")
     for name in os.listdir(folder):
         if name.endswith(".cpp"):
             source = without_comments(read("platform", "linux", name))
             for text in re.findall(r'"FATAL: (.*?) \(GetLastError=%lu\)\\n"', source):
+                lines.update(normalized_lines(text))
+            # A refusal of what no command of the program asks for names the call first, and nobody gets to see it.
+            for text in re.findall(r'"((?:INTERRUPTED|vornix): (?!%s:).*?)\\n"', source):
                 lines.update(normalized_lines(text))
     return lines
 

@@ -1,0 +1,441 @@
+"""The process that the product is: what it does about streams that were closed, names of devices in place of images,
+signals, output that does not arrive, and secrets in its memory.
+
+Runs of vornix itself. What needs a disk has loop devices of its own, and is skipped where there can be none.
+"""
+
+import contextlib
+import fcntl
+import os
+import re
+import resource
+import shutil
+import signal
+import stat
+import struct
+import subprocess
+import tempfile
+import termios
+import time
+
+import suite
+from console import fatal
+from consolidate_runs import plain_full_image
+from image import build_image, check_image
+from loop_disks import LoopDisks, reason_to_skip
+from machine import SETTINGS, pattern
+from product import ABSENT, Product
+from sealing import PASSWORD
+
+CHUNK = 4096
+PLAIN = pattern(3 * CHUNK, "plain")
+METER = rb"\r  [ 0-9]{3}\.[0-9]{2}%  [0-9]+ / [0-9]+ MiB  \([0-9]+\.[0-9] MiB/s\)   "
+HEADER_SHORT = "could not read image header - file is truncated or not a .vrnx image"
+NOT_MADE = "could not create output image file"
+
+
+def lost(reason):
+    return f"vornix: part of the output was lost: {reason}\n"
+
+
+def wait_for(condition, seconds=60):
+    """Waits until the condition gives something true, and gives that."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise TimeoutError("what was waited for did not come")
+        time.sleep(0.005)
+
+
+class Native(suite.Scenario):
+    """The process of Linux."""
+
+    recorded = False
+
+    def setUp(self):
+        super().setUp()
+        if self.settings.windows:
+            self.skipTest("this is how a process of Linux is started and ended")
+
+    def product(self):
+        made = Product(os.path.join(self.folder, f"m{len(self.machines) + 1}"))
+        self.machines.append(made)
+        build_image(made.path("full.vrnx"), PLAIN)
+        return made
+
+    def disks(self):
+        reason = reason_to_skip()
+        if reason:
+            self.skipTest(reason)
+        disks = LoopDisks(self.folder)
+        self.addCleanup(disks.detach_all)
+        return disks
+
+    def attach(self, disks, contents):
+        """A loop device over a file of these bytes; gives its path."""
+        for _ in range(20):
+            try:
+                return disks.attach(contents)
+            except OSError as error:
+                # Between the choice of a free device and its use another process may take it.
+                reason = str(error)
+                time.sleep(0.1)
+        self.skipTest(reason)
+
+    def start(self, command, **options):
+        """A process that ends with the test at the latest."""
+        settled = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.PIPE,
+                   "env": {**self.settings.environment(), "LC_ALL": "C.UTF-8"}, **options}
+        process = subprocess.Popen(command, **settled)
+
+        def end():
+            if process.returncode is None:
+                process.kill()
+                with contextlib.suppress(ChildProcessError):
+                    process.wait()
+            if process.stderr is not None:
+                process.stderr.close()
+        self.addCleanup(end)
+        return process
+
+    def waiting_for_its_password(self, program, folder, **options):
+        """A run that has read a part of its password and waits for the rest: the process, and the pipe's other end."""
+        build_image(os.path.join(folder, "sealed.vrnx"), PLAIN, password=PASSWORD)
+        pipe = os.path.join(folder, "password")
+        os.mkfifo(pipe)
+        os.chmod(pipe, 0o666)
+        process = self.start([program, "verify", "--in", "sealed.vrnx", "--password-file", "password"], cwd=folder,
+                             **options)
+
+        def opened():
+            try:
+                return os.open(pipe, os.O_WRONLY | os.O_NONBLOCK)
+            except OSError:
+                return None
+        writing = wait_for(opened)
+        self.addCleanup(os.close, writing)
+        os.write(writing, PASSWORD)
+        return process
+
+
+class StandardStreams(Native):
+    def test_no_stream_that_is_closed_ends_up_in_an_image(self):
+        product = self.product()
+        for closed in ((0,), (1,), (2,), (0, 1), (0, 2), (1, 2), (0, 1, 2)):
+            def close(closed=closed):
+                for stream in closed:
+                    os.close(stream)
+            with self.subTest(closed=closed):
+                done = product.start("consolidate", "--in", "full.vrnx", "--out", "out.vrnx", preexec_fn=close,
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                self.assertEqual(done.returncode, 0)
+                self.expect_file(product, "out.vrnx", plain_full_image(PLAIN, CHUNK))
+                os.remove(product.path("out.vrnx"))
+
+    def test_a_stream_that_is_closed_leads_nowhere(self):
+        product = self.product()
+        process = self.waiting_for_its_password(SETTINGS.program, product.work, stderr=None,
+                                                preexec_fn=lambda: [os.close(stream) for stream in range(3)])
+        for stream, access in ((0, os.O_RDONLY), (1, os.O_WRONLY), (2, os.O_WRONLY)):
+            self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{stream}"), "/dev/null")
+            with open(f"/proc/{process.pid}/fdinfo/{stream}", encoding="ascii") as file:
+                flags = int(re.search(r"flags:\s*([0-7]+)", file.read()).group(1), 8)
+            self.assertEqual(flags & os.O_ACCMODE, access)
+
+    def test_no_closed_stream_ends_up_in_a_captured_image_or_on_a_disk(self):
+        disks = self.disks()
+        self.attach(disks, PLAIN)
+        device = self.attach(disks, bytes(len(PLAIN)))
+        for closed in ("<&- >&-", "<&- >&- 2>&-"):
+            for arguments in (("capture", "--disk", "0", "--out", "a.vrnx"),
+                              ("restore", "--in", "a.vrnx", "--disk", "1", "--confirm", "YES")):
+                done = subprocess.run(["sh", "-c", f'exec "$@" {closed}', "sh", *disks.command(*arguments)],
+                                      cwd=self.folder, check=False)
+                self.assertEqual(done.returncode, 0)
+            path = os.path.join(self.folder, "a.vrnx")
+            self.assertEqual(check_image(path), [], closed)
+            with open(device, "rb") as file:
+                self.assertEqual(file.read(), PLAIN, closed)
+            os.remove(path)
+
+
+class DevicesInPlaceOfFiles(Native):
+    # Each kind of name that Windows keeps for devices, and what an open of it says here, whether it is to be there or
+    # to be made.
+    KINDS = ((rf"\\.\PhysicalDrive{ABSENT}", 2), (rf"\\.\PhysicalDrive{ABSENT}\x", 2), (r"\\.\PhysicalDrive", 2),
+             (r"\\.\x", 2), (r"\\.\Wendrel", 2), (r"\\.\CON", 2), (r"\\.\C:\a.vrnx", 2), (r"\\.", 2),
+             ("\\\\.\\", 2),
+             ("\\\\?\\", 2), (r"\\?\C:\a.vrnx", 2), (r"\\?\Volume{11111111-2222-3333-4444-555555555555}", 2),
+             (r"\\?\GLOBALROOT\Device\Harddisk0\Partition0", 2), (r"\\?\UNC\server\share\a.vrnx", 2),
+             (r"\\.\GLOBALROOT\Device\HarddiskVolumeShadowCopy1", 2))
+    SYSTEM_VOLUME = (r"\\.\C:", r"\\.\c:", r"\\?\C:")
+
+    def expect_fatal(self, run, message=None, error=None):
+        """The run has ended with a report, of any text and any error where none is given."""
+        self.assertEqual(run.status, 1, run.describe())
+        text = ".*" if message is None else re.escape(message)
+        number = "[0-9]+" if error is None else error
+        self.assertRegex(run.stderr.decode().splitlines()[-1], rf"^FATAL: {text} \(GetLastError={number}\)$",
+                         run.describe())
+
+    def test_a_name_of_a_device_is_no_image(self):
+        product = self.product()
+        product.write("password", PASSWORD)
+        before = product.files()
+        for name, error in (*self.KINDS, *((name, 87) for name in self.SYSTEM_VOLUME)):
+            with self.subTest(name=name):
+                unread = ("could not open image file", 2) if error == 2 else (HEADER_SHORT, error)
+                self.expect_fatal(product.run("verify", "--in", name), *unread)
+                self.expect_fatal(product.run("restore", "--in", name, "--disk", ABSENT, "--confirm", "YES"), *unread)
+                self.expect_fatal(product.run("consolidate", "--in", name, "--out", "out.vrnx"), *unread)
+                self.expect_fatal(product.run("consolidate", "--in", "full.vrnx", "--encrypt", "--password-file", name,
+                                              "--out", "out.vrnx"), "could not open password file")
+                if name != r"\\.":
+                    # That one is the name of a file like any other.
+                    self.expect_fatal(product.run("consolidate", "--in", "full.vrnx", "--out", name), NOT_MADE, error)
+                self.assertEqual(product.files(), before)
+
+    def test_a_capture_makes_no_device_and_has_none_for_a_base(self):
+        for name, _ in (*self.KINDS, *((name, 87) for name in self.SYSTEM_VOLUME), (r"\\.\PhysicalDrive2", 0)):
+            if name == r"\\.":
+                continue
+            with self.subTest(name=name):
+                machine = self.machine()
+                disk = machine.disk_bytes(2)
+                self.expect_fatal(machine.run("capture", "--disk", "1", "--out", name), NOT_MADE, 2)
+                self.expect_fatal(machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--base", name, "--thin"))
+                run = machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--encrypt", "--password-file", name)
+                self.expect_fatal(run, "could not open password file")
+                self.assertEqual(machine.files(), [])
+                self.expect_disk(machine, 2, disk)
+
+    def test_a_disk_is_no_image_and_stays_as_it_is(self):
+        disks = self.disks()
+        content = pattern(1 << 20, "disk")
+        names = [rf"\\.\PhysicalDrive{number}" for number in range(2)]
+        devices = [self.attach(disks, content) for _ in names]
+        build_image(os.path.join(self.folder, "full.vrnx"), PLAIN)
+        before = sorted(os.listdir(self.folder))
+        for arguments, message in (
+                (("verify", "--in", names[1]), fatal(HEADER_SHORT, 87)),
+                (("consolidate", "--in", "full.vrnx", "--out", names[1]), fatal(NOT_MADE, 87)),
+                (("capture", "--disk", "0", "--out", names[1]), fatal(NOT_MADE, 2)),
+                (("consolidate", "--in", names[0], "--out", names[1]), fatal(HEADER_SHORT, 87))):
+            with self.subTest(arguments=arguments):
+                done = disks.run(*arguments)
+                self.assertEqual((done.returncode, done.stderr.decode()), (1, message))
+                self.assertEqual(sorted(os.listdir(self.folder)), before)
+                for device in devices:
+                    with open(device, "rb") as file:
+                        self.assertEqual(file.read(), content)
+
+
+class Interrupted(Native):
+    # So many chunks that their meter does not fit into the smallest pipe, and the run has to wait for a reader.
+    COUNT = 20000
+    LARGE = pattern(COUNT * 512, "large")
+
+    def stalled(self, command, folder, **options):
+        """A run that waits for somebody to read its output: the process and the pipe."""
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        room = fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
+        process = self.start(command, cwd=folder, stdout=writing, **options)
+        os.close(writing)
+        longest_line = 50
+
+        def is_full():
+            self.assertIsNone(process.poll(), "the run has ended before it could be interrupted")
+            count, = struct.unpack("i", fcntl.ioctl(reading, termios.FIONREAD, bytes(4)))
+            return count > room - longest_line
+        wait_for(is_full)
+        return process, reading
+
+    def consolidation(self, **options):
+        product = self.product()
+        build_image(product.path("large.vrnx"), self.LARGE, chunk_size=512)
+        return product, *self.stalled([SETTINGS.program, "consolidate", "--in", "large.vrnx", "--out", "out.vrnx"],
+                                      product.work, **options)
+
+    @staticmethod
+    def rest(reading):
+        data = b""
+        while True:
+            piece = os.read(reading, 65536)
+            if not piece:
+                return data
+            data += piece
+
+    def test_what_was_printed_arrives_and_a_line_says_what_is_left(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(number=number):
+                _, process, reading = self.consolidation()
+                process.send_signal(number)
+                output = self.rest(reading)
+                self.assertEqual(process.stderr.read().decode(),
+                                 f"INTERRUPTED: ended by {number.name}; the file out.vrnx is left unfinished\n")
+                self.assertEqual(process.wait(60), -number)
+                self.assertRegex(output, b"^(" + METER + b")+$")
+
+    def test_a_run_whose_output_nobody_reads_is_interrupted_too(self):
+        product, process, _ = self.consolidation()
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(60), -signal.SIGTERM)
+        self.assertEqual(process.stderr.read().decode(),
+                         "INTERRUPTED: ended by SIGTERM; the file out.vrnx is left unfinished\n")
+        with open(product.path("out.vrnx"), "rb") as file:
+            self.assertEqual(file.read(64), bytes(64))
+        self.assertEqual(product.run("verify", "--in", "out.vrnx").status, 1)
+
+    def test_a_second_signal_ends_the_run_at_once(self):
+        _, process, _ = self.consolidation()
+        # Both wait while the process is stopped, so that the second one is there when the first is looked at.
+        process.send_signal(signal.SIGSTOP)
+        process.send_signal(signal.SIGTERM)
+        process.send_signal(signal.SIGINT)
+        process.send_signal(signal.SIGCONT)
+        self.assertIn(process.wait(60), (-signal.SIGTERM, -signal.SIGINT))
+        self.assertEqual(process.stderr.read(), b"")
+
+    def test_a_signal_that_is_ignored_stays_so(self):
+        product, process, reading = self.consolidation(preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+        process.send_signal(signal.SIGHUP)
+        self.rest(reading)
+        self.assertEqual((process.wait(60), process.stderr.read()), (0, b""))
+        self.expect_file(product, "out.vrnx", plain_full_image(self.LARGE, 512))
+
+    def test_a_run_that_has_made_nothing_says_so(self):
+        product = self.product()
+        process = self.waiting_for_its_password(SETTINGS.program, product.work)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(60), -signal.SIGINT)
+        self.assertEqual(process.stderr.read(), b"INTERRUPTED: ended by SIGINT; nothing is left unfinished\n")
+
+    def test_a_capture_leaves_its_partial_file_and_publishes_nothing(self):
+        disks = self.disks()
+        self.attach(disks, pattern(1 << 20, "mebibyte") * 512)
+        process = self.start(disks.command("capture", "--disk", "0", "--out", "a.vrnx"), cwd=self.folder)
+        wait_for(lambda: os.path.exists(os.path.join(self.folder, "a.vrnx.partial")))
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(60), -signal.SIGTERM)
+        self.assertEqual(process.stderr.read(),
+                         b"INTERRUPTED: ended by SIGTERM; the file a.vrnx.partial is left unfinished\n")
+        self.assertFalse(os.path.exists(os.path.join(self.folder, "a.vrnx")))
+
+    def test_a_restore_says_which_disk_is_partly_written(self):
+        disks = self.disks()
+        device = self.attach(disks, bytes(len(self.LARGE)))
+        build_image(os.path.join(self.folder, "large.vrnx"), self.LARGE, chunk_size=512)
+        process, reading = self.stalled(
+            disks.command("restore", "--in", "large.vrnx", "--disk", "0", "--confirm", "YES"), self.folder)
+        process.send_signal(signal.SIGINT)
+        self.rest(reading)
+        self.assertEqual(process.stderr.read().decode(),
+                         f"INTERRUPTED: ended by SIGINT; the disk PhysicalDrive0 ({device}) is left partly written\n")
+        self.assertEqual(process.wait(60), -signal.SIGINT)
+
+
+class LostOutput(Native):
+    def run_to(self, command, folder, path="/dev/full"):
+        with open(path, "wb") as output:
+            done = subprocess.run(command, cwd=folder, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.PIPE,
+                                  env={**self.settings.environment(), "LC_ALL": "C.UTF-8"}, timeout=300, check=False)
+        return done.returncode, done.stderr.decode()
+
+    def run_to_nobody(self, command, folder):
+        reading, writing = os.pipe()
+        os.close(reading)
+        try:
+            return self.run_to(command, folder, f"/dev/fd/{writing}")
+        finally:
+            os.close(writing)
+
+    def test_a_run_keeps_the_status_of_its_work_and_tells_of_the_loss(self):
+        product = self.product()
+        full = lost("No space left on device")
+        for arguments, status, report in (
+                (("verify", "--in", "full.vrnx"), 0, ""),
+                (("consolidate", "--in", "full.vrnx", "--out", "out.vrnx"), 0, ""),
+                (("verify", "--in", "none"), 1, "could not open image file: none\n"
+                                                + fatal("could not open image file", 2)),
+                ((), 1, "")):
+            with self.subTest(arguments=arguments):
+                told = "" if arguments == ("verify", "--in", "none") else full
+                self.assertEqual(self.run_to([SETTINGS.program, *arguments], product.work), (status, report + told))
+        self.expect_file(product, "out.vrnx", plain_full_image(PLAIN, CHUNK))
+
+    def test_a_reader_that_goes_away_is_told_of_where_there_was_other_work(self):
+        product = self.product()
+        self.assertEqual(self.run_to_nobody([SETTINGS.program, "verify", "--in", "full.vrnx"], product.work),
+                         (0, lost("Broken pipe")))
+
+    def test_a_list_that_does_not_arrive_is_a_failure(self):
+        disks = self.disks()
+        self.attach(disks, bytes(1 << 20))
+        command = disks.command("list-disks")
+        self.assertEqual(self.run_to(command, self.folder), (1, lost("No space left on device")))
+        self.assertEqual(self.run_to(command, self.folder, "/dev/null"), (0, ""))
+        # As with any other tool that lists: whoever has seen enough is not told of the rest.
+        self.assertEqual(self.run_to_nobody(command, self.folder), (-signal.SIGPIPE, ""))
+
+
+class Secrets(Native):
+    NOBODY = 65534
+
+    def another_user(self):
+        """What makes a process an unprivileged user's with core files, where this one may do that."""
+        def prepare():
+            resource.setrlimit(resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+            if os.geteuid() == 0:
+                os.setgroups([])
+                os.setgid(self.NOBODY)
+                os.setuid(self.NOBODY)
+        return prepare
+
+    def is_readable(self, process):
+        """Whether another process of the same user may look into the memory of this one."""
+        done = subprocess.run(["sh", "-c", f": < /proc/{process.pid}/mem"], stderr=subprocess.DEVNULL,
+                              preexec_fn=self.another_user(), check=False)
+        return done.returncode == 0
+
+    def leaves_a_core(self, process):
+        process.send_signal(signal.SIGABRT)
+        _, status = os.waitpid(process.pid, 0)
+        process.returncode = -signal.SIGABRT
+        self.assertTrue(os.WIFSIGNALED(status) and os.WTERMSIG(status) == signal.SIGABRT, status)
+        return os.WCOREDUMP(status)
+
+    def test_nobody_sees_the_memory_of_a_run_that_has_read_of_a_password(self):
+        limits = resource.getrlimit(resource.RLIMIT_CORE)
+        if os.geteuid() != 0 and limits[1] == 0:
+            self.skipTest("this user may have no core files")
+        folder = tempfile.mkdtemp(dir=self.folder)
+        for path in (self.folder, folder):
+            os.chmod(path, 0o777)
+        # Where the build lies, another user may not look.
+        program = shutil.copy(SETTINGS.program, folder)
+        other = self.start(["sleep", "1000"], cwd=folder, preexec_fn=self.another_user())
+        wait_for(lambda: os.readlink(f"/proc/{other.pid}/exe").endswith(("sleep", "coreutils", "busybox")))
+        process = self.waiting_for_its_password(program, folder, preexec_fn=self.another_user())
+        may_read, may_dump = self.is_readable(other), self.leaves_a_core(other)
+        if not may_read and not may_dump:
+            self.skipTest("no memory of any process is seen by another here, nor left in a core file")
+        self.assertFalse(self.is_readable(process))
+        self.assertFalse(self.leaves_a_core(process))
+
+
+class Permissions(Native):
+    def test_an_image_is_its_owner_s_alone(self):
+        product = self.product()
+        for mask in (0, 0o022, 0o077):
+            done = product.start("consolidate", "--in", "full.vrnx", "--out", f"{mask}.vrnx", stdout=subprocess.DEVNULL,
+                                 preexec_fn=lambda mask=mask: os.umask(mask))
+            self.assertEqual(done.returncode, 0)
+            self.assertEqual(stat.S_IMODE(os.stat(product.path(f"{mask}.vrnx")).st_mode), 0o600)
+
+
+if __name__ == "__main__":
+    suite.main()
