@@ -9,6 +9,7 @@ The builds are found through the environment:
     VORNIX_BUILD    the build folder; build/linux in the checkout when absent
     VORNIX_BENCH    vornix-bench or vornix-bench.exe; in VORNIX_BUILD when absent
     VORNIX          vornix or vornix.exe; in VORNIX_BUILD when absent
+    VRNX            vrnx or vrnx.exe; in VORNIX_BUILD when absent
     VORNIX_RUNNER   what starts them, e.g. "wine"; nothing when absent
     VORNIX_LONG     not empty: no sampling of sweeps, and the slow scenarios run too
 """
@@ -55,9 +56,13 @@ class Settings:
         suffix = ".exe" if self.runner else ""
         self.bench = environment.get("VORNIX_BENCH") or os.path.join(self.build, "vornix-bench" + suffix)
         self.program = environment.get("VORNIX") or os.path.join(self.build, "vornix" + suffix)
-        self.build, self.bench, self.program = map(os.path.abspath, (self.build, self.bench, self.program))
+        self.vrnx = environment.get("VRNX") or os.path.join(self.build, "vrnx" + suffix)
+        self.build, self.bench, self.program, self.vrnx = map(
+            os.path.abspath, (self.build, self.bench, self.program, self.vrnx))
         self.windows = self.bench.endswith(".exe")
         self.long = bool(environment.get("VORNIX_LONG"))
+        # Images are files like any other: the vrnx of this system looks at those of the Windows build too.
+        self.third_reader = os.path.join(os.path.dirname(self.build), "linux", "vrnx") if self.windows else self.vrnx
         # Where a run costs several times as much, the sweeps try a sample of their occurrences.
         self.sampled = not self.long and (self.windows or os.path.basename(self.build) == "sanitize")
         # How an uncaught exception ends the process: SIGABRT, or the status that the Windows build gives itself.

@@ -1,7 +1,4 @@
-"""Runs of vrnx, the command that reads images without restoring them, and what its documents look like.
-
-VRNX names the executable; in VORNIX_BUILD when absent.
-"""
+"""Runs of vrnx, the command that reads images without restoring them, and what its documents look like."""
 
 import json
 import os
@@ -9,10 +6,7 @@ import subprocess
 import tempfile
 
 import suite
-from machine import SETTINGS, WINE_STARTS, Machine, Result
-
-EXECUTABLE = os.path.abspath(os.environ.get("VRNX")
-                             or os.path.join(SETTINGS.build, "vrnx.exe" if SETTINGS.windows else "vrnx"))
+from machine import WINE_STARTS, Machine, Result
 
 GOOD, DAMAGED, USAGE, FAILED = 0, 1, 2, 3
 
@@ -79,7 +73,7 @@ class Vrnx(Machine):
         """Runs vrnx with the streams as given to subprocess.run; gives what that gives."""
         settled = {**self.settings.environment(leaks=True), "LC_ALL": "C.UTF-8", **(environment or {})}
         streams.setdefault("stdin", subprocess.DEVNULL)
-        command = [*prefix, *self.settings.runner, EXECUTABLE, *arguments]
+        command = [*prefix, *self.settings.runner, self.settings.vrnx, *arguments]
         return subprocess.run(command, cwd=cwd or self.work, env=settled, timeout=timeout, check=False, **streams)
 
     def run(self, *arguments, timeout=600, description=None, **options):
