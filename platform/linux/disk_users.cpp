@@ -120,15 +120,19 @@ std::optional<dev_t> DeviceBehindLoop(dev_t loop) {
     if (!std::getline(file, path)) {
         return std::nullopt;
     }
+    struct stat status {};
+    const bool isFound = stat(path.c_str(), &status) == 0;
+    if (isFound && !S_ISBLK(status.st_mode)) {
+        // Most stand for files; to open one whose file does not answer would wait for it, though it is none of ours.
+        return std::nullopt;
+    }
     // The kernel's own word; the path may be one of another root folder, or be gone.
     const OwnedDescriptor node = OpenNode(loop, O_RDONLY);
     loop_info64 info{};
     if (node.IsOpen() && ioctl(node.Get(), LOOP_GET_STATUS64, &info) == 0) {
         return info.lo_rdevice != 0 ? std::optional<dev_t>(info.lo_rdevice) : std::nullopt;
     }
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode) ? std::optional<dev_t>(status.st_rdev)
-                                                                       : std::nullopt;
+    return isFound ? std::optional<dev_t>(status.st_rdev) : std::nullopt;
 }
 
 // Whether a loop device other than `except` stands for one of these devices.
