@@ -27,8 +27,9 @@ constexpr size_t magicSize = 8;
 // An unsigned little-endian integer of `size` bytes.
 inline uint64_t LoadInteger(const uint8_t* bytes, size_t size) {
     uint64_t value = 0;
-    for (size_t i = size; i-- > 0;)
+    for (size_t i = size; i-- > 0;) {
         value = value << 8 | bytes[i];
+    }
     return value;
 }
 
@@ -41,8 +42,9 @@ struct Header {
         : version(LoadU32(bytes + 8)), diskSize(LoadInteger(bytes + 12, 8)), sectorSize(LoadU32(bytes + 20)),
           chunkSize(LoadU32(bytes + 24)), chunkCount(LoadInteger(bytes + 28, 8)), encrypted(bytes[36]),
           epoch(LoadInteger(bytes + 37, 7)), kdfIterations(LoadU32(bytes + 60)) {
-        for (size_t i = 0; i < saltSize; i++)
+        for (size_t i = 0; i < saltSize; i++) {
             salt[i] = bytes[44 + i];
+        }
     }
     Header() = default;
 

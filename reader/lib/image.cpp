@@ -21,16 +21,25 @@ static_assert(VRNX_CHUNK_READ - codeShift > good);
 // How many places a chunk of a broken table is looked for at.
 constexpr int64_t maxPlaces = 128;
 
+int Hash(Context& context, const uint8_t* bytes, size_t length, uint8_t hash[hashSize], vrnx_error& error) {
+    if (context.BeginHash() && context.AddToHash(bytes, length) && context.EndHash(hash)) {
+        return VRNX_OK;
+    }
+    return Report(error, VRNX_ERROR_CRYPTO, vrnx_code_text(VRNX_ERROR_CRYPTO));
+}
+
 } // namespace
 
 // --- What tables tell -----------------------------------------------------------------------------------------------
 
 Holder Image::FindHolder(uint64_t chunk) const {
     for (const auto& layer : layers_) {
-        if (!layer->HasRecord(chunk))
+        if (!layer->HasRecord(chunk)) {
             return {VRNX_CHUNK_ENTRY, layer->Level()};
-        if (layer->IsStored(chunk))
+        }
+        if (layer->IsStored(chunk)) {
             return {VRNX_OK, layer->Level()};
+        }
     }
     return {VRNX_CHUNK_NO_BASE, layers_.back()->Level()};
 }
@@ -41,16 +50,19 @@ void Image::ComputeZeroHashes() const {
     uint8_t* hashes[] = {zeroHash_, lastZeroHash_};
     Context context(algorithms_);
     for (int i = 0; i < 2; i++) {
-        if (!context.BeginHash())
+        if (!context.BeginHash()) {
             return;
+        }
         for (uint32_t done = 0; done < lengths[i];) {
             const auto step = std::min<uint32_t>(lengths[i] - done, sizeof zeros);
-            if (!context.AddToHash(zeros, step))
+            if (!context.AddToHash(zeros, step)) {
                 return;
+            }
             done += step;
         }
-        if (!context.EndHash(hashes[i]))
+        if (!context.EndHash(hashes[i])) {
             return;
+        }
     }
     zeroHashesKnown_ = true;
 }
@@ -58,16 +70,20 @@ void Image::ComputeZeroHashes() const {
 bool Image::IsZero(uint64_t chunk) const {
     // Where the library of cryptography fails, no chunk is known to be zeros: it is read then.
     std::call_once(zeroHashesOnce_, [this] { ComputeZeroHashes(); });
-    if (!zeroHashesKnown_ || !Top().HasRecord(chunk))
+    if (!zeroHashesKnown_ || !Top().HasRecord(chunk)) {
         return false;
+    }
     const uint8_t* zeros = chunk + 1 == Top().GetHeader().chunkCount ? lastZeroHash_ : zeroHash_;
     for (const auto& layer : layers_) {
-        if (!layer->HasRecord(chunk))
+        if (!layer->HasRecord(chunk)) {
             return true; // all that is left of the way up says so
-        if (memcmp(layer->RecordOf(chunk).Hash(), zeros, hashSize) != 0)
+        }
+        if (memcmp(layer->RecordOf(chunk).Hash(), zeros, hashSize) != 0) {
             return false;
-        if (layer->IsStored(chunk))
+        }
+        if (layer->IsStored(chunk)) {
             return true;
+        }
     }
     return true;
 }
@@ -78,8 +94,9 @@ bool Image::IsPinned(uint32_t level) const {
 }
 
 int Image::Verdict(uint64_t chunk) const {
-    if (int code = FindHolder(chunk).code)
+    if (int code = FindHolder(chunk).code) {
         return code;
+    }
     const uint8_t kept = verdicts_[chunk].load(std::memory_order_relaxed);
     return kept == notChecked ? VRNX_NOT_CHECKED : kept == good ? VRNX_OK : kept + codeShift;
 }
@@ -120,34 +137,31 @@ Image::Borrowed::~Borrowed() {
     image_.idleWorkers_ = std::move(worker_);
 }
 
-uint8_t* Image::BufferOf(Worker& worker) {
-    if (worker.buffer == nullptr)
+uint8_t* Image::BufferOf(Worker& worker) const {
+    if (worker.buffer == nullptr) {
         worker.buffer.reset(new uint8_t[Top().GetHeader().chunkSize]); // NOLINT(modernize-make-unique): not initialised
+    }
     return worker.buffer.get();
 }
 
 // --- Proving --------------------------------------------------------------------------------------------------------
-
-int Image::Hash(Context& context, const uint8_t* bytes, size_t length, uint8_t hash[hashSize],
-                vrnx_error& error) const {
-    if (context.BeginHash() && context.AddToHash(bytes, length) && context.EndHash(hash))
-        return VRNX_OK;
-    return Report(error, VRNX_ERROR_CRYPTO, vrnx_code_text(VRNX_ERROR_CRYPTO));
-}
 
 // Takes a chunk's plain bytes out of the file that holds it, authenticated where it is sealed, and with no hash
 // compared.
 int Image::Load(Context& context, const Layer& layer, uint64_t chunk, int64_t shift, uint8_t* bytes,
                 vrnx_error& error) const {
     const uint32_t length = layer.LengthOf(chunk);
-    if (layer.IsSealed() && layer.key == nullptr)
+    if (layer.IsSealed() && layer.key == nullptr) {
         return ReportChunk(error, VRNX_ERROR_PASSWORD_NEEDED, chunk, layer.Level());
+    }
     size_t got = 0;
     const int systemError = layer.File().Read(layer.PlaceOf(chunk, shift), bytes, length, got);
-    if (systemError != 0 || got < length)
+    if (systemError != 0 || got < length) {
         return ReportChunk(error, VRNX_CHUNK_READ, chunk, layer.Level(), systemError);
-    if (!layer.IsSealed())
+    }
+    if (!layer.IsSealed()) {
         return VRNX_OK;
+    }
     const Record record = layer.RecordOf(chunk);
     switch (context.Unseal(layer.key->bytes, record.Nonce(), record.Tag(), bytes, length)) {
     case Unsealed::good:
@@ -162,19 +176,24 @@ int Image::Load(Context& context, const Layer& layer, uint64_t chunk, int64_t sh
 // The plain bytes of a chunk, proved against the hash in every table from the image that holds it to the top.
 int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error) {
     const Holder holder = FindHolder(chunk);
-    if (holder.code != VRNX_OK)
+    if (holder.code != VRNX_OK) {
         return ReportChunk(error, holder.code, chunk, holder.level);
+    }
     const Layer& layer = *layers_[holder.level];
 
     auto tryPlace = [&](int64_t shift, vrnx_error& failure) {
-        if (int code = Load(context, layer, chunk, shift, bytes, failure))
+        if (int code = Load(context, layer, chunk, shift, bytes, failure)) {
             return code;
+        }
         uint8_t hash[hashSize];
-        if (int code = Hash(context, bytes, layer.LengthOf(chunk), hash, failure))
+        if (int code = Hash(context, bytes, layer.LengthOf(chunk), hash, failure)) {
             return code;
-        for (uint32_t level = 0; level <= holder.level; level++)
-            if (memcmp(layers_[level]->RecordOf(chunk).Hash(), hash, hashSize) != 0)
+        }
+        for (uint32_t level = 0; level <= holder.level; level++) {
+            if (memcmp(layers_[level]->RecordOf(chunk).Hash(), hash, hashSize) != 0) {
                 return ReportChunk(failure, VRNX_CHUNK_HASH, chunk, holder.level);
+            }
+        }
         return static_cast<int>(VRNX_OK);
     };
 
@@ -182,16 +201,19 @@ int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_err
     const int64_t first = preferred.load(std::memory_order_relaxed);
     const int code = tryPlace(first, error);
     const int64_t wrong = std::clamp(layer.WrongBefore(), -maxPlaces, maxPlaces);
-    if (wrong == 0 || !VRNX_IS_BAD_CHUNK(code))
+    if (wrong == 0 || !VRNX_IS_BAD_CHUNK(code)) {
         return code;
+    }
     // Broken records before this one may have moved it. Wherever the right bytes are found, they are the right bytes.
     const auto failure = std::make_unique<vrnx_error>();
     for (int64_t shift = std::min<int64_t>(wrong, 0); shift <= std::max<int64_t>(wrong, 0); shift++) {
-        if (shift == first)
+        if (shift == first) {
             continue;
+        }
         const int other = tryPlace(shift, *failure);
-        if (other == VRNX_OK)
+        if (other == VRNX_OK) {
             preferred.store(shift, std::memory_order_relaxed);
+        }
         if (!VRNX_IS_BAD_CHUNK(other)) {
             error = *failure;
             return other;
@@ -202,19 +224,22 @@ int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_err
 
 int Image::LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error) {
     const int code = LoadProved(context, chunk, bytes, error);
-    if (code == VRNX_OK)
+    if (code == VRNX_OK) {
         verdicts_[chunk].store(good, std::memory_order_relaxed);
-    else if (VRNX_IS_BAD_CHUNK(code))
+    } else if (VRNX_IS_BAD_CHUNK(code)) {
         verdicts_[chunk].store(static_cast<uint8_t>(code - codeShift), std::memory_order_relaxed);
+    }
     return code;
 }
 
 int Image::Check(uint64_t chunk, vrnx_error& error) {
     const int verdict = Verdict(chunk);
-    if (verdict == VRNX_OK)
+    if (verdict == VRNX_OK) {
         return VRNX_OK;
-    if (verdict != VRNX_NOT_CHECKED)
+    }
+    if (verdict != VRNX_NOT_CHECKED) {
         return ReportChunk(error, verdict, chunk);
+    }
     const Borrowed worker = Borrow();
     return LoadAndKeep(worker->context, chunk, BufferOf(*worker), error);
 }
@@ -227,10 +252,11 @@ int Image::Read(uint8_t* buffer, uint64_t offset, size_t length, vrnx_error& err
         const uint64_t chunk = offset / chunkSize;
         const auto begin = static_cast<uint32_t>(offset % chunkSize);
         const size_t step = std::min<size_t>(length, Top().LengthOf(chunk) - begin);
-        if (IsZero(chunk))
+        if (IsZero(chunk)) {
             std::fill_n(buffer, step, uint8_t{0});
-        else if (int code = ReadPiece(buffer, chunk, begin, step, error))
+        } else if (int code = ReadPiece(buffer, chunk, begin, step, error)) {
             return code;
+        }
         buffer += step;
         offset += step;
         length -= step;
@@ -248,15 +274,17 @@ int Image::ReadPiece(uint8_t* buffer, uint64_t chunk, uint32_t begin, size_t len
     }
     if (slot == nullptr) {
         const int verdict = Verdict(chunk);
-        if (VRNX_IS_BAD_CHUNK(verdict))
+        if (VRNX_IS_BAD_CHUNK(verdict)) {
             return ReportChunk(error, verdict, chunk);
+        }
         slot = ChooseSlot();
         if (slot == nullptr) {
             lock.unlock();
             const Borrowed worker = Borrow();
             uint8_t* bytes = BufferOf(*worker);
-            if (int code = LoadAndKeep(worker->context, chunk, bytes, error))
+            if (int code = LoadAndKeep(worker->context, chunk, bytes, error)) {
                 return code;
+            }
             std::copy_n(bytes + begin, length, buffer);
             return VRNX_OK;
         }
@@ -266,11 +294,13 @@ int Image::ReadPiece(uint8_t* buffer, uint64_t chunk, uint32_t begin, size_t len
         const int code = FillSlot(*slot, chunk, error);
         lock.lock();
         slot->loading = false;
-        if (code != VRNX_OK)
+        if (code != VRNX_OK) {
             slot->chunk = VRNX_NO_CHUNK;
+        }
         slotLoaded_.notify_all();
-        if (code != VRNX_OK)
+        if (code != VRNX_OK) {
             return code;
+        }
     }
     slot->users++;
     slot->lastUse = ++uses_;
@@ -289,18 +319,21 @@ Image::Slot* Image::FindSlot(uint64_t chunk) {
 // The slot that has not been used for longest, or one that was never used; nullptr where all are at work.
 Image::Slot* Image::ChooseSlot() {
     Slot* chosen = nullptr;
-    for (Slot& slot : slots_)
-        if (!slot.loading && slot.users == 0 && (chosen == nullptr || slot.lastUse < chosen->lastUse))
+    for (Slot& slot : slots_) {
+        if (!slot.loading && slot.users == 0 && (chosen == nullptr || slot.lastUse < chosen->lastUse)) {
             chosen = &slot;
+        }
+    }
     return chosen;
 }
 
 // Nothing may be thrown here: others wait for this slot.
 int Image::FillSlot(Slot& slot, uint64_t chunk, vrnx_error& error) {
     try {
-        if (slot.bytes == nullptr)
+        if (slot.bytes == nullptr) {
             slot.bytes.reset(
                 new uint8_t[Top().GetHeader().chunkSize]); // NOLINT(modernize-make-unique): not initialised
+        }
         const Borrowed worker = Borrow();
         return LoadAndKeep(worker->context, chunk, slot.bytes.get(), error);
     } catch (const std::bad_alloc&) {
@@ -311,16 +344,20 @@ int Image::FillSlot(Slot& slot, uint64_t chunk, vrnx_error& error) {
 // --- Bytes from elsewhere -------------------------------------------------------------------------------------------
 
 int Image::Prove(uint64_t chunk, const uint8_t* bytes, size_t length, vrnx_error& error) {
-    if (!Top().HasRecord(chunk))
+    if (!Top().HasRecord(chunk)) {
         return ReportChunk(error, VRNX_CHUNK_ENTRY, chunk, 0);
-    if (length != Top().LengthOf(chunk))
+    }
+    if (length != Top().LengthOf(chunk)) {
         return ReportChunk(error, VRNX_CHUNK_HASH, chunk, 0);
+    }
     const Borrowed worker = Borrow();
     uint8_t hash[hashSize];
-    if (int code = Hash(worker->context, bytes, length, hash, error))
+    if (int code = Hash(worker->context, bytes, length, hash, error)) {
         return code;
-    if (memcmp(Top().RecordOf(chunk).Hash(), hash, hashSize) != 0)
+    }
+    if (memcmp(Top().RecordOf(chunk).Hash(), hash, hashSize) != 0) {
         return ReportChunk(error, VRNX_CHUNK_HASH, chunk, 0);
+    }
     return VRNX_OK;
 }
 
@@ -332,21 +369,24 @@ int Image::LoadUnproved(Worker& worker, uint64_t chunk, vrnx_error& error) {
         return VRNX_OK;
     }
     const int code = LoadProved(worker.context, chunk, bytes, error);
-    if (code != VRNX_CHUNK_HASH)
+    if (code != VRNX_CHUNK_HASH) {
         return code;
+    }
     const Holder holder = FindHolder(chunk);
     return Load(worker.context, *layers_[holder.level], chunk, shifts_[holder.level].load(std::memory_order_relaxed),
                 bytes, error);
 }
 
 int Image::Heal(uint64_t chunk, Image& donor, uint8_t* buffer, vrnx_error& error) {
-    if (!Top().HasRecord(chunk))
+    if (!Top().HasRecord(chunk)) {
         return ReportChunk(error, VRNX_CHUNK_ENTRY, chunk, 0);
+    }
     const uint64_t offset = chunk * Top().GetHeader().chunkSize;
     const uint32_t length = Top().LengthOf(chunk);
     const Header& other = donor.Top().GetHeader();
-    if (other.diskSize < offset + length)
+    if (other.diskSize < offset + length) {
         return ReportChunk(error, VRNX_CHUNK_HASH, chunk, 0);
+    }
     const Borrowed mine = Borrow();
     uint8_t* whole = BufferOf(*mine);
     {
@@ -355,14 +395,16 @@ int Image::Heal(uint64_t chunk, Image& donor, uint8_t* buffer, vrnx_error& error
             const uint64_t part = (offset + done) / other.chunkSize;
             const auto begin = static_cast<uint32_t>((offset + done) % other.chunkSize);
             const uint32_t step = std::min(length - done, donor.Top().LengthOf(part) - begin);
-            if (int code = donor.LoadUnproved(*theirs, part, error))
+            if (int code = donor.LoadUnproved(*theirs, part, error)) {
                 return code;
+            }
             std::copy_n(donor.BufferOf(*theirs) + begin, step, whole + done);
             done += step;
         }
     }
-    if (int code = Prove(chunk, whole, length, error))
+    if (int code = Prove(chunk, whole, length, error)) {
         return code;
+    }
     std::copy_n(whole, length, buffer);
     return VRNX_OK;
 }

@@ -79,12 +79,11 @@ private:
     class Opening;
 
     Borrowed Borrow();
-    uint8_t* BufferOf(Worker& worker);
+    uint8_t* BufferOf(Worker& worker) const;
     void ComputeZeroHashes() const;
     int ReportChunk(vrnx_error& error, int code, uint64_t chunk, uint32_t level, int systemError = 0) const;
     int ReportChunk(vrnx_error& error, int code, uint64_t chunk) const;
 
-    int Hash(Context& context, const uint8_t* bytes, size_t length, uint8_t hash[hashSize], vrnx_error& error) const;
     int Load(Context& context, const Layer& layer, uint64_t chunk, int64_t shift, uint8_t* bytes,
              vrnx_error& error) const;
     int LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error);

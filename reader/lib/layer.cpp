@@ -11,36 +11,44 @@
 namespace vrnx {
 
 int Refuse(Problems* problems, vrnx_error& error) {
-    if (problems == nullptr)
+    if (problems == nullptr) {
         return error.code;
+    }
     problems->push_back({error.code, error.system_error, error.level, error.chunk, error.text});
     return VRNX_OK;
 }
 
 int Layer::Load(Context& context, Problems* problems, bool examine, vrnx_error& error) {
     int systemError = file_.Open(path_.c_str());
-    if (systemError == vrnx::File::notRegular)
+    if (systemError == vrnx::File::notRegular) {
         return ReportFile(error, VRNX_ERROR_OPEN, level_, path_, "is no regular file");
-    if (systemError != 0)
+    }
+    if (systemError != 0) {
         return ReportFile(error, VRNX_ERROR_OPEN, level_, path_, {}, systemError);
-    if (JudgeHeader(error) != VRNX_OK)
+    }
+    if (JudgeHeader(error) != VRNX_OK) {
         return examine && VRNX_IS_REFUSAL(error.code) ? Refuse(problems, error) : error.code;
-    if (ReadTable(context, problems, error) != VRNX_OK)
+    }
+    if (ReadTable(context, problems, error) != VRNX_OK) {
         return error.code;
+    }
     return WalkTable(problems, error);
 }
 
 int Layer::JudgeHeader(vrnx_error& error) {
     uint8_t bytes[headerSize];
     size_t got = 0;
-    if (int systemError = file_.Read(0, bytes, sizeof bytes, got))
+    if (int systemError = file_.Read(0, bytes, sizeof bytes, got)) {
         return ReportFile(error, VRNX_ERROR_FILE_READ, level_, path_, "could not read image header", systemError);
-    if (got < sizeof bytes)
+    }
+    if (got < sizeof bytes) {
         return ReportFile(error, VRNX_REFUSED_NO_HEADER, level_, path_);
+    }
     unfinished_ = std::all_of(bytes, bytes + sizeof bytes, [](uint8_t byte) { return byte == 0; });
     Header header(bytes);
-    if (memcmp(bytes, headerMagic, magicSize) != 0 || (header.version != 2 && header.version != 3))
+    if (memcmp(bytes, headerMagic, magicSize) != 0 || (header.version != 2 && header.version != 3)) {
         return ReportFile(error, VRNX_REFUSED_NOT_AN_IMAGE, level_, path_);
+    }
     header_.version = header.version;
     header_.epoch = header.epoch;
     known_ |= VRNX_KNOWN_VERSION | VRNX_KNOWN_EPOCH;
@@ -67,12 +75,15 @@ int Layer::JudgeHeader(vrnx_error& error) {
         header_.chunkCount = header.chunkCount;
         known_ |= VRNX_KNOWN_GEOMETRY;
     }
-    if (!geometry)
+    if (!geometry) {
         return ReportFile(error, VRNX_REFUSED_GEOMETRY, level_, path_);
-    if (!seal)
+    }
+    if (!seal) {
         return ReportFile(error, VRNX_REFUSED_SEAL_PARAMETERS, level_, path_);
-    if (!count)
+    }
+    if (!count) {
         return ReportFile(error, VRNX_REFUSED_CHUNK_COUNT, level_, path_);
+    }
     return VRNX_OK;
 }
 
@@ -81,16 +92,18 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
     uint64_t present = whole;
     if (file_.Size() < headerSize + whole) {
         ReportFile(error, VRNX_REFUSED_TABLE_TRUNCATED, level_, path_);
-        if (Refuse(problems, error) != VRNX_OK)
+        if (Refuse(problems, error) != VRNX_OK) {
             return error.code;
+        }
         present = file_.Size() - headerSize;
     }
     // Not initialised: a table can be a quarter of a gigabyte.
     table_.reset(new uint8_t[present]); // NOLINT(modernize-make-unique)
     uint8_t header[headerSize];
     size_t got = 0;
-    if (int systemError = file_.Read(0, header, sizeof header, got))
+    if (int systemError = file_.Read(0, header, sizeof header, got)) {
         return ReportFile(error, VRNX_ERROR_FILE_READ, level_, path_, "could not read image header", systemError);
+    }
     bool hashed = context.BeginHash() && context.AddToHash(header, got);
     constexpr uint64_t block = 0x100000;
     uint64_t at = 0;
@@ -101,31 +114,37 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
         at += got;
         if (systemError != 0 || got < wanted) {
             ReportFile(error, VRNX_ERROR_FILE_READ, level_, path_, "could not read chunk table", systemError);
-            if (Refuse(problems, error) != VRNX_OK)
+            if (Refuse(problems, error) != VRNX_OK) {
                 return error.code;
+            }
             break;
         }
     }
-    if (!hashed || !context.EndHash(digest_))
+    if (!hashed || !context.EndHash(digest_)) {
         return ReportFile(error, VRNX_ERROR_CRYPTO, level_, path_);
+    }
     presentRecords_ = at / recordSize;
-    if (at == whole)
+    if (at == whole) {
         known_ |= VRNX_KNOWN_DIGEST;
+    }
     return VRNX_OK;
 }
 
 int Layer::WalkTable(Problems* problems, vrnx_error& error) {
     const uint64_t count = header_.chunkCount;
-    if (IsThin())
+    if (IsThin()) {
         storedBefore_.reset(new uint32_t[count + 1]); // NOLINT(modernize-make-unique)
+    }
     uint64_t bad = 0;
     uint64_t firstBad = 0;
     uint32_t stored = 0;
     for (uint64_t chunk = 0; chunk < count; chunk++) {
-        if (IsThin())
+        if (IsThin()) {
             storedBefore_[chunk] = stored;
-        if (chunk >= presentRecords_)
+        }
+        if (chunk >= presentRecords_) {
             continue;
+        }
         Record record = RecordOf(chunk);
         uint32_t length = record.StoredLength();
         bool good = record.DiskOffset() == chunk * header_.chunkSize &&
@@ -139,13 +158,16 @@ int Layer::WalkTable(Problems* problems, vrnx_error& error) {
             badRecords_.resize(presentRecords_);
         }
         badRecords_[chunk] = true;
-        if (problems == nullptr)
+        if (problems == nullptr) {
             break;
+        }
     }
-    if (IsThin())
+    if (IsThin()) {
         storedBefore_[count] = stored;
-    if (bad == 0 && presentRecords_ == count)
+    }
+    if (bad == 0 && presentRecords_ == count) {
         known_ |= VRNX_KNOWN_TABLE;
+    }
     if (bad != 0) {
         Begin(error, VRNX_REFUSED_TABLE_ENTRY, level_);
         error.chunk = firstBad;
@@ -154,11 +176,13 @@ int Layer::WalkTable(Problems* problems, vrnx_error& error) {
         Text text(error);
         text.AddPath(path_) << ": " << vrnx_code_text(error.code) << " (chunk " << firstBad << ", disk offset "
                             << error.disk_offset;
-        if (bad > 1)
+        if (bad > 1) {
             text << ", and " << bad - 1 << " more";
+        }
         text << ")";
-        if (Refuse(problems, error) != VRNX_OK)
+        if (Refuse(problems, error) != VRNX_OK) {
             return error.code;
+        }
     }
 
     // Only the last chunk can be shorter, and nothing lies behind it.
@@ -166,12 +190,14 @@ int Layer::WalkTable(Problems* problems, vrnx_error& error) {
     dataEnd_ = lastStored ? PlaceOf(count - 1) + LengthOf(count - 1) : PlaceOf(count);
     if (dataEnd_ > file_.Size()) {
         ReportFile(error, VRNX_REFUSED_DATA_TRUNCATED, level_, path_);
-        if (Refuse(problems, error) != VRNX_OK)
+        if (Refuse(problems, error) != VRNX_OK) {
             return error.code;
+        }
     }
     // Until the trailer says more, each record that cannot be trusted may be one of a stored chunk.
-    if (IsThin())
+    if (IsThin()) {
         wrongRecords_ = static_cast<int64_t>(bad);
+    }
     return VRNX_OK;
 }
 
@@ -191,8 +217,9 @@ int Layer::LoadTrailer(Problems* problems, vrnx_error& error) {
     const bool present = total >= trailerSize && total <= maxTrailerSize && total <= size - tableEnd;
     if (!present || size < dataEnd_ + total) {
         ReportFile(error, VRNX_REFUSED_NO_TRAILER, level_, path_, {}, systemError);
-        if (Refuse(problems, error) != VRNX_OK || !present)
+        if (Refuse(problems, error) != VRNX_OK || !present) {
             return strict ? error.code : VRNX_OK;
+        }
     }
     systemError = file_.Read(size - total, bytes, static_cast<size_t>(total), got);
     if (systemError != 0 || got < total) {
@@ -207,8 +234,9 @@ int Layer::LoadTrailer(Problems* problems, vrnx_error& error) {
     baseName_.assign(reinterpret_cast<const char*>(bytes) + 12, static_cast<size_t>(nameLength));
     std::copy_n(bytes + 12 + nameLength, hashSize, baseDigest_);
     known_ |= VRNX_KNOWN_BASE_NAME;
-    if (!strict)
+    if (!strict) {
         MeasureWrongRecords(size - total);
+    }
     return VRNX_OK;
 }
 

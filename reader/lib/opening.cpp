@@ -19,20 +19,25 @@ public:
     Password(const Password&) = delete;
     Password& operator=(const Password&) = delete;
     ~Password() {
-        if (file_ != nullptr)
+        if (file_ != nullptr) {
             Wipe(file_.get(), maxPassword + 1);
+        }
     }
 
     // Finds out what the password is, at the first sealed image. Fills `error` of a failure.
     int Take(const vrnx_open_options& options, vrnx_error& error) {
-        if (bytes_ != nullptr)
+        if (bytes_ != nullptr) {
             return VRNX_OK;
-        if (options.password_file != nullptr)
+        }
+        if (options.password_file != nullptr) {
             return ReadFile(options.password_file, error);
-        if (options.password_length == 0)
+        }
+        if (options.password_length == 0) {
             return Report(error, VRNX_ERROR_PASSWORD, "password is empty");
-        if (options.password_length > maxPassword)
+        }
+        if (options.password_length > maxPassword) {
             return Report(error, VRNX_ERROR_PASSWORD, "password is too large");
+        }
         bytes_ = static_cast<const uint8_t*>(options.password);
         length_ = options.password_length;
         return VRNX_OK;
@@ -45,15 +50,19 @@ private:
     int ReadFile(const char* path, vrnx_error& error) {
         file_ = std::make_unique<uint8_t[]>(maxPassword + 1);
         size_t got = 0;
-        if (int systemError = ReadWhole(path, file_.get(), maxPassword + 1, got))
+        if (int systemError = ReadWhole(path, file_.get(), maxPassword + 1, got)) {
             return ReportFile(error, VRNX_ERROR_PASSWORD, VRNX_NO_LEVEL, path, "could not read password file",
                               systemError);
-        if (got > maxPassword)
+        }
+        if (got > maxPassword) {
             return ReportFile(error, VRNX_ERROR_PASSWORD, VRNX_NO_LEVEL, path, "password file is too large");
-        while (got > 0 && (file_[got - 1] == '\n' || file_[got - 1] == '\r'))
+        }
+        while (got > 0 && (file_[got - 1] == '\n' || file_[got - 1] == '\r')) {
             got--;
-        if (got == 0)
+        }
+        if (got == 0) {
             return ReportFile(error, VRNX_ERROR_PASSWORD, VRNX_NO_LEVEL, path, "password file is empty");
+        }
         bytes_ = file_.get();
         length_ = got;
         return VRNX_OK;
@@ -80,8 +89,9 @@ class Image::Opening {
 public:
     Opening(Image& image, const vrnx_open_options& options, vrnx_error& error)
         : image_(image), options_(options), error_(error), context_(image.algorithms_) {
-        if ((options.flags & (VRNX_OPEN_LENIENT | VRNX_OPEN_EXAMINE)) != 0)
+        if ((options.flags & (VRNX_OPEN_LENIENT | VRNX_OPEN_EXAMINE)) != 0) {
             problems_ = &image.problems_;
+        }
     }
 
     int Run(const char* path);
@@ -109,12 +119,15 @@ private:
 };
 
 int Image::Opening::Run(const char* path) {
-    if (!image_.algorithms_.Fetch())
+    if (!image_.algorithms_.Fetch()) {
         return Report(error_, VRNX_ERROR_CRYPTO, vrnx_code_text(VRNX_ERROR_CRYPTO));
-    if (int code = OpenLayers(path))
+    }
+    if (int code = OpenLayers(path)) {
         return code;
-    if (int code = TieChain())
+    }
+    if (int code = TieChain()) {
         return code;
+    }
     std::stable_sort(image_.problems_.begin(), image_.problems_.end(),
                      [](const Problem& a, const Problem& b) { return a.level < b.level; });
 
@@ -132,16 +145,20 @@ int Image::Opening::OpenLayers(const char* path) {
     std::string next = path;
     for (;;) {
         bool opened = false;
-        if (int code = OpenLayer(next, opened))
+        if (int code = OpenLayer(next, opened)) {
             return code;
-        if (!opened)
+        }
+        if (!opened) {
             break;
+        }
         Layer& layer = *image_.layers_.back();
         bool found = false;
-        if (int code = FindBase(layer, found))
+        if (int code = FindBase(layer, found)) {
             return code;
-        if (!found)
+        }
+        if (!found) {
             break;
+        }
         next = *layer.basePath;
     }
     return VRNX_OK;
@@ -155,18 +172,21 @@ int Image::Opening::OpenLayer(const std::string& path, bool& opened) {
     const bool examine = (options_.flags & VRNX_OPEN_EXAMINE) != 0;
     auto layer = std::make_unique<Layer>(path, level);
     int code = VRNX_OK;
-    if (level == maxChain)
+    if (level == maxChain) {
         code = ReportFile(error_, VRNX_REFUSED_CHAIN_LENGTH, level, path);
-    else
+    } else {
         code = layer->Load(context_, problems_, examine && level == 0, error_);
+    }
     // The same file a second time would lead to itself again, until there are too many.
     const bool loops = std::any_of(layers.begin(), layers.end(), [&](const auto& upper) {
         return code == VRNX_OK && upper->File().IsSameAs(layer->File());
     });
-    if (loops)
+    if (loops) {
         code = ReportFile(error_, VRNX_REFUSED_CHAIN_LENGTH, level, path);
-    if (code == VRNX_OK && layer->IsSealed() && (options_.flags & VRNX_OPEN_NO_PASSWORD) == 0)
+    }
+    if (code == VRNX_OK && layer->IsSealed() && (options_.flags & VRNX_OPEN_NO_PASSWORD) == 0) {
         code = DeriveKey(*layer);
+    }
     if (code == VRNX_OK) {
         layers.push_back(std::move(layer));
         opened = true;
@@ -174,17 +194,20 @@ int Image::Opening::OpenLayer(const std::string& path, bool& opened) {
     }
     // A base that is of no use is a problem; what has nothing to do with it is none.
     const bool ofTheFile = VRNX_IS_REFUSAL(code) || code == VRNX_ERROR_OPEN || code == VRNX_ERROR_FILE_READ;
-    if (level == 0 || problems_ == nullptr || !ofTheFile)
+    if (level == 0 || problems_ == nullptr || !ofTheFile) {
         return code;
+    }
     layers.back()->baseState = VRNX_BASE_REFUSED;
     return vrnx::Refuse(problems_, error_);
 }
 
 int Image::Opening::DeriveKey(Layer& layer) {
-    if (options_.password == nullptr && options_.password_file == nullptr)
+    if (options_.password == nullptr && options_.password_file == nullptr) {
         return ReportFile(error_, VRNX_ERROR_PASSWORD_NEEDED, layer.Level(), layer.Path());
-    if (int code = password_.Take(options_, error_))
+    }
+    if (int code = password_.Take(options_, error_)) {
         return code;
+    }
     const Header& header = layer.GetHeader();
     for (const auto& upper : image_.layers_) {
         const Header& other = upper->GetHeader();
@@ -195,31 +218,37 @@ int Image::Opening::DeriveKey(Layer& layer) {
         }
     }
     auto key = std::make_shared<Key>();
-    if (!vrnx::DeriveKey(password_.Bytes(), password_.Length(), header.salt, header.kdfIterations, key->bytes))
+    if (!vrnx::DeriveKey(password_.Bytes(), password_.Length(), header.salt, header.kdfIterations, key->bytes)) {
         return ReportFile(error_, VRNX_ERROR_CRYPTO, layer.Level(), layer.Path());
+    }
     layer.key = std::move(key);
     return VRNX_OK;
 }
 
 // Reads which base an image has, and whether there is one of that name.
 int Image::Opening::FindBase(Layer& layer, bool& found) {
-    if (!layer.IsThin() || !layer.Knows(VRNX_KNOWN_GEOMETRY | VRNX_KNOWN_SEAL))
+    if (!layer.IsThin() || !layer.Knows(VRNX_KNOWN_GEOMETRY | VRNX_KNOWN_SEAL)) {
         return VRNX_OK;
+    }
     layer.baseState = VRNX_BASE_UNKNOWN;
-    if (int code = layer.LoadTrailer(problems_, error_))
+    if (int code = layer.LoadTrailer(problems_, error_)) {
         return code;
-    if (!layer.Knows(VRNX_KNOWN_BASE_NAME))
+    }
+    if (!layer.Knows(VRNX_KNOWN_BASE_NAME)) {
         return VRNX_OK;
+    }
     if (IsRefusedName(layer.BaseName())) {
         layer.baseState = VRNX_BASE_REFUSED;
         return Refuse(VRNX_REFUSED_BASE_NAME, layer);
     }
     layer.basePath = layer.BasePath();
-    if ((options_.flags & VRNX_OPEN_ALONE) != 0)
+    if ((options_.flags & VRNX_OPEN_ALONE) != 0) {
         return VRNX_OK;
+    }
     found = FileExists(layer.basePath->c_str());
-    if (found)
+    if (found) {
         return VRNX_OK;
+    }
     layer.baseState = VRNX_BASE_MISSING;
     Begin(error_, VRNX_REFUSED_BASE_MISSING, layer.Level());
     Text(error_).AddPath(layer.Path()) << ": " << vrnx_code_text(error_.code) << ": " << *layer.basePath;
@@ -241,8 +270,9 @@ int Image::Opening::CompareWithBase(Layer& layer, const Layer& base, bool& usabl
         return VRNX_OK;
     }
     layer.baseState = broken ? VRNX_BASE_REFUSED : VRNX_BASE_REPLACED;
-    if ((same && shaped) || !base.Knows(VRNX_KNOWN_DIGEST))
+    if ((same && shaped) || !base.Knows(VRNX_KNOWN_DIGEST)) {
         return VRNX_OK; // what is broken is a problem of the base already
+    }
     Begin(error_, same ? VRNX_REFUSED_BASE_GEOMETRY : VRNX_REFUSED_BASE_REPLACED, layer.Level());
     Text(error_).AddPath(layer.Path()) << ": " << vrnx_code_text(error_.code) << ": " << base.Path();
     return vrnx::Refuse(problems_, error_);
@@ -254,10 +284,12 @@ int Image::Opening::TieChain() {
     size_t kept = layers.size();
     for (size_t i = layers.size() - 1; i-- > 0;) {
         bool usable = true;
-        if (int code = CompareWithBase(*layers[i], *layers[i + 1], usable))
+        if (int code = CompareWithBase(*layers[i], *layers[i + 1], usable)) {
             return code;
-        if (!usable)
+        }
+        if (!usable) {
             kept = i + 1;
+        }
     }
     layers.resize(kept);
     return VRNX_OK;

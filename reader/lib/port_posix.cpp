@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,18 +32,20 @@ File& File::operator=(File&& other) noexcept {
 }
 
 File::~File() {
-    if (handle_ >= 0)
+    if (handle_ >= 0) {
         close(static_cast<int>(handle_)); // a failed close of a file that was only read tells nothing
+    }
 }
 
 int File::Open(const char* path) {
     // Without waiting: opening a pipe that nobody writes to would.
     int fd = -1;
-    do
+    do {
         fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    while (fd < 0 && errno == EINTR);
-    if (fd < 0)
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
         return errno;
+    }
     struct stat status = {};
     int error = fstat(fd, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : notRegular;
     if (error != 0) {
@@ -63,12 +66,15 @@ int File::Read(uint64_t offset, void* buffer, size_t length, size_t& got) const 
     while (got < length) {
         ssize_t count = pread(static_cast<int>(handle_), static_cast<uint8_t*>(buffer) + got, length - got,
                               static_cast<off_t>(offset + got));
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count < 0)
+        }
+        if (count < 0) {
             return errno;
-        if (count == 0)
+        }
+        if (count == 0) {
             break;
+        }
         got += static_cast<size_t>(count);
     }
     return 0;
@@ -86,17 +92,21 @@ bool FileExists(const char* path) {
 int ReadWhole(const char* path, void* buffer, size_t limit, size_t& got) {
     got = 0;
     int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0)
+    if (fd < 0) {
         return errno;
+    }
     int error = 0;
     while (got < limit) {
         ssize_t count = read(fd, static_cast<uint8_t*>(buffer) + got, limit - got);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count < 0)
+        }
+        if (count < 0) {
             error = errno;
-        if (count <= 0)
+        }
+        if (count <= 0) {
             break;
+        }
         got += static_cast<size_t>(count);
     }
     close(fd);
@@ -114,12 +124,26 @@ std::string PathInFolder(const std::string& folder, const std::string& name) {
 
 // --- Cryptography ---------------------------------------------------------------------------------------------------
 
+namespace {
+
+// libcrypto notes each failure for the thread, where a caller that uses it too would take it for one of its own.
+class QuietErrors {
+public:
+    QuietErrors() { ERR_set_mark(); }
+    ~QuietErrors() { ERR_pop_to_mark(); }
+    QuietErrors(const QuietErrors&) = delete;
+    QuietErrors& operator=(const QuietErrors&) = delete;
+};
+
+} // namespace
+
 Algorithms::~Algorithms() {
     EVP_MD_free(static_cast<EVP_MD*>(digest_));
     EVP_CIPHER_free(static_cast<EVP_CIPHER*>(cipher_));
 }
 
 bool Algorithms::Fetch() {
+    const QuietErrors quiet;
     digest_ = EVP_MD_fetch(nullptr, "SHA256", nullptr);
     cipher_ = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
     return digest_ != nullptr && cipher_ != nullptr;
@@ -131,8 +155,10 @@ Context::~Context() {
 }
 
 bool Context::BeginHash() {
-    if (digest_ == nullptr)
+    const QuietErrors quiet;
+    if (digest_ == nullptr) {
         digest_ = EVP_MD_CTX_new();
+    }
     return digest_ != nullptr && EVP_DigestInit_ex2(static_cast<EVP_MD_CTX*>(digest_),
                                                     static_cast<const EVP_MD*>(algorithms_.digest_), nullptr) == 1;
 }
@@ -147,8 +173,10 @@ bool Context::EndHash(uint8_t hash[hashSize]) {
 
 Unsealed Context::Unseal(const uint8_t key[keySize], const uint8_t nonce[nonceSize], const uint8_t tag[tagSize],
                          uint8_t* bytes, size_t length) {
-    if (cipher_ == nullptr)
+    const QuietErrors quiet;
+    if (cipher_ == nullptr) {
         cipher_ = EVP_CIPHER_CTX_new();
+    }
     auto* context = static_cast<EVP_CIPHER_CTX*>(cipher_);
     uint8_t expected[tagSize]; // the call takes it as something that it may change
     std::copy_n(tag, tagSize, expected);
@@ -158,13 +186,15 @@ Unsealed Context::Unseal(const uint8_t key[keySize], const uint8_t nonce[nonceSi
         EVP_DecryptInit_ex2(context, static_cast<const EVP_CIPHER*>(algorithms_.cipher_), key, nonce, nullptr) != 1 ||
         EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tagSize), expected) != 1 ||
         EVP_DecryptUpdate(context, bytes, &count, bytes, static_cast<int>(length)) != 1 ||
-        count != static_cast<int>(length))
+        count != static_cast<int>(length)) {
         return Unsealed::failed;
+    }
     return EVP_DecryptFinal_ex(context, bytes + length, &count) == 1 ? Unsealed::good : Unsealed::bad;
 }
 
 bool DeriveKey(const uint8_t* password, size_t passwordLength, const uint8_t salt[saltSize], uint32_t iterations,
                uint8_t key[keySize]) {
+    const QuietErrors quiet;
     return PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(password), static_cast<int>(passwordLength), salt,
                              static_cast<int>(saltSize), static_cast<int>(iterations), EVP_sha256(),
                              static_cast<int>(keySize), key) == 1;

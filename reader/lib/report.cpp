@@ -10,8 +10,9 @@ namespace vrnx {
 
 Text& Text::operator<<(std::string_view text) {
     for (char c : text) {
-        if (length_ + 1 == sizeof error_.text)
+        if (length_ + 1 == sizeof error_.text) {
             break;
+        }
         // One line, whatever a name holds.
         error_.text[length_++] = c == '\n' || c == '\r' || c == '\0' ? '?' : c;
     }
@@ -27,14 +28,16 @@ Text& Text::operator<<(uint64_t number) {
 
 Text& Text::AddPath(std::string_view path) {
     constexpr size_t enough = 4200;
-    if (path.size() <= enough)
+    if (path.size() <= enough) {
         return *this << path;
+    }
     return *this << "..." << path.substr(path.size() - enough);
 }
 
 void Text::AddSystemError(int systemError) {
-    if (systemError > 0)
+    if (systemError > 0) {
         *this << ": " << std::system_category().message(systemError);
+    }
 }
 
 int Begin(vrnx_error& error, int code, uint32_t level, int systemError) {

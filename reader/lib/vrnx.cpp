@@ -11,11 +11,15 @@
 #include <memory>
 #include <new>
 
-struct vrnx_image {
-    vrnx::Image image;
-};
-
 namespace {
+
+// An image as its owner has it is a vrnx_image that is defined nowhere, so that nothing of what it is can be relied on.
+vrnx::Image& Inside(vrnx_image* image) {
+    return *reinterpret_cast<vrnx::Image*>(image);
+}
+const vrnx::Image& Inside(const vrnx_image* image) {
+    return *reinterpret_cast<const vrnx::Image*>(image);
+}
 
 // Runs what can fail with the caller's error or, where there is none, one that nobody sees. What is thrown is no
 // memory, or another resource of the system that is used up.
@@ -26,8 +30,9 @@ int Guard(vrnx_error* error, Function function) {
     vrnx::Begin(failure, VRNX_OK);
     try {
         const int code = function(failure);
-        if (code == VRNX_OK)
+        if (code == VRNX_OK) {
             vrnx::Begin(failure, VRNX_OK);
+        }
         return code;
     } catch (const std::exception&) {
         return vrnx::Report(failure, VRNX_ERROR_MEMORY, vrnx_code_text(VRNX_ERROR_MEMORY));
@@ -47,7 +52,7 @@ int ReportUsage(vrnx_error& error, const char* text) {
 }
 
 bool HasChunk(const vrnx_image* image, uint64_t number) {
-    return image != nullptr && number < image->image.Top().GetHeader().chunkCount;
+    return image != nullptr && number < Inside(image).Top().GetHeader().chunkCount;
 }
 
 } // namespace
@@ -59,55 +64,64 @@ const char* vrnx_library_version(void) {
 int vrnx_open(const char* path, const struct vrnx_open_options* options, size_t size, vrnx_image** image,
               struct vrnx_error* error) {
     return Guard(error, [&](vrnx_error& failure) {
-        if (image == nullptr)
+        if (image == nullptr) {
             return ReportUsage(failure, "vrnx_open: image is NULL");
+        }
         *image = nullptr;
-        if (path == nullptr || (options == nullptr) != (size == 0))
+        if (path == nullptr || (options == nullptr) != (size == 0)) {
             return ReportUsage(failure, "vrnx_open: path is NULL, or options and their size do not fit");
+        }
         vrnx_open_options all = {};
         if (options != nullptr) {
-            if (size < sizeof all)
+            if (size < sizeof all) {
                 return ReportUsage(failure, "vrnx_open: options are too short");
+            }
             const auto* beyond = reinterpret_cast<const uint8_t*>(options);
-            if (std::any_of(beyond + sizeof all, beyond + size, [](uint8_t byte) { return byte != 0; }))
+            if (std::any_of(beyond + sizeof all, beyond + size, [](uint8_t byte) { return byte != 0; })) {
                 return ReportUsage(failure, "vrnx_open: options of a later version");
+            }
             memcpy(&all, options, sizeof all);
         }
         constexpr uint32_t known = VRNX_OPEN_NO_PASSWORD | VRNX_OPEN_LENIENT | VRNX_OPEN_ALONE | VRNX_OPEN_EXAMINE;
-        if ((all.flags & ~known) != 0)
+        if ((all.flags & ~known) != 0) {
             return ReportUsage(failure, "vrnx_open: unknown flag");
-        if (all.password != nullptr && all.password_file != nullptr)
+        }
+        if (all.password != nullptr && all.password_file != nullptr) {
             return ReportUsage(failure, "vrnx_open: a password and a password file");
-        auto opened = std::make_unique<vrnx_image>();
-        if (int code = opened->image.Open(path, all, failure))
+        }
+        auto opened = std::make_unique<vrnx::Image>();
+        if (int code = opened->Open(path, all, failure)) {
             return code;
-        *image = opened.release();
+        }
+        *image = reinterpret_cast<vrnx_image*>(opened.release());
         return static_cast<int>(VRNX_OK);
     });
 }
 
 void vrnx_close(vrnx_image* image) {
-    delete image;
+    delete reinterpret_cast<vrnx::Image*>(image);
 }
 
 int vrnx_get_info(const vrnx_image* image, struct vrnx_info* info, size_t size) {
-    if (image == nullptr || info == nullptr)
+    if (image == nullptr || info == nullptr) {
         return VRNX_ERROR_USAGE;
-    const vrnx::Header& header = image->image.Top().GetHeader();
+    }
+    const vrnx::Header& header = Inside(image).Top().GetHeader();
     vrnx_info all = {};
     all.disk_size = header.diskSize;
     all.chunk_count = header.chunkCount;
     all.sector_size = header.sectorSize;
     all.chunk_size = header.chunkSize;
-    all.level_count = static_cast<uint32_t>(image->image.Layers().size());
-    all.problem_count = static_cast<uint32_t>(image->image.GetProblems().size());
+    all.level_count = static_cast<uint32_t>(Inside(image).Layers().size());
+    all.problem_count = static_cast<uint32_t>(Inside(image).GetProblems().size());
     return Fill(all, info, size);
 }
 
 int vrnx_get_layer(const vrnx_image* image, uint32_t level, struct vrnx_layer* layer, size_t size) {
-    if (image == nullptr || layer == nullptr || level >= image->image.Layers().size())
+    if (image == nullptr || layer == nullptr || level >= Inside(image).Layers().size()) {
         return VRNX_ERROR_USAGE;
-    const auto& layers = image->image.Layers();
+    }
+    const auto& layers = Inside(image).Layers();
     const vrnx::Layer& from = *layers[level];
     const vrnx::Header& header = from.GetHeader();
     vrnx_layer all = {};
@@ -128,35 +142,39 @@ int vrnx_get_layer(const vrnx_image* image, uint32_t level, struct vrnx_layer* l
     all.chunk_size = header.chunkSize;
     all.kdf_iterations = header.kdfIterations;
     memcpy(all.salt, header.salt, sizeof all.salt);
-    if (from.Knows(VRNX_KNOWN_DIGEST))
+    if (from.Knows(VRNX_KNOWN_DIGEST)) {
         memcpy(all.digest, from.Digest(), sizeof all.digest);
+    }
     all.encrypted = header.encrypted;
     all.unfinished = from.IsUnfinished() ? 1 : 0;
     all.base_state = static_cast<uint8_t>(from.baseState);
-    all.pinned = level == 0 || image->image.IsPinned(level) ? 1 : 0;
+    all.pinned = level == 0 || Inside(image).IsPinned(level) ? 1 : 0;
     return Fill(all, layer, size);
 }
 
 int vrnx_get_problem(const vrnx_image* image, uint32_t number, struct vrnx_error* problem) {
-    if (problem == nullptr)
+    if (problem == nullptr) {
         return VRNX_ERROR_USAGE;
-    if (image == nullptr || number >= image->image.GetProblems().size())
+    }
+    if (image == nullptr || number >= Inside(image).GetProblems().size()) {
         return ReportUsage(*problem, "vrnx_get_problem: no such problem");
-    const vrnx::Problem& from = image->image.GetProblems()[number];
+    }
+    const vrnx::Problem& from = Inside(image).GetProblems()[number];
     vrnx::Begin(*problem, from.code, from.level, from.systemError);
     vrnx::Text(*problem) << from.text;
     if (HasChunk(image, from.chunk)) {
         problem->chunk = from.chunk;
-        problem->disk_offset = from.chunk * image->image.Top().GetHeader().chunkSize;
-        problem->length = image->image.Top().LengthOf(from.chunk);
+        problem->disk_offset = from.chunk * Inside(image).Top().GetHeader().chunkSize;
+        problem->length = Inside(image).Top().LengthOf(from.chunk);
     }
     return VRNX_OK;
 }
 
 int vrnx_get_chunk(const vrnx_image* image, uint64_t number, struct vrnx_chunk* chunk, size_t size) {
-    if (!HasChunk(image, number) || chunk == nullptr)
+    if (!HasChunk(image, number) || chunk == nullptr) {
         return VRNX_ERROR_USAGE;
-    const vrnx::Image& from = image->image;
+    }
+    const vrnx::Image& from = Inside(image);
     const vrnx::Holder holder = from.FindHolder(number);
     vrnx_chunk all = {};
     all.disk_offset = number * from.Top().GetHeader().chunkSize;
@@ -179,35 +197,40 @@ int vrnx_get_chunk(const vrnx_image* image, uint64_t number, struct vrnx_chunk* 
 
 int vrnx_check_chunk(vrnx_image* image, uint64_t number, struct vrnx_error* error) {
     return Guard(error, [&](vrnx_error& failure) {
-        if (!HasChunk(image, number))
+        if (!HasChunk(image, number)) {
             return ReportUsage(failure, "vrnx_check_chunk: no such chunk");
-        return image->image.Check(number, failure);
+        }
+        return Inside(image).Check(number, failure);
     });
 }
 
 int vrnx_read(vrnx_image* image, void* buffer, uint64_t offset, size_t length, struct vrnx_error* error) {
     return Guard(error, [&](vrnx_error& failure) {
-        if (image == nullptr || (buffer == nullptr && length > 0))
+        if (image == nullptr || (buffer == nullptr && length > 0)) {
             return ReportUsage(failure, "vrnx_read: a NULL");
-        const uint64_t diskSize = image->image.Top().GetHeader().diskSize;
-        if (offset > diskSize || length > diskSize - offset)
+        }
+        const uint64_t diskSize = Inside(image).Top().GetHeader().diskSize;
+        if (offset > diskSize || length > diskSize - offset) {
             return ReportUsage(failure, "vrnx_read: a range beyond the end of the disk");
-        return image->image.Read(static_cast<uint8_t*>(buffer), offset, length, failure);
+        }
+        return Inside(image).Read(static_cast<uint8_t*>(buffer), offset, length, failure);
     });
 }
 
 int vrnx_prove_chunk(vrnx_image* image, uint64_t number, const void* bytes, size_t length, struct vrnx_error* error) {
     return Guard(error, [&](vrnx_error& failure) {
-        if (!HasChunk(image, number) || bytes == nullptr)
+        if (!HasChunk(image, number) || bytes == nullptr) {
             return ReportUsage(failure, "vrnx_prove_chunk: no such chunk, or a NULL");
-        return image->image.Prove(number, static_cast<const uint8_t*>(bytes), length, failure);
+        }
+        return Inside(image).Prove(number, static_cast<const uint8_t*>(bytes), length, failure);
     });
 }
 
 int vrnx_heal_chunk(vrnx_image* image, uint64_t number, vrnx_image* donor, void* buffer, struct vrnx_error* error) {
     return Guard(error, [&](vrnx_error& failure) {
-        if (!HasChunk(image, number) || donor == nullptr || buffer == nullptr)
+        if (!HasChunk(image, number) || donor == nullptr || buffer == nullptr) {
             return ReportUsage(failure, "vrnx_heal_chunk: no such chunk, or a NULL");
-        return image->image.Heal(number, donor->image, static_cast<uint8_t*>(buffer), failure);
+        }
+        return Inside(image).Heal(number, Inside(donor), static_cast<uint8_t*>(buffer), failure);
     });
 }

@@ -1,8 +1,9 @@
 """Every single bit of small images inverted: verify notices it, or the format says that the bit carries nothing.
 
 The images hold all that the format has: plain and sealed chunks, thin references, a trailer, a base below. What the
-program still takes after a change the second reader takes for the very same disk, and it agrees on what is refused.
-What carried nothing is counted by field, and docs/image-format.md shows exactly these counts:
+program still takes after a change the second reader takes for the very same disk, and it agrees on what is refused. The
+library is the third account: of every bit it says the same, and refuses with the program's words. What carried nothing
+is counted by field, and docs/image-format.md shows exactly these counts:
 
     tests/run tests/faults/test_every_bit.py --update      rewrites the table there
 """
@@ -15,6 +16,7 @@ from collections import Counter
 import suite
 from image import ImageError, build_image, reference_plain_bytes
 from machine import CHECKOUT, SETTINGS, pattern
+from many_reads import ManyReads
 from many_runs import Changed, ManyRuns
 
 CHUNK = 512
@@ -102,6 +104,16 @@ def reader_takes(folder, name, disk):
     return True if plain == disk else None
 
 
+def library_agrees(result, code, bad, text):
+    """Whether the library's account of an image is that of a run of verify."""
+    if result.status == 0:
+        return code == 0 and not bad
+    if b"Verifying" in result.stdout:
+        return code == 0 and bool(bad)
+    message = result.stderr.rsplit(b"FATAL: ", 1)[-1].split(b" (GetLastError")[0]
+    return code != 0 and message in text
+
+
 def row_of(case, folder, complain):
     """Inverts the bits of a case one after the other; gives its row of the table. `complain` takes what is wrong."""
     case.build(folder)
@@ -114,13 +126,14 @@ def row_of(case, folder, complain):
     silent = Counter()
     arguments = ["verify", "--in", case.verified, "--password-file", "password"]
     bits = range(0, 8 * len(changed.content), SAMPLE_STEP if SETTINGS.sampled else 1)
-    with ManyRuns(folder) as runs:
+    with ManyRuns(folder) as runs, ManyReads(folder) as reads:
         if runs.run(*arguments).status != 0:
             complain("the unchanged image does not verify")
         for bit in bits:
             at, mask = bit // 8, 1 << bit % 8
             with changed.change(at, bytes([changed.content[at] ^ mask])):
                 result = runs.run(*arguments)
+                library = reads.read(case.verified, PASSWORD)
                 # Of what the program refuses, one bit a byte goes through the second reader too, which is the slower
                 # one.
                 asked = result.status == 0 or bit % 8 == at % 8
@@ -129,6 +142,9 @@ def row_of(case, folder, complain):
             if (result.status, taken) not in ((0, True), (1, False)):
                 complain(f"{case.title}, bit {bit % 8} of byte {at} ({field}): status {result.status}, and the second "
                          f"reader's verdict is {taken}: {result.stderr!r}")
+            if not library_agrees(result, *library):
+                complain(f"{case.title}, bit {bit % 8} of byte {at} ({field}): status {result.status}, "
+                         f"{result.stderr!r}, and the library says {library}")
             if result.status == 0:
                 silent[field] += 1
             elif b"Verifying" in result.stdout:

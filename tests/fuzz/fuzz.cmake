@@ -38,3 +38,18 @@ foreach(name image trailer options password tracker volumes)
     $<TARGET_FILE:fuzz_${name}> "${found}" "${CMAKE_CURRENT_LIST_DIR}/seeds/${name}" ${runs})
   set_tests_properties(fuzz/${name} PROPERTIES TIMEOUT 900)
 endforeach()
+
+# Those of the library, on real files and with the seeds of the program's own.
+target_compile_options(vrnx_objects PRIVATE -fsanitize=fuzzer-no-link)
+foreach(name reader_open reader_read)
+  add_executable(fuzz_${name} ${CMAKE_CURRENT_LIST_DIR}/fuzz_${name}.cpp ${CMAKE_CURRENT_LIST_DIR}/fuzz_reader_files.cpp)
+  target_compile_options(fuzz_${name} PRIVATE -fsanitize=fuzzer-no-link)
+  target_link_libraries(fuzz_${name} PRIVATE vrnx_static vornix_warnings vornix_hardening)
+  target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer -Wl,--wrap=PKCS5_PBKDF2_HMAC)
+  set(found "${PROJECT_BINARY_DIR}/found/${name}")
+  file(MAKE_DIRECTORY "${found}")
+  math(EXPR runs "${VORNIX_FUZZ_RUNS} / 2") # each writes its files and opens them several times
+  add_test(NAME fuzz/${name} COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/run_fuzz_target.py
+    $<TARGET_FILE:fuzz_${name}> "${found}" "${CMAKE_CURRENT_LIST_DIR}/seeds/image" ${runs})
+  set_tests_properties(fuzz/${name} PROPERTIES TIMEOUT 900)
+endforeach()

@@ -1,6 +1,7 @@
 """The committed image files: the program and the second reader say of each what stands in its expectations."""
 
 import filecmp
+import hashlib
 import json
 import os
 import shutil
@@ -15,6 +16,12 @@ VECTORS = os.path.join(CHECKOUT, "tests", "vectors")
 
 with open(os.path.join(VECTORS, "expectations.json"), encoding="utf-8") as file:
     EXPECTATIONS = json.load(file)
+
+
+def files_in(folder):
+    """The vectors and what belongs to them, the chain's with their folder."""
+    return sorted(prefix + name for prefix in ("", "chain/") for name in os.listdir(os.path.join(folder, prefix))
+                  if name.endswith((".vrnx", ".json", ".txt")))
 
 
 def verify(name):
@@ -65,14 +72,22 @@ class Vectors(suite.Scenario):
         os.makedirs(again)
         shutil.copy(os.path.join(VECTORS, "make_vectors.py"), again)
         subprocess.run([sys.executable, os.path.join(again, "make_vectors.py")], check=True)
-        made = sorted(name for name in os.listdir(again) if name.endswith((".vrnx", ".json", ".txt")))
-        self.assertEqual(made, sorted(name for name in os.listdir(VECTORS)
-                                      if name.endswith((".vrnx", ".json", ".txt"))))
+        made = files_in(again)
+        self.assertEqual(made, files_in(VECTORS))
         _, differing, missing = filecmp.cmpfiles(again, VECTORS, made, shallow=False)
         self.assertEqual((differing, missing), ([], []))
 
     def test_every_file_has_an_expectation(self):
-        self.assertEqual({name for name in os.listdir(VECTORS) if name.endswith(".vrnx")}, set(EXPECTATIONS))
+        files = {name for name in files_in(VECTORS) if name.endswith(".vrnx") and not name.startswith("chain/")}
+        self.assertEqual(files, {name for name in EXPECTATIONS if not name.startswith("chain/")})
+
+    def test_the_plain_disk_of_every_good_file_has_its_hash(self):
+        for name, expected in EXPECTATIONS.items():
+            plain_hash = None
+            if expected["status"] == 0:
+                plain = image.reference_plain_bytes(os.path.join(VECTORS, name), b"correct horse")
+                plain_hash = hashlib.sha256(plain).hexdigest()
+            self.assertEqual(plain_hash, expected["plain_sha256"], name)
 
 
 if __name__ == "__main__":

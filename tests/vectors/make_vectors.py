@@ -2,10 +2,11 @@
 """Makes the committed image files anew, good and bad: tests/run tests/vectors/make_vectors.py
 
 Each bad file has one cause, is named for it, and stands in expectations.json with the exit status of a verification and
-the line that it ends with on standard error. Files of a chain are made, but only the top of a chain has an expectation
-of its own where the others are good.
+the line that it ends with on standard error. A good one stands there with the SHA-256 of its plain disk. Of the folder
+`chain`, a chain of 66 images, only the upper two have expectations: the longest chain that there is, and one too long.
 """
 
+import hashlib
 import json
 import os
 import shutil
@@ -32,11 +33,19 @@ FAILED = "Verify FAILED - {} of 3 chunks did not match. Do not trust this image 
 expectations = {}
 
 
-def write(name, content, message=None, sealed=False):
-    """One file; `message` is what its verification ends with, None for a good image."""
+def write(name, content, message=None, sealed=False, plain=None):
+    """One file; `message` is what its verification ends with. A good image has none, and `plain`, its disk."""
     with open(os.path.join(HERE, name), "wb") as file:
         file.write(content)
-    expectations[name] = {"status": 0 if message is None else 1, "message": message, "sealed": sealed}
+    expectations[name] = {"status": 0 if message is None else 1, "message": message, "sealed": sealed,
+                          "plain_sha256": None if plain is None else hashlib.sha256(plain).hexdigest()}
+
+
+def good(name, plain, change=None, chunk_size=CHUNK, **options):
+    builder = image.ImageBuilder(plain, chunk_size=chunk_size, **options)
+    if change:
+        change(builder)
+    write(name, builder.to_bytes(), sealed="password" in options, plain=plain)
 
 
 def bad(name, message, change, *, cut=None, **options):
@@ -76,22 +85,40 @@ def flip_stored(index):
 
 def make_good():
     base = os.path.join(HERE, "full.vrnx")
-    write("full.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK).to_bytes())
-    write("full-with-epoch.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK, epoch=0x0123456789ABCD).to_bytes())
-    write("full-one-chunk.vrnx", image.ImageBuilder(PLAIN[:100], chunk_size=CHUNK).to_bytes())
-    write("full-4096-sectors.vrnx", image.ImageBuilder(PLAIN, chunk_size=4096, sector_size=4096).to_bytes())
-    more = image.ImageBuilder(PLAIN, chunk_size=CHUNK)
-    more.tail = b"bytes behind the chunk data are ignored"
-    write("full-with-tail.vrnx", more.to_bytes())
-    write("sealed.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK, password=PASSWORD).to_bytes(), sealed=True)
-    write("thin.vrnx", image.ImageBuilder(CHANGED, chunk_size=CHUNK, base=base).to_bytes())
-    write("thin-all-references.vrnx", image.ImageBuilder(PLAIN, chunk_size=CHUNK, base=base).to_bytes())
-    write("thin-no-reference.vrnx",
-          image.ImageBuilder(PLAIN, chunk_size=CHUNK, base=base, references=()).to_bytes())
-    write("thin-over-thin.vrnx",
-          image.ImageBuilder(PLAIN, chunk_size=CHUNK, base=os.path.join(HERE, "thin.vrnx")).to_bytes())
-    write("thin-sealed-over-plain.vrnx",
-          image.ImageBuilder(CHANGED, chunk_size=CHUNK, base=base, password=PASSWORD).to_bytes(), sealed=True)
+    good("full.vrnx", PLAIN)
+    good("full-with-epoch.vrnx", PLAIN, epoch=0x0123456789ABCD)
+    good("full-one-chunk.vrnx", PLAIN[:100])
+    good("full-4096-sectors.vrnx", PLAIN, chunk_size=4096, sector_size=4096)
+    good("full-with-tail.vrnx", PLAIN,
+         lambda builder: setattr(builder, "tail", b"bytes behind the chunk data are ignored"))
+    good("sealed.vrnx", PLAIN, password=PASSWORD)
+    good("thin.vrnx", CHANGED, base=base)
+    good("thin-all-references.vrnx", PLAIN, base=base)
+    good("thin-no-reference.vrnx", PLAIN, base=base, references=())
+    good("thin-with-gap.vrnx", CHANGED,
+         lambda builder: setattr(builder, "gap", b"bytes before the trailer are ignored" * 20), base=base)
+    good("thin-over-thin.vrnx", PLAIN, base=os.path.join(HERE, "thin.vrnx"))
+    good("thin-sealed-over-plain.vrnx", CHANGED, base=base, password=PASSWORD)
+    good("thin-sealed-over-sealed.vrnx", CHANGED, base=os.path.join(HERE, "sealed.vrnx"), password=PASSWORD,
+         seed="other salt")
+
+
+def make_chain():
+    """The longest chain and one image more: each stores anew one of the three chunks of the one below it."""
+    os.makedirs(os.path.join(HERE, "chain"), exist_ok=True)
+    base, plain = None, PLAIN
+    for number in range(1, 67):
+        name = f"chain/{number:02}.vrnx"
+        if number == 66:
+            write(name, image.ImageBuilder(plain, chunk_size=CHUNK, base=base).to_bytes(),
+                  "image chain is too deep (or loops back on itself)")
+        else:
+            good(name, plain, chunk_size=CHUNK, base=base)
+            if number < 65:
+                del expectations[name]
+        base = os.path.join(HERE, name)
+        begin = number % 3 * CHUNK
+        plain = plain[:begin] + bytes([number]) * len(plain[begin:begin + CHUNK]) + plain[begin + CHUNK:]
 
 
 def make_bad_full():
@@ -144,6 +171,7 @@ def make_bad_thin():
     bad("bad-trailer-slash.vrnx", ESCAPE, trailer(base_name=b"../full.vrnx"), base=base)
     bad("bad-trailer-colon.vrnx", ESCAPE, trailer(base_name=b"C:full.vrnx"), base=base)
     bad("bad-base-missing.vrnx", "base image of a thin image not found", trailer(base_name=b"nowhere.vrnx"), base=base)
+    bad("bad-base-longest-name.vrnx", "base image of a thin image not found", trailer(base_name=b"x" * 4048), base=base)
     bad("bad-base-digest.vrnx", "base image does not match the one pinned in the thin image",
         trailer(base_digest=bytes(32)), base=base)
     bad("bad-loop.vrnx", "image chain is too deep (or loops back on itself)", trailer(base_name=b"bad-loop.vrnx"),
@@ -163,6 +191,7 @@ def main():
     with open(os.path.join(HERE, "password.txt"), "wb") as file:
         file.write(PASSWORD + b"\n")
     make_good()
+    make_chain()
     make_bad_full()
     make_bad_sealed()
     make_bad_thin()
