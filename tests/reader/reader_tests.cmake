@@ -1,5 +1,5 @@
-# The tests of reader/: programs on the library's objects, and suites that load the library as its users have it. Those of
-# the command, which run on every platform, are among the other suites.
+# The tests of reader/: programs on the library's objects, and suites that load the library as its users have it. The
+# suites of the command, which run on every platform, are among the others.
 
 vornix_glob(reader_tests tests/reader/*_test.cpp)
 list(FILTER reader_tests EXCLUDE REGEX "/linux_[^/]*$")
@@ -38,8 +38,8 @@ if(NOT VORNIX_SANITIZE)
     "${vectors}/sealed.vrnx" "${vectors}/thin-sealed-over-sealed.vrnx" "${vectors}/chain/65.vrnx")
 endif()
 
-# A process that loads a sanitized library has to have the sanitizer's before. What Python leaves behind at its end is not
-# its business.
+# A process that loads a sanitized library has to have the sanitizer's before. What Python leaves behind at its end is
+# none of its business.
 set(preload "")
 if(VORNIX_SANITIZE)
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libasan.so
@@ -52,5 +52,6 @@ foreach(suite ${suites})
   string(REGEX REPLACE "^test_" "reader/" name ${name})
   vornix_add_test(${name} ${Python3_EXECUTABLE} ${suite})
   set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
-    "VORNIX=$<TARGET_FILE:vornix>" "VRNX=$<TARGET_FILE:vrnx>" "VORNIX_BUILD=${PROJECT_BINARY_DIR}" "VORNIX_JOBS=1" ${preload})
+    "VORNIX=$<TARGET_FILE:vornix>" "VRNX=$<TARGET_FILE:vrnx>" "VORNIX_BUILD=${PROJECT_BINARY_DIR}" "VORNIX_JOBS=1"
+    ${preload})
 endforeach()

@@ -151,8 +151,8 @@ def no_circles_in_the_program(tree):
 
 
 def other_rooms_keep_apart(tree):
-    """The platform knows nothing of bench/, and libcrypto stays in platform/linux, the reader's port and its tests, and the
-    benchmarks' floor program."""
+    """The platform knows nothing of bench/, and libcrypto stays in platform/linux, in the reader's port and its tests,
+    and in the benchmarks' floor program."""
     problems = []
     for path, text in of_kind(tree, ""):
         for bracket, name in includes(text):
