@@ -42,7 +42,9 @@ endforeach()
 # Those of the library, on real files and with the seeds of the program's own.
 target_compile_options(vrnx_objects PRIVATE -fsanitize=fuzzer-no-link)
 foreach(name reader_open reader_read)
-  add_executable(fuzz_${name} ${CMAKE_CURRENT_LIST_DIR}/fuzz_${name}.cpp ${CMAKE_CURRENT_LIST_DIR}/fuzz_reader_files.cpp)
+  add_executable(fuzz_${name}
+    ${CMAKE_CURRENT_LIST_DIR}/fuzz_${name}.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/fuzz_reader_files.cpp)
   target_compile_options(fuzz_${name} PRIVATE -fsanitize=fuzzer-no-link)
   target_link_libraries(fuzz_${name} PRIVATE vrnx_static vornix_warnings vornix_hardening)
   target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer -Wl,--wrap=PKCS5_PBKDF2_HMAC)
