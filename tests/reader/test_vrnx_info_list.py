@@ -156,7 +156,7 @@ class Info(Images):
 
     def test_vectors_that_are_refused_and_no_other_have_problems(self):
         vrnx = self.vrnx()
-        for name in EXPECTATIONS:
+        for name in {name.split("/")[0] for name in EXPECTATIONS}:
             os.symlink(os.path.join(VECTORS, name), vrnx.path(name))
         for name, expected in EXPECTATIONS.items():
             with self.subTest(name=name):
@@ -324,10 +324,11 @@ class List(Images):
 
     def test_list_and_info_agree_on_every_vector(self):
         vrnx = self.vrnx()
-        for name in EXPECTATIONS:
+        names = [name for name in EXPECTATIONS if "/" not in name]
+        for name in names:
             os.symlink(os.path.join(VECTORS, name), vrnx.path(name))
         entries = self.by_name(vrnx, DAMAGED)
-        self.assertEqual(sorted(EXPECTATIONS), sorted(entries))
+        self.assertEqual(sorted(names), sorted(entries))
         for name, entry in entries.items():
             with self.subTest(name=name):
                 document = json.loads(vrnx.run("info", name, "--json").stdout)
