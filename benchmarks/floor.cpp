@@ -1,7 +1,10 @@
 // The floor that the program is measured against: for each job the transfers and the computations that it cannot do
 // without, one after the other on one thread, and nothing else. No checks, no table, no messages: not a tool.
 //
-//   floor capture DISK OUT            read directly, SHA-256, write; on the disk at the end, like a published image
+// What is written is on its medium at the end, and a file's pages out of the cache, as a run of the program leaves
+// them.
+//
+//   floor capture DISK OUT            read directly, SHA-256, write
 //   floor seal DISK OUT               the same with AES-256-GCM in between
 //   floor verify IMAGE                read header and table, then the chunk data in chunks with SHA-256
 //   floor unseal IMAGE                the same with AES-256-GCM before the SHA-256
@@ -10,8 +13,7 @@
 //   floor clone-verify FROM TO        then read both directly and compare
 //   floor open IMAGE                  read header and table, and SHA-256 of them
 //   floor fold PLAN OUT               a line of PLAN a chunk: file, offset, length, times hashed; written, then read
-//   and
-//                                     hashed once more
+//                                     from the medium and hashed once more
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <openssl/evp.h>
@@ -112,6 +114,19 @@ void Cipher(const uint8_t* from, uint8_t* to, size_t length, bool sealing) {
     }
 }
 
+// Brings what was written to a disk to its medium.
+void Sync(int file) {
+    if (fsync(file) != 0) {
+        Die("sync");
+    }
+}
+
+// The same for a file, whose pages then leave the cache.
+void SyncAndForget(int file) {
+    Sync(file);
+    (void)posix_fadvise(file, 0, 0, POSIX_FADV_DONTNEED);
+}
+
 size_t PieceAt(uint64_t total, uint64_t offset) {
     return static_cast<size_t>(std::min<uint64_t>(chunkSize, total - offset));
 }
@@ -132,9 +147,7 @@ void Capture(const char* diskPath, const char* outPath, bool sealing) {
         }
         WriteAt(out, sealing ? sealed : plain, length, start + offset);
     }
-    if (fsync(out) != 0) {
-        Die("sync");
-    }
+    SyncAndForget(out);
 }
 
 struct ImageExtent {
@@ -175,6 +188,9 @@ void Verify(const char* imagePath, const char* diskPath, bool unsealing) {
             WriteAt(disk, plain, length, offset);
         }
     }
+    if (disk >= 0) {
+        Sync(disk);
+    }
 }
 
 void Clone(const char* fromPath, const char* toPath, bool comparing) {
@@ -188,6 +204,7 @@ void Clone(const char* fromPath, const char* toPath, bool comparing) {
         ReadAt(from, first, length, offset);
         WriteAt(to, first, length, offset);
     }
+    Sync(to);
     for (uint64_t offset = 0; comparing && offset < size; offset += chunkSize) {
         const size_t length = PieceAt(size, offset);
         ReadAt(from, first, length, offset);
@@ -219,6 +236,7 @@ void Fold(const char* planPath, const char* outPath) {
         WriteAt(out, memory, length, total);
         total += length;
     }
+    SyncAndForget(out);
     for (uint64_t offset = 0; offset < total; offset += chunkSize) {
         const size_t piece = PieceAt(total, offset);
         ReadAt(out, memory, piece, offset);

@@ -674,6 +674,37 @@ TEST_F(LinuxDisks, WhatALoopDeviceStandsForGuardsIt) {
     EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
 }
 
+TEST_F(LinuxDisks, NobodyReadsOldBytesOfAPartitionBehindTheClose) {
+    constexpr size_t length = 65536;
+    std::vector<char> seen(length);
+    const AlignedBytes bytes = MakeAligned(length);
+    int partition = -1;
+    {
+        const ScopedHandle target(OpenNumber(Small().Number, readWrite, 0));
+        ASSERT_TRUE(target.IsOpen()) << GetLastError();
+        for (const char byte : {'o', 'n'}) {
+            std::memset(bytes.get(), byte, length);
+            DWORD count = 0;
+            ASSERT_TRUE(Seek(target.Get(), partitionStart));
+            ASSERT_TRUE(WriteFile(target.Get(), bytes.get(), length, &count, nullptr)) << GetLastError();
+            if (partition < 0) {
+                ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+                partition = OpenPartition(Small().Name);
+                ASSERT_GE(partition, 0) << "no node for the partition";
+                ASSERT_EQ(pread(partition, seen.data(), length, 0), static_cast<ssize_t>(length));
+                EXPECT_EQ(seen[0], 'o');
+            }
+        }
+        ASSERT_EQ(pread(partition, seen.data(), length, 0), static_cast<ssize_t>(length));
+        EXPECT_EQ(seen[0], 'o') << "not remembered here, which leaves nothing to test";
+    }
+    ASSERT_EQ(pread(partition, seen.data(), length, 0), static_cast<ssize_t>(length));
+    EXPECT_EQ(std::memcmp(seen.data(), bytes.get(), length), 0);
+    close(partition);
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
 TEST_F(LinuxDisks, UpdatedPropertiesForgetWhatIsNotInTheTable) {
     ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
     const std::string partition = "/sys/block/" + Small().Name + "/" + PartitionOf(Small());

@@ -38,6 +38,20 @@ def reason_to_skip():
     return None
 
 
+def attach_loop(*arguments):
+    """A loop device by these arguments of losetup; gives its path. Raises OSError where the kernel has none of that
+    kind."""
+    for _ in range(50):
+        done = subprocess.run(["losetup", "--find", "--show", *arguments], capture_output=True, text=True, check=False)
+        # Between finding a free device and taking it somebody else may take it or give it back.
+        if done.returncode == 0 or os.strerror(errno.ENXIO) not in done.stderr:
+            break
+        time.sleep(0.1)
+    if done.returncode != 0:
+        raise OSError(f"no loop device by {' '.join(arguments)}: {done.stderr.strip()}")
+    return done.stdout.strip()
+
+
 class LoopDisks:
     """The loop devices of one test. `folder` receives their files, the list that the program sees, and its /run."""
 
@@ -57,17 +71,19 @@ class LoopDisks:
         path = os.path.join(self.folder, f"device{next(self._files)}.img")
         with open(path, "wb") as file:
             file.write(contents)
-        command = ["losetup", "--find", "--show", "--sector-size", str(sector_size)]
-        done = subprocess.run(command + (["--partscan"] if scan_partitions else []) + [path], capture_output=True,
-                              text=True,
-                              check=False)
-        if done.returncode != 0:
-            raise OSError(f"no loop device with sectors of {sector_size} bytes: {done.stderr.strip()}")
-        device = done.stdout.strip()
+        return self.attach_file(path, sector_size, scan_partitions)
+
+    def attach_file(self, path, sector_size=512, scan_partitions=False):
+        """A device over this file; otherwise as `attach`."""
+        device = attach_loop("--sector-size", str(sector_size), *(["--partscan"] if scan_partitions else []), path)
+        self.show(device)
+        return device
+
+    def show(self, device):
+        """Makes a block device one of the program's disks."""
         self.devices.append(device)
         name = os.path.basename(device)
         os.symlink(os.path.realpath(f"/sys/block/{name}"), os.path.join(self.list, name))
-        return device
 
     @staticmethod
     def unmount(place, device):
