@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "cli/fatal.h"
+#include "crypto/cng.h"
 
 namespace vornix {
 
@@ -14,11 +14,6 @@ constexpr ULONG nonceLength = 12;
 constexpr ULONG tagLength = 16;
 // Bytes of the mode's name as the property wants them: sixteen 16-bit units, the terminator among them.
 constexpr ULONG gcmNameLength = 32;
-
-// CNG takes its inputs as pointers to non-const bytes and leaves them as they are.
-PUCHAR AsInput(const void* bytes) {
-    return static_cast<PUCHAR>(const_cast<void*>(bytes));
-}
 
 // One complete message: no chaining of calls, no additional data.
 BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO DescribeMessage(const uint8_t* nonce, const uint8_t* tag) {
@@ -35,39 +30,26 @@ BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO DescribeMessage(const uint8_t* nonce, cons
 } // namespace
 
 ChunkKey::ChunkKey(const uint8_t* keyBytes) {
-    const NTSTATUS opened = BCryptOpenAlgorithmProvider(&Provider, BCRYPT_AES_ALGORITHM, nullptr, 0);
-    if (opened < 0) {
-        Fatal("BCryptOpenAlgorithmProvider(AES)", opened);
-    }
-    const NTSTATUS chained =
-        BCryptSetProperty(Provider, BCRYPT_CHAINING_MODE, AsInput(BCRYPT_CHAIN_MODE_GCM), gcmNameLength, 0);
-    if (chained < 0) {
-        Fatal("BCryptSetProperty(GCM)", chained);
-    }
-    // Where the length cannot be had it stays 0, and the creation of the key decides.
-    ULONG objectLength = 0;
-    ULONG written = 0;
-    BCryptGetProperty(Provider, BCRYPT_OBJECT_LENGTH, reinterpret_cast<PUCHAR>(&objectLength), sizeof(objectLength),
-                      &written, 0);
-    KeyObject.resize(objectLength);
-    const NTSTATUS generated =
-        BCryptGenerateSymmetricKey(Provider, &KeyHandle, KeyObject.empty() ? nullptr : KeyObject.data(), objectLength,
-                                   AsInput(keyBytes), keyLength, 0);
-    if (generated < 0) {
-        Fatal("BCryptGenerateSymmetricKey", generated);
-    }
+    CheckStatus(BCryptOpenAlgorithmProvider(&provider_, BCRYPT_AES_ALGORITHM, nullptr, 0),
+                "BCryptOpenAlgorithmProvider(AES)");
+    CheckStatus(BCryptSetProperty(provider_, BCRYPT_CHAINING_MODE, AsInput(BCRYPT_CHAIN_MODE_GCM), gcmNameLength, 0),
+                "BCryptSetProperty(GCM)");
+    keyObject_.resize(GetObjectLength(provider_)); // data() of an empty one is null
+    CheckStatus(BCryptGenerateSymmetricKey(provider_, &keyHandle_, keyObject_.data(),
+                                           static_cast<ULONG>(keyObject_.size()), AsInput(keyBytes), keyLength, 0),
+                "BCryptGenerateSymmetricKey");
 }
 
 ChunkKey::ChunkKey(ChunkKey&& other) noexcept
-    : Provider(std::exchange(other.Provider, nullptr)), KeyHandle(std::exchange(other.KeyHandle, nullptr)),
-      KeyObject(std::exchange(other.KeyObject, {})) {}
+    : provider_(std::exchange(other.provider_, nullptr)), keyHandle_(std::exchange(other.keyHandle_, nullptr)),
+      keyObject_(std::move(other.keyObject_)) {}
 
 ChunkKey& ChunkKey::operator=(ChunkKey&& other) noexcept {
     if (this != &other) {
         Release();
-        Provider = std::exchange(other.Provider, nullptr);
-        KeyHandle = std::exchange(other.KeyHandle, nullptr);
-        KeyObject = std::exchange(other.KeyObject, {});
+        provider_ = std::exchange(other.provider_, nullptr);
+        keyHandle_ = std::exchange(other.keyHandle_, nullptr);
+        keyObject_ = std::move(other.keyObject_);
     }
     return *this;
 }
@@ -77,33 +59,28 @@ ChunkKey::~ChunkKey() {
 }
 
 void ChunkKey::Release() {
-    if (KeyHandle != nullptr) {
-        BCryptDestroyKey(std::exchange(KeyHandle, nullptr));
+    if (keyHandle_ != nullptr) {
+        BCryptDestroyKey(std::exchange(keyHandle_, nullptr));
     }
-    if (Provider != nullptr) {
-        BCryptCloseAlgorithmProvider(std::exchange(Provider, nullptr), 0);
+    if (provider_ != nullptr) {
+        BCryptCloseAlgorithmProvider(std::exchange(provider_, nullptr), 0);
     }
-    KeyObject = std::vector<UCHAR>();
+    keyObject_ = std::vector<UCHAR>();
 }
 
 void SealChunk(const ChunkKey& key, const uint8_t* plain, uint32_t length, const uint8_t* nonce, uint8_t* sealed,
                uint8_t* tag) {
     BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = DescribeMessage(nonce, tag);
     ULONG written = 0;
-    const NTSTATUS status =
-        BCryptEncrypt(key.Handle(), AsInput(plain), length, &info, nullptr, 0, sealed, length, &written, 0);
-    if (status < 0) {
-        Fatal("BCryptEncrypt", status);
-    }
+    CheckStatus(BCryptEncrypt(key.Handle(), AsInput(plain), length, &info, nullptr, 0, sealed, length, &written, 0),
+                "BCryptEncrypt");
 }
 
 bool UnsealChunk(const ChunkKey& key, const uint8_t* sealed, uint32_t length, const uint8_t* nonce, const uint8_t* tag,
                  uint8_t* plain) {
     BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = DescribeMessage(nonce, tag);
     ULONG written = 0;
-    const NTSTATUS status =
-        BCryptDecrypt(key.Handle(), AsInput(sealed), length, &info, nullptr, 0, plain, length, &written, 0);
-    return status >= 0;
+    return BCryptDecrypt(key.Handle(), AsInput(sealed), length, &info, nullptr, 0, plain, length, &written, 0) >= 0;
 }
 
 } // namespace vornix

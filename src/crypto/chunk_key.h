@@ -11,7 +11,7 @@
 namespace vornix {
 
 // A derived key in the form that the platform wants it. Moves and is never copied: the platform keeps the key inside
-// KeyObject, so that buffer is handed over and never changes its address. A moved-from key holds nothing.
+// keyObject_, so that buffer is handed over and never changes its address. A moved-from key holds nothing.
 class ChunkKey {
 public:
     // `keyBytes` are 32 bytes, which are not kept and which the caller wipes. Ends the process where the platform
@@ -23,15 +23,15 @@ public:
     ChunkKey& operator=(const ChunkKey&) = delete;
     ~ChunkKey();
 
-    BCRYPT_KEY_HANDLE Handle() const { return KeyHandle; }
+    BCRYPT_KEY_HANDLE Handle() const { return keyHandle_; }
 
 private:
     // Key, provider, buffer, in this order. The buffer is freed as it is, without being overwritten.
     void Release();
 
-    BCRYPT_ALG_HANDLE Provider = nullptr;
-    BCRYPT_KEY_HANDLE KeyHandle = nullptr;
-    std::vector<UCHAR> KeyObject;
+    BCRYPT_ALG_HANDLE provider_ = nullptr;
+    BCRYPT_KEY_HANDLE keyHandle_ = nullptr;
+    std::vector<UCHAR> keyObject_;
 };
 
 // Seals `length` plain bytes into `sealed`, a separate buffer of that length, under the 12 bytes at `nonce`, and puts
