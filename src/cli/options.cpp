@@ -9,22 +9,26 @@
 
 namespace vornix {
 
-std::string GetOptionValue(int argc, char** argv, const char* name, const char* defaultValue) {
-    for (int i = 1; i < argc - 1; ++i) {
-        if (_stricmp(argv[i], name) == 0) {
-            return argv[i + 1];
-        }
+namespace {
+
+// The place of the first of the arguments before `end` that equals `name`; `end` where none does.
+int FindArgument(char** argv, int end, const char* name) {
+    int i = 1;
+    while (i < end && _stricmp(argv[i], name) != 0) {
+        ++i;
     }
-    return defaultValue;
+    return i;
+}
+
+} // namespace
+
+std::string GetOptionValue(int argc, char** argv, const char* name, const char* defaultValue) {
+    const int place = FindArgument(argv, argc - 1, name);
+    return place < argc - 1 ? argv[place + 1] : defaultValue;
 }
 
 bool HasFlag(int argc, char** argv, const char* name) {
-    for (int i = 1; i < argc; ++i) {
-        if (_stricmp(argv[i], name) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return FindArgument(argv, argc, name) < argc;
 }
 
 int ParseInt(const std::string& text) {
