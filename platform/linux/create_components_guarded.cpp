@@ -8,7 +8,7 @@ HRESULT CreateComponentsGuarded(IVssBackupComponents** components) {
         return CreateVssBackupComponents(components);
     } catch (...) {
         *components = nullptr;
-        return static_cast<HRESULT>(0x8007007Eu);
+        return libraryIsMissing;
     }
 }
 

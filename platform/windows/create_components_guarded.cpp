@@ -5,12 +5,6 @@
 
 #include <excpt.h>
 
-namespace {
-
-constexpr HRESULT libraryIsMissing = static_cast<HRESULT>(0x8007007Eu);
-
-} // namespace
-
 // Takes every exception. Named to the system by the guard's table and by nothing in this language, hence the plain
 // linkage and the attribute.
 extern "C" __attribute__((used)) long TakeEveryException(EXCEPTION_POINTERS*, void*);

@@ -7,7 +7,6 @@
 namespace vornix {
 
 HRESULT CreateComponentsGuarded(IVssBackupComponents** components) {
-    constexpr HRESULT libraryIsMissing = static_cast<HRESULT>(0x8007007Eu);
     HRESULT result = libraryIsMissing;
     // Nothing in this function may need a destructor.
     __try {

@@ -15,8 +15,6 @@
 namespace vornix {
 namespace {
 
-constexpr HRESULT libraryIsMissing = static_cast<HRESULT>(0x8007007Eu);
-
 bool LibraryIsKnownToBeMissing() {
 #ifdef _WIN32
     const char* const said = std::getenv("VORNIX_SHADOW_LIBRARY");
