@@ -1,10 +1,8 @@
 // Raw disks through CreateFileW and DeviceIoControl.
 #include "disk/physical_disk.h"
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <winioctl.h>
 
 #include "cli/fatal.h"

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <utility>
 
 #include <objbase.h>
 #include <oleauto.h>
@@ -285,7 +284,7 @@ std::vector<SnapshotRange> BeginSnapshotSession(uint32_t disk) {
     }
     const std::vector<SnapshotVolume> volumes = AddVolumes(disk);
     if (volumes.empty()) {
-        // The 1 is no status of the platform; the line has always shown it.
+        // No call failed, so there is no status to show; the 1 stands for one.
         return AbandonSnapshots("no volume on this disk could be snapshotted", 1);
     }
     const SessionStep taken = TakeSnapshot();

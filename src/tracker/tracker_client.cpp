@@ -44,8 +44,8 @@ bool TrackerQuery(TrackerState& state) {
                      static_cast<DWORD>(reply.size()))) {
         return false;
     }
-    // What counts from here on is this second reply. How much of it the driver filled in is not looked at: a bitmap cut
-    // short is zero there, which the status fields of a driver that keeps its word never allow to matter.
+    // What counts from here on is this second reply. How much of it the driver filled in is not looked at: the rest is
+    // zero, which for the bitmap reads as "unchanged". So the driver is relied on to fill in BitmapBytes of it.
     std::memcpy(&state.Status, reply.data(), sizeof(state.Status));
     state.Bitmap.assign(reply.begin() + sizeof(TrackerStatus), reply.end());
     return true;

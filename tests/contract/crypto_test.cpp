@@ -1,5 +1,5 @@
 // The contract of the CNG calls, against published vectors: FIPS 180-4 (SHA-256), RFC 7914 (PBKDF2 with
-// HMAC-SHA-256), the GCM specification (AES-256-GCM).
+// HMAC-SHA-256), NIST SP 800-38D (AES-256-GCM).
 #include <gtest/gtest.h>
 
 #include <windows.h>
