@@ -12,15 +12,21 @@ namespace vornix {
 
 namespace {
 
-// The length of the whole trailer, which its last four bytes give.
+// The length of the whole trailer, which its last four bytes give. It lies within what the file has behind its chunk
+// data.
 uint32_t ReadTrailerLength(HANDLE file, int64_t size, uint64_t dataEnd) {
-    // dataEnd never exceeds size here, so it fits the signed range.
-    const auto end = static_cast<int64_t>(dataEnd);
+    constexpr const char* noTrailer = "thin image has no valid trailer - file is truncated";
+    const int64_t room = size - static_cast<int64_t>(dataEnd);
+    if (room < thinTrailerFrame) {
+        Fatal(noTrailer, 0);
+    }
     uint32_t totalLength = 0;
-    if (size - thinTrailerFrame < end || !MoveFilePointer(file, static_cast<uint64_t>(size) - sizeof(totalLength)) ||
-        !ReadWhole(file, &totalLength, sizeof(totalLength)) || totalLength < thinTrailerFrame ||
-        totalLength > largestThinTrailer || totalLength > size - end) {
-        Fatal("thin image has no valid trailer - file is truncated", 0);
+    if (!MoveFilePointer(file, static_cast<uint64_t>(size) - sizeof(totalLength)) ||
+        !ReadWhole(file, &totalLength, sizeof(totalLength))) {
+        Fatal(noTrailer, 0);
+    }
+    if (totalLength < thinTrailerFrame || totalLength > largestThinTrailer || totalLength > room) {
+        Fatal(noTrailer, 0);
     }
     return totalLength;
 }
