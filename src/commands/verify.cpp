@@ -8,11 +8,10 @@
 
 #include "cli/fatal.h"
 #include "cli/progress.h"
-#include "crypto/sha256.h"
 #include "disk/aligned_buffer.h"
-#include "disk/transfers.h"
 #include "image/chunk_retrieval.h"
 #include "image/open_image.h"
+#include "image/stored_chunk.h"
 
 namespace vornix {
 
@@ -20,35 +19,30 @@ namespace {
 
 constexpr uint64_t readBufferAlignment = 64;
 
-enum class ChunkVerdict {
-    Good,
-    HashMismatch,
-    AuthenticationFailed,
-};
-
-// Judges the next stored chunk of the image, read in sequence without a seek.
-ChunkVerdict CheckStoredChunk(const OpenImage& image, const ChunkRecord& record, uint8_t* readBuffer,
-                              uint8_t* plainBuffer) {
-    if (!ReadWhole(image.File, readBuffer, record.StoredLength)) {
+// Judges the next stored chunk of the image, read in sequence without a seek, and names a bad one.
+ChunkVerdict CheckNextStoredChunk(const OpenImage& image, uint64_t index, uint8_t* readBuffer, uint8_t* plainBuffer) {
+    const ChunkVerdict verdict = ReadStoredChunk(image, index, readBuffer, plainBuffer, HashCheck::EveryChunk).Verdict;
+    const auto diskOffset = static_cast<unsigned long long>(image.Chunks[index].DiskOffset);
+    switch (verdict) {
+    case ChunkVerdict::Unreadable:
         Fatal("could not read chunk data - image is truncated", 0);
+    case ChunkVerdict::AuthenticationFailed:
+        std::printf("\n  chunk %zu (disk offset %llu): AUTHENTICATION FAILED (corrupt or tampered)\n",
+                    static_cast<size_t>(index), diskOffset);
+        break;
+    case ChunkVerdict::HashMismatch:
+        std::printf("\n  chunk %zu (disk offset %llu): HASH MISMATCH\n", static_cast<size_t>(index), diskOffset);
+        break;
+    case ChunkVerdict::Good:
+        break;
     }
-    const uint8_t* plain = readBuffer;
-    if (image.Header.Encrypted == 1) {
-        if (!UnsealChunk(*image.Key, readBuffer, record.StoredLength, record.Nonce.data(), record.Tag.data(),
-                         plainBuffer)) {
-            return ChunkVerdict::AuthenticationFailed;
-        }
-        plain = plainBuffer;
-    }
-    Sha256Digest hash;
-    ComputeSha256(plain, record.StoredLength, hash.data());
-    return hash == record.Hash ? ChunkVerdict::Good : ChunkVerdict::HashMismatch;
+    return verdict;
 }
 
 } // namespace
 
 void VerifyImage(const std::string& inPath, const std::string& passwordFile) {
-    OpenImage image = OpenImageFile(inPath, passwordFile, 0);
+    const OpenImage image = OpenImageFile(inPath, passwordFile, 0);
     const uint64_t chunkCount = image.Header.ChunkCount;
     std::printf("Verifying %s  (%llu chunks, %.2f GiB source disk)\n", inPath.c_str(),
                 static_cast<unsigned long long>(chunkCount), BytesToGiB(image.Header.DiskSize));
@@ -62,25 +56,16 @@ void VerifyImage(const std::string& inPath, const std::string& passwordFile) {
 
     uint64_t failures = 0;
     for (size_t i = 0; i < chunkCount; ++i) {
-        const ChunkRecord& record = image.Chunks[i];
-        if (record.StoredLength == 0) {
+        ChunkVerdict verdict = ChunkVerdict::Good;
+        if (image.Chunks[i].StoredLength == 0) {
             ReadChunkPlain(image, i, plainBuffer.data());
         } else {
-            const ChunkVerdict verdict = CheckStoredChunk(image, record, readBuffer.data(), plainBuffer.data());
-            if (verdict == ChunkVerdict::AuthenticationFailed) {
-                std::printf("\n  chunk %zu (disk offset %llu): AUTHENTICATION FAILED (corrupt or tampered)\n", i,
-                            static_cast<unsigned long long>(record.DiskOffset));
-                ++failures;
-                continue; // without the meter, which a chunk with the wrong hash does get
-            }
-            if (verdict == ChunkVerdict::HashMismatch) {
-                std::printf("\n  chunk %zu (disk offset %llu): HASH MISMATCH\n", i,
-                            static_cast<unsigned long long>(record.DiskOffset));
-                ++failures;
-            }
+            verdict = CheckNextStoredChunk(image, i, readBuffer.data(), plainBuffer.data());
         }
-        if (IsProgressDue(i, chunkCount)) {
-            PrintProgress(record.DiskOffset + image.PlainLength(i), image.Header.DiskSize, startTicks);
+        failures += verdict == ChunkVerdict::Good ? 0 : 1;
+        // A chunk that did not authenticate goes without the meter, one with the wrong hash does not.
+        if (verdict != ChunkVerdict::AuthenticationFailed && IsProgressDue(i, chunkCount)) {
+            PrintProgress(image.EndOnDisk(i), image.Header.DiskSize, startTicks);
         }
     }
     std::printf("\n");

@@ -5,44 +5,49 @@
 #include <vector>
 
 #include "cli/fatal.h"
-#include "crypto/sha256.h"
 #include "disk/transfers.h"
+#include "image/stored_chunk.h"
 
 namespace vornix {
 
 namespace {
 
-void ReadStoredChunk(OpenImage& image, uint64_t index, uint32_t plainLength, uint8_t* dest) {
-    const ChunkRecord& record = image.Chunks[index];
-    std::vector<uint8_t> stored(record.StoredLength);
-    if (!MoveFilePointer(image.File, image.ChunkOffsets[index]) ||
-        !ReadWhole(image.File, stored.data(), record.StoredLength)) {
-        Fatal("could not read chunk data from image (truncated?)", 0);
+// A chunk of this image itself, from wherever in the file it lies.
+ChunkVerdict ReadOwnChunk(const OpenImage& image, uint64_t index, uint8_t* dest) {
+    std::vector<uint8_t> stored(image.Chunks[index].StoredLength);
+    if (!MoveFilePointer(image.File, image.ChunkOffsets[index])) {
+        return ChunkVerdict::Unreadable;
     }
-    if (image.Header.Encrypted == 0) {
-        std::memcpy(dest, stored.data(), plainLength);
-    } else if (!UnsealChunk(*image.Key, stored.data(), plainLength, record.Nonce.data(), record.Tag.data(), dest)) {
-        Fatal("chunk failed authentication (corrupt or tampered image)", 0);
+    const StoredChunk chunk = ReadStoredChunk(image, index, stored.data(), dest, HashCheck::EveryChunk);
+    if (chunk.Plain == stored.data()) {
+        std::memcpy(dest, stored.data(), image.PlainLength(index));
     }
+    return chunk.Verdict;
+}
+
+// A chunk of the base, compared with this image's record as well, so that each record of a chain vouches for the bytes
+// independently of what lies below it.
+ChunkVerdict FollowReference(const OpenImage& image, uint64_t index, uint8_t* dest) {
+    if (image.Base == nullptr) {
+        Fatal("image has a thin chunk but no base image", 0); // an open has refused this already; a guard alone
+    }
+    ReadChunkPlain(*image.Base, index, dest);
+    return CompareHash(image, index, dest);
 }
 
 } // namespace
 
-void ReadChunkPlain(OpenImage& image, uint64_t index, uint8_t* dest) {
-    const ChunkRecord& record = image.Chunks[index];
-    const uint32_t plainLength = image.PlainLength(index);
-    if (record.StoredLength != 0) {
-        ReadStoredChunk(image, index, plainLength, dest);
-    } else if (image.Base == nullptr) {
-        Fatal("image has a thin chunk but no base image", 0); // an open has refused this already; a guard alone
-    } else {
-        ReadChunkPlain(*image.Base, index, dest);
-    }
-    // At every level, so that each record vouches for the bytes independently of what lies below it.
-    Sha256Digest hash;
-    ComputeSha256(dest, plainLength, hash.data());
-    if (hash != record.Hash) {
+void ReadChunkPlain(const OpenImage& image, uint64_t index, uint8_t* dest) {
+    const bool isReference = image.Chunks[index].StoredLength == 0;
+    switch (isReference ? FollowReference(image, index, dest) : ReadOwnChunk(image, index, dest)) {
+    case ChunkVerdict::Unreadable:
+        Fatal("could not read chunk data from image (truncated?)", 0);
+    case ChunkVerdict::AuthenticationFailed:
+        Fatal("chunk failed authentication (corrupt or tampered image)", 0);
+    case ChunkVerdict::HashMismatch:
         Fatal("chunk failed its hash check (corrupt image or base)", 0);
+    case ChunkVerdict::Good:
+        break;
     }
 }
 

@@ -12,6 +12,6 @@ namespace vornix {
 //
 // A thin reference is followed down the chain, with all checks at each level on the way up, and moves the file pointers
 // of base images alone: whoever reads the top image in sequence is not disturbed. Any failure ends the process.
-void ReadChunkPlain(OpenImage& image, uint64_t index, uint8_t* dest);
+void ReadChunkPlain(const OpenImage& image, uint64_t index, uint8_t* dest);
 
 } // namespace vornix

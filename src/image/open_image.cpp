@@ -1,12 +1,10 @@
 // Opening an image: the checks in the order that decides which message a damaged file produces.
 #include "image/open_image.h"
 
-#include <algorithm>
 #include <bit>
 #include <cstdio>
 #include <cstring>
 #include <limits>
-#include <utility>
 
 #include "cli/fatal.h"
 #include "crypto/key_derivation.h"
@@ -16,27 +14,6 @@
 #include "image/thin_trailer.h"
 
 namespace vornix {
-
-OpenImage::OpenImage(OpenImage&& other) noexcept
-    : File(other.File), Header(other.Header), Chunks(std::exchange(other.Chunks, {})),
-      Key(std::exchange(other.Key, std::nullopt)), Digest(other.Digest),
-      ChunkOffsets(std::exchange(other.ChunkOffsets, {})), Base(std::move(other.Base)),
-      BaseName(std::exchange(other.BaseName, {})) {}
-
-OpenImage& OpenImage::operator=(OpenImage&& other) noexcept {
-    if (this != &other) {
-        Chunks = std::exchange(other.Chunks, {});
-        Key.reset();
-        Key = std::exchange(other.Key, std::nullopt);
-        ChunkOffsets = std::exchange(other.ChunkOffsets, {});
-        Base = std::move(other.Base);
-        BaseName = std::exchange(other.BaseName, {});
-        File = other.File;
-        Header = other.Header;
-        Digest = other.Digest;
-    }
-    return *this;
-}
 
 namespace {
 
@@ -118,7 +95,7 @@ Sha256Digest ComputeImageDigest(const OpenImage& image) {
     const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(length);
     std::memcpy(buffer.get(), &image.Header, sizeof(ImageHeader));
     std::memcpy(buffer.get() + sizeof(ImageHeader), image.Chunks.data(), tableLength);
-    Sha256Digest digest;
+    Sha256Digest digest{};
     ComputeSha256(buffer.get(), length, digest.data());
     return digest;
 }

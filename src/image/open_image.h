@@ -13,7 +13,7 @@
 
 namespace vornix {
 
-// An opened, validated image. Moves and is never copied; a moved-from image is empty.
+// An opened, validated image. Moves and is never copied; a moved-from image holds nothing.
 //
 // It owns its memory, its key and its base, and so the whole chain below it, but not its file: `File` is closed by the
 // command that opened the image, at the point of its run where it has finished with it, and the files of base images
@@ -29,16 +29,11 @@ struct OpenImage {
     std::unique_ptr<OpenImage> Base; // null in a full image
     std::string BaseName;            // as stored in the trailer, without a folder; empty in a full image
 
-    OpenImage() = default;
-    OpenImage(OpenImage&& other) noexcept;
-    // Releases what this image held, its base included, before it takes over the other's.
-    OpenImage& operator=(OpenImage&& other) noexcept;
-    OpenImage(const OpenImage&) = delete;
-    OpenImage& operator=(const OpenImage&) = delete;
-    ~OpenImage() = default;
-
     // Bytes of disk that chunk `index` covers.
     uint32_t PlainLength(uint64_t index) const { return PlainLengthOfChunk(Header.DiskSize, Header.ChunkSize, index); }
+
+    // Disk offset just past chunk `index`.
+    uint64_t EndOnDisk(uint64_t index) const { return Chunks[index].DiskOffset + PlainLength(index); }
 };
 
 // Opens the image at `path`, checks its header and table, computes its digest, derives the key of a sealed one from the

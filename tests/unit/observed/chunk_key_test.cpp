@@ -167,10 +167,10 @@ TEST(ChunkKey, IsReleasedOnceByTheImageThatCameToHoldIt) {
         OpenImage first;
         first.Key.emplace(MakeKeyBytes(1).data());
         OpenImage second(std::move(first));
-        EXPECT_FALSE(first.Key.has_value());
+        EXPECT_EQ(first.Key->Handle(), nullptr);
         OpenImage third;
         third = std::move(second);
-        EXPECT_FALSE(second.Key.has_value());
+        EXPECT_EQ(second.Key->Handle(), nullptr);
         EXPECT_EQ(observation.Names(),
                   (std::vector<std::string>{"BCryptOpenAlgorithmProvider", "BCryptGenerateSymmetricKey"}));
         observation.Calls.clear();
