@@ -37,7 +37,7 @@ REASONS = {
         "one.",
     ("src/commands/capture.cpp", 'Fatal("source disk reports a sector size of 0", 0);'): "As above.",
     ("src/commands/incremental_capture.cpp",
-     "if (base.ChunkSize != source.chunkSize || base.ChunkCount != source.chunkCount) {"):
+     "if (base.Header.ChunkSize != source.chunkSize || base.Header.ChunkCount != source.chunkCount) {"):
         "An image opens only with the chunk count that follows from its disk and chunk size, which are equal here: the "
         "count "
         "alone cannot differ.",

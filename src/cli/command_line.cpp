@@ -36,23 +36,31 @@ int PrintUsage() {
     return 1;
 }
 
+int RunListDisks(int, char**) {
+    ListDisks();
+    return 0;
+}
+
 // Each command converts its numbers at the moment it reads them, before any other check, so that a mistyped number
 // ends the process even where the command line lacks something else as well.
 
 int RunCapture(int argc, char** argv) {
-    const int disk = ParseInt(GetOptionValue(argc, argv, "--disk", numberNotGiven));
-    const std::string outPath = GetOptionValue(argc, argv, "--out", "");
-    const bool encrypt = HasFlag(argc, argv, "--encrypt");
-    const bool vss = HasFlag(argc, argv, "--vss");
-    const std::string passwordFile = GetOptionValue(argc, argv, "--password-file", "");
-    std::string basePath = GetOptionValue(argc, argv, "--base", "");
-    if (basePath.empty()) {
-        basePath = GetOptionValue(argc, argv, "--incremental", "");
+    CaptureOptions options{
+        .disk = ParseInt(GetOptionValue(argc, argv, "--disk", numberNotGiven)),
+        .outPath = GetOptionValue(argc, argv, "--out", ""),
+        .encrypt = HasFlag(argc, argv, "--encrypt"),
+        .vss = HasFlag(argc, argv, "--vss"),
+        .passwordFile = GetOptionValue(argc, argv, "--password-file", ""),
+        .basePath = GetOptionValue(argc, argv, "--base", ""),
+        .thin = HasFlag(argc, argv, "--thin"),
+    };
+    if (options.basePath.empty()) {
+        options.basePath = GetOptionValue(argc, argv, "--incremental", "");
     }
-    if (disk < 0 || outPath.empty() || (encrypt && passwordFile.empty())) {
+    if (options.disk < 0 || options.outPath.empty() || (options.encrypt && options.passwordFile.empty())) {
         return PrintUsage();
     }
-    CaptureDisk(disk, outPath, encrypt, passwordFile, vss, basePath, HasFlag(argc, argv, "--thin"));
+    CaptureDisk(options);
     return 0;
 }
 
@@ -67,66 +75,67 @@ int RunVerify(int argc, char** argv) {
 }
 
 int RunRestore(int argc, char** argv) {
-    const std::string inPath = GetOptionValue(argc, argv, "--in", "");
-    const int disk = ParseInt(GetOptionValue(argc, argv, "--disk", numberNotGiven));
-    const bool confirmed = GetOptionValue(argc, argv, "--confirm", "") == "YES";
-    const std::string passwordFile = GetOptionValue(argc, argv, "--password-file", "");
-    if (inPath.empty() || disk < 0) {
+    const RestoreOptions options{
+        .inPath = GetOptionValue(argc, argv, "--in", ""),
+        .disk = ParseInt(GetOptionValue(argc, argv, "--disk", numberNotGiven)),
+        .confirmed = GetOptionValue(argc, argv, "--confirm", "") == "YES",
+        .passwordFile = GetOptionValue(argc, argv, "--password-file", ""),
+        .skipZero = HasFlag(argc, argv, "--skip-zero"),
+    };
+    if (options.inPath.empty() || options.disk < 0) {
         return PrintUsage();
     }
-    RestoreImage(inPath, disk, confirmed, passwordFile, HasFlag(argc, argv, "--skip-zero"));
+    RestoreImage(options);
     return 0;
 }
 
 int RunClone(int argc, char** argv) {
-    const int fromDisk = ParseInt(GetOptionValue(argc, argv, "--from", numberNotGiven));
-    const int toDisk = ParseInt(GetOptionValue(argc, argv, "--to", numberNotGiven));
-    if (fromDisk < 0 || toDisk < 0) {
+    const CloneOptions options{
+        .fromDisk = ParseInt(GetOptionValue(argc, argv, "--from", numberNotGiven)),
+        .toDisk = ParseInt(GetOptionValue(argc, argv, "--to", numberNotGiven)),
+        .confirmed = GetOptionValue(argc, argv, "--confirm", "") == "YES",
+        .verify = HasFlag(argc, argv, "--verify"),
+    };
+    if (options.fromDisk < 0 || options.toDisk < 0) {
         return PrintUsage();
     }
-    const bool verify = HasFlag(argc, argv, "--verify");
-    const bool confirmed = GetOptionValue(argc, argv, "--confirm", "") == "YES";
-    CloneDisk(fromDisk, toDisk, confirmed, verify);
+    CloneDisk(options);
     return 0;
 }
 
 int RunConsolidate(int argc, char** argv) {
-    const std::string inPath = GetOptionValue(argc, argv, "--in", "");
-    const std::string outPath = GetOptionValue(argc, argv, "--out", "");
-    if (inPath.empty() || outPath.empty()) {
+    const ConsolidateOptions options{
+        .inPath = GetOptionValue(argc, argv, "--in", ""),
+        .outPath = GetOptionValue(argc, argv, "--out", ""),
+        .encrypt = HasFlag(argc, argv, "--encrypt"),
+        .passwordFile = GetOptionValue(argc, argv, "--password-file", ""),
+    };
+    if (options.inPath.empty() || options.outPath.empty()) {
         return PrintUsage();
     }
-    const bool encrypt = HasFlag(argc, argv, "--encrypt");
-    const std::string passwordFile = GetOptionValue(argc, argv, "--password-file", "");
-    ConsolidateImage(inPath, outPath, passwordFile, encrypt);
+    ConsolidateImage(options);
     return 0;
 }
+
+struct Command {
+    const char* word;
+    int (*run)(int argc, char** argv);
+};
+
+constexpr Command commands[] = {
+    {"list-disks", RunListDisks}, {"capture", RunCapture}, {"verify", RunVerify},
+    {"restore", RunRestore},      {"clone", RunClone},     {"consolidate", RunConsolidate},
+};
 
 } // namespace
 
 int RunCommandLine(int argc, char** argv) {
-    if (argc < 2) {
-        return PrintUsage();
-    }
-    const char* command = argv[1];
-    if (std::strcmp(command, "list-disks") == 0) {
-        ListDisks();
-        return 0;
-    }
-    if (std::strcmp(command, "capture") == 0) {
-        return RunCapture(argc, argv);
-    }
-    if (std::strcmp(command, "verify") == 0) {
-        return RunVerify(argc, argv);
-    }
-    if (std::strcmp(command, "restore") == 0) {
-        return RunRestore(argc, argv);
-    }
-    if (std::strcmp(command, "clone") == 0) {
-        return RunClone(argc, argv);
-    }
-    if (std::strcmp(command, "consolidate") == 0) {
-        return RunConsolidate(argc, argv);
+    if (argc >= 2) {
+        for (const Command& command : commands) {
+            if (std::strcmp(argv[1], command.word) == 0) {
+                return command.run(argc, argv);
+            }
+        }
     }
     return PrintUsage();
 }

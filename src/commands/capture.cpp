@@ -20,17 +20,14 @@
 #include "cli/fatal.h"
 #include "cli/progress.h"
 #include "commands/incremental_capture.h"
-#include "crypto/key_derivation.h"
-#include "crypto/random_bytes.h"
 #include "crypto/sha256.h"
 #include "disk/aligned_buffer.h"
 #include "disk/physical_disk.h"
 #include "disk/transfers.h"
 #include "image/chunk_retrieval.h"
-#include "image/image_format.h"
+#include "image/image_writer.h"
 #include "image/open_image.h"
 #include "image/paths.h"
-#include "image/thin_trailer.h"
 #include "snapshot/read_routing.h"
 #include "snapshot/snapshot_session.h"
 #include "tracker/tracker_client.h"
@@ -81,7 +78,8 @@ void QueryTracker(TrackerState& tracker, int disk) {
         "Change tracker: not available for this disk (Wendrel not loaded/attached) - image carries no epoch.\n");
 }
 
-ImageHeader BuildHeader(const SourceLayout& source, const TrackerState& tracker, bool thin, bool encrypt) {
+// The header of a plain image of that source, as it would be without --encrypt.
+ImageHeader BuildHeader(const SourceLayout& source, const TrackerState& tracker, bool thin) {
     ImageHeader header{};
     header.Magic = imageMagic;
     header.Version = thin ? thinImageVersion : fullImageVersion;
@@ -89,17 +87,12 @@ ImageHeader BuildHeader(const SourceLayout& source, const TrackerState& tracker,
     header.SectorSize = source.sectorSize;
     header.ChunkSize = source.chunkSize;
     header.ChunkCount = source.chunkCount;
-    header.Encrypted = encrypt ? 1 : 0;
     if (tracker.Available) {
         for (size_t i = 0; i < header.Epoch.size(); ++i) {
             header.Epoch[i] = static_cast<uint8_t>(tracker.Status.CurrentEpoch >> (8 * i));
         }
     }
     return header;
-}
-
-bool EndsInWorkSuffix(const std::string& path) {
-    return path.ends_with(".partial");
 }
 
 HANDLE CreateWorkFile(const std::string& workPath) {
@@ -113,18 +106,16 @@ HANDLE CreateWorkFile(const std::string& workPath) {
 
 // What the chunk loop works on.
 struct CaptureRun {
+    const CaptureOptions& options;
     const SourceLayout& source;
     HANDLE sourceDisk;
     const std::vector<SnapshotRange>& ranges;
-    bool vss;
     const TrackerState& tracker;
-    OpenImage* base; // null without one
-    bool useBitmap;  // the tracker proved what changed since the base
-    bool thin;
-    const ChunkKey* imageKey; // null for a plain image
-    HANDLE imageFile;
-    AlignedBuffer& plainBuffer;
-    AlignedBuffer& sealedBuffer;
+    const std::optional<OpenImage>& base; // there with --base
+    bool useBitmap;                       // the tracker proved what changed since the base
+    ImageWriter& image;
+    uint8_t* plainBuffer;
+    uint8_t* sealedBuffer;
 
     uint64_t readFromDisk = 0;   // chunks
     uint64_t copiedFromBase = 0; // chunks taken out of the base and stored again
@@ -132,77 +123,38 @@ struct CaptureRun {
 };
 
 void ReadChunkFromDisk(CaptureRun& run, uint64_t offset, uint32_t length) {
-    const ReadSource from = SelectReadSource(run.ranges, run.vss, offset, length, run.sourceDisk);
+    const ReadSource from = SelectReadSource(run.ranges, run.options.vss, offset, length, run.sourceDisk);
     if (!MoveFilePointer(from.Device, from.Offset)) {
         Fatal("SetFilePointerEx on source failed mid-capture", 0);
     }
     // One attempt: a sector that cannot be read ends the capture, since an image with a hole would pass for the disk.
-    if (!ReadWhole(from.Device, run.plainBuffer.data(), length)) {
+    if (!ReadWhole(from.Device, run.plainBuffer, length)) {
         Fatal("ReadFile from source disk failed mid-capture - image is incomplete, do not trust it", 0);
     }
 }
 
-// Appends the chunk in the plain buffer to the image, sealed where the image has a key.
-void StoreChunk(CaptureRun& run, ChunkRecord& record, uint32_t length) {
-    const uint8_t* stored = run.plainBuffer.data();
-    if (run.imageKey != nullptr) {
-        FillRandomBytes(record.Nonce.data(), record.Nonce.size());
-        SealChunk(*run.imageKey, run.plainBuffer.data(), length, record.Nonce.data(), run.sealedBuffer.data(),
-                  record.Tag.data());
-        stored = run.sealedBuffer.data();
-    }
-    if (!WriteWhole(run.imageFile, stored, length)) {
-        Fatal("WriteFile to image file failed mid-capture (disk full?)", 0);
-    }
-}
-
-void MakeThinReference(CaptureRun& run, ChunkRecord& record) {
-    record.StoredLength = 0;
-    ++run.references;
-}
-
-void CaptureChunk(CaptureRun& run, uint64_t index, ChunkRecord& record) {
+void CaptureChunk(CaptureRun& run, uint64_t index) {
     const uint64_t offset = index * run.source.chunkSize;
     const uint32_t length = PlainLengthOfChunk(run.source.diskLength, run.source.chunkSize, index);
-    record.DiskOffset = offset;
-    record.StoredLength = length;
-
+    Sha256Digest hash{}; // a digest that cannot be had stays zero, as it does in the table
     if (run.useBitmap && !TrackerRangeChanged(run.tracker, offset, length)) {
-        // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): the bitmap is used only beside a base
-        record.Hash = run.base->Chunks[index].Hash;
-        if (run.thin) {
-            MakeThinReference(run, record);
-            return;
+        hash = run.base->Chunks[index].Hash;
+        if (!run.options.thin) {
+            // Proves the bytes against that very hash, so it is not computed a second time.
+            ReadChunkPlain(*run.base, index, run.plainBuffer);
+            ++run.copiedFromBase;
         }
-        // Proves the bytes against that very hash, so it is not computed a second time.
-        ReadChunkPlain(*run.base, index, run.plainBuffer.data());
-        ++run.copiedFromBase;
     } else {
         ReadChunkFromDisk(run, offset, length);
-        ComputeSha256(run.plainBuffer.data(), length, record.Hash.data());
+        ComputeSha256(run.plainBuffer, length, hash.data());
         ++run.readFromDisk;
-        if (run.thin && record.Hash == run.base->Chunks[index].Hash) {
-            MakeThinReference(run, record);
-            return;
-        }
     }
-    StoreChunk(run, record, length);
-}
-
-void WriteThinTrailer(HANDLE imageFile, const std::string& basePath, const OpenImage& base) {
-    // The name as typed, not out of the absolute path.
-    const std::vector<uint8_t> trailer = BuildThinTrailer({FileNameOfPath(basePath), base.Digest});
-    if (!WriteWhole(imageFile, trailer.data(), static_cast<uint32_t>(trailer.size()))) {
-        Fatal("could not write thin image trailer", 0);
+    if (run.options.thin && hash == run.base->Chunks[index].Hash) {
+        run.image.AddReference(hash);
+        ++run.references;
+    } else {
+        run.image.AddChunk(hash, run.plainBuffer, run.sealedBuffer);
     }
-}
-
-// Writes header and table, which turns the file into an image. The results are left unexamined: if these writes came to
-// nothing the file still begins with zeros, or does not verify, and is no image to any reader.
-void SealOff(HANDLE imageFile, const ImageHeader& header, const std::vector<ChunkRecord>& table) {
-    MoveFilePointer(imageFile, 0);
-    WriteWhole(imageFile, &header, sizeof(header));
-    WriteWhole(imageFile, table.data(), static_cast<uint32_t>(sizeof(ChunkRecord) * table.size()));
 }
 
 void PublishImage(const std::string& workPath, const std::string& outPath) {
@@ -212,94 +164,104 @@ void PublishImage(const std::string& workPath, const std::string& outPath) {
     }
 }
 
-void PrintCompletion(const CaptureRun& run, const std::string& outPath) {
-    if (run.thin) {
+void PrintCompletion(const CaptureRun& run) {
+    const char* outPath = run.options.outPath.c_str();
+    if (run.options.thin) {
         std::printf("Capture complete (thin): %s  (stored %llu of %llu chunks, %llu are references to the base; read "
                     "from disk: %llu)\n",
-                    outPath.c_str(), static_cast<unsigned long long>(run.source.chunkCount - run.references),
+                    outPath, static_cast<unsigned long long>(run.source.chunkCount - run.references),
                     static_cast<unsigned long long>(run.source.chunkCount),
                     static_cast<unsigned long long>(run.references), static_cast<unsigned long long>(run.readFromDisk));
     } else if (run.useBitmap) {
-        std::printf("Capture complete: %s (Read from disk: %llu, Copied from base: %llu chunks)\n", outPath.c_str(),
+        std::printf("Capture complete: %s (Read from disk: %llu, Copied from base: %llu chunks)\n", outPath,
                     static_cast<unsigned long long>(run.readFromDisk),
                     static_cast<unsigned long long>(run.copiedFromBase));
     } else {
-        std::printf("Capture complete: %s\n", outPath.c_str());
+        std::printf("Capture complete: %s\n", outPath);
     }
 }
 
 } // namespace
 
-void CaptureDisk(int disk, const std::string& outPath, bool encrypt, const std::string& passwordFile, bool vss,
-                 const std::string& basePath, bool thin) {
-    const HANDLE sourceDisk = OpenDiskForRead(disk);
+void CaptureDisk(const CaptureOptions& options) {
+    const HANDLE sourceDisk = OpenDiskForRead(options.disk);
     const SourceLayout source = LayOutSource(GetDiskGeometry(sourceDisk));
-    std::printf("Source: PhysicalDrive%d  Size: %.2f GiB  SectorSize: %u  Chunks: %llu (%u bytes each)\n", disk,
+    std::printf("Source: PhysicalDrive%d  Size: %.2f GiB  SectorSize: %u  Chunks: %llu (%u bytes each)\n", options.disk,
                 BytesToGiB(source.diskLength), source.sectorSize, static_cast<unsigned long long>(source.chunkCount),
                 source.chunkSize);
-    NoteLiveSystemDisk(disk, vss);
+    NoteLiveSystemDisk(options.disk, options.vss);
 
     // Attach, snapshot, query: a write between attach and snapshot is marked, so no write is ever missed.
     TrackerState tracker;
-    TrackerOpen(tracker, static_cast<uint32_t>(disk));
+    TrackerOpen(tracker, static_cast<uint32_t>(options.disk));
     std::vector<SnapshotRange> ranges;
-    if (vss) {
-        ranges = BeginSnapshotSession(static_cast<uint32_t>(disk));
+    if (options.vss) {
+        ranges = BeginSnapshotSession(static_cast<uint32_t>(options.disk));
     }
-    QueryTracker(tracker, disk);
+    QueryTracker(tracker, options.disk);
 
-    if (thin && basePath.empty()) {
+    if (options.thin && options.basePath.empty()) {
         Fatal("--thin needs --base", 0);
     }
     std::optional<OpenImage> base;
-    const bool useBitmap =
-        !basePath.empty() && SettleIncrementalMode(basePath, passwordFile, outPath, thin, source, tracker, base);
-
-    ImageHeader header = BuildHeader(source, tracker, thin, encrypt);
-    std::optional<ChunkKey> imageKey;
-    if (encrypt) {
-        FillRandomBytes(header.Salt.data(), header.Salt.size());
-        header.KdfIterations = writtenKdfIterations;
-        imageKey.emplace(DeriveChunkKey(passwordFile, header.Salt.data(), header.KdfIterations));
+    bool useBitmap = false;
+    if (!options.basePath.empty()) {
+        base = OpenBaseImage(options.basePath, options.passwordFile, source);
+        useBitmap = ProveChanges(*base, tracker, options.thin);
+        if (options.thin) {
+            CheckThinPaths(options.basePath, options.outPath);
+        } else if (!useBitmap) {
+            CloseHandle(base->File); // a full capture has no use for it
+            base->File = INVALID_HANDLE_VALUE;
+        }
     }
 
-    const bool outIsWorkPath = EndsInWorkSuffix(outPath);
-    const std::string workPath = outIsWorkPath ? outPath : outPath + ".partial";
-    if (!outIsWorkPath && PathExists(outPath)) {
+    ImageHeader header = BuildHeader(source, tracker, options.thin);
+    std::optional<ChunkKey> imageKey;
+    if (options.encrypt) {
+        imageKey = SealImage(header, options.passwordFile);
+    }
+
+    const bool outIsWorkPath = options.outPath.ends_with(".partial");
+    const std::string workPath = outIsWorkPath ? options.outPath : options.outPath + ".partial";
+    if (!outIsWorkPath && PathExists(options.outPath)) {
         Fatal("refusing to overwrite an existing output image", 0);
     }
     const HANDLE imageFile = CreateWorkFile(workPath);
-
-    std::vector<ChunkRecord> table(source.chunkCount);
-    // Header and table are only reserved. Unexamined: chunks that landed elsewhere are no image to any reader.
-    MoveFilePointer(imageFile, ChunkDataStart(source.chunkCount));
-    std::optional<AlignedBuffer> plainBuffer(std::in_place, source.chunkSize, source.sectorSize);
-    std::optional<AlignedBuffer> sealedBuffer(std::in_place, source.chunkSize, source.sectorSize);
+    ImageWriter image(imageFile, header, imageKey, "WriteFile to image file failed mid-capture (disk full?)");
+    const AlignedBuffer plainBuffer(source.chunkSize, source.sectorSize);
+    const AlignedBuffer sealedBuffer(source.chunkSize, source.sectorSize);
 
     const uint64_t startTicks = GetTickCount64();
-    CaptureRun run{source,    sourceDisk,   ranges,
-                   vss,       tracker,      base.has_value() ? &*base : nullptr,
-                   useBitmap, thin,         imageKey.has_value() ? &*imageKey : nullptr,
-                   imageFile, *plainBuffer, *sealedBuffer};
+    CaptureRun run{.options = options,
+                   .source = source,
+                   .sourceDisk = sourceDisk,
+                   .ranges = ranges,
+                   .tracker = tracker,
+                   .base = base,
+                   .useBitmap = useBitmap,
+                   .image = image,
+                   .plainBuffer = plainBuffer.data(),
+                   .sealedBuffer = sealedBuffer.data()};
     for (uint64_t i = 0; i < source.chunkCount; ++i) {
-        CaptureChunk(run, i, table[i]);
+        CaptureChunk(run, i);
         if (IsProgressDue(i, source.chunkCount)) {
-            PrintProgress(table[i].DiskOffset + PlainLengthOfChunk(source.diskLength, source.chunkSize, i),
-                          source.diskLength, startTicks);
+            const uint32_t length = PlainLengthOfChunk(source.diskLength, source.chunkSize, i);
+            PrintProgress(i * source.chunkSize + length, source.diskLength, startTicks);
         }
     }
     std::printf("\n");
 
-    if (thin) {
-        WriteThinTrailer(imageFile, basePath, *base);
+    if (options.thin) {
+        image.AddTrailer(
+            {FileNameOfPath(options.basePath), base->Digest}); // the name as typed, not the absolute path's
     }
-    SealOff(imageFile, header, table);
-    CloseHandle(imageFile);
+    image.Finish();
     CloseHandle(sourceDisk);
-    if (useBitmap || thin) {
+    if (useBitmap || options.thin) {
         CloseHandle(base->File);
     }
-    if (vss) {
+    if (options.vss) {
         EndSnapshotSession(true);
     }
     // After the file is whole, before it has its name: a run that dies earlier leaves the committed epoch as it was.
@@ -307,12 +269,11 @@ void CaptureDisk(int disk, const std::string& outPath, bool encrypt, const std::
         std::printf("WARNING: tracker COMMIT failed - the next capture will be a full one.\n");
     }
     if (!outIsWorkPath) {
-        PublishImage(workPath, outPath);
+        PublishImage(workPath, options.outPath);
     }
-    PrintCompletion(run, outPath);
+    PrintCompletion(run);
 
-    plainBuffer.reset();
-    sealedBuffer.reset();
+    // The keys of the image and of its base end before the tracker's device is closed.
     imageKey.reset();
     base.reset();
     if (tracker.Device != INVALID_HANDLE_VALUE) {

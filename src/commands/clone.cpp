@@ -18,7 +18,6 @@ namespace vornix {
 namespace {
 
 constexpr uint32_t blockSize = 4194304;
-constexpr uint64_t smallestBufferAlignment = 4096;
 
 void RefuseTarget(int toDisk, bool confirmed) {
     if (IsSystemDisk(toDisk)) {
@@ -48,17 +47,17 @@ HANDLE OpenCloneSource(int fromDisk) {
 
 // Refuses a target that is too small; a larger one passes in silence. Notes what may keep the copy from booting or
 // from being consistent.
-void CompareDisks(int fromDisk, int toDisk, const DiskGeometry& source, const DiskGeometry& target) {
+void CompareDisks(const CloneOptions& options, const DiskGeometry& source, const DiskGeometry& target) {
     if (target.length < source.length) {
-        std::fprintf(stderr, "Refusing: target disk %d is %.2f GiB, smaller than the source's %.2f GiB.\n", toDisk,
-                     BytesToGiB(target.length), BytesToGiB(source.length));
+        std::fprintf(stderr, "Refusing: target disk %d is %.2f GiB, smaller than the source's %.2f GiB.\n",
+                     options.toDisk, BytesToGiB(target.length), BytesToGiB(source.length));
         std::exit(1);
     }
     if (source.sectorSize != target.sectorSize) {
         std::printf("NOTE: sector sizes differ (%u -> %u); a raw clone between different sector sizes may not boot.\n",
                     source.sectorSize, target.sectorSize);
     }
-    if (IsSystemDisk(fromDisk)) {
+    if (IsSystemDisk(options.fromDisk)) {
         std::printf("NOTE: the source is the running system disk - it is read live (crash-consistent, not a VSS "
                     "snapshot).\n");
     }
@@ -77,7 +76,8 @@ uint32_t BlockLength(uint64_t length, uint64_t offset) {
     return static_cast<uint32_t>(std::min<uint64_t>(blockSize, length - offset));
 }
 
-void CopyDisk(HANDLE source, HANDLE target, uint64_t length, const AlignedBuffer& buffer, uint64_t startTicks) {
+void CopyDisk(HANDLE source, HANDLE target, uint64_t length, const AlignedBuffer& buffer) {
+    const uint64_t startTicks = GetTickCount64();
     for (uint64_t offset = 0; offset < length; offset += blockSize) {
         const uint32_t n = BlockLength(length, offset);
         if (!ReadBlock(source, offset, buffer, n)) {
@@ -117,25 +117,25 @@ void VerifyCopy(int fromDisk, HANDLE source, HANDLE target, uint64_t length, con
 
 } // namespace
 
-void CloneDisk(int fromDisk, int toDisk, bool confirmed, bool verify) {
-    if (fromDisk == toDisk) {
+void CloneDisk(const CloneOptions& options) {
+    if (options.fromDisk == options.toDisk) {
         Fatal("source and target are the same disk", 0);
     }
-    RefuseTarget(toDisk, confirmed);
-    const HANDLE source = OpenCloneSource(fromDisk);
-    const HANDLE target = OpenDiskExclusive(toDisk);
+    RefuseTarget(options.toDisk, options.confirmed);
+    const HANDLE source = OpenCloneSource(options.fromDisk);
+    const HANDLE target = OpenDiskExclusive(options.toDisk);
     const DiskGeometry sourceGeometry = GetDiskGeometry(source);
     const DiskGeometry targetGeometry = GetDiskGeometry(target);
-    CompareDisks(fromDisk, toDisk, sourceGeometry, targetGeometry);
-    std::printf("Cloning PhysicalDrive%d -> PhysicalDrive%d (%.2f GiB)\n", fromDisk, toDisk,
+    CompareDisks(options, sourceGeometry, targetGeometry);
+    std::printf("Cloning PhysicalDrive%d -> PhysicalDrive%d (%.2f GiB)\n", options.fromDisk, options.toDisk,
                 BytesToGiB(sourceGeometry.length));
 
-    const uint64_t alignment = std::max<uint64_t>(sourceGeometry.sectorSize, smallestBufferAlignment);
+    const uint64_t alignment = AlignmentForDisk(sourceGeometry.sectorSize);
     const AlignedBuffer sourceBuffer(blockSize, alignment);
     const AlignedBuffer targetBuffer(blockSize, alignment);
-    CopyDisk(source, target, sourceGeometry.length, sourceBuffer, GetTickCount64());
-    if (verify) {
-        VerifyCopy(fromDisk, source, target, sourceGeometry.length, sourceBuffer, targetBuffer);
+    CopyDisk(source, target, sourceGeometry.length, sourceBuffer);
+    if (options.verify) {
+        VerifyCopy(options.fromDisk, source, target, sourceGeometry.length, sourceBuffer, targetBuffer);
     }
 
     RefreshPartitionTable(target);

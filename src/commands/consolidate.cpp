@@ -4,16 +4,13 @@
 #include <windows.h>
 #include <cstdio>
 #include <optional>
-#include <string.h>
 #include <vector>
 
 #include "cli/fatal.h"
 #include "cli/progress.h"
 #include "commands/verify.h"
-#include "crypto/key_derivation.h"
-#include "crypto/random_bytes.h"
-#include "disk/transfers.h"
 #include "image/chunk_retrieval.h"
+#include "image/image_writer.h"
 #include "image/open_image.h"
 #include "image/paths.h"
 
@@ -22,22 +19,22 @@ namespace vornix {
 namespace {
 
 void CheckPaths(const std::string& inPath, const std::string& outPath) {
-    std::string absoluteIn;
-    std::string absoluteOut;
-    if (!ResolvePath(inPath, absoluteIn) || !ResolvePath(outPath, absoluteOut)) {
+    const std::optional<std::string> absoluteIn = ResolvePath(inPath);
+    const std::optional<std::string> absoluteOut = absoluteIn ? ResolvePath(outPath) : std::nullopt;
+    if (!absoluteOut) {
         Fatal("could not resolve image paths", 0);
     }
-    if (_stricmp(absoluteIn.c_str(), absoluteOut.c_str()) == 0) {
+    if (IsSamePath(*absoluteIn, *absoluteOut)) {
         Fatal("--out must differ from --in", 0);
     }
-    if (PathExists(absoluteOut)) {
+    if (PathExists(*absoluteOut)) {
         Fatal("--out already exists - refusing to overwrite an image", 0);
     }
 }
 
-// A full image of the same disk in the same chunks. It carries no epoch: what the tracker committed belongs to the
-// image that was captured, not to one that was folded later.
-ImageHeader BuildHeader(const ImageHeader& input, bool encrypt) {
+// A full, plain image of the same disk in the same chunks. It carries no epoch: what the tracker committed belongs to
+// the image that was captured, not to one that was folded later.
+ImageHeader BuildHeader(const ImageHeader& input) {
     ImageHeader header{};
     header.Magic = input.Magic;
     header.Version = fullImageVersion;
@@ -45,7 +42,6 @@ ImageHeader BuildHeader(const ImageHeader& input, bool encrypt) {
     header.SectorSize = input.SectorSize;
     header.ChunkSize = input.ChunkSize;
     header.ChunkCount = input.ChunkCount;
-    header.Encrypted = encrypt ? 1 : 0;
     return header;
 }
 
@@ -59,67 +55,39 @@ HANDLE CreateOutputFile(const std::string& outPath) {
     return file;
 }
 
-// Copies one chunk through the chain into the output and gives its record.
-ChunkRecord FoldChunk(OpenImage& input, size_t index, const std::optional<ChunkKey>& key, HANDLE output,
-                      std::vector<uint8_t>& plainBuffer, std::vector<uint8_t>& sealedBuffer) {
-    const uint32_t length = input.PlainLength(index);
-    ReadChunkPlain(input, index, plainBuffer.data());
-    ChunkRecord record{};
-    record.DiskOffset = input.Chunks[index].DiskOffset;
-    record.StoredLength = length;
-    record.Hash = input.Chunks[index].Hash; // which the bytes were just proved against
-    const uint8_t* stored = plainBuffer.data();
-    if (key.has_value()) {
-        FillRandomBytes(record.Nonce.data(), record.Nonce.size());
-        SealChunk(*key, plainBuffer.data(), length, record.Nonce.data(), sealedBuffer.data(), record.Tag.data());
-        stored = sealedBuffer.data();
-    }
-    if (!WriteWhole(output, stored, length)) {
-        Fatal("WriteFile failed while consolidating (disk full?)", 0);
-    }
-    return record;
-}
-
 } // namespace
 
-void ConsolidateImage(const std::string& inPath, const std::string& outPath, const std::string& passwordFile,
-                      bool encrypt) {
-    CheckPaths(inPath, outPath);
-    OpenImage input = OpenImageFile(inPath, passwordFile, 0);
-    ImageHeader header = BuildHeader(input.Header, encrypt);
+void ConsolidateImage(const ConsolidateOptions& options) {
+    CheckPaths(options.inPath, options.outPath);
+    const OpenImage input = OpenImageFile(options.inPath, options.passwordFile, 0);
+    ImageHeader header = BuildHeader(input.Header);
     std::optional<ChunkKey> key;
-    if (encrypt) {
-        if (passwordFile.empty()) {
+    if (options.encrypt) {
+        if (options.passwordFile.empty()) {
             Fatal("--encrypt needs --password-file", 0);
         }
-        FillRandomBytes(header.Salt.data(), header.Salt.size());
-        header.KdfIterations = writtenKdfIterations;
-        key.emplace(DeriveChunkKey(passwordFile, header.Salt.data(), header.KdfIterations));
+        key = SealImage(header, options.passwordFile);
     }
 
-    const HANDLE output = CreateOutputFile(outPath);
-    std::vector<ChunkRecord> table(input.Chunks.size());
-    // Header and table are only reserved. Unexamined, like the writes that complete them: the verification at the end
-    // reads everything back.
-    MoveFilePointer(output, ChunkDataStart(table.size()));
+    const HANDLE file = CreateOutputFile(options.outPath);
+    ImageWriter output(file, header, key, "WriteFile failed while consolidating (disk full?)");
     std::vector<uint8_t> plainBuffer(header.ChunkSize);
     std::vector<uint8_t> sealedBuffer(header.ChunkSize);
     const uint64_t startTicks = GetTickCount64();
-    for (size_t i = 0; i < table.size(); ++i) {
-        table[i] = FoldChunk(input, i, key, output, plainBuffer, sealedBuffer);
-        if (IsProgressDue(i, table.size())) {
-            PrintProgress(table[i].DiskOffset + table[i].StoredLength, header.DiskSize, startTicks);
+    for (size_t i = 0; i < input.Chunks.size(); ++i) {
+        ReadChunkPlain(input, i, plainBuffer.data());
+        // The hash is the one that the bytes were just proved against.
+        output.AddChunk(input.Chunks[i].Hash, plainBuffer.data(), sealedBuffer.data());
+        if (IsProgressDue(i, input.Chunks.size())) {
+            PrintProgress(input.EndOnDisk(i), header.DiskSize, startTicks);
         }
     }
     std::printf("\n");
-    MoveFilePointer(output, 0);
-    WriteWhole(output, &header, sizeof(header));
-    WriteWhole(output, table.data(), static_cast<uint32_t>(sizeof(ChunkRecord) * table.size()));
-    CloseHandle(output);
+    output.Finish();
     CloseHandle(input.File);
 
-    std::printf("Consolidated: %s (self-contained full image, verifying...)\n", outPath.c_str());
-    VerifyImage(outPath, encrypt ? passwordFile : std::string());
+    std::printf("Consolidated: %s (self-contained full image, verifying...)\n", options.outPath.c_str());
+    VerifyImage(options.outPath, options.encrypt ? options.passwordFile : std::string());
 }
 
 } // namespace vornix

@@ -2,40 +2,12 @@
 #include "commands/incremental_capture.h"
 
 #include <cstdio>
-#include <string.h>
+#include <optional>
 
 #include "cli/fatal.h"
 #include "image/paths.h"
 
 namespace vornix {
-
-namespace {
-
-void CheckBaseShape(const ImageHeader& base, const SourceLayout& source) {
-    if (base.DiskSize != source.diskLength || base.SectorSize != source.sectorSize) {
-        Fatal("--base image geometry does not match source disk", 0);
-    }
-    if (base.ChunkSize != source.chunkSize || base.ChunkCount != source.chunkCount) {
-        Fatal("--base image chunking parameters do not match", 0);
-    }
-}
-
-// A thin image finds its base by name in its own folder, so the two have to lie together under different names.
-void CheckThinPaths(const std::string& basePath, const std::string& outPath) {
-    std::string absoluteBase;
-    std::string absoluteOut;
-    if (!ResolvePath(basePath, absoluteBase) || !ResolvePath(outPath, absoluteOut)) {
-        Fatal("could not resolve image paths", 0);
-    }
-    if (_stricmp(DirectoryOfPath(absoluteBase).c_str(), DirectoryOfPath(absoluteOut).c_str()) != 0) {
-        Fatal("--thin: the image and its --base must be in the same folder", 0);
-    }
-    if (_stricmp(absoluteBase.c_str(), absoluteOut.c_str()) == 0) {
-        Fatal("--thin: --out must differ from --base", 0);
-    }
-}
-
-} // namespace
 
 uint64_t EpochOfImage(const ImageHeader& header) {
     uint64_t epoch = 0;
@@ -65,14 +37,20 @@ const char* FindMissingProof(const TrackerState& tracker, uint64_t baseEpoch) {
     return nullptr;
 }
 
-bool SettleIncrementalMode(const std::string& basePath, const std::string& passwordFile, const std::string& outPath,
-                           bool thin, const SourceLayout& source, const TrackerState& tracker,
-                           std::optional<OpenImage>& base) {
+OpenImage OpenBaseImage(const std::string& basePath, const std::string& passwordFile, const SourceLayout& source) {
     std::printf("Incremental mode: base image %s\n", basePath.c_str());
-    base = OpenImageFile(basePath, passwordFile, 0);
-    CheckBaseShape(base->Header, source);
+    OpenImage base = OpenImageFile(basePath, passwordFile, 0);
+    if (base.Header.DiskSize != source.diskLength || base.Header.SectorSize != source.sectorSize) {
+        Fatal("--base image geometry does not match source disk", 0);
+    }
+    if (base.Header.ChunkSize != source.chunkSize || base.Header.ChunkCount != source.chunkCount) {
+        Fatal("--base image chunking parameters do not match", 0);
+    }
+    return base;
+}
 
-    const uint64_t baseEpoch = EpochOfImage(base->Header);
+bool ProveChanges(const OpenImage& base, const TrackerState& tracker, bool thin) {
+    const uint64_t baseEpoch = EpochOfImage(base.Header);
     const char* missingProof = FindMissingProof(tracker, baseEpoch);
     if (missingProof == nullptr) {
         std::printf("  --base: base epoch %llX matches tracker; unchanged chunks will be copied from the base image.\n",
@@ -84,13 +62,23 @@ bool SettleIncrementalMode(const std::string& basePath, const std::string& passw
     } else {
         std::printf("  --base: cannot prove what changed (%s) - doing a FULL capture (correct, just slower).\n",
                     missingProof);
-        CloseHandle(base->File);
-        base->File = INVALID_HANDLE_VALUE;
-    }
-    if (thin) {
-        CheckThinPaths(basePath, outPath);
     }
     return missingProof == nullptr;
+}
+
+void CheckThinPaths(const std::string& basePath, const std::string& outPath) {
+    const std::optional<std::string> absoluteBase = ResolvePath(basePath);
+    const std::optional<std::string> absoluteOut = absoluteBase ? ResolvePath(outPath) : std::nullopt;
+    if (!absoluteOut) {
+        Fatal("could not resolve image paths", 0);
+    }
+    // A thin image finds its base by name in its own folder, so the two have to lie together under different names.
+    if (!IsSamePath(DirectoryOfPath(*absoluteBase), DirectoryOfPath(*absoluteOut))) {
+        Fatal("--thin: the image and its --base must be in the same folder", 0);
+    }
+    if (IsSamePath(*absoluteBase, *absoluteOut)) {
+        Fatal("--thin: --out must differ from --base", 0);
+    }
 }
 
 } // namespace vornix

@@ -3,11 +3,9 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "image/open_image.h"
-#include "image/thin_trailer.h"
 #include "tracker/tracker_client.h"
 
 namespace vornix {
@@ -27,12 +25,14 @@ uint64_t EpochOfImage(const ImageHeader& header);
 // holds.
 const char* FindMissingProof(const TrackerState& tracker, uint64_t baseEpoch);
 
-// Opens the base and settles the mode, with all its console lines. The result tells whether the bitmap proves what
-// changed. Without a proof and without `thin` the base's file is closed again and marked invalid, since the run then
-// captures in full. Ends the process where the base does not open or is of another shape than the source, and with
-// `thin` where the paths do not allow a thin image.
-bool SettleIncrementalMode(const std::string& basePath, const std::string& passwordFile, const std::string& outPath,
-                           bool thin, const SourceLayout& source, const TrackerState& tracker,
-                           std::optional<OpenImage>& base);
+// Opens the base and ends the process where it does not open or is of another shape than the source.
+OpenImage OpenBaseImage(const std::string& basePath, const std::string& passwordFile, const SourceLayout& source);
+
+// Tells on the console, and as its result, whether the tracker proves what changed since the base was made, and what
+// the capture does without that proof.
+bool ProveChanges(const OpenImage& base, const TrackerState& tracker, bool thin);
+
+// Ends the process where the paths do not allow a thin image.
+void CheckThinPaths(const std::string& basePath, const std::string& outPath);
 
 } // namespace vornix

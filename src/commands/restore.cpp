@@ -2,7 +2,6 @@
 #include "commands/restore.h"
 
 #include <windows.h>
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,18 +10,16 @@
 
 #include "cli/fatal.h"
 #include "cli/progress.h"
-#include "crypto/sha256.h"
 #include "disk/aligned_buffer.h"
 #include "disk/physical_disk.h"
 #include "disk/transfers.h"
 #include "image/chunk_retrieval.h"
 #include "image/open_image.h"
+#include "image/stored_chunk.h"
 
 namespace vornix {
 
 namespace {
-
-constexpr uint64_t smallestBufferAlignment = 4096;
 
 void RefuseSystemDisk(int disk) {
     if (IsSystemDisk(disk)) {
@@ -60,50 +57,37 @@ void CompareSizes(int disk, uint64_t targetLength, uint64_t diskSize) {
     }
 }
 
-// The plain bytes of sealed chunks go to the target straight from here, and the target's handle takes only aligned
-// memory: the ordinary array has room to begin at an aligned place.
-class PlainBuffer {
-public:
-    PlainBuffer(size_t size, size_t alignment) : storage_(size + alignment) {
-        void* begin = storage_.data();
-        size_t space = storage_.size();
-        begin_ = static_cast<uint8_t*>(std::align(alignment, size, begin, space));
-    }
-    uint8_t* data() { return begin_; }
+// Where aligned memory begins in an ordinary array: the plain bytes of sealed chunks go to the target straight from
+// there, and the target's handle takes no other.
+uint8_t* AlignedBegin(std::vector<uint8_t>& array, uint64_t alignment) {
+    void* begin = array.data();
+    size_t space = array.size();
+    return static_cast<uint8_t*>(std::align(alignment, 1, begin, space));
+}
 
-private:
-    std::vector<uint8_t> storage_;
-    uint8_t* begin_;
-};
-
-// Brings the stored chunk that comes next in the image into memory and checks it. Gives where its plain bytes lie.
+// Brings the stored chunk that comes next in the image into memory, read in sequence without a seek, and checks it. The
+// tag is the only test of a sealed one; its hash is verify's to compare. Gives where its plain bytes lie.
 const uint8_t* ReadNextStoredChunk(const OpenImage& image, size_t index, uint8_t* readBuffer, uint8_t* plainBuffer) {
-    const ChunkRecord& record = image.Chunks[index];
-    if (!ReadWhole(image.File, readBuffer, record.StoredLength)) {
+    const StoredChunk chunk = ReadStoredChunk(image, index, readBuffer, plainBuffer, HashCheck::PlainImagesOnly);
+    switch (chunk.Verdict) {
+    case ChunkVerdict::Unreadable:
         Fatal("could not read chunk data from image - restore aborted, target disk left partially written", 0);
-    }
-    if (image.Header.Encrypted == 1) {
-        // The tag is the only test of a sealed chunk here; its hash is compared by verify.
-        if (!UnsealChunk(*image.Key, readBuffer, record.StoredLength, record.Nonce.data(), record.Tag.data(),
-                         plainBuffer)) {
-            std::fprintf(stderr,
-                         "\nFATAL: chunk %zu failed authentication (corrupt/tampered image) - restore aborted, target "
-                         "disk left partially written.\n",
-                         index);
-            std::exit(1);
-        }
-        return plainBuffer;
-    }
-    Sha256Digest hash;
-    ComputeSha256(readBuffer, record.StoredLength, hash.data());
-    if (hash != record.Hash) {
+    case ChunkVerdict::AuthenticationFailed:
+        std::fprintf(stderr,
+                     "\nFATAL: chunk %zu failed authentication (corrupt/tampered image) - restore aborted, target disk "
+                     "left partially written.\n",
+                     index);
+        std::exit(1);
+    case ChunkVerdict::HashMismatch:
         std::fprintf(stderr,
                      "\nFATAL: chunk %zu hash mismatch (corrupt image) - restore aborted, target disk left partially "
                      "written.\n",
                      index);
         std::exit(1);
+    case ChunkVerdict::Good:
+        break;
     }
-    return readBuffer;
+    return chunk.Plain;
 }
 
 bool IsAllZero(const uint8_t* bytes, uint32_t length) {
@@ -123,47 +107,50 @@ bool IsAllZero(const uint8_t* bytes, uint32_t length) {
     return true;
 }
 
-void WriteChunks(OpenImage& image, HANDLE target, bool skipZero, uint8_t* readBuffer, uint8_t* plainBuffer,
-                 uint64_t startTicks) {
-    for (size_t i = 0; i < image.Chunks.size(); ++i) {
-        const ChunkRecord& record = image.Chunks[i];
-        const uint32_t length = image.PlainLength(i);
-        const uint8_t* plain = readBuffer;
-        if (record.StoredLength == 0) {
-            ReadChunkPlain(image, i, readBuffer);
-        } else {
-            plain = ReadNextStoredChunk(image, i, readBuffer, plainBuffer);
-        }
-        // Unexamined: an offset that the disk does not take is one that it does not write at either.
-        MoveFilePointer(target, record.DiskOffset);
-        if (!(skipZero && IsAllZero(plain, length)) && !WriteWhole(target, plain, length)) {
-            Fatal("WriteFile to target disk failed mid-restore - target disk left partially written, do not boot it "
-                  "yet",
-                  0);
-        }
-        if (IsProgressDue(i, image.Chunks.size())) {
-            PrintProgress(record.DiskOffset + length, image.Header.DiskSize, startTicks);
-        }
+void RestoreChunk(const OpenImage& image, size_t index, HANDLE target, bool skipZero, uint8_t* readBuffer,
+                  uint8_t* plainBuffer) {
+    const ChunkRecord& record = image.Chunks[index];
+    const uint32_t length = image.PlainLength(index);
+    const uint8_t* plain = readBuffer;
+    if (record.StoredLength == 0) {
+        ReadChunkPlain(image, index, readBuffer);
+    } else {
+        plain = ReadNextStoredChunk(image, index, readBuffer, plainBuffer);
+    }
+    // Unexamined: an offset that the disk does not take is one that it does not write at either.
+    MoveFilePointer(target, record.DiskOffset);
+    if (skipZero && IsAllZero(plain, length)) {
+        return;
+    }
+    if (!WriteWhole(target, plain, length)) {
+        Fatal("WriteFile to target disk failed mid-restore - target disk left partially written, do not boot it yet",
+              0);
     }
 }
 
 } // namespace
 
-void RestoreImage(const std::string& inPath, int disk, bool confirmed, const std::string& passwordFile, bool skipZero) {
-    RefuseSystemDisk(disk);
-    RefuseUnconfirmed(confirmed);
-    OpenImage image = OpenImageFile(inPath, passwordFile, 0);
-    const HANDLE target = OpenDiskExclusive(disk);
+void RestoreImage(const RestoreOptions& options) {
+    RefuseSystemDisk(options.disk);
+    RefuseUnconfirmed(options.confirmed);
+    const OpenImage image = OpenImageFile(options.inPath, options.passwordFile, 0);
+    const HANDLE target = OpenDiskExclusive(options.disk);
     const DiskGeometry geometry = GetDiskGeometry(target);
-    CompareSizes(disk, geometry.length, image.Header.DiskSize);
-    std::printf("Restoring %s -> PhysicalDrive%d (%llu chunks, %.2f GiB)\n", inPath.c_str(), disk,
+    CompareSizes(options.disk, geometry.length, image.Header.DiskSize);
+    std::printf("Restoring %s -> PhysicalDrive%d (%llu chunks, %.2f GiB)\n", options.inPath.c_str(), options.disk,
                 static_cast<unsigned long long>(image.Header.ChunkCount), BytesToGiB(image.Header.DiskSize));
 
-    const uint64_t alignment = std::max<uint64_t>(geometry.sectorSize, smallestBufferAlignment);
+    const uint64_t alignment = AlignmentForDisk(geometry.sectorSize);
     const AlignedBuffer readBuffer(image.Header.ChunkSize, alignment);
-    PlainBuffer plainBuffer(image.Header.ChunkSize, alignment);
+    std::vector<uint8_t> plainArray(image.Header.ChunkSize + alignment);
+    uint8_t* const plainBuffer = AlignedBegin(plainArray, alignment);
     const uint64_t startTicks = GetTickCount64();
-    WriteChunks(image, target, skipZero, readBuffer.data(), plainBuffer.data(), startTicks);
+    for (size_t i = 0; i < image.Chunks.size(); ++i) {
+        RestoreChunk(image, i, target, options.skipZero, readBuffer.data(), plainBuffer);
+        if (IsProgressDue(i, image.Chunks.size())) {
+            PrintProgress(image.EndOnDisk(i), image.Header.DiskSize, startTicks);
+        }
+    }
     std::printf("\n");
 
     RefreshPartitionTable(target);

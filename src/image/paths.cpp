@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <stdlib.h>
+#include <string.h>
 
 namespace vornix {
 
@@ -32,13 +33,16 @@ bool PathExists(const std::string& path) {
     return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-bool ResolvePath(const std::string& path, std::string& absolute) {
-    std::array<char, 260> buffer;
-    if (_fullpath(buffer.data(), path.c_str(), buffer.size()) == nullptr) {
-        return false;
+std::optional<std::string> ResolvePath(const std::string& path) {
+    std::array<char, 260> absolute;
+    if (_fullpath(absolute.data(), path.c_str(), absolute.size()) == nullptr) {
+        return std::nullopt;
     }
-    absolute = buffer.data();
-    return true;
+    return absolute.data();
+}
+
+bool IsSamePath(const std::string& a, const std::string& b) {
+    return _stricmp(a.c_str(), b.c_str()) == 0;
 }
 
 } // namespace vornix

@@ -1,14 +1,15 @@
 // Rules about paths of image files.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace vornix {
 
 // A narrow path as a wide one of the same length: each byte is sign-extended to one 16-bit unit, with no code page in
 // between. A byte of 0x80 and above therefore does not become the character that it stands for, so that on Windows only
-// plain ASCII reaches the file that was meant. Images have always been opened this way, and names made this way are
-// found again.
+// plain ASCII reaches the file that was meant. Every open and every rename widens in this way, so that what was written
+// under a name is found under it again.
 std::wstring WidenPath(const std::string& narrow);
 
 // Everything up to and including the last backslash or forward slash; empty where there is neither. A colon separates
@@ -22,8 +23,11 @@ std::string FileNameOfPath(const std::string& path);
 // and an open through WidenPath may look at different names. Any failure of the question counts as absence.
 bool PathExists(const std::string& path);
 
-// Makes `path` absolute into `absolute` the way the platform's runtime does it. False where that fails, for one thing
-// where the result has 260 bytes or more.
-bool ResolvePath(const std::string& path, std::string& absolute);
+// `path` made absolute the way the platform's runtime does it. Empty where that fails, for one thing where the result
+// has 260 bytes or more.
+std::optional<std::string> ResolvePath(const std::string& path);
+
+// Whether two paths are the same text but for the case of ASCII letters.
+bool IsSamePath(const std::string& a, const std::string& b);
 
 } // namespace vornix

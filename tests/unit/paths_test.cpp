@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 
 namespace vornix {
@@ -58,18 +59,22 @@ TEST(FileNameOfPath, IsWhatStandsBehindTheFolder) {
 }
 
 TEST(ResolvePath, GivesNothingForAPathThatWouldBeTooLong) {
-    std::string absolute = "as before";
-    EXPECT_FALSE(ResolvePath(std::string(260, 'x'), absolute));
-    EXPECT_EQ(absolute, "as before");
+    EXPECT_EQ(ResolvePath(std::string(260, 'x')), std::nullopt);
 }
 
 TEST(ResolvePath, TakesDotsOutAndKeepsCaseAndBlanks) {
-    std::string first;
-    std::string second;
-    ASSERT_TRUE(ResolvePath(" An Image.vrnx", first));
-    ASSERT_TRUE(ResolvePath("folder/.././ An Image.vrnx", second));
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(FileNameOfPath(first), " An Image.vrnx");
+    const std::optional<std::string> absolute = ResolvePath(" An Image.vrnx");
+    ASSERT_TRUE(absolute.has_value());
+    EXPECT_EQ(ResolvePath("folder/.././ An Image.vrnx"), absolute);
+    EXPECT_EQ(FileNameOfPath(*absolute), " An Image.vrnx");
+}
+
+TEST(IsSamePath, CaseOfAsciiLettersIsNoDifference) {
+    EXPECT_TRUE(IsSamePath("C:\\Images\\A.vrnx", "c:\\iMAGES\\a.VRNX"));
+    EXPECT_FALSE(IsSamePath("a.vrnx", "a.vrn"));
+    EXPECT_FALSE(IsSamePath("a.vrn", "a.vrnx"));
+    EXPECT_FALSE(IsSamePath("a/b", "a\\b"));
+    EXPECT_FALSE(IsSamePath("\xC3\xA4", "\xC3\x84"));
 }
 
 } // namespace
