@@ -52,14 +52,14 @@ HRESULT WINAPI BenchCoInitializeSecurity(PSECURITY_DESCRIPTOR descriptor, LONG s
     call.Add("impersonation", impersonation);
     call.AddCode("capabilities", capabilities);
     return call.AnswerStatus([&] {
-        constexpr DWORD kHighestAuthentication = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
-        constexpr DWORD kHighestImpersonation = 4; // RPC_C_IMP_LEVEL_DELEGATE
+        constexpr DWORD highestAuthentication = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
+        constexpr DWORD highestImpersonation = 4; // RPC_C_IMP_LEVEL_DELEGATE
         if (descriptor != nullptr || serviceCount != -1 || services != nullptr || list != nullptr ||
             capabilities != EOAC_NONE) {
             EndUnsupported("security with a descriptor, services, a list or capabilities of its own");
         }
-        if (reserved1 != nullptr || reserved3 != nullptr || authentication > kHighestAuthentication ||
-            impersonation > kHighestImpersonation) {
+        if (reserved1 != nullptr || reserved3 != nullptr || authentication > highestAuthentication ||
+            impersonation > highestImpersonation) {
             return E_INVALIDARG;
         }
         if (!IsComRunning(*machine)) {

@@ -12,10 +12,10 @@ namespace vornix::bench {
 
 namespace {
 
-constexpr std::uint64_t kFrozenBlock = 65536;
+constexpr std::uint64_t frozenBlock = 65536;
 
 // The answer to IOCTL_DISK_GET_DRIVE_GEOMETRY_EX without partition or detection data, as the program asks for it.
-constexpr DWORD kGeometryBytes = 40;
+constexpr DWORD geometryBytes = 40;
 
 } // namespace
 
@@ -67,22 +67,22 @@ private:
 
     Outcome AnswerGeometry(const ControlRequest& request, DWORD& returned) const {
         DISK_GEOMETRY_EX answer = {};
-        static_assert(sizeof answer == kGeometryBytes);
-        if (request.OutLength < kGeometryBytes) {
+        static_assert(sizeof answer == geometryBytes);
+        if (request.OutLength < geometryBytes) {
             return FailWith(ERROR_INSUFFICIENT_BUFFER);
         }
-        constexpr std::uint32_t kTracks = 255;
-        constexpr std::uint32_t kSectors = 63;
+        constexpr std::uint32_t tracks = 255;
+        constexpr std::uint32_t sectors = 63;
         const DiskDescription& disk = disk_.Description();
-        const std::uint64_t cylinderBytes = std::uint64_t{kTracks} * kSectors * disk.SectorSize;
+        const std::uint64_t cylinderBytes = std::uint64_t{tracks} * sectors * disk.SectorSize;
         answer.Geometry.Cylinders.QuadPart = static_cast<LONGLONG>(disk.Length / cylinderBytes);
         answer.Geometry.MediaType = FixedMedia;
-        answer.Geometry.TracksPerCylinder = kTracks;
-        answer.Geometry.SectorsPerTrack = kSectors;
+        answer.Geometry.TracksPerCylinder = tracks;
+        answer.Geometry.SectorsPerTrack = sectors;
         answer.Geometry.BytesPerSector = disk.SectorSize;
         // DiskSize stays 0 on purpose: the length of a disk is what the other control code says.
-        std::memcpy(request.Out, &answer, kGeometryBytes);
-        returned = kGeometryBytes;
+        std::memcpy(request.Out, &answer, geometryBytes);
+        returned = geometryBytes;
         return {};
     }
 
@@ -123,8 +123,8 @@ OpenOutcome Disk::Open(const OpenRequest& request) {
     if (description_.OpenError != 0) {
         return RefuseOpen(description_.OpenError);
     }
-    constexpr DWORD kShareBoth = FILE_SHARE_READ | FILE_SHARE_WRITE;
-    if (description_.InUse && (request.Share & kShareBoth) != kShareBoth) {
+    constexpr DWORD shareBoth = FILE_SHARE_READ | FILE_SHARE_WRITE;
+    if (description_.InUse && (request.Share & shareBoth) != shareBoth) {
         return RefuseOpen(ERROR_SHARING_VIOLATION);
     }
     if (!file_->Open()) {
@@ -173,10 +173,10 @@ HostTransfer FrozenExtent::ReadAt(std::uint64_t offset, void* buffer, std::size_
     auto* const bytes = static_cast<std::uint8_t*>(buffer);
     while (transfer.Count < length && offset + transfer.Count < length_) {
         const std::uint64_t at = offset + transfer.Count;
-        const std::uint64_t inBlock = at % kFrozenBlock;
-        const std::uint64_t inExtent = std::min(kFrozenBlock - inBlock, length_ - at);
+        const std::uint64_t inBlock = at % frozenBlock;
+        const std::uint64_t inExtent = std::min(frozenBlock - inBlock, length_ - at);
         const auto step = static_cast<std::size_t>(std::min<std::uint64_t>(length - transfer.Count, inExtent));
-        const auto preserved = preserved_.find(at / kFrozenBlock);
+        const auto preserved = preserved_.find(at / frozenBlock);
         if (preserved == preserved_.end()) {
             const HostTransfer live = file_->ReadAt(start_ + at, bytes + transfer.Count, step);
             transfer.Error = live.Error;
@@ -198,7 +198,7 @@ void FrozenExtent::Preserve(std::uint64_t offset, std::uint64_t length) {
     if (first >= end) {
         return;
     }
-    for (std::uint64_t block = (first - start_) / kFrozenBlock; block <= (end - 1 - start_) / kFrozenBlock; ++block) {
+    for (std::uint64_t block = (first - start_) / frozenBlock; block <= (end - 1 - start_) / frozenBlock; ++block) {
         if (!preserved_.contains(block)) {
             preserved_.emplace(block, ReadBlock(block));
         }
@@ -206,8 +206,8 @@ void FrozenExtent::Preserve(std::uint64_t offset, std::uint64_t length) {
 }
 
 std::vector<std::uint8_t> FrozenExtent::ReadBlock(std::uint64_t block) {
-    const std::uint64_t offset = block * kFrozenBlock;
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(std::min(kFrozenBlock, length_ - offset)));
+    const std::uint64_t offset = block * frozenBlock;
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(std::min(frozenBlock, length_ - offset)));
     const HostTransfer transfer = file_->ReadAt(start_ + offset, bytes.data(), bytes.size());
     if (transfer.Error != 0 || transfer.Count != bytes.size()) {
         EndUnsupported("a disk that cannot be read back where its snapshot is kept");

@@ -45,10 +45,10 @@ Disk* FindDiskByDigits(Machine& machine, std::string_view digits) {
 
 // An open of a name in the device folder. Whatever the description does not list is not there.
 OpenOutcome OpenDevice(Machine& machine, const OpenRequest& request) {
-    constexpr std::string_view kDisk = "\\\\.\\PhysicalDrive";
+    constexpr std::string_view diskPrefix = "\\\\.\\PhysicalDrive";
     const std::string_view path = request.Path;
-    if (StartsWithoutCase(path, kDisk)) {
-        Disk* const disk = FindDiskByDigits(machine, path.substr(kDisk.size()));
+    if (StartsWithoutCase(path, diskPrefix)) {
+        Disk* const disk = FindDiskByDigits(machine, path.substr(diskPrefix.size()));
         return disk == nullptr ? RefuseOpen(ERROR_FILE_NOT_FOUND) : disk->Open(request);
     }
     if (StartsWithoutCase(path, "\\\\.\\C:") && path.size() == 6 && machine.Description.SystemVolume) {

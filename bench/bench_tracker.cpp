@@ -17,13 +17,13 @@ namespace vornix::bench {
 
 namespace {
 
-constexpr DWORD kAttach = 0x8C7D2004;
-constexpr DWORD kQuery = 0x8C7D2008;
-constexpr DWORD kCommit = 0x8C7D200C;
+constexpr DWORD attachCode = 0x8C7D2004;
+constexpr DWORD queryCode = 0x8C7D2008;
+constexpr DWORD commitCode = 0x8C7D200C;
 
-constexpr DWORD kDiskRequestBytes = 8;
-constexpr DWORD kCommitRequestBytes = 16;
-constexpr DWORD kStatusBytes = 48;
+constexpr DWORD diskRequestBytes = 8;
+constexpr DWORD commitRequestBytes = 16;
+constexpr DWORD statusBytes = 48;
 
 std::uint64_t ReadLittle(const void* bytes, std::size_t offset, std::size_t width) {
     const auto* const from = static_cast<const std::uint8_t*>(bytes) + offset;
@@ -64,11 +64,11 @@ public:
 
     Outcome Control(const ControlRequest& request, DWORD& returned) override {
         switch (request.Code) {
-        case kAttach:
+        case attachCode:
             return tracker_.Attach(request);
-        case kQuery:
+        case queryCode:
             return tracker_.Query(request, returned);
-        case kCommit:
+        case commitCode:
             return tracker_.Commit(request);
         default:
             return FailWith(ERROR_INVALID_FUNCTION);
@@ -158,34 +158,34 @@ void Tracker::Save() {
 
 Outcome Tracker::Attach(const ControlRequest& request) {
     DWORD error = 0;
-    return FindRequested(request, kDiskRequestBytes, error) == nullptr ? FailWith(error) : Outcome();
+    return FindRequested(request, diskRequestBytes, error) == nullptr ? FailWith(error) : Outcome();
 }
 
 Outcome Tracker::Query(const ControlRequest& request, DWORD& returned) {
     DWORD error = 0;
-    State* const state = FindRequested(request, kDiskRequestBytes, error);
+    State* const state = FindRequested(request, diskRequestBytes, error);
     if (state == nullptr) {
         return FailWith(error);
     }
-    if (request.OutLength < kStatusBytes) {
+    if (request.OutLength < statusBytes) {
         return FailWith(ERROR_INSUFFICIENT_BUFFER);
     }
     auto* const out = static_cast<std::uint8_t*>(request.Out);
     WriteStatus(out, state->Disk, state->Asked ? FirstReplyDescription() : state->Disk.FirstReply);
     state->Asked = true;
-    returned = kStatusBytes;
+    returned = statusBytes;
     const std::vector<std::uint8_t>& bitmap = state->Disk.Bitmap;
-    if (request.OutLength - kStatusBytes < bitmap.size()) {
+    if (request.OutLength - statusBytes < bitmap.size()) {
         return FailWith(ERROR_MORE_DATA);
     }
-    std::copy(bitmap.begin(), bitmap.end(), out + kStatusBytes);
-    returned = kStatusBytes + static_cast<DWORD>(bitmap.size());
+    std::copy(bitmap.begin(), bitmap.end(), out + statusBytes);
+    returned = statusBytes + static_cast<DWORD>(bitmap.size());
     return {};
 }
 
 Outcome Tracker::Commit(const ControlRequest& request) {
     DWORD error = 0;
-    State* const state = FindRequested(request, kCommitRequestBytes, error);
+    State* const state = FindRequested(request, commitRequestBytes, error);
     if (state == nullptr) {
         return FailWith(error);
     }

@@ -17,8 +17,8 @@ namespace vornix::bench {
 namespace {
 
 // Values apart from those of the handles that CreateFileW gives.
-constexpr std::uintptr_t kFirstSearch = 0x7A000000;
-constexpr std::uintptr_t kSearchStep = 4;
+constexpr std::uintptr_t firstSearch = 0x7A000000;
+constexpr std::uintptr_t searchStep = 4;
 
 class VolumeObject final : public OpenObject {
 public:
@@ -31,23 +31,23 @@ public:
         if (request.OutLength < sizeof(VOLUME_DISK_EXTENTS)) {
             return FailWith(ERROR_INSUFFICIENT_BUFFER);
         }
-        constexpr std::size_t kHead = offsetof(VOLUME_DISK_EXTENTS, Extents);
-        const std::size_t room = (request.OutLength - kHead) / sizeof(DISK_EXTENT);
+        constexpr std::size_t headLength = offsetof(VOLUME_DISK_EXTENTS, Extents);
+        const std::size_t room = (request.OutLength - headLength) / sizeof(DISK_EXTENT);
         if (extents_.size() > room) {
             return FailWith(ERROR_MORE_DATA);
         }
         auto* const out = static_cast<unsigned char*>(request.Out);
         VOLUME_DISK_EXTENTS head = {};
         head.NumberOfDiskExtents = static_cast<DWORD>(extents_.size());
-        std::memcpy(out, &head, kHead);
+        std::memcpy(out, &head, headLength);
         for (std::size_t index = 0; index < extents_.size(); ++index) {
             DISK_EXTENT extent = {};
             extent.DiskNumber = extents_[index].Disk;
             extent.StartingOffset.QuadPart = static_cast<LONGLONG>(extents_[index].Start);
             extent.ExtentLength.QuadPart = static_cast<LONGLONG>(extents_[index].Length);
-            std::memcpy(out + kHead + index * sizeof extent, &extent, sizeof extent);
+            std::memcpy(out + headLength + index * sizeof extent, &extent, sizeof extent);
         }
-        returned = static_cast<DWORD>(kHead + extents_.size() * sizeof(DISK_EXTENT));
+        returned = static_cast<DWORD>(headLength + extents_.size() * sizeof(DISK_EXTENT));
         return {};
     }
 
@@ -58,10 +58,10 @@ private:
 // Null for a handle that no FindFirstVolumeW of this machine gave, and for one that was closed.
 VolumeSearch* FindSearch(Machine& machine, HANDLE search) {
     const auto value = reinterpret_cast<std::uintptr_t>(search);
-    if (value < kFirstSearch || (value - kFirstSearch) % kSearchStep != 0) {
+    if (value < firstSearch || (value - firstSearch) % searchStep != 0) {
         return nullptr;
     }
-    const std::uintptr_t index = (value - kFirstSearch) / kSearchStep;
+    const std::uintptr_t index = (value - firstSearch) / searchStep;
     if (index >= machine.VolumeSearches.size() || machine.VolumeSearches[index].Closed) {
         return nullptr;
     }
@@ -131,7 +131,7 @@ HANDLE WINAPI BenchFindFirstVolumeW(LPWSTR name, DWORD length) {
     call.Add("name", Utf8FromWide(name));
     machine->VolumeSearches.push_back(search);
     call.FinishWithOutcome(outcome);
-    return reinterpret_cast<HANDLE>(kFirstSearch + kSearchStep * (machine->VolumeSearches.size() - 1));
+    return reinterpret_cast<HANDLE>(firstSearch + searchStep * (machine->VolumeSearches.size() - 1));
 }
 
 BOOL WINAPI BenchFindNextVolumeW(HANDLE search, LPWSTR name, DWORD length) {

@@ -8,7 +8,7 @@ namespace vornix::bench {
 
 namespace {
 
-constexpr CallTraits kCalls[] = {
+constexpr CallTraits knownCalls[] = {
     {.Name = "CreateFileW", .LastError = true},
     {.Name = "ReadFile", .LastError = true, .Reads = true, .Transfers = true},
     {.Name = "WriteFile", .LastError = true, .Transfers = true},
@@ -79,8 +79,8 @@ bool MatchesPath(const FaultEntry& entry, std::initializer_list<std::string_view
 } // namespace
 
 const CallTraits* FindCallTraits(std::string_view name) {
-    const auto* const end = kCalls + sizeof kCalls / sizeof kCalls[0];
-    const auto* const found = std::find_if(kCalls, end, [&](const CallTraits& call) { return call.Name == name; });
+    const auto* const end = knownCalls + sizeof knownCalls / sizeof knownCalls[0];
+    const auto* const found = std::find_if(knownCalls, end, [&](const CallTraits& call) { return call.Name == name; });
     return found == end ? nullptr : found;
 }
 

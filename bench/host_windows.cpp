@@ -107,7 +107,7 @@ private:
     // Repeats step(done, count, transferred, position) until all is transferred, the file ends or the host fails.
     template <typename Step>
     static HostTransfer TransferAll(std::uint64_t offset, std::size_t length, Step step) {
-        constexpr std::size_t kLargestStep = 1u << 30;
+        constexpr std::size_t largestStep = 1u << 30;
         HostTransfer transfer;
         while (transfer.Count < length) {
             const std::uint64_t at = offset + transfer.Count;
@@ -115,7 +115,7 @@ private:
             position.Offset = static_cast<DWORD>(at & 0xFFFFFFFF);
             position.OffsetHigh = static_cast<DWORD>(at >> 32);
             DWORD transferred = 0;
-            const auto count = static_cast<DWORD>(std::min(length - transfer.Count, kLargestStep));
+            const auto count = static_cast<DWORD>(std::min(length - transfer.Count, largestStep));
             if (!step(transfer.Count, count, &transferred, &position)) {
                 transfer.Error = GetLastError();
                 break;
@@ -170,8 +170,8 @@ void EndProcess(unsigned int status) {
 }
 
 void RaiseMissingLibrary() {
-    constexpr DWORD kModuleNotFound = 0xC06D007E; // as the delay-load helper raises it
-    RaiseException(kModuleNotFound, 0, 0, nullptr);
+    constexpr DWORD moduleNotFound = 0xC06D007E; // as the delay-load helper raises it
+    RaiseException(moduleNotFound, 0, 0, nullptr);
     EndUnsupported("a delay-loaded library that is missing and whose absence is ignored");
 }
 

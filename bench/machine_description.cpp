@@ -51,9 +51,9 @@ std::uint64_t ParseInteger(const Json& value, const std::string& where, std::uin
         number = value.get<std::uint64_t>();
     } else if (value.is_string()) {
         std::string_view digits = value.get_ref<const std::string&>();
-        constexpr std::string_view kHexDigits = "0123456789abcdefABCDEF";
+        constexpr std::string_view hexDigits = "0123456789abcdefABCDEF";
         if (!digits.starts_with("0x") || digits.size() == 2 ||
-            digits.find_first_not_of(kHexDigits, 2) != std::string_view::npos) {
+            digits.find_first_not_of(hexDigits, 2) != std::string_view::npos) {
             Reject(where, "is no number and no hexadecimal string such as \"0x10\"");
         }
         digits.remove_prefix(std::min(digits.find_first_not_of('0', 2), digits.size()));

@@ -12,8 +12,8 @@ namespace {
 
 // Far above the small multiples of four that Windows gives to the handles of the runtime's own, which reach the
 // machine's CloseHandle too and have to be told from these. The steps keep the two low bits clear, as in every handle.
-constexpr std::uintptr_t kFirstHandle = 0x7B000000;
-constexpr std::uintptr_t kHandleStep = 4;
+constexpr std::uintptr_t firstHandle = 0x7B000000;
+constexpr std::uintptr_t handleStep = 4;
 
 class HostFileObject final : public OpenObject {
 public:
@@ -114,14 +114,14 @@ OpenOutcome OpenHostFile(const OpenRequest& request) {
 }
 
 void RequireKnownDeviceOpen(const OpenRequest& request) {
-    constexpr DWORD kKnownAccess = GENERIC_READ | GENERIC_WRITE;
-    constexpr DWORD kKnownShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
+    constexpr DWORD knownAccess = GENERIC_READ | GENERIC_WRITE;
+    constexpr DWORD knownShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
     // What a device open may carry without another meaning than it has for these devices: their transfers reach the
     // host at once, in whatever order they come.
-    constexpr DWORD kKnownFlags =
+    constexpr DWORD knownFlags =
         FILE_ATTRIBUTE_NORMAL | FILE_FLAG_NO_BUFFERING | FILE_FLAG_SEQUENTIAL_SCAN | FILE_FLAG_WRITE_THROUGH;
-    if ((request.Access & ~kKnownAccess) != 0 || (request.Share & ~kKnownShare) != 0 ||
-        (request.Flags & ~kKnownFlags) != 0 || request.TemplateFile != nullptr) {
+    if ((request.Access & ~knownAccess) != 0 || (request.Share & ~knownShare) != 0 ||
+        (request.Flags & ~knownFlags) != 0 || request.TemplateFile != nullptr) {
         EndUnsupported("an open of the device " + request.Path + " with this access, share mode, flag or template");
     }
 }
@@ -205,15 +205,15 @@ Outcome SectorObject::Seek(std::int64_t distance, DWORD method) {
 
 HANDLE HandleTable::Add(const std::string& path, std::unique_ptr<OpenObject> object) {
     handles_.push_back(std::make_unique<OpenHandle>(OpenHandle{handles_.size() + 1, path, std::move(object)}));
-    return reinterpret_cast<HANDLE>(kFirstHandle + kHandleStep * (handles_.size() - 1));
+    return reinterpret_cast<HANDLE>(firstHandle + handleStep * (handles_.size() - 1));
 }
 
 OpenHandle* HandleTable::Find(HANDLE handle) {
     const auto value = reinterpret_cast<std::uintptr_t>(handle);
-    if (value < kFirstHandle || !IsWhole(value - kFirstHandle, kHandleStep)) {
+    if (value < firstHandle || !IsWhole(value - firstHandle, handleStep)) {
         return nullptr;
     }
-    const std::uintptr_t index = (value - kFirstHandle) / kHandleStep;
+    const std::uintptr_t index = (value - firstHandle) / handleStep;
     return index < handles_.size() ? handles_[index].get() : nullptr;
 }
 

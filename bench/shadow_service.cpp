@@ -19,10 +19,10 @@ namespace vornix::bench {
 namespace {
 
 // Published failures of the service that not every SDK header in use declares.
-constexpr auto kProviderNotRegistered = static_cast<HRESULT>(0x80042304u);
-constexpr auto kVolumeNotSupported = static_cast<HRESULT>(0x8004230Cu);
-constexpr auto kObjectAlreadyExists = static_cast<HRESULT>(0x8004230Du);
-constexpr auto kUnsupportedContext = static_cast<HRESULT>(0x8004231Bu);
+constexpr auto providerNotRegistered = static_cast<HRESULT>(0x80042304u);
+constexpr auto volumeNotSupported = static_cast<HRESULT>(0x8004230Cu);
+constexpr auto objectAlreadyExists = static_cast<HRESULT>(0x8004230Du);
+constexpr auto unsupportedContext = static_cast<HRESULT>(0x8004231Bu);
 
 bool IsSame(const VSS_ID& one, const VSS_ID& other) {
     return std::memcmp(&one, &other, sizeof one) == 0;
@@ -169,7 +169,7 @@ public:
         const bool inOrder =
             progress_->Initialized && !progress_->ContextSet && !progress_->MetadataAsked && !progress_->SetStarted;
         return AnswerStep(call, inOrder, &Progress::ContextSet,
-                          [&] { return context == VSS_CTX_BACKUP ? S_OK : kUnsupportedContext; });
+                          [&] { return context == VSS_CTX_BACKUP ? S_OK : unsupportedContext; });
     }
 
     HRESULT STDMETHODCALLTYPE SetBackupState(boolean selectComponents, boolean bootableState, VSS_BACKUP_TYPE type,
@@ -422,7 +422,7 @@ private:
             return VSS_E_BAD_STATE;
         }
         if (!IsNull(provider)) {
-            return kProviderNotRegistered;
+            return providerNotRegistered;
         }
         volume = FindVolumeByName(service_.description_, name);
         return volume == nullptr ? VSS_E_OBJECT_NOT_FOUND : S_OK;
@@ -435,11 +435,11 @@ private:
             return status;
         }
         if (!volume->Supported) {
-            return kVolumeNotSupported;
+            return volumeNotSupported;
         }
         for (const std::shared_ptr<Snapshot>& snapshot : snapshots_) {
             if (snapshot->Volume == volume) {
-                return kObjectAlreadyExists;
+                return objectAlreadyExists;
             }
         }
         snapshots_.push_back(service_.Add(*volume, setId_));

@@ -7,7 +7,7 @@ namespace vornix::bench {
 
 namespace {
 
-constexpr char32_t kReplacement = 0xFFFD;
+constexpr char32_t replacement = 0xFFFD;
 
 bool IsHighSurrogate(char32_t unit) {
     return unit >= 0xD800 && unit <= 0xDBFF;
@@ -103,7 +103,7 @@ std::string Utf8FromWide(const wchar_t* text) {
             AppendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
             ++text;
         } else {
-            AppendUtf8(out, IsHighSurrogate(unit) || IsLowSurrogate(unit) ? kReplacement : unit);
+            AppendUtf8(out, IsHighSurrogate(unit) || IsLowSurrogate(unit) ? replacement : unit);
         }
     }
     return out;
@@ -112,7 +112,7 @@ std::string Utf8FromWide(const wchar_t* text) {
 std::wstring WideFromUtf8(std::string_view text) {
     std::wstring out;
     while (!text.empty()) {
-        const char32_t point = TakeCodePoint(text).value_or(kReplacement);
+        const char32_t point = TakeCodePoint(text).value_or(replacement);
         if (point < 0x10000) {
             out.push_back(static_cast<wchar_t>(point));
         } else {
@@ -133,12 +133,12 @@ bool IsUtf8(std::string_view text) {
 }
 
 std::string HexFromBytes(const std::uint8_t* bytes, std::size_t count) {
-    constexpr char kDigits[] = "0123456789abcdef";
+    constexpr char digits[] = "0123456789abcdef";
     std::string out;
     out.reserve(2 * count);
     for (std::size_t index = 0; index < count; ++index) {
-        out.push_back(kDigits[bytes[index] >> 4]);
-        out.push_back(kDigits[bytes[index] & 0x0F]);
+        out.push_back(digits[bytes[index] >> 4]);
+        out.push_back(digits[bytes[index] & 0x0F]);
     }
     return out;
 }

@@ -24,6 +24,8 @@ LOWER_ROOMS = {
 }
 # What the rooms above may take from the front end; the rest of it is main's.
 FRONT_END_FOR_ALL = {"cli/fatal.h", "cli/progress.h"}
+# What a room keeps for itself.
+PRIVATE_HEADERS = {"crypto/cng.h"}
 # The files that choose the command, and so see every room.
 DISPATCHERS = {"src/cli/command_line.cpp", "src/cli/main.cpp"}
 
@@ -119,7 +121,7 @@ def rooms_look_downwards(tree):
             target = name.split("/")[0]
             if bracket == "<" or target == room:
                 continue
-            if target not in LOWER_ROOMS[room]:
+            if target not in LOWER_ROOMS[room] or name in PRIVATE_HEADERS:
                 problems.append(f"{path}: {room}/ may not see {name}")
             elif target == "cli" and name not in FRONT_END_FOR_ALL:
                 problems.append(f"{path}: of the front end only {', '.join(sorted(FRONT_END_FOR_ALL))} are for {room}/")
@@ -406,6 +408,44 @@ def functions_fit_a_reader(tree):
             for folder in ("src/", "reader/") for path, text in of_kind(tree, folder)
             for name, first, last, _ in functions(text)
             if last - first + 1 > MAX_FUNCTION_LINES]
+
+
+# --- Names ---------------------------------------------------------------------------------------------------------
+
+CONSTANT = re.compile(r"\bconstexpr\s[\w:<>,*&\s]*?[\s*&](\w+)\s*(?:\[[^\]]*\]\s*)?[={]")
+# What follows Windows follows its names as well.
+CONSTANT_NAME = re.compile(r"(?!k[A-Z])[a-z][a-zA-Z0-9]*|IOCTL_\w+")
+MEMBER = re.compile(r"^\s*(?!friend|using|return|struct|class|enum)(?:[\w:<>,&*]+\s+)+[&*]*(?:\w+::\*)?(\w+)"
+                    r"(?:\s*=[^;]*|\{[^;]*\})?;\s*$")
+
+
+def constants_have_plain_names(tree):
+    """A constant is called largestChunk: no prefix, no capitals."""
+    return [f"{path}: the constant {name} is not named like the others"
+            for path, text in of_kind(tree, "") if not path.startswith("platform/sdk/")
+            for name in CONSTANT.findall(without_comments_and_strings(text)) if not CONSTANT_NAME.fullmatch(name)]
+
+
+def private_members_end_in_an_underscore(tree):
+    """A private member is called access_, so that a method's line says whose a name is; a record's fields are not."""
+    problems = []
+    for path, text in of_kind(tree, ""):
+        depth, classes = 0, []  # of each class around the line: its depth, and whether what comes is private
+        for number, line in enumerate(without_comments_and_strings(text).split("\n"), 1):
+            label = re.match(r"\s*(public|protected|private):", line)
+            if label and classes:
+                classes[-1][1] = label.group(1) == "private"
+            member = MEMBER.match(line)
+            if (member and classes and classes[-1] == [depth, True] and "constexpr" not in line
+                    and not re.fullmatch(r"[a-z]\w*_", member.group(1))):
+                problems.append(f"{path}:{number}: the private member {member.group(1)} has no underscore behind it")
+            head = re.match(r"\s*(class|struct)\s[^;()]*\{", line)
+            depth += line.count("{") - line.count("}")
+            if head:
+                classes.append([depth, head.group(1) == "class"])
+            while classes and depth < classes[-1][0]:
+                classes.pop()
+    return problems
 
 
 # --- The tests -----------------------------------------------------------------------------------------------------

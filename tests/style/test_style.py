@@ -59,6 +59,7 @@ PROOFS = {
         [{"src/disk/a.cpp": '#include "commands/capture.h"\n'},
          {"src/disk/a.cpp": '#include "image/open_image.h"\n'},
          {"src/commands/a.cpp": '#include "cli/options.h"\n'},
+         {"src/image/a.cpp": '#include "crypto/cng.h"\n'},
          {"src/cli/progress.cpp": '#include "disk/a.h"\n'},
          {"src/attic/a.cpp": ""}],
         [{"src/cli/command_line.cpp": '#include "commands/capture.h"\n', "src/disk/a.cpp": '#include "cli/fatal.h"\n',
@@ -124,6 +125,22 @@ PROOFS = {
         [{"src/a.cpp": "// What it is.\n", "reader/include/a.h": "/* What it is. */\n",
           "a.py": '#!/usr/bin/env python3\n"""What it is."""\n',
           "b.py": '"""What it is."""\n', "check": "#!/bin/sh\n# What it is.\n", "README.md": "Text\n"}]),
+    rules.constants_have_plain_names: (
+        [{"bench/a.cpp": "constexpr DWORD kBlock = 4096;\n"},
+         {"src/disk/a.cpp": "constexpr const char* BlockName = name;\n"},
+         {"platform/linux/a.cpp": "    static constexpr uint8_t BLOCKS[] = {1};\n"}],
+        [{"src/disk/a.cpp": "constexpr std::array<char, 8> imageMagic = {'V'};\n// constexpr int kOld = 1;\n"
+                            "constexpr DWORD IOCTL_TRACKER_QUERY = CTL_CODE(1);\nconstexpr int Twice(int n) {\n}\n",
+          "platform/sdk/a.h": "constexpr DWORD TRUE = 1;\n"}]),
+    rules.private_members_end_in_an_underscore: (
+        [{"src/crypto/a.h": "class Key {\npublic:\n    Key();\nprivate:\n    void* Handle = nullptr;\n};\n"},
+         {"bench/a.h": "class File {\n    std::vector<uint8_t> bytes;\n};\n"},
+         {"bench/a.h": "struct Log {\nprivate:\n    Machine& machine;\n};\n"}],
+        [{"src/crypto/a.h": "class Key final : public Object {\npublic:\n    int Count = 0;\n\nprivate:\n"
+                            "    struct State {\n        bool Asked = false;\n    };\n    friend class Lock;\n"
+                            "    void Release() {\n        int count = 0;\n    }\n    bool Progress::*done_;\n"
+                            "    static constexpr int step = 1;\n    const std::map<int, int> states_{};\n};\n"
+                            "struct Record {\n    int Offset;\n};\n"}]),
     rules.functions_fit_a_reader: (
         [{"src/cli/a.cpp": LONG_FUNCTION}, {"src/cli/a.cpp": "namespace vornix {\n\n" + LONG_FUNCTION + "\n}\n"},
          {"src/cli/a.h": "class A {\n    " + LONG_FUNCTION.replace("Run()", "Run() const") + "};\n"}],

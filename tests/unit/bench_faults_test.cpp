@@ -179,9 +179,9 @@ TEST(FaultEffects, EverySwappedCallOfTheListIsKnown) {
 #undef VORNIX_NAME_SHARED
     ASSERT_GT(names.size(), 30u);
     for (std::string name : names) {
-        constexpr std::string_view kSuffix = "Internal";
-        if (name.ends_with(kSuffix)) {
-            name.resize(name.size() - kSuffix.size());
+        constexpr std::string_view suffix = "Internal";
+        if (name.ends_with(suffix)) {
+            name.resize(name.size() - suffix.size());
         }
         EXPECT_NE(FindCallTraits(name), nullptr) << name;
     }

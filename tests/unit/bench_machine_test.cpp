@@ -21,8 +21,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr DWORD kReadWrite = GENERIC_READ | GENERIC_WRITE;
-constexpr DWORD kShareBoth = FILE_SHARE_READ | FILE_SHARE_WRITE;
+constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD shareBoth = FILE_SHARE_READ | FILE_SHARE_WRITE;
 
 LARGE_INTEGER At(long long offset) {
     LARGE_INTEGER value;
@@ -103,12 +103,12 @@ protected:
         return lines;
     }
 
-    static HANDLE Open(const wchar_t* path, DWORD access = GENERIC_READ, DWORD share = kShareBoth, DWORD flags = 0) {
+    static HANDLE Open(const wchar_t* path, DWORD access = GENERIC_READ, DWORD share = shareBoth, DWORD flags = 0) {
         return CreateFileW(path, access, share, nullptr, OPEN_EXISTING, flags, nullptr);
     }
 
     // The last error of an open that must fail.
-    static DWORD OpenError(const wchar_t* path, DWORD access = GENERIC_READ, DWORD share = kShareBoth) {
+    static DWORD OpenError(const wchar_t* path, DWORD access = GENERIC_READ, DWORD share = shareBoth) {
         SetLastError(0);
         const HANDLE handle = Open(path, access, share);
         const DWORD error = GetLastError();
@@ -135,12 +135,12 @@ private:
     std::filesystem::path folder_;
 };
 
-constexpr wchar_t kDisk1[] = L"\\\\.\\PhysicalDrive1";
+constexpr wchar_t disk1Path[] = L"\\\\.\\PhysicalDrive1";
 
 TEST_F(MachineTest, ADiskAnswersLengthAndGeometry) {
     MakeDisk("d", 8192);
     Start({{"disks", {{{"number", 1}, {"file", "d"}, {"sector_size", 4096}, {"length", 12288}}}}});
-    const HANDLE disk = Open(kDisk1);
+    const HANDLE disk = Open(disk1Path);
     ASSERT_NE(disk, INVALID_HANDLE_VALUE);
     GET_LENGTH_INFORMATION length = {};
     DWORD returned = 0;
@@ -167,7 +167,7 @@ TEST_F(MachineTest, ADiskIsReadWithinItsLengthAndItsFile) {
     MakeDisk("d", 2048);
     Start({{"disks",
             {{{"number", 1}, {"file", "d"}, {"length", 4096}}, {{"number", 2}, {"file", "d"}, {"length", 1024}}}}});
-    const HANDLE longer = Open(kDisk1);
+    const HANDLE longer = Open(disk1Path);
     std::uint8_t bytes[4096] = {};
     EXPECT_EQ(Read(longer, 512, bytes, 1024), 1024);
     EXPECT_EQ(bytes[0], 1);
@@ -187,29 +187,29 @@ TEST_F(MachineTest, AnUnbufferedHandleTakesWholeSectorsAtAlignedAddresses) {
             {{{"number", 1}, {"file", "d"}, {"sector_size", 4096}},
              {{"number", 2}, {"file", "d"}, {"sector_size", 520}}}}});
     Block block(16384);
-    const HANDLE disk = Open(kDisk1, GENERIC_READ, kShareBoth, FILE_FLAG_NO_BUFFERING);
+    const HANDLE disk = Open(disk1Path, GENERIC_READ, shareBoth, FILE_FLAG_NO_BUFFERING);
     EXPECT_EQ(Read(disk, 4096, block.Data(), 4096), 4096);
     EXPECT_EQ(Read(disk, 512, block.Data(), 4096), -87);
     EXPECT_EQ(Read(disk, 0, block.Data(), 512), -87);
     EXPECT_EQ(Read(disk, 0, block.Data() + 512, 4096), -87);
     EXPECT_EQ(Read(disk, 0, block.Data(), 0), 0);
-    const HANDLE odd = Open(L"\\\\.\\PhysicalDrive2", GENERIC_READ, kShareBoth, FILE_FLAG_NO_BUFFERING);
+    const HANDLE odd = Open(L"\\\\.\\PhysicalDrive2", GENERIC_READ, shareBoth, FILE_FLAG_NO_BUFFERING);
     EXPECT_EQ(Read(odd, 520, block.Data() + 512, 1040), 1040);
     EXPECT_EQ(Read(odd, 520, block.Data() + 520, 1040), -87);
     EXPECT_EQ(Read(odd, 520, block.Data(), 512), -87);
-    const HANDLE buffered = Open(kDisk1);
+    const HANDLE buffered = Open(disk1Path);
     EXPECT_EQ(Read(buffered, 1, block.Data() + 1, 3), 3);
 }
 
 TEST_F(MachineTest, AWriteReachesTheFileAtOnceAndNeedsTheRight) {
     MakeDisk("d", 1024);
     Start({{"disks", {{{"number", 1}, {"file", "d"}}}}});
-    const HANDLE disk = Open(kDisk1, kReadWrite);
+    const HANDLE disk = Open(disk1Path, readWrite);
     EXPECT_EQ(Write(disk, 512, "xyz", 3), 3);
     EXPECT_EQ(ContentOf("d").substr(512, 4), std::string("xyz\x01", 4));
-    const HANDLE reader = Open(kDisk1);
+    const HANDLE reader = Open(disk1Path);
     EXPECT_EQ(Write(reader, 512, "abc", 3), -5);
-    const HANDLE writer = Open(kDisk1, GENERIC_WRITE);
+    const HANDLE writer = Open(disk1Path, GENERIC_WRITE);
     char byte = 0;
     EXPECT_EQ(Read(writer, 512, &byte, 1), -5);
     EXPECT_EQ(ContentOf("d").substr(512, 3), "xyz");
@@ -222,18 +222,18 @@ TEST_F(MachineTest, ShareModesHoldAmongTheHandlesOfARun) {
              {{"number", 2}, {"file", "d"}, {"in_use", true}},
              {{"number", 3}, {"file", "d"}, {"open_error", 5}},
              {{"number", 2147483647}, {"file", "d"}}}}});
-    const HANDLE exclusive = Open(kDisk1, kReadWrite, 0);
+    const HANDLE exclusive = Open(disk1Path, readWrite, 0);
     ASSERT_NE(exclusive, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(OpenError(kDisk1), 32u);
+    EXPECT_EQ(OpenError(disk1Path), 32u);
     EXPECT_TRUE(CloseHandle(exclusive));
-    const HANDLE reader = Open(kDisk1, GENERIC_READ, FILE_SHARE_READ);
-    EXPECT_EQ(OpenError(kDisk1, kReadWrite), 32u);
-    EXPECT_EQ(OpenError(kDisk1, GENERIC_READ, FILE_SHARE_WRITE), 32u);
-    const HANDLE second = Open(kDisk1);
+    const HANDLE reader = Open(disk1Path, GENERIC_READ, FILE_SHARE_READ);
+    EXPECT_EQ(OpenError(disk1Path, readWrite), 32u);
+    EXPECT_EQ(OpenError(disk1Path, GENERIC_READ, FILE_SHARE_WRITE), 32u);
+    const HANDLE second = Open(disk1Path);
     EXPECT_NE(second, INVALID_HANDLE_VALUE);
     EXPECT_TRUE(CloseHandle(second));
     EXPECT_TRUE(CloseHandle(reader));
-    EXPECT_EQ(OpenError(L"\\\\.\\PhysicalDrive2", kReadWrite, 0), 32u);
+    EXPECT_EQ(OpenError(L"\\\\.\\PhysicalDrive2", readWrite, 0), 32u);
     EXPECT_EQ(OpenError(L"\\\\.\\PhysicalDrive2", GENERIC_READ, FILE_SHARE_READ), 32u);
     EXPECT_NE(Open(L"\\\\.\\PhysicalDrive2"), INVALID_HANDLE_VALUE);
     EXPECT_EQ(OpenError(L"\\\\.\\PhysicalDrive3"), 5u);
@@ -258,7 +258,7 @@ TEST_F(MachineTest, ADeviceIsNotMadeByOpeningIt) {
         return GetLastError();
     };
     for (const DWORD disposition : {DWORD{CREATE_NEW}, DWORD{CREATE_ALWAYS}}) {
-        EXPECT_EQ(error(kDisk1, disposition), 87u);
+        EXPECT_EQ(error(disk1Path, disposition), 87u);
         EXPECT_EQ(error(L"\\\\.\\C:", disposition), 87u);
         EXPECT_EQ(error(L"\\\\?\\Volume{1}", disposition), 87u);
         for (const wchar_t* missing :
@@ -268,17 +268,17 @@ TEST_F(MachineTest, ADeviceIsNotMadeByOpeningIt) {
         }
     }
     // Nothing of a refused open stands in the way of another.
-    EXPECT_NE(Open(kDisk1, kReadWrite, 0), INVALID_HANDLE_VALUE);
+    EXPECT_NE(Open(disk1Path, readWrite, 0), INVALID_HANDLE_VALUE);
 }
 
 TEST_F(MachineTest, AClosedHandleIsRefusedAndItsNumberNotUsedAgain) {
     MakeDisk("d", 1024);
     Start({{"disks", {{{"number", 1}, {"file", "d"}}}}, {"calls", "calls.jsonl"}});
-    const HANDLE first = Open(kDisk1);
+    const HANDLE first = Open(disk1Path);
     EXPECT_TRUE(CloseHandle(first));
     EXPECT_FALSE(CloseHandle(first));
     EXPECT_EQ(GetLastError(), 6u);
-    EXPECT_NE(Open(kDisk1), first);
+    EXPECT_NE(Open(disk1Path), first);
     const std::vector<Json> log = Log();
     ASSERT_EQ(log.size(), 4u);
     EXPECT_EQ(log[0]["handle"], 1);
@@ -340,7 +340,7 @@ protected:
         MakeDisk("d", 1u << 20);
         MakeFile("tracker.json", Json({{"disks", {tracked}}}).dump());
         Start({{"disks", {{{"number", 1}, {"file", "d"}}}}, {"tracker", "tracker.json"}});
-        device_ = Open(L"\\\\.\\Wendrel", kReadWrite, 0);
+        device_ = Open(L"\\\\.\\Wendrel", readWrite, 0);
         ASSERT_NE(device_, INVALID_HANDLE_VALUE);
     }
 
@@ -367,18 +367,18 @@ protected:
     DWORD returned_ = 0;
 };
 
-constexpr DWORD kAttach = 0x8C7D2004;
-constexpr DWORD kQuery = 0x8C7D2008;
-constexpr DWORD kCommit = 0x8C7D200C;
+constexpr DWORD attachCode = 0x8C7D2004;
+constexpr DWORD queryCode = 0x8C7D2008;
+constexpr DWORD commitCode = 0x8C7D200C;
 
 TEST_F(TrackerTest, AQueryFillsTheStatusAndTheBitmapWhereItFits) {
     StartTracking(
         {{"number", 1}, {"previous_epoch", 16}, {"has_previous_epoch", 1}, {"current_epoch", 17}, {"bitmap", "0180"}});
-    EXPECT_EQ(Request(kAttach, 1, nullptr), 0u);
-    EXPECT_EQ(Request(kAttach, 2, nullptr), 2u);
-    EXPECT_EQ(OpenError(L"\\\\.\\Wendrel", kReadWrite, 0), 32u);
+    EXPECT_EQ(Request(attachCode, 1, nullptr), 0u);
+    EXPECT_EQ(Request(attachCode, 2, nullptr), 2u);
+    EXPECT_EQ(OpenError(L"\\\\.\\Wendrel", readWrite, 0), 32u);
     std::vector<std::uint8_t> out(49, 0xEE);
-    EXPECT_EQ(Request(kQuery, 1, &out), 234u);
+    EXPECT_EQ(Request(queryCode, 1, &out), 234u);
     EXPECT_EQ(returned_, 48u);
     EXPECT_EQ(NumberAt<std::uint32_t>(out, 0), 1u);
     EXPECT_EQ(NumberAt<std::uint32_t>(out, 4), 1u);
@@ -391,7 +391,7 @@ TEST_F(TrackerTest, AQueryFillsTheStatusAndTheBitmapWhereItFits) {
     EXPECT_EQ(NumberAt<std::uint32_t>(out, 44), 2u);
     EXPECT_EQ(out[48], 0xEE);
     out.assign(51, 0xEE);
-    EXPECT_EQ(Request(kQuery, 1, &out), 0u);
+    EXPECT_EQ(Request(queryCode, 1, &out), 0u);
     EXPECT_EQ(returned_, 50u);
     EXPECT_EQ(out[48], 0x01);
     EXPECT_EQ(out[49], 0x80);
@@ -402,17 +402,17 @@ TEST_F(TrackerTest, AQueryFillsTheStatusAndTheBitmapWhereItFits) {
 TEST_F(TrackerTest, TheFirstReplyAloneIsOverridden) {
     StartTracking({{"number", 1}, {"first_reply", {{"bitmap_bytes", 3}, {"gap", 9}}}});
     std::vector<std::uint8_t> out(50, 0);
-    EXPECT_EQ(Request(kQuery, 1, &out), 0u);
+    EXPECT_EQ(Request(queryCode, 1, &out), 0u);
     EXPECT_EQ(NumberAt<std::uint32_t>(out, 28), 9u);
     EXPECT_EQ(NumberAt<std::uint32_t>(out, 44), 3u);
-    EXPECT_EQ(Request(kQuery, 1, &out), 0u);
+    EXPECT_EQ(Request(queryCode, 1, &out), 0u);
     EXPECT_EQ(NumberAt<std::uint32_t>(out, 28), 0u);
     EXPECT_EQ(NumberAt<std::uint32_t>(out, 44), 2u);
 }
 
 TEST_F(TrackerTest, ACommitRewritesTheFileAndKeepsTheRest) {
     StartTracking({{"number", 1}, {"gap", 1}, {"other_gap", 1}, {"active", 5}, {"bitmap", "ff"}});
-    EXPECT_EQ(Request(kCommit, 1, nullptr, 0x123456789AULL), 0u);
+    EXPECT_EQ(Request(commitCode, 1, nullptr, 0x123456789AULL), 0u);
     const Json disk = Json::parse(ContentOf("tracker.json"))["disks"][0];
     EXPECT_EQ(disk["has_previous_epoch"], 1);
     EXPECT_EQ(disk["previous_epoch"], 0x123456789AULL);
@@ -425,13 +425,13 @@ TEST_F(TrackerTest, ACommitRewritesTheFileAndKeepsTheRest) {
 
 TEST_F(TrackerTest, AWriteOfTheProgramSetsItsBitsAndAPokeDoesNot) {
     StartTracking({{"number", 1}});
-    const HANDLE disk = Open(kDisk1, kReadWrite);
+    const HANDLE disk = Open(disk1Path, readWrite);
     const std::string bytes(512, 'w');
     EXPECT_EQ(Write(disk, 65536 - 256, bytes.data(), 512), 512);
     EXPECT_EQ(Write(disk, (1 << 20) - 512, bytes.data(), 512), 512);
     ASSERT_TRUE(CurrentMachine()->FindDisk(1)->Poke(5 * 65536, {1, 2, 3}));
     std::vector<std::uint8_t> out(50, 0);
-    EXPECT_EQ(Request(kQuery, 1, &out), 0u);
+    EXPECT_EQ(Request(queryCode, 1, &out), 0u);
     EXPECT_EQ(out[48], 0x03);
     EXPECT_EQ(out[49], 0x80);
     // The file follows when the run ends.
@@ -442,7 +442,7 @@ TEST_F(TrackerTest, AWriteOfTheProgramSetsItsBitsAndAPokeDoesNot) {
 
 TEST_F(TrackerTest, BitsBehindTheEndOfTheBitmapAreDropped) {
     StartTracking({{"number", 1}, {"bitmap", "00"}});
-    const HANDLE disk = Open(kDisk1, kReadWrite);
+    const HANDLE disk = Open(disk1Path, readWrite);
     const std::string bytes(2 * 65536, 'w');
     EXPECT_EQ(Write(disk, 7 * 65536, bytes.data(), 2 * 65536), 2 * 65536);
     EXPECT_EQ(Write(disk, 12 * 65536, bytes.data(), 512), 512);
@@ -452,8 +452,8 @@ TEST_F(TrackerTest, BitsBehindTheEndOfTheBitmapAreDropped) {
 
 class ShadowTest : public MachineTest {
 protected:
-    static constexpr wchar_t kName[] = L"\\\\?\\Volume{1}\\";
-    static constexpr wchar_t kDevice[] = L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy1";
+    static constexpr wchar_t volumeName[] = L"\\\\?\\Volume{1}\\";
+    static constexpr wchar_t deviceName[] = L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy1";
 
     void StartService(Json volume = Json::object(), DWORD diskCount = 1) {
         MakeDisk("d", 1u << 20);
@@ -521,7 +521,7 @@ protected:
 
     WCHAR* Name() { return name_.data(); }
 
-    std::wstring name_ = kName;
+    std::wstring name_ = volumeName;
     IVssBackupComponents* components_ = nullptr;
     VSS_ID setId_ = {};
     VSS_ID snapshotId_ = {};
@@ -530,19 +530,19 @@ protected:
 TEST_F(ShadowTest, TheServiceFreezesTheBytesUntilTheSetIsDeleted) {
     StartService();
     Prepare();
-    EXPECT_EQ(OpenError(kDevice), 2u);
+    EXPECT_EQ(OpenError(deviceName), 2u);
     TakeSnapshots();
     VSS_SNAPSHOT_PROP properties = {};
     ASSERT_EQ(components_->GetSnapshotProperties(snapshotId_, &properties), S_OK);
     EXPECT_STREQ(properties.m_pwszSnapshotDeviceObject, L"\\Device\\HarddiskVolumeShadowCopy1");
-    EXPECT_STREQ(properties.m_pwszOriginalVolumeName, kName);
+    EXPECT_STREQ(properties.m_pwszOriginalVolumeName, volumeName);
     VssFreeSnapshotProperties(&properties);
 
-    const HANDLE live = Open(kDisk1, kReadWrite);
+    const HANDLE live = Open(disk1Path, readWrite);
     const std::string changed(8192, 'x');
     EXPECT_EQ(Write(live, 4096 + 65536 - 4096, changed.data(), 8192), 8192);
     EXPECT_EQ(Write(live, 0, changed.data(), 8192), 8192);
-    const HANDLE device = Open(kDevice, GENERIC_READ, FILE_SHARE_READ, FILE_FLAG_NO_BUFFERING);
+    const HANDLE device = Open(deviceName, GENERIC_READ, FILE_SHARE_READ, FILE_FLAG_NO_BUFFERING);
     ASSERT_NE(device, INVALID_HANDLE_VALUE);
     Block block(262144);
     EXPECT_EQ(Read(device, 0, block.Data(), 262144), 262144);
@@ -556,7 +556,7 @@ TEST_F(ShadowTest, TheServiceFreezesTheBytesUntilTheSetIsDeleted) {
     EXPECT_EQ(Finish(&IVssBackupComponents::BackupComplete), VSS_S_ASYNC_FINISHED);
     EXPECT_EQ(DeleteSet(), S_OK);
     EXPECT_EQ(DeleteSet(), VSS_E_OBJECT_NOT_FOUND);
-    EXPECT_EQ(OpenError(kDevice), 2u);
+    EXPECT_EQ(OpenError(deviceName), 2u);
     EXPECT_LT(Read(device, 0, block.Data(), 4096), 0);
 }
 
@@ -564,9 +564,9 @@ TEST_F(ShadowTest, DisksOfOneFileShareWhatIsFrozen) {
     StartService(Json::object(), 2);
     Prepare();
     TakeSnapshots();
-    const HANDLE other = Open(L"\\\\.\\PhysicalDrive2", kReadWrite);
+    const HANDLE other = Open(L"\\\\.\\PhysicalDrive2", readWrite);
     EXPECT_EQ(Write(other, 4096, "x", 1), 1);
-    const HANDLE device = Open(kDevice, GENERIC_READ, FILE_SHARE_READ);
+    const HANDLE device = Open(deviceName, GENERIC_READ, FILE_SHARE_READ);
     char byte = 0;
     EXPECT_EQ(Read(device, 0, &byte, 1), 1);
     EXPECT_EQ(byte, 8);
@@ -731,10 +731,10 @@ TEST_F(ShadowTest, TheSnapshotsEndWithTheSession) {
     StartService();
     Prepare();
     TakeSnapshots();
-    EXPECT_NE(Open(kDevice, GENERIC_READ, FILE_SHARE_READ), INVALID_HANDLE_VALUE);
+    EXPECT_NE(Open(deviceName, GENERIC_READ, FILE_SHARE_READ), INVALID_HANDLE_VALUE);
     EXPECT_EQ(components_->Release(), 0u);
     components_ = nullptr;
-    EXPECT_EQ(OpenError(kDevice), 2u);
+    EXPECT_EQ(OpenError(deviceName), 2u);
 }
 
 TEST_F(MachineTest, ComMustBeStartedFirst) {
@@ -775,7 +775,7 @@ TEST_F(MachineTest, APokeIsWrittenBeforeItsCallAndAFlipAfterIt) {
              {{"call", "ReadFile"}, {"transferred", 1}, {"error", 23}},
              {{"call", "ReadFile"}, {"transferred", 1}},
              {{"call", "ReadFile"}, {"error", 1117}}}}});
-    const HANDLE disk = Open(kDisk1);
+    const HANDLE disk = Open(disk1Path);
     std::uint8_t bytes[2] = {};
     EXPECT_EQ(Read(disk, 512, bytes, 2), 2);
     EXPECT_EQ(bytes[0], 0xAA);
@@ -794,7 +794,7 @@ TEST_F(MachineTest, AHostFileKeepsItsPlaceInTheLog) {
     for (const char letter : PathOf("file")) {
         path.push_back(static_cast<wchar_t>(letter));
     }
-    const HANDLE file = CreateFileW(path.c_str(), kReadWrite, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE file = CreateFileW(path.c_str(), readWrite, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     ASSERT_NE(file, INVALID_HANDLE_VALUE);
     EXPECT_EQ(Write(file, 3, "abc", 3), 3);
     DWORD count = 0;
