@@ -1,5 +1,5 @@
 """The process that the product is: what it does about streams that were closed, names of devices in place of images,
-signals, output that does not arrive, and secrets in its memory.
+signals, output that does not arrive, and secrets in its memory; on Windows, where its libraries come from.
 
 Runs of vornix itself. What needs a disk has loop devices of its own, and is skipped where there can be none.
 """
@@ -23,7 +23,7 @@ from console import fatal
 from consolidate_runs import plain_full_image
 from image import build_image, check_image
 from loop_disks import LoopDisks, reason_to_skip
-from machine import SETTINGS, pattern
+from machine import CHECKOUT, SETTINGS, pattern
 from product import ABSENT, Product
 from sealing import PASSWORD
 
@@ -435,6 +435,69 @@ class Permissions(Native):
                                  preexec_fn=lambda mask=mask: os.umask(mask))
             self.assertEqual(done.returncode, 0)
             self.assertEqual(stat.S_IMODE(os.stat(product.path(f"{mask}.vrnx")).st_mode), 0o600)
+
+
+class Libraries(suite.Scenario):
+    """Libraries that lie beside the executable are not loaded, whatever their names."""
+
+    recorded = False
+    COMPILER = "x86_64-w64-mingw32-gcc"
+    # What runs when the library is loaded leaves a trace; the exports are there for a loader that insists on them.
+    SOURCE = """
+__declspec(dllimport) int CreateDirectoryA(const char* path, void* security);
+int DllMain(void* instance, unsigned reason, void* reserved) {
+    CreateDirectoryA("planted", 0);
+    return 1;
+}
+"""
+
+    def setUp(self):
+        super().setUp()
+        if not self.settings.windows:
+            self.skipTest("libraries that are looked for beside the executable are Windows' own")
+        if shutil.which(self.COMPILER) is None:
+            self.skipTest(f"there is no {self.COMPILER} here")
+
+    def plant(self, name, folder):
+        with open(os.path.join(CHECKOUT, "platform", "windows", name + ".def"), encoding="utf-8") as file:
+            exports = file.read().split("EXPORTS\n")[1].split()
+        source = os.path.join(folder, name + ".c")
+        with open(source, "w", encoding="ascii") as file:
+            file.write(self.SOURCE + "".join(f"__declspec(dllexport) int {export}(void) {{ return -1; }}\n"
+                                             for export in exports))
+        subprocess.run([self.COMPILER, "-shared", "-o", os.path.join(folder, name + ".dll"), source], check=True)
+
+    def run_beside(self, name, executable, *arguments):
+        """Runs the executable with a planted library beside it, which Wine is told to prefer to its own. Gives what
+        subprocess.run gives, and whether the library was loaded."""
+        folder = tempfile.mkdtemp(dir=self.folder)
+        self.plant(name, folder)
+        program = shutil.copy(executable, folder)
+        build_image(os.path.join(folder, "full.vrnx"), PLAIN)
+        done = subprocess.run([*self.settings.runner, program, *arguments], cwd=folder, stdin=subprocess.DEVNULL,
+                              capture_output=True, timeout=300, check=False,
+                              env={**self.settings.environment(), "WINEDLLOVERRIDES": f"{name}=n,b"})
+        return done, os.path.exists(os.path.join(folder, "planted"))
+
+    def test_a_planted_library_for_cryptography_is_not_loaded(self):
+        done, is_loaded = self.run_beside("bcrypt", SETTINGS.program, "verify", "--in", "full.vrnx")
+        self.assertFalse(is_loaded)
+        self.assertEqual((done.returncode, done.stderr), (0, b""), done.stdout)
+
+    def test_a_planted_library_for_snapshots_is_not_loaded(self):
+        tests = os.path.join(SETTINGS.build, "tests", "vornix-unit-tests.exe")
+        if not os.path.exists(tests):
+            self.skipTest(f"there is no {tests}")
+        done, is_loaded = self.run_beside("vssapi", tests, "--gtest_filter=CreateComponentsGuarded*")
+        self.assertFalse(is_loaded)
+        self.assertEqual(done.returncode, 0, done.stdout)
+
+    def test_an_argument_with_wildcards_stays_what_was_typed(self):
+        product = Product(os.path.join(self.folder, "wild"))
+        self.machines.append(product)
+        build_image(product.path("full.vrnx"), PLAIN)
+        self.expect(product.run("verify", "--in", "f*.vrnx"), 1, "",
+                    "could not open image file: f*.vrnx\n" + fatal("could not open image file", 123))
 
 
 if __name__ == "__main__":

@@ -2,7 +2,8 @@
 // with the code of a missing module, as many times as it is made.
 //
 // VORNIX_SHADOW_LIBRARY in the environment says "missing" where the caller has seen to it that the library cannot be
-// loaded. Without it the library may be there or not.
+// loaded, and "Wine's own" where it is one that can be loaded and has no service behind it. Without either it may be
+// there or not.
 #include "snapshot/create_components_guarded.h"
 
 #include <gtest/gtest.h>
@@ -15,12 +16,12 @@
 namespace vornix {
 namespace {
 
-bool LibraryIsKnownToBeMissing() {
+std::string KnownLibrary() {
 #ifdef _WIN32
     const char* const said = std::getenv("VORNIX_SHADOW_LIBRARY");
-    return said != nullptr && std::string(said) == "missing";
+    return said != nullptr ? said : "";
 #else
-    return true;
+    return "missing";
 #endif
 }
 
@@ -31,7 +32,7 @@ protected:
 };
 
 TEST_F(CreateComponentsGuardedTest, AMissingLibraryIsAResultAndNoException) {
-    if (!LibraryIsKnownToBeMissing()) {
+    if (KnownLibrary() != "missing") {
         GTEST_SKIP() << "the library may be there";
     }
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -40,6 +41,17 @@ TEST_F(CreateComponentsGuardedTest, AMissingLibraryIsAResultAndNoException) {
         EXPECT_EQ(CreateComponentsGuarded(&components), libraryIsMissing);
         EXPECT_EQ(components, nullptr);
     }
+}
+
+TEST_F(CreateComponentsGuardedTest, ALibraryThatRefusesIsNotAMissingOne) {
+    if (KnownLibrary() != "Wine's own") {
+        GTEST_SKIP() << "the library may be missing, or have a service";
+    }
+    int elsewhere = 0;
+    auto* components = reinterpret_cast<IVssBackupComponents*>(&elsewhere);
+    const HRESULT status = CreateComponentsGuarded(&components);
+    EXPECT_TRUE(FAILED(status));
+    EXPECT_NE(status, libraryIsMissing);
 }
 
 TEST_F(CreateComponentsGuardedTest, AFailureGivesNoObjectAndASuccessMayBeReleased) {
