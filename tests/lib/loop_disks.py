@@ -142,5 +142,13 @@ class LoopDisks:
 
     def run(self, *arguments):
         """Runs vornix with these devices as its disks; gives what subprocess.run gives."""
-        return subprocess.run(self.command(*arguments), cwd=self.folder, capture_output=True, stdin=subprocess.DEVNULL,
+        return self._run(self.command(*arguments))
+
+    def run_tool(self, *arguments):
+        """The same with vornix-disks."""
+        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
+        return self._run([tool if word == SETTINGS.program else word for word in self.command(*arguments)])
+
+    def _run(self, command):
+        return subprocess.run(command, cwd=self.folder, capture_output=True, stdin=subprocess.DEVNULL,
                               env=SETTINGS.environment(), timeout=300, check=False)

@@ -1,0 +1,150 @@
+// What vornix-disks makes of texts that come from disks, of what lsblk prints, and of its own report.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "linux/disks_tool/clean_text.h"
+#include "linux/disks_tool/print_report.h"
+
+namespace {
+
+using namespace vornix::disks_tool;
+
+TEST(LinuxCleanText, BytesThatAreNoUtf8AreReplaced) {
+    EXPECT_EQ(RepairUtf8("plain \xC3\xA4 \xE2\x82\xAC \xF0\x9F\x92\xBE"),
+              "plain \xC3\xA4 \xE2\x82\xAC \xF0\x9F\x92\xBE");
+    EXPECT_EQ(RepairUtf8("a\xFF\xC3"), "a\xEF\xBF\xBD\xEF\xBF\xBD");
+    EXPECT_EQ(RepairUtf8("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD") << "longer than it need be";
+    EXPECT_EQ(RepairUtf8("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD") << "half of a pair";
+    EXPECT_EQ(RepairUtf8("\xE2\x82z"), "\xEF\xBF\xBDz") << "one mistake";
+    EXPECT_EQ(RepairUtf8("\xF4\x90\x80\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD") << "beyond the end";
+}
+
+TEST(LinuxCleanText, NothingThatATerminalObeysIsShown) {
+    EXPECT_EQ(MakePrintable("\x1B[31mred\x07\r\n\x7F", true), "?[31mred????");
+    EXPECT_EQ(MakePrintable("\xC2\x9B"
+                            "31m",
+                            true),
+              "?31m")
+        << "the eight-bit form of the same";
+    EXPECT_EQ(MakePrintable("a\xE2\x80\xAE"
+                            "b\xE2\x80\xA8"
+                            "c\xEF\xBB\xBF",
+                            true),
+              "a?b?c?")
+        << "directions and lines";
+    EXPECT_EQ(MakePrintable("M\xC3\xA4rz", true), "M\xC3\xA4rz");
+    EXPECT_EQ(MakePrintable("M\xC3\xA4rz", false), "M?rz");
+    EXPECT_EQ(CountCharacters("M\xC3\xA4rz"), 4u);
+}
+
+TEST(LinuxLsblk, TreeIsReadWithWhateverTheDisksCallThemselves) {
+    const BlockDevices devices = ParseLsblk(
+        R"({"blockdevices":[{"kname":"sda","path":"/dev/sda","maj:min":"8:0","type":"disk","model":"  A )"
+        "\xFF"
+        R"(  ","serial":null,"tran":"usb","mountpoints":[null],"children":[{"kname":"sda1","path":"/dev/sda1",)"
+        R"("maj:min":"8:1","type":"part","mountpoints":["/a b","[SWAP]"]}]}]})");
+    EXPECT_EQ(devices.Error, "");
+    ASSERT_EQ(devices.Devices.size(), 1u);
+    const BlockDevice& disk = devices.Devices[0];
+    EXPECT_EQ(disk.Model, "A \xEF\xBF\xBD");
+    EXPECT_EQ(disk.Serial, "");
+    EXPECT_EQ(disk.Transport, "usb");
+    EXPECT_TRUE(disk.MountPoints.empty());
+    ASSERT_EQ(disk.Children.size(), 1u);
+    EXPECT_EQ(disk.Children[0].MountPoints, (std::vector<std::string>{"/a b", "[SWAP]"}));
+}
+
+TEST(LinuxLsblk, AnythingElseIsAnError) {
+    for (const char* text : {"", "{", "[]", "{}", "null", R"({"blockdevices":3})", R"({"blockdevices":[3]})",
+                             R"({"blockdevices":[{"children":[[]]}]})"}) {
+        const BlockDevices devices = ParseLsblk(text);
+        EXPECT_NE(devices.Error, "") << text;
+        EXPECT_TRUE(devices.Devices.empty()) << text;
+    }
+}
+
+// A report of three disks: the system's with partitions, one that does not open, one above 15 with hostile names.
+Report MakeSample() {
+    Report report;
+    report.Numbers.GoneNumbers = {3, 5};
+    report.Numbers.WhyRanks = "no reason";
+    DiskReport system;
+    system.Disk = {"sda", 0x800, true, "8:0,seq=1", 0, true};
+    system.Node = "/dev/sda";
+    system.Size = 3ull << 30;
+    system.SectorSize = 512;
+    system.IsSystem = true;
+    system.Model = "Model";
+    system.PartitionTable = "gpt";
+    ContentReport part;
+    part.Node = "/dev/sda1";
+    part.Start = 1 << 20;
+    part.Size = 1 << 30;
+    part.Found = {"ext4", "root", ""};
+    part.MountPoints = {"/"};
+    part.Users = {{"mount", "/"}, {"loop", "/dev/loop0"}};
+    system.Contents.push_back(part);
+    DiskReport closed;
+    closed.Disk = {"sdb", 0x810, true, "8:16,seq=2", 1, true};
+    closed.Node = "/dev/sdb";
+    closed.WhyNotOpened = "no medium";
+    DiskReport hostile;
+    hostile.Disk = {"sdc", 0x820, true, "8:32,seq=3", 16, false};
+    hostile.Node = "/dev/sdc";
+    hostile.Size = 1ull << 30;
+    hostile.SectorSize = 4096;
+    hostile.Serial = "\x1B[2J\xFF";
+    hostile.Users = {{"process", "dd (process 7)"}};
+    ContentReport whole;
+    whole.Node = "/dev/sdc";
+    whole.Size = hostile.Size;
+    whole.Found = {"vfat", "a\nb", ""};
+    whole.Users = hostile.Users;
+    hostile.Contents.push_back(whole);
+    report.Disks = {system, closed, hostile};
+    return report;
+}
+
+TEST(LinuxDisksTool, TableSaysAllOfEachDisk) {
+    EXPECT_EQ(FormatTable(MakeSample(), false),
+              "DISK  NODE             SIZE  SECTOR  BUS  MODEL  SERIAL  CONTENT      IN USE\n"
+              "  0*  /dev/sda     3.00 GiB     512  -    Model  -       gpt          yes\n"
+              "        /dev/sda1  1.00 GiB                              ext4 \"root\"  mounted at /, loop /dev/loop0\n"
+              "  1   /dev/sdb     0.00 GiB       0  -    -      -       -            -\n"
+              " 16   /dev/sdc     1.00 GiB    4096  -    -      ?[2J?   vfat \"a?b\"   open in dd (process 7)\n"
+              "\n"
+              "* The system runs from this disk.\n"
+              "Disk 1 cannot be opened (no medium): list-disks passes over it.\n"
+              "Above 15, which list-disks does not show and every other command takes: 16.\n"
+              "Numbers of disks that are gone: 3, 5.\n"
+              "Only ranks, which change when disks come and go: 16 (no reason).\n");
+    EXPECT_EQ(FormatTable({}, false), "No disks.\n");
+}
+
+TEST(LinuxDisksTool, JsonSaysTheSameToScripts) {
+    const std::string text = FormatJson(MakeSample(), "1.2.3");
+    EXPECT_TRUE(std::all_of(text.begin(), text.end(), [](char c) { return c == '\n' || (c >= ' ' && c < 0x7F); }));
+    EXPECT_EQ(text.substr(0, 23), "{\n  \"schema_version\": 1");
+    const auto document = nlohmann::json::parse(text);
+    EXPECT_EQ(document["program_version"], "1.2.3");
+    EXPECT_EQ(document["numbers"]["gone"], (std::vector<int>{3, 5}));
+    const auto& disks = document["disks"];
+    ASSERT_EQ(disks.size(), 3u);
+    EXPECT_EQ(disks[0]["system"], true);
+    EXPECT_EQ(disks[0]["in_use"], true) << "by a partition";
+    EXPECT_EQ(disks[0]["listed"], true);
+    EXPECT_EQ(disks[0]["contents"][0]["start"], 1 << 20);
+    EXPECT_EQ(disks[0]["contents"][0]["mount_points"], std::vector<std::string>{"/"});
+    EXPECT_EQ(disks[1]["listed"], false);
+    EXPECT_EQ(disks[1]["not_opened"], "no medium");
+    EXPECT_EQ(disks[1]["model"], nullptr);
+    EXPECT_EQ(disks[2]["listed"], false);
+    EXPECT_EQ(disks[2]["number_kept"], false);
+    EXPECT_EQ(disks[2]["serial"], "\x1B[2J\xEF\xBF\xBD");
+    EXPECT_EQ(disks[2]["contents"][0]["label"], "a\nb");
+    EXPECT_EQ(disks[2]["used_by"][0]["kind"], "process");
+}
+
+} // namespace

@@ -1,0 +1,198 @@
+"""vornix-disks on real loop devices: the numbers of vornix with what stands behind them.
+
+Needs Linux, root, loop devices and mount namespaces; otherwise each test is skipped. The tool sees the test's own
+devices and no other disk.
+"""
+
+import json
+import os
+import shutil
+import subprocess
+import time
+
+import suite
+from loop_disks import LoopDisks, reason_to_skip
+from machine import SETTINGS
+
+SIZE = 16 * 1048576
+
+
+class DisksTool(suite.Scenario):
+    recorded = False  # natively only
+
+    def setUp(self):
+        super().setUp()
+        reason = reason_to_skip() or (None if shutil.which("mke2fs") else "there is no mke2fs here")
+        if reason:
+            self.skipTest(reason)
+        self.disks = LoopDisks(self.folder)
+        self.addCleanup(self.disks.detach_all)
+
+    def attach(self, size=SIZE, sector_size=512):
+        try:
+            return self.disks.attach(bytes(size), sector_size)
+        except OSError as error:
+            self.skipTest(str(error))
+
+    def report(self):
+        """What --json says."""
+        done = self.disks.run_tool("--json")
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        document = json.loads(done.stdout.decode("ascii"))
+        self.assertEqual(list(document)[0], "schema_version")
+        self.assertEqual(document["schema_version"], 1)
+        return document
+
+    def disk(self, device):
+        found, = (disk for disk in self.report()["disks"] if disk["node"] == device)
+        return found
+
+    def table(self):
+        done = self.disks.run_tool()
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        return done.stdout
+
+    def expect_unused(self, device):
+        """Whoever lists the machine's devices has each of them open for a moment."""
+        for _ in range(100):
+            if not self.disk(device)["in_use"]:
+                return
+            time.sleep(0.05)
+        self.fail(self.disk(device)["used_by"])
+
+    def make_file_system(self, device, label=b"data"):
+        subprocess.run([b"mke2fs", b"-q", b"-F", b"-L", label, device.encode()], check=True, capture_output=True)
+
+    def test_numbers_are_those_of_vornix_and_stay(self):
+        devices = [self.attach(), self.attach(SIZE, 4096), self.attach()]
+        numbers = {device: self.disks.number(device) for device in devices}
+        report = self.report()
+        self.assertEqual({disk["node"]: disk["number"] for disk in report["disks"]}, numbers)
+        self.assertTrue(all(disk["number_kept"] and disk["listed"] for disk in report["disks"]))
+        self.assertEqual([self.disk(devices[1])[key] for key in ("size", "sector_size")], [SIZE, 4096])
+        self.disks.detach(devices[0])
+        report = self.report()
+        self.assertEqual({disk["node"]: disk["number"] for disk in report["disks"]},
+                         {device: numbers[device] for device in devices[1:]})
+        self.assertEqual(report["numbers"]["gone"], [numbers[devices[0]]])
+        self.assertIn(f"Numbers of disks that are gone: {numbers[devices[0]]}.\n".encode(), self.table())
+        self.assertIn(f"PhysicalDrive{numbers[devices[1]]} ".encode(), self.disks.run("list-disks").stdout)
+
+    def test_the_tool_gives_numbers_as_vornix_does(self):
+        device = self.attach()
+        self.assertEqual(self.disk(device)["number"], 0)
+        later = self.attach()
+        self.assertEqual(self.disks.number(later), 1)
+        self.assertEqual(self.disks.number(device), 0)
+
+    def test_file_system_with_its_label_and_where_it_is_mounted(self):
+        device = self.attach()
+        self.make_file_system(device, "März".encode())
+        disk = self.disk(device)
+        content, = disk["contents"]
+        self.assertEqual((content["type"], content["label"], content["size"]), ("ext2", "März", SIZE))
+        self.expect_unused(device)
+        place = os.path.join(self.folder, "a place")
+        os.mkdir(place)
+        done = subprocess.run(["mount", device, place], capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            self.skipTest(f"nothing can be mounted here: {done.stderr.strip()}")
+        disk = self.disk(device)
+        self.assertEqual(disk["contents"][0]["mount_points"], [place])
+        self.assertTrue(disk["in_use"])
+        self.assertIn({"kind": "mount", "what": place}, disk["used_by"])
+        self.assertIn(f"mounted at {place}".encode(), self.table())
+        LoopDisks.unmount(place, device)
+        self.expect_unused(device)
+
+    def test_label_that_a_terminal_would_obey_is_only_shown(self):
+        device = self.attach()
+        self.make_file_system(device, b"\x1b[31m\xff\x07x")
+        self.assertEqual(self.disk(device)["contents"][0]["label"], "\x1b[31m\ufffd\x07x")
+        table = self.table()
+        self.assertIn(b"[31m", table)
+        self.assertFalse(set(table) & (set(range(32)) - {10} | {0x7F, 0xFF}), table)
+
+    def test_users_that_lsblk_does_not_know_are_named(self):
+        device = self.attach()
+        with open(device, "rb"):
+            users = self.disk(device)["used_by"]
+            self.assertIn("process", [user["kind"] for user in users])
+            self.assertTrue(any(f"(process {os.getpid()})" in user["what"] for user in users), users)
+        self.expect_unused(device)
+        above = subprocess.run(["losetup", "--find", "--show", device], capture_output=True, text=True, check=True)
+        loop = above.stdout.strip()
+        try:
+            self.assertIn({"kind": "loop", "what": loop}, self.disk(device)["used_by"])
+        finally:
+            subprocess.run(["losetup", "--detach", loop], check=True)
+
+    def test_claim_that_nobody_is_seen_to_hold_counts_as_use(self):
+        device = self.attach()
+        handle = os.open(device, os.O_RDONLY | os.O_EXCL)
+        try:
+            self.assertTrue(self.disk(device)["in_use"])
+        finally:
+            os.close(handle)
+        self.expect_unused(device)
+
+    def test_disk_that_does_not_open_is_shown_with_the_reason(self):
+        device, other = self.attach(), self.attach()
+        number = self.disks.number(device)
+        # Its name leads to something else, in a folder of nodes of the tool's own.
+        nodes = os.path.join(self.folder, "dev")
+        os.mkdir(nodes)
+        with open(os.path.join(nodes, os.path.basename(device)), "wb"):
+            pass
+        command = self.disks.command("--json")
+        at = command.index(SETTINGS.program)
+        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
+        command[at:at + 1] = ["sh", "-c", 'mount --bind "$0" /dev && exec "$@"', nodes, tool]
+        done = subprocess.run(command, capture_output=True, env=SETTINGS.environment(), check=False)
+        disks = {disk["node"]: disk for disk in json.loads(done.stdout)["disks"]}
+        self.assertEqual((disks[device]["number"], disks[device]["listed"]), (number, False))
+        self.assertEqual(disks[device]["not_opened"], "no device behind the node")
+        self.assertEqual(disks[other]["not_opened"], "No such file or directory")
+
+    def test_where_numbers_are_ranks_it_says_so_and_why(self):
+        self.attach()
+        os.symlink("/nowhere", os.path.join(self.disks.run_folder, "vornix"))
+        disk, = self.report()["disks"]
+        self.assertEqual((disk["number"], disk["number_kept"]), (0, False))
+        self.assertIn("/run/vornix", self.report()["numbers"]["why_ranks"])
+        self.assertIn(b"Only ranks, which change when disks come and go: 0 (/run/vornix ", self.table())
+
+    def test_damaged_numbers_are_said_and_given_anew(self):
+        device = self.attach()
+        self.disks.number(device)
+        with open(self.disks.registry, "ab") as file:
+            file.write(b"more\n")
+        done = self.disks.run_tool("--json")
+        self.assertEqual(done.returncode, 0)
+        self.assertIn(b"/run/vornix/disks were damaged", done.stderr)
+        self.assertIsNotNone(json.loads(done.stdout)["numbers"]["damage"])
+        self.assertIsNone(self.report()["numbers"]["damage"])
+
+    def test_no_disks_at_all(self):
+        self.assertEqual(self.table(), b"No disks.\n")
+        self.assertEqual(self.report()["disks"], [])
+
+    def test_command_line(self):
+        for arguments, status in (("--help",), 0), (("--version",), 0), (("--jsn",), 2), (("--json", "x"), 2):
+            done = self.disks.run_tool(*arguments)
+            self.assertEqual(done.returncode, status)
+            self.assertEqual(bool(done.stdout), status == 0)
+            self.assertEqual(done.stderr.startswith(b"usage: vornix-disks"), status == 2)
+
+    def test_lost_output_is_a_failure(self):
+        command = self.disks.command("--version")
+        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([tool if word == SETTINGS.program else word for word in command], stdout=full,
+                                  stderr=subprocess.PIPE, check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(b"the output was lost", done.stderr)
+
+
+if __name__ == "__main__":
+    suite.main()
