@@ -388,7 +388,8 @@ class Secrets(Native):
     def another_user(self):
         """What makes a process an unprivileged user's with core files, where this one may do that."""
         def prepare():
-            resource.setrlimit(resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+            most = resource.getrlimit(resource.RLIMIT_CORE)[1]
+            resource.setrlimit(resource.RLIMIT_CORE, (most, most))
             if os.geteuid() == 0:
                 os.setgroups([])
                 os.setgid(self.NOBODY)
