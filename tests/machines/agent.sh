@@ -1,4 +1,4 @@
-#!/bin/busybox sh
+#!/bin/sh
 # The first process of a computer: prepares the system, then runs the commands that come over the channel, one by one.
 #
 # A command is a line in base64. The answer is a line "STATUS LENGTH LENGTH" and behind it standard output and standard

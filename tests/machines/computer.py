@@ -149,9 +149,9 @@ class Computer:
 
     def hardware(self):
         """The command that starts QEMU, without what it is reached through."""
-        command = ["setpriv", "--pdeathsig", "KILL", QEMU, "-accel", "tcg", "-machine", "pc", "-cpu", "max",
-                   "-m", str(self.memory), "-smp", "1", "-nodefaults", "-no-user-config", "-display", "none",
-                   "-no-reboot",
+        command = ["setpriv", "--pdeathsig", "KILL", QEMU, "-accel", "tcg,tb-size=128", "-machine", "pc",
+                   "-cpu", "max", "-m", str(self.memory), "-smp", "1", "-nodefaults", "-no-user-config",
+                   "-display", "none", "-no-reboot",
                    *(self.firmware or []), *self.boot]
         controllers = [disk.controller() for disk in self.disks]
         for controller in {made["id"]: made for made in controllers if made}.values():

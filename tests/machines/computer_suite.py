@@ -1,12 +1,16 @@
 """The frame of the suites on whole computers: a Story makes computers, and says what a run has to come to."""
 
+import json
 import os
-import time
+import threading
 
 import suite
 from computer import Computer, reason_to_skip
 from kernel import Missing
 from machine import SETTINGS
+
+
+_counting = threading.Lock()
 
 
 class Story(suite.Scenario):
@@ -26,7 +30,6 @@ class Story(suite.Scenario):
         if reason:
             self.skipTest(reason)
         self.computers = 0
-        self.begun = time.monotonic()
 
     def folder_of_computer(self):
         self.computers += 1
@@ -57,3 +60,14 @@ class Story(suite.Scenario):
         if last_error is not None:
             self.assertIn(f"(GetLastError={last_error})", result.errors)
         return result
+
+    def count(self, kind, case, tried, troubles):
+        """The end of a case that tried many things: what it tried goes into the table in docs/reliability.md, where
+        VORNIX_COUNTS names a file for its rows (see update_counts.py), and any trouble fails it."""
+        target = os.environ.get("VORNIX_COUNTS")
+        result = f"{len(troubles)} do not hold" if troubles else "all hold"
+        if target:
+            with _counting, open(target, "a", encoding="utf-8") as file:
+                file.write(json.dumps([kind, case, str(tried), result]) + "\n")
+        if troubles:
+            self.fail(f"{kind}, {case}, {tried}: {len(troubles)} troubles\n" + "\n".join(map(str, troubles[:20])))

@@ -74,7 +74,7 @@ class Disk:
     def block_node(self):
         """The chain of nodes, as QEMU's -blockdev and its command blockdev-add take it."""
         node = {"driver": "file", "filename": self.file, "auto-read-only": False, "read-only": self.read_only,
-                "discard": "unmap"}
+                "discard": "unmap", "cache": {"no-flush": True}}
         for driver, options in reversed(self.filters):
             inner = "image" if driver == "blkdebug" else "file"
             node = {"driver": driver, inner: node, "read-only": self.read_only, **options}

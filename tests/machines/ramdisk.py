@@ -44,6 +44,8 @@ class RamDisk:
         if not os.path.exists(BUSYBOX) or libraries_of(BUSYBOX):
             raise Missing("there is no busybox here that needs no library")
         shutil.copy(BUSYBOX, self.path("bin/busybox"))
+        self.add_program("dash")  # the shell of busybox prefers its own commands to any other of their names
+        os.symlink("dash", self.path("bin/sh"))
         shutil.copy(os.path.join(HERE, "agent.sh"), self.path("init"))
         os.chmod(self.path("init"), 0o755)
         os.symlink("/proc/self/mounts", self.path("etc/mtab"))
@@ -65,7 +67,7 @@ class RamDisk:
             shutil.copy(source, self.path(source))
 
     def add_program(self, program, strip=False):
-        """An executable, by its name or its path, and its libraries. It lies in /bin, before busybox' one of that
+        """An executable, by its name or its path, and its libraries. It takes the place of busybox' one of that
         name."""
         path = program if "/" in program else shutil.which(program, path=SEARCH)
         if path is None or not os.path.exists(path):

@@ -1,0 +1,79 @@
+"""The file systems that images are kept on, and how a system that starts after a lost power brings them back.
+
+They are written in a computer, by the kernel of Debian. They are brought back here, thousands of times, by what this
+system has for it: its kernel where that knows the file system, and otherwise programs that read it without a kernel.
+"""
+
+import os
+import shutil
+import subprocess
+from dataclasses import dataclass
+
+import kernel
+from disks import MIB
+
+
+@dataclass
+class FileSystem:
+    """How one is made here, mounted in a computer, and brought back here.
+
+    back: commands of the shell that repair the file system in the file $D and show its content in the folder $M, as a
+    start of the system does; the last one has to succeed. tools: what they need.
+    """
+
+    name: str
+    make: str
+    mount: str
+    module: str
+    back: str
+    tools: tuple
+    size: int = 48 * MIB
+    modules: tuple = ()
+    kernel: str = kernel.CLOUD
+
+    def create(self, path):
+        """Makes a file of the file system's size and the file system in it."""
+        with open(path, "wb") as file:
+            file.truncate(self.size)
+        subprocess.run([*self.make.split(), path], check=True, capture_output=True)
+
+    def reason_to_skip(self):
+        """Why this system cannot make it or bring it back, or None."""
+        for tool in (self.make.split()[0], *self.tools):
+            if shutil.which(tool) is None:
+                return f"there is no {tool} here"
+        if "mount -" in self.back and os.geteuid() != 0:
+            return "only root can mount"
+        with open("/proc/filesystems", encoding="ascii") as file:
+            if "-o loop" in self.back and self.module not in file.read().split():
+                return f"the kernel of this system does not know {self.module}"
+        return None
+
+    def bring_back(self, path, into):
+        """Brings back the file system in the file, in a mount namespace that ends with the process, and copies its files
+        into the empty folder. Gives what was printed if that fails, otherwise None."""
+        script = (f"{self.back} || exit 4\ncp $M/*.vrnx* {into}/ 2> /dev/null\numount $M 2> /dev/null\nexit 0\n")
+        folder = into + ".mounted"
+        os.makedirs(folder, exist_ok=True)
+        done = subprocess.run(["unshare", "--mount", "sh", "-c", script], capture_output=True, text=True, check=False,
+                              env={**os.environ, "D": path, "M": folder})
+        return done.stdout + done.stderr if done.returncode else None
+
+
+EXFAT = ('LD_LIBRARY_PATH={0}/libfuse2/lib/x86_64-linux-gnu {0}/exfat-fuse/sbin/mount.exfat-fuse -o ro $D $M'
+         .format(kernel.STORE))
+
+FILE_SYSTEMS = {made.name: made for made in (
+    FileSystem("ext4 ordered", "mkfs.ext4 -q -F", "mount -t ext4 -o data=ordered", "ext4",
+               "e2fsck -p $D; mount -t ext4 -o loop $D $M", ("e2fsck",)),
+    FileSystem("ext4 writeback", "mkfs.ext4 -q -F", "mount -t ext4 -o data=writeback", "ext4",
+               "e2fsck -p $D; mount -t ext4 -o loop $D $M", ("e2fsck",)),
+    FileSystem("xfs", "mkfs.xfs -q -f", "mount -t xfs", "xfs", "mount -t xfs -o loop $D $M", (), size=300 * MIB),
+    FileSystem("btrfs", "mkfs.btrfs -q -f", "mount -t btrfs", "btrfs", "mount -t btrfs -o loop $D $M", (), size=128 * MIB),
+    FileSystem("vfat", "mkfs.fat -F 32", "mount -t vfat", "vfat", "fsck.fat -a $D; rm -f $M/*; mcopy -n -i $D '::*' $M",
+               ("fsck.fat", "mcopy"), modules=("nls_cp437", "nls_ascii", "nls_utf8", "nls_iso8859-1")),
+    FileSystem("exfat", "mkfs.exfat", "mount -t exfat", "exfat", f"fsck.exfat -p $D; {EXFAT}", ("fsck.exfat",),
+               modules=("nls_utf8",)),
+    FileSystem("ntfs3", "mkfs.ntfs -q -F -f", "mount -t ntfs3", "ntfs3", "ntfsfix -d $D; ntfs-3g -o ro $D $M",
+               ("ntfsfix", "ntfs-3g"), modules=("nls_utf8",), kernel=kernel.FULL),
+)}
