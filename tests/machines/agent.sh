@@ -5,6 +5,7 @@
 # error, of these lengths. A command that begins with "!" is the agent's own, so that it can become another process.
 # When the other side is gone, so is the computer.
 export PATH=/bin HOME=/root TERM=dumb
+export DM_DISABLE_UDEV=1 # nobody else makes the nodes of composed devices
 if [ "$1" != --again ]; then
     # Programs that are there already go before busybox' own of their names.
     for name in $(/bin/busybox --list); do

@@ -256,8 +256,10 @@ class Computer:
         return found.strip()
 
     def settle(self):
-        """Waits until every disk is there; gives their names."""
-        return [self.device(disk) for disk in self.disks]
+        """Waits until every disk is there; of a floppy drive the kernel does not know what is in it."""
+        for disk in self.disks:
+            if disk.kind != "floppy":
+                self.device(disk)
 
     def numbers(self):
         """The disk numbers by device name, as the page says they are given: hardware in the order of the device

@@ -31,7 +31,6 @@ KINDS = {
     "nvme": ("nvme", {"driver": "nvme-ns", "bus": "nvme"}, ("nvme",), True),
     "ahci": ("ahci", {"driver": "ide-hd", "bus": "ahci.{port}"}, ("ahci", "sd_mod"), False),
     "usb": ("usb", {"driver": "usb-storage", "bus": "usb.0"}, ("xhci_pci", "usb_storage", "sd_mod"), False),
-    "usb-uas": ("usb", None, ("xhci_pci", "uas", "sd_mod"), False),
     "sd-card": (None, {"driver": "sd-card"}, ("sdhci_pci", "mmc_block"), False),
     "floppy": ("floppy", {"driver": "floppy", "bus": "floppy-bus.0"}, ("floppy",), False),
     "cd-rom": ("ahci", {"driver": "ide-cd", "bus": "ahci.{port}"}, ("ahci", "sr_mod"), False),

@@ -29,7 +29,8 @@ class FileSystem:
     tools: tuple
     size: int = 48 * MIB
     modules: tuple = ()
-    kernel: str = kernel.CLOUD
+    programs: tuple = ()
+    packages: tuple = ()
 
     def create(self, path):
         """Makes a file of the file system's size and the file system in it."""
@@ -38,11 +39,13 @@ class FileSystem:
         subprocess.run([*self.make.split(), path], check=True, capture_output=True)
 
     def reason_to_skip(self):
-        """Why this system cannot make it or bring it back, or None."""
+        """Why this system cannot make it or bring it back, or None. Raises kernel.Missing as well."""
         for tool in (self.make.split()[0], *self.tools):
             if shutil.which(tool) is None:
                 return f"there is no {tool} here"
-        if "mount -" in self.back and os.geteuid() != 0:
+        for package in self.packages:
+            kernel.unpacked(package)
+        if "loop" in self.back and os.geteuid() != 0:
             return "only root can mount"
         with open("/proc/filesystems", encoding="ascii") as file:
             if "-o loop" in self.back and self.module not in file.read().split():
@@ -50,9 +53,9 @@ class FileSystem:
         return None
 
     def bring_back(self, path, into):
-        """Brings back the file system in the file, in a mount namespace that ends with the process, and copies its files
-        into the empty folder. Gives what was printed if that fails, otherwise None."""
-        script = (f"{self.back} || exit 4\ncp $M/*.vrnx* {into}/ 2> /dev/null\numount $M 2> /dev/null\nexit 0\n")
+        """Brings back the file system in the file, in a mount namespace that ends with the process, and copies its
+        files into the empty folder. Gives what was printed if that fails, otherwise None."""
+        script = f"{self.back} || exit 4\ncp $M/*.vrnx* {into}/ 2> /dev/null\numount $M 2> /dev/null\nexit 0\n"
         folder = into + ".mounted"
         os.makedirs(folder, exist_ok=True)
         done = subprocess.run(["unshare", "--mount", "sh", "-c", script], capture_output=True, text=True, check=False,
@@ -60,7 +63,9 @@ class FileSystem:
         return done.stdout + done.stderr if done.returncode else None
 
 
-EXFAT = ('LD_LIBRARY_PATH={0}/libfuse2/lib/x86_64-linux-gnu {0}/exfat-fuse/sbin/mount.exfat-fuse -o ro $D $M'
+# Unpacked and not installed, since its library and the newer one of that name do not go together.
+EXFAT = ('L=$(losetup --find --show --read-only $D) || exit 3; LD_LIBRARY_PATH={0}/libfuse2/lib/x86_64-linux-gnu '
+         '{0}/exfat-fuse/sbin/mount.exfat-fuse -o ro $L $M || {{ losetup --detach $L; exit 4; }}; losetup --detach $L'
          .format(kernel.STORE))
 
 FILE_SYSTEMS = {made.name: made for made in (
@@ -69,11 +74,14 @@ FILE_SYSTEMS = {made.name: made for made in (
     FileSystem("ext4 writeback", "mkfs.ext4 -q -F", "mount -t ext4 -o data=writeback", "ext4",
                "e2fsck -p $D; mount -t ext4 -o loop $D $M", ("e2fsck",)),
     FileSystem("xfs", "mkfs.xfs -q -f", "mount -t xfs", "xfs", "mount -t xfs -o loop $D $M", (), size=300 * MIB),
-    FileSystem("btrfs", "mkfs.btrfs -q -f", "mount -t btrfs", "btrfs", "mount -t btrfs -o loop $D $M", (), size=128 * MIB),
-    FileSystem("vfat", "mkfs.fat -F 32", "mount -t vfat", "vfat", "fsck.fat -a $D; rm -f $M/*; mcopy -n -i $D '::*' $M",
-               ("fsck.fat", "mcopy"), modules=("nls_cp437", "nls_ascii", "nls_utf8", "nls_iso8859-1")),
+    FileSystem("btrfs", "mkfs.btrfs -q -f", "mount -t btrfs", "btrfs", "mount -t btrfs -o loop $D $M", (),
+               size=128 * MIB),
+    FileSystem("vfat", "mkfs.fat -F 32", "mount -t vfat", "vfat",
+               "fsck.fat -a $D; rm -f $M/*; mdir -i $D :: && { mcopy -n -i $D '::*.vrnx*' $M; true; }",
+               ("fsck.fat", "mcopy", "mdir"), modules=("nls_cp437", "nls_ascii", "nls_utf8", "nls_iso8859-1")),
     FileSystem("exfat", "mkfs.exfat", "mount -t exfat", "exfat", f"fsck.exfat -p $D; {EXFAT}", ("fsck.exfat",),
-               modules=("nls_utf8",)),
-    FileSystem("ntfs3", "mkfs.ntfs -q -F -f", "mount -t ntfs3", "ntfs3", "ntfsfix -d $D; ntfs-3g -o ro $D $M",
-               ("ntfsfix", "ntfs-3g"), modules=("nls_utf8",), kernel=kernel.FULL),
+               modules=("nls_utf8",), packages=("exfat-fuse", "libfuse2")),
+    # The kernel of Debian 12 does not write NTFS; its recovery media do so with this.
+    FileSystem("ntfs-3g", "mkfs.ntfs -q -F -f", "ntfs-3g", "fuse", "ntfsfix -d $D; ntfs-3g -o ro $D $M",
+               ("ntfsfix", "ntfs-3g"), programs=("ntfs-3g",)),
 )}

@@ -62,8 +62,8 @@ def read_log(path):
 
 @dataclass
 class State:
-    """A disk after power was lost behind `cut` entries of the log; `kept` says what it kept of the unflushed writes, and
-    `marks` what had happened by then."""
+    """A disk after power was lost behind `cut` entries of the log; `kept` says what it kept of the unflushed writes,
+    and `marks` what had happened by then."""
 
     cut: int
     kept: str
@@ -110,7 +110,8 @@ class Replay:
                 yield State(cut, "all", list(marks), list(pending))
                 for number in range(subsets if len(pending) > 1 else subsets // 2):
                     drawn = random.Random(f"{self.seed} {cut} {number}")
-                    yield State(cut, f"part {number}", list(marks), _part(drawn, pending, len(pending) == 1 or number % 2))
+                    torn = len(pending) == 1 or number % 2
+                    yield State(cut, f"part {number}", list(marks), _part(drawn, pending, torn))
 
     def build(self, state, path):
         """Makes a file that is the disk in this state."""
