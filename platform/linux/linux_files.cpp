@@ -663,6 +663,11 @@ BOOL WINAPI LinuxMoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
         }
         account.File.clear();
     }
+    // FAT keeps length and place of a file in the folder's entry, and the new entry has neither until the file is
+    // synced once more: the folder alone would bring an empty file to the disk.
+    if (fsync(file.Get()) != 0) {
+        return FailWith(ErrorFromErrno(errno, Subject::File));
+    }
     if (const int code = SyncFolder(targetFolder.Get(), file.Get()); code != 0) {
         return FailWith(ErrorFromErrno(code, Subject::File));
     }

@@ -71,7 +71,7 @@ class KindsOfDisks(computer_suite.Story):
     @staticmethod
     def trouble_with_restore(result, source, target, contents):
         """A target that is large enough takes the bytes and keeps what is behind them; any other is left as it was."""
-        plain, before = contents[source], contents[target]
+        plain, before = source.contents, contents[target]
         where = f"{source.kind} onto {target.kind}: "
         sector = SECTOR_SIZES[target.kind]
         if len(plain) > target.size:
