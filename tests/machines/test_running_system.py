@@ -121,7 +121,7 @@ class RunningSystem(computer_suite.Story):
         done = computer.run(f"vornix restore --in /run/a.vrnx --disk {numbers[free]} --confirm YES")
         if done.status != 0 or free.bytes() != pattern(SMALL) + pattern(8 * MIB, "free")[SMALL:]:
             troubles.append(str(done))
-        self.count("root", name, f"{2 * count} attempts on {count} disks", troubles)
+        self.count("root", name, f"{2 * count} attempts", troubles)
 
     def test_the_root_on_a_partition(self):
         self.root_is_kept("a partition")
