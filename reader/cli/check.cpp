@@ -117,15 +117,17 @@ void Work::Run(uint64_t jobs, const std::string& path) {
     uint64_t wanted = std::min(jobs, last_ - first_);
     try {
         threads.reserve(wanted);
-        for (uint64_t count = 1; count < wanted; count++)
+        for (uint64_t count = 1; count < wanted; count++) {
             threads.emplace_back([this] { RunThread(nullptr); });
+        }
     } catch (const std::exception&) {
         // A system that has no more threads to give: those there are do it all.
     }
     std::string text = "checking " + path;
     RunThread(&text);
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
     console_.EndProgress();
 }
 
@@ -133,33 +135,38 @@ void Work::RunThread(const std::string* progressText) {
     vrnx_error error;
     while (!failed_) {
         uint64_t number = next_++;
-        if (number >= last_)
+        if (number >= last_) {
             break;
+        }
         Take(number, vrnx_check_chunk(image_.Handle(), number, &error), error);
-        if (progressText != nullptr)
+        if (progressText != nullptr) {
             console_.ShowProgress(*progressText, checked_, last_ - first_);
+        }
     }
 }
 
 void Work::Take(uint64_t number, int code, const vrnx_error& error) {
     if (code == VRNX_OK) {
         vrnx_chunk chunk = image_.Chunk(number);
-        if (!openedSealed_ && image_.Layer(chunk.level).encrypted)
+        if (!openedSealed_ && image_.Layer(chunk.level).encrypted) {
             openedSealed_ = true;
+        }
         checked_++;
         return;
     }
     std::lock_guard<std::mutex> lock(mutex_);
     try {
         if (VRNX_IS_BAD_CHUNK(code)) {
-            if (code == VRNX_CHUNK_HASH && image_.Layer(error.level).encrypted)
+            if (code == VRNX_CHUNK_HASH && image_.Layer(error.level).encrypted) {
                 openedSealed_ = true; // the tag did fit
+            }
             bad_.push_back({number, error.disk_offset, error.length, error.level, code});
             checked_++;
             return;
         }
-        if (!failed_)
+        if (!failed_) {
             failure_ = error.text;
+        }
     } catch (const std::bad_alloc&) {
         failure_.clear();
     }
@@ -181,8 +188,9 @@ std::string DamageMessage(const Verdict& verdict, bool openedSealed) {
     std::string message = std::to_string(verdict.bad.size()) + " of " + Count(verdict.checked, "chunk") + " bad";
     bool unauthentic = std::any_of(verdict.bad.begin(), verdict.bad.end(),
                                    [](const BadChunk& chunk) { return chunk.code == VRNX_CHUNK_AUTHENTICATION; });
-    if (unauthentic && !openedSealed)
+    if (unauthentic && !openedSealed) {
         message += "; no sealed chunk could be opened: the password may be the wrong one";
+    }
     return message;
 }
 
@@ -198,8 +206,9 @@ Verdict CheckImage(const std::string& path, const Wish& wish, Console& console) 
         return verdict;
     }
     vrnx_info info = image.Info();
-    for (uint32_t level = 0; level < info.level_count; level++)
+    for (uint32_t level = 0; level < info.level_count; level++) {
         verdict.names.push_back(NameInPath(image.Layer(level).path));
+    }
     verdict.chunksKnown = true;
     verdict.chunks = info.chunk_count;
     Work work(image, PartStart(info.chunk_count, wish.part, wish.parts),
@@ -229,10 +238,11 @@ void WriteJson(Console& console, const std::vector<Verdict>& verdicts) {
         json.BeginObject();
         json.TextMember("path", verdict.path);
         json.TextMember("result", ResultText(verdict.result));
-        if (verdict.chunksKnown)
+        if (verdict.chunksKnown) {
             json.NumberMember("chunks", verdict.chunks);
-        else
+        } else {
             json.NullMember("chunks");
+        }
         json.NumberMember("checked", verdict.checked);
         json.Key("bad");
         json.BeginArray();
@@ -246,10 +256,11 @@ void WriteJson(Console& console, const std::vector<Verdict>& verdicts) {
             json.EndObject();
         }
         json.EndArray();
-        if (verdict.message.empty())
+        if (verdict.message.empty()) {
             json.NullMember("message");
-        else
+        } else {
             json.TextMember("message", verdict.message);
+        }
         json.EndObject();
     }
     json.EndArray();
@@ -260,16 +271,18 @@ void PrintVerdict(Console& console, const Verdict& verdict) {
     std::string line = Printable(verdict.path) + ": " + ResultText(verdict.result);
     if (verdict.result == Result::good) {
         line += ", " + Count(verdict.checked, "chunk");
-        if (verdict.checked != verdict.chunks)
+        if (verdict.checked != verdict.chunks) {
             line += " of " + std::to_string(verdict.chunks);
+        }
     } else {
         line += ": " + Printable(verdict.message);
     }
     console.Print(line + "\n");
-    for (const BadChunk& chunk : verdict.bad)
+    for (const BadChunk& chunk : verdict.bad) {
         console.Print("  chunk " + std::to_string(chunk.number) + ": " + Count(chunk.length, "byte") +
                       " at disk offset " + std::to_string(chunk.diskOffset) + ", in " +
                       Printable(verdict.names[chunk.level]) + ": " + CauseText(chunk.code) + "\n");
+    }
     console.Flush();
 }
 
@@ -287,14 +300,16 @@ int StatusOf(Result result) {
 void ReadWish(const Arguments& arguments, Wish& wish) {
     wish.jobs = std::max(1U, std::thread::hardware_concurrency());
     if (const std::string* jobs = arguments.Value("--jobs")) {
-        if (!ParseNumber(*jobs, 1, mostJobs, wish.jobs))
+        if (!ParseNumber(*jobs, 1, mostJobs, wish.jobs)) {
             throw UsageError{"--jobs needs a number from 1 to " + std::to_string(mostJobs) + ", not " + *jobs};
+        }
     }
     if (const std::string* part = arguments.Value("--part")) {
         size_t stroke = part->find('/');
         if (stroke == std::string::npos || !ParseNumber(part->substr(stroke + 1), 1, mostParts, wish.parts) ||
-            !ParseNumber(part->substr(0, stroke), 1, wish.parts, wish.part))
+            !ParseNumber(part->substr(0, stroke), 1, wish.parts, wish.part)) {
             throw UsageError{"--part needs I/N with I from 1 to N, not " + *part};
+        }
     }
 }
 
@@ -303,23 +318,27 @@ void ReadWish(const Arguments& arguments, Wish& wish) {
 int RunCheck(const Arguments& arguments, Console& console) {
     Wish wish;
     ReadWish(arguments, wish);
-    if (const std::string* path = arguments.Value("--password-file"))
+    if (const std::string* path = arguments.Value("--password-file")) {
         wish.password.Read(*path);
+    }
     bool asJson = arguments.Has("--json");
     std::vector<Verdict> verdicts;
     int status = statusGood;
     for (const std::string& path : arguments.operands) {
         Verdict verdict = CheckImage(path, wish, console);
         status = Worst(status, StatusOf(verdict.result));
-        if (asJson)
+        if (asJson) {
             verdicts.push_back(std::move(verdict));
-        else
+        } else {
             PrintVerdict(console, verdict);
-        if (console.OutputFailed())
+        }
+        if (console.OutputFailed()) {
             break; // nobody reads the output any more
+        }
     }
-    if (asJson)
+    if (asJson) {
         WriteJson(console, verdicts);
+    }
     return status;
 }
 

@@ -19,8 +19,9 @@ constexpr size_t largestDocument = size_t{1} << 30;
 
 // The unit of an escape \uXXXX that the text begins with; false where it begins with none.
 bool ReadEscape(std::string_view text, unsigned& unit) {
-    if (text.size() < 6 || text[0] != '\\' || text[1] != 'u')
+    if (text.size() < 6 || text[0] != '\\' || text[1] != 'u') {
         return false;
+    }
     auto [stop, error] = std::from_chars(text.data() + 2, text.data() + 6, unit, 16);
     return error == std::errc() && stop == text.data() + 6;
 }
@@ -49,8 +50,9 @@ std::string WithStandIns(std::string_view text) {
                 text.remove_prefix(taken);
                 continue;
             }
-            if (unit >= 0xD800 && unit <= 0xDBFF && ReadEscape(text.substr(6), second) && IsLowSurrogate(second))
+            if (unit >= 0xD800 && unit <= 0xDBFF && ReadEscape(text.substr(6), second) && IsLowSurrogate(second)) {
                 taken = 12; // one character of two units
+            }
         }
         out += text.substr(0, taken);
         text.remove_prefix(taken);
@@ -63,10 +65,11 @@ std::string PathInDocument(std::string_view path) {
     std::string out;
     while (!path.empty()) {
         size_t length = Utf8SequenceLength(path);
-        if (length == 0)
+        if (length == 0) {
             out += StandInFor(static_cast<uint8_t>(path[0]));
-        else
+        } else {
             out += path.substr(0, length);
+        }
         path.remove_prefix(length == 0 ? 1 : length);
     }
     return out;
@@ -77,29 +80,36 @@ const Json* FindImage(const Json& images, const std::string& imagePath) {
     const Json* found = nullptr;
     for (const Json& image : images) {
         const std::string& path = image.at("path").get_ref<const std::string&>();
-        if (path == wanted)
+        if (path == wanted) {
             return &image;
-        if (NameInPath(path) == NameInPath(wanted))
+        }
+        if (NameInPath(path) == NameInPath(wanted)) {
             found = &image;
+        }
     }
     return found;
 }
 
 std::string TakeBadChunks(const Json& document, const std::string& imagePath, uint64_t chunkCount,
                           std::vector<bool>& bad) {
-    if (document.at("schema_version") != 1)
+    if (document.at("schema_version") != 1) {
         return "is of another version";
+    }
     const Json* image = FindImage(document.at("images"), imagePath);
-    if (image == nullptr)
+    if (image == nullptr) {
         return "says nothing of " + imagePath;
+    }
     const Json& chunks = image->at("chunks");
-    if (chunks.is_null())
+    if (chunks.is_null()) {
         return "says that " + imagePath + " was " + image->at("result").get<std::string>();
-    if (chunks != chunkCount)
+    }
+    if (chunks != chunkCount) {
         return "tells of another image of that name";
+    }
     bad.assign(chunkCount, false);
-    for (const Json& one : image->at("bad"))
+    for (const Json& one : image->at("bad")) {
         bad.at(one.at("chunk").get<uint64_t>()) = true;
+    }
     return "";
 }
 
@@ -108,8 +118,9 @@ std::string TakeBadChunks(const Json& document, const std::string& imagePath, ui
 std::string ReadCheckDocument(const std::string& path, const std::string& imagePath, uint64_t chunkCount,
                               std::vector<bool>& bad) {
     std::string content;
-    if (int error = ReadWholeFile(path, largestDocument, content))
+    if (int error = ReadWholeFile(path, largestDocument, content)) {
         return DescribeSystemError(error);
+    }
     try {
         return TakeBadChunks(Json::parse(WithStandIns(content)), imagePath, chunkCount, bad);
     } catch (const Json::exception&) {

@@ -132,16 +132,18 @@ bool HasCommand(const std::string& name) {
 
 const Command& FindCommand(const std::string& name) {
     for (const Command& command : Commands()) {
-        if (name == command.name)
+        if (name == command.name) {
             return command;
+        }
     }
     throw UsageError{"unknown command: " + name};
 }
 
 const Option& FindOption(const Command& command, const std::string& name) {
     for (const Option& option : command.options) {
-        if (name == option.name)
+        if (name == option.name) {
             return option;
+        }
     }
     throw UsageError{"unknown option: " + name};
 }
@@ -158,18 +160,21 @@ void TakeOption(const Command& command, const std::vector<std::string>& words, s
     const Option& option = FindOption(command, name);
     std::string value;
     if (!option.takesValue) {
-        if (sign != std::string::npos)
+        if (sign != std::string::npos) {
             throw UsageError{name + " takes no value"};
+        }
     } else if (sign != std::string::npos) {
         value = word.substr(sign + 1);
     } else {
-        if (++at == words.size())
+        if (++at == words.size()) {
             throw UsageError{name + " needs a value"};
+        }
         value = words[at];
     }
     std::vector<std::string>& values = arguments.options[name];
-    if (!values.empty() && !option.repeatable)
+    if (!values.empty() && !option.repeatable) {
         throw UsageError{name + " is given twice"};
+    }
     values.push_back(value);
 }
 
@@ -178,25 +183,29 @@ bool ParseArguments(const Command& command, const std::vector<std::string>& word
     bool optionsMayFollow = true;
     for (size_t at = 1; at < words.size(); at++) {
         const std::string& word = words[at];
-        if (!optionsMayFollow || word == "-" || word.empty() || word[0] != '-')
+        if (!optionsMayFollow || word == "-" || word.empty() || word[0] != '-') {
             arguments.operands.push_back(word);
-        else if (word == "--")
+        } else if (word == "--") {
             optionsMayFollow = false;
-        else if (AsksForHelp(word))
+        } else if (AsksForHelp(word)) {
             return false;
-        else
+        } else {
             TakeOption(command, words, at, arguments);
+        }
     }
-    if (arguments.operands.size() < command.leastOperands)
+    if (arguments.operands.size() < command.leastOperands) {
         throw UsageError{std::string(command.name) + " needs more than that"};
-    if (arguments.operands.size() > command.mostOperands)
+    }
+    if (arguments.operands.size() > command.mostOperands) {
         throw UsageError{"not understood: " + arguments.operands[command.mostOperands]};
+    }
     return true;
 }
 
 int Dispatch(const std::vector<std::string>& words, Console& console) {
-    if (words.empty())
+    if (words.empty()) {
         throw UsageError{"a command is missing"};
+    }
     if (AsksForHelp(words[0])) {
         console.Print(programHelp);
         return statusGood;
@@ -207,8 +216,9 @@ int Dispatch(const std::vector<std::string>& words, Console& console) {
     }
     const Command& command = FindCommand(words[0]);
     Arguments arguments;
-    if (ParseArguments(command, words, arguments))
+    if (ParseArguments(command, words, arguments)) {
         return command.run(arguments, console);
+    }
     console.Print(command.help);
     return statusGood;
 }

@@ -15,7 +15,7 @@ struct Arguments {
     std::vector<std::string> operands;
     std::map<std::string, std::vector<std::string>> options; // values by the option's name; "" of one without a value
 
-    bool Has(const std::string& name) const { return options.count(name) != 0; }
+    bool Has(const std::string& name) const { return options.contains(name); }
 
     // The value of an option; nullptr where it was not given.
     const std::string* Value(const std::string& name) const;

@@ -21,8 +21,9 @@ int Worst(int one, int other) {
 }
 
 bool Console::Write(const void* bytes, size_t length) {
-    if (outputFailed_)
+    if (outputFailed_) {
         return false;
+    }
     int error = WriteStream(Stream::output, bytes, length);
     if (error != 0) {
         outputFailed_ = true;
@@ -33,13 +34,15 @@ bool Console::Write(const void* bytes, size_t length) {
 
 void Console::Print(std::string_view text) {
     pending_ += text;
-    if (pending_.size() >= pieceLength)
+    if (pending_.size() >= pieceLength) {
         Flush();
+    }
 }
 
 void Console::Flush() {
-    if (pending_.empty())
+    if (pending_.empty()) {
         return;
+    }
     EndProgress();
     Write(pending_.data(), pending_.size());
     pending_.clear();
@@ -58,8 +61,9 @@ void Console::Complain(std::string_view text) {
 
 void Console::ShowProgress(std::string_view what, uint64_t done, uint64_t total) {
     auto now = std::chrono::steady_clock::now();
-    if (!errorIsTerminal_ || now < nextProgress_)
+    if (!errorIsTerminal_ || now < nextProgress_) {
         return;
+    }
     nextProgress_ = now + std::chrono::milliseconds(200);
     std::array<char, 16> share = {};
     double percent = total == 0 ? 100.0 : 100.0 * static_cast<double>(done) / static_cast<double>(total);
@@ -72,8 +76,9 @@ void Console::ShowProgress(std::string_view what, uint64_t done, uint64_t total)
 }
 
 void Console::EndProgress() {
-    if (progressLength_ == 0)
+    if (progressLength_ == 0) {
         return;
+    }
     std::string line = "\r" + std::string(progressLength_, ' ') + "\r";
     progressLength_ = 0;
     static_cast<void>(WriteStream(Stream::error, line.data(), line.size()));

@@ -27,8 +27,9 @@ struct Difference {
 int OpenAlone(const std::string& path, Image& image, Console& console) {
     vrnx_error error;
     int code = image.Open(path, VRNX_OPEN_NO_PASSWORD | VRNX_OPEN_ALONE, nullptr, error);
-    if (code == VRNX_OK)
+    if (code == VRNX_OK) {
         return statusGood;
+    }
     console.Complain(error.text);
     return StatusOfOpenError(code);
 }
@@ -39,15 +40,17 @@ Difference Compare(const Image& older, const Image& newer) {
     difference.diskSize = info.disk_size;
     for (uint64_t number = 0; number < info.chunk_count; number++) {
         vrnx_chunk chunk = newer.Chunk(number);
-        if (memcmp(chunk.hash, older.Chunk(number).hash, sizeof chunk.hash) == 0)
+        if (memcmp(chunk.hash, older.Chunk(number).hash, sizeof chunk.hash) == 0) {
             continue;
+        }
         difference.changedChunks++;
         difference.changedBytes += chunk.length;
         std::vector<Range>& ranges = difference.ranges;
-        if (!ranges.empty() && ranges.back().offset + ranges.back().length == chunk.disk_offset)
+        if (!ranges.empty() && ranges.back().offset + ranges.back().length == chunk.disk_offset) {
             ranges.back().length += chunk.length;
-        else
+        } else {
             ranges.push_back({chunk.disk_offset, chunk.length});
+        }
     }
     return difference;
 }
@@ -72,8 +75,9 @@ void WriteJson(Console& console, const Difference& difference) {
 }
 
 void PrintText(Console& console, const Difference& difference) {
-    for (const Range& range : difference.ranges)
+    for (const Range& range : difference.ranges) {
         console.Print(std::to_string(range.offset) + " " + std::to_string(range.length) + "\n");
+    }
     console.Print(Count(difference.changedChunks, "chunk") + " of the disk changed, " +
                   BytesText(difference.changedBytes) + " of " + BytesText(difference.diskSize) + "\n");
 }
@@ -85,8 +89,9 @@ int RunDiff(const Arguments& arguments, Console& console) {
     Image newer;
     int status = OpenAlone(arguments.operands[0], older, console);
     status = Worst(status, OpenAlone(arguments.operands[1], newer, console));
-    if (status != statusGood)
+    if (status != statusGood) {
         return status;
+    }
     vrnx_info oldInfo = older.Info();
     vrnx_info newInfo = newer.Info();
     if (oldInfo.disk_size != newInfo.disk_size) {
@@ -100,10 +105,11 @@ int RunDiff(const Arguments& arguments, Console& console) {
         return statusUsage;
     }
     Difference difference = Compare(older, newer);
-    if (arguments.Has("--json"))
+    if (arguments.Has("--json")) {
         WriteJson(console, difference);
-    else
+    } else {
         PrintText(console, difference);
+    }
     return statusGood;
 }
 

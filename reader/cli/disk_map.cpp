@@ -40,8 +40,9 @@ Colour LevelColour(size_t level) {
 }
 
 CellKind KindOf(const vrnx_chunk& chunk) {
-    if (chunk.zero)
+    if (chunk.zero) {
         return zeroCell;
+    }
     return chunk.level == VRNX_NO_LEVEL ? lostCell : firstLevel + chunk.level;
 }
 
@@ -51,8 +52,9 @@ DiskMap::DiskMap(const Image& image, const std::vector<bool>& bad) : info_(image
     styles_.push_back({"bad, by the check", '!', badColour});
     styles_.push_back({"in no image that is there", '?', lostColour});
     styles_.push_back({"zeros", '.', zeroColour});
-    for (uint32_t level = 0; level < info_.level_count; level++)
+    for (uint32_t level = 0; level < info_.level_count; level++) {
         styles_.push_back({Printable(NameInPath(image.Layer(level).path)), levelSymbols[level], LevelColour(level)});
+    }
     kinds_.reserve(info_.chunk_count);
     for (uint64_t number = 0; number < info_.chunk_count; number++) {
         CellKind kind = !bad.empty() && bad[number] ? badCell : KindOf(image.Chunk(number));
@@ -67,16 +69,18 @@ std::vector<CellKind> DiskMap::Cells(size_t mostCells, uint64_t& chunksPerCell) 
     for (uint64_t first = 0; first < info_.chunk_count; first += chunksPerCell) {
         uint64_t last = std::min(first + chunksPerCell, info_.chunk_count);
         std::vector<uint64_t> counts(styles_.size());
-        for (uint64_t number = first; number < last; number++)
+        for (uint64_t number = first; number < last; number++) {
             counts[kinds_[number]]++;
+        }
         // One bad chunk must not vanish among good ones, nor a lost one. Else the image that holds most.
         CellKind shown = zeroCell;
-        if (counts[badCell] > 0)
+        if (counts[badCell] > 0) {
             shown = badCell;
-        else if (counts[lostCell] > 0)
+        } else if (counts[lostCell] > 0) {
             shown = lostCell;
-        else if (counts[zeroCell] < last - first)
+        } else if (counts[zeroCell] < last - first) {
             shown = static_cast<CellKind>(std::max_element(counts.begin() + firstLevel, counts.end()) - counts.begin());
+        }
         cells.push_back(shown);
     }
     return cells;

@@ -29,10 +29,11 @@ int Donors::Add(const std::string& path, const Password& password, std::string& 
 bool Donors::Heal(const Image& image, const vrnx_chunk& chunk, uint64_t number, void* buffer, std::string& from) {
     for (const std::unique_ptr<Donor>& donor : donors_) {
         int code = VRNX_ERROR_FILE_READ;
-        if (donor->image.Handle() != nullptr)
+        if (donor->image.Handle() != nullptr) {
             code = vrnx_heal_chunk(image.Handle(), number, donor->image.Handle(), buffer, nullptr);
-        else if (donor->copy.Read(chunk.disk_offset, buffer, chunk.length))
+        } else if (donor->copy.Read(chunk.disk_offset, buffer, chunk.length)) {
             code = vrnx_prove_chunk(image.Handle(), number, buffer, chunk.length, nullptr);
+        }
         if (code == VRNX_OK) {
             from = donor->path;
             return true;

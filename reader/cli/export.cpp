@@ -49,8 +49,9 @@ int Target::Open(const std::string& path) {
 }
 
 bool Target::Succeeds(int error) {
-    if (error != 0)
+    if (error != 0) {
         console_.Complain(path_ + ": " + DescribeSystemError(error));
+    }
     return error == 0;
 }
 
@@ -61,15 +62,17 @@ bool Target::Write(uint64_t offset, const void* bytes, size_t length) {
 
 bool Target::Skip(uint64_t offset, size_t length) {
     end_ = offset + length;
-    if (isFile_)
+    if (isFile_) {
         return true;
+    }
     zeros_.resize(std::max(zeros_.size(), length));
     return console_.PrintBytes(zeros_.data(), length);
 }
 
 bool Target::Finish() {
-    if (!isFile_)
+    if (!isFile_) {
         return true;
+    }
     bool sized = Succeeds(file_.Resize(end_));
     return Succeeds(file_.Finish()) && sized;
 }
@@ -80,8 +83,9 @@ public:
     Export(const Arguments& arguments, Console& console)
         : console_(console), imagePath_(arguments.operands[0]), targetPath_(arguments.operands[1]),
           mapPath_(arguments.Value("--salvage")), from_(arguments.Values("--from")), target_(console) {
-        if (const std::string* path = arguments.Value("--password-file"))
+        if (const std::string* path = arguments.Value("--password-file")) {
             password_.Read(*path);
+        }
     }
 
     int Run();
@@ -129,8 +133,9 @@ int Export::OpenSources() {
         return StatusOfOpenError(code);
     }
     info_ = image_.Info();
-    for (uint32_t number = 0; number < info_.problem_count; number++)
+    for (uint32_t number = 0; number < info_.problem_count; number++) {
         console_.Complain(image_.Problem(number).text);
+    }
     for (const std::string& path : from_) {
         std::string text;
         if (donors_.Add(path, password_, text) != VRNX_OK) {
@@ -149,28 +154,34 @@ int Export::OpenTargets() {
         }
     }
     int status = target_.Open(targetPath_);
-    if (status != statusGood && mapPath_ != nullptr)
+    if (status != statusGood && mapPath_ != nullptr) {
         mapFile_.Remove(); // it says nothing yet
+    }
     return status;
 }
 
 int Export::Run() {
     int status = OpenSources();
-    if (status != statusGood)
+    if (status != statusGood) {
         return status;
+    }
     status = OpenTargets();
-    if (status != statusGood)
+    if (status != statusGood) {
         return status;
+    }
     buffer_.resize(info_.chunk_size);
     Outcome outcome = CopyChunks();
     console_.EndProgress();
     // Whatever happened: what is there is kept, and the map tells what that is.
-    if (!target_.Finish())
+    if (!target_.Finish()) {
         outcome = Outcome::failed;
-    if (mapPath_ != nullptr && !FinishMap())
+    }
+    if (mapPath_ != nullptr && !FinishMap()) {
         outcome = Outcome::failed;
-    if (outcome == Outcome::failed)
+    }
+    if (outcome == Outcome::failed) {
         return statusFailed;
+    }
     Summarize();
     return outcome == Outcome::stopped || badChunks_ > 0 ? statusDamaged : statusGood;
 }
@@ -178,8 +189,9 @@ int Export::Run() {
 Export::Outcome Export::CopyChunks() {
     for (uint64_t number = 0; number < info_.chunk_count; number++) {
         Outcome outcome = CopyChunk(number);
-        if (outcome != Outcome::goOn)
+        if (outcome != Outcome::goOn) {
             return outcome;
+        }
         console_.ShowProgress("exporting " + imagePath_, number + 1, info_.chunk_count);
     }
     return Outcome::goOn;
@@ -195,8 +207,9 @@ Export::Outcome Export::CopyChunk(uint64_t number) {
         if (code != VRNX_OK) {
             uint64_t badBefore = badChunks_;
             Outcome outcome = TakeBad(number, chunk, error);
-            if (outcome != Outcome::goOn)
+            if (outcome != Outcome::goOn) {
                 return outcome;
+            }
             good = badChunks_ == badBefore;
             hole = !good;
         }
@@ -204,8 +217,9 @@ Export::Outcome Export::CopyChunk(uint64_t number) {
     zeroChunks_ += chunk.zero;
     bool written = hole ? target_.Skip(chunk.disk_offset, chunk.length)
                         : target_.Write(chunk.disk_offset, buffer_.data(), chunk.length);
-    if (!written)
+    if (!written) {
         return Outcome::failed;
+    }
     map_.Add(chunk.length, good);
     return Outcome::goOn;
 }
@@ -232,8 +246,9 @@ bool Export::FinishMap() {
     int error = mapFile_.Write(0, text.data(), text.size());
     int finished = mapFile_.Finish();
     error = error != 0 ? error : finished;
-    if (error != 0)
+    if (error != 0) {
         console_.Complain(*mapPath_ + ": " + DescribeSystemError(error));
+    }
     return error == 0;
 }
 
@@ -245,10 +260,11 @@ void Export::Summarize() {
     std::string text = BytesText(info_.disk_size) + ", " + Count(info_.chunk_count, "chunk") + ": " +
                        std::to_string(zeroChunks_) + " of zeros, " + std::to_string(healedChunks_) + " healed, " +
                        std::to_string(badChunks_) + " bad";
-    if (targetPath_ != "-")
+    if (targetPath_ != "-") {
         console_.Print(Printable(targetPath_) + ": " + text + "\n");
-    else if (badChunks_ > 0 || healedChunks_ > 0)
+    } else if (badChunks_ > 0 || healedChunks_ > 0) {
         console_.Complain(text);
+    }
 }
 
 } // namespace

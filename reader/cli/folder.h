@@ -51,7 +51,6 @@ public:
 private:
     Entry& Load(const std::string& name);
     void LoadBases();
-    void FindReason(Entry& entry) const;
 
     std::string path_;
     std::map<std::string, std::unique_ptr<Entry>> entries_; // by the key of their names

@@ -17,8 +17,9 @@ constexpr size_t largestPasswordFile = 1048576;
 // Overwrites a secret. The pointer to volatile keeps the compiler from leaving it out.
 void Wipe(std::string& secret) {
     volatile char* bytes = secret.data();
-    for (size_t at = 0; at < secret.size(); at++)
+    for (size_t at = 0; at < secret.size(); at++) {
         bytes[at] = 0;
+    }
     secret.clear();
 }
 
@@ -33,8 +34,9 @@ void Password::Read(const std::string& path) {
     wanted_ = true;
     // All the room at once: a text that grows leaves copies of itself behind.
     bytes_.reserve(largestPasswordFile + 1);
-    if (ReadWholeFile(path, largestPasswordFile + 1, bytes_) != 0 || bytes_.size() > largestPasswordFile)
+    if (ReadWholeFile(path, largestPasswordFile + 1, bytes_) != 0 || bytes_.size() > largestPasswordFile) {
         Wipe(bytes_);
+    }
     bytes_.resize(bytes_.find_last_not_of("\r\n") + 1);
 }
 
@@ -58,8 +60,9 @@ int Image::Open(const std::string& path, uint32_t flags, const Password* passwor
     options.flags = flags;
     // Every command takes each chunk once.
     options.cache_chunks = VRNX_CACHE_NONE;
-    if (password != nullptr)
+    if (password != nullptr) {
         password->PutInto(options);
+    }
     return vrnx_open(path.c_str(), &options, sizeof options, &image_, &error);
 }
 

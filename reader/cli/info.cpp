@@ -34,8 +34,9 @@ ChunkCounts CountChunks(const Image& image) {
         vrnx_chunk chunk = image.Chunk(number);
         (chunk.reference ? counts.references : counts.stored)++;
         counts.zero += chunk.zero;
-        if (chunk.level < counts.byLevel.size())
+        if (chunk.level < counts.byLevel.size()) {
             counts.byLevel[chunk.level]++;
+        }
     }
     return counts;
 }
@@ -47,8 +48,9 @@ std::vector<vrnx_layer> GoodChain(const Image& image) {
     for (uint32_t level = 0; level < levels; level++) {
         vrnx_layer layer = image.Layer(level);
         chain.push_back(layer);
-        if (layer.base_state != VRNX_BASE_GOOD && layer.base_state != VRNX_BASE_INCOMPLETE)
+        if (layer.base_state != VRNX_BASE_GOOD && layer.base_state != VRNX_BASE_INCOMPLETE) {
             break;
+        }
     }
     return chain;
 }
@@ -58,13 +60,16 @@ Description Describe(const std::string& path, const Image& image) {
     description.path = path;
     description.layer = image.Layer(0);
     description.countsKnown = IsKnown(description.layer, VRNX_KNOWN_GEOMETRY | VRNX_KNOWN_TABLE);
-    if (description.countsKnown)
+    if (description.countsKnown) {
         description.counts = CountChunks(image);
-    if (IsKnown(description.layer, VRNX_KNOWN_GEOMETRY))
+    }
+    if (IsKnown(description.layer, VRNX_KNOWN_GEOMETRY)) {
         description.chain = GoodChain(image);
+    }
     uint32_t problems = image.Info().problem_count;
-    for (uint32_t number = 0; number < problems; number++)
+    for (uint32_t number = 0; number < problems; number++) {
         description.problems.emplace_back(image.Problem(number).text);
+    }
     return description;
 }
 
@@ -101,17 +106,19 @@ private:
 };
 
 void JsonInfo::NumberIf(bool known, const char* name, uint64_t number) {
-    if (known)
+    if (known) {
         json_.NumberMember(name, number);
-    else
+    } else {
         json_.NullMember(name);
+    }
 }
 
 void JsonInfo::DigestMember(const vrnx_layer& layer) {
-    if (IsKnown(layer, VRNX_KNOWN_DIGEST))
+    if (IsKnown(layer, VRNX_KNOWN_DIGEST)) {
         json_.TextMember("digest", Hexadecimal(layer.digest, sizeof layer.digest));
-    else
+    } else {
         json_.NullMember("digest");
+    }
 }
 
 void JsonInfo::Write(const Description& description) {
@@ -126,19 +133,22 @@ void JsonInfo::Write(const Description& description) {
     NumberIf(geometry, "sector_size", layer.sector_size);
     NumberIf(geometry, "chunk_size", layer.chunk_size);
     NumberIf(geometry, "chunk_count", layer.chunk_count);
-    if (seal)
+    if (seal) {
         json_.BooleanMember("encrypted", layer.encrypted != 0);
-    else
+    } else {
         json_.NullMember("encrypted");
+    }
     NumberIf(seal, "kdf_iterations", layer.kdf_iterations);
-    if (seal && layer.encrypted != 0)
+    if (seal && layer.encrypted != 0) {
         json_.TextMember("salt", Hexadecimal(layer.salt, sizeof layer.salt));
-    else
+    } else {
         json_.NullMember("salt");
-    if (IsKnown(layer, VRNX_KNOWN_EPOCH) && layer.epoch != 0)
+    }
+    if (IsKnown(layer, VRNX_KNOWN_EPOCH) && layer.epoch != 0) {
         json_.TextMember("epoch", EpochText(layer.epoch));
-    else
+    } else {
         json_.NullMember("epoch");
+    }
     DigestMember(layer);
     json_.NumberMember("file_size", layer.file_size);
     json_.Key("chunks");
@@ -155,8 +165,9 @@ void JsonInfo::Write(const Description& description) {
     WriteChain(description);
     json_.Key("problems");
     json_.BeginArray();
-    for (const std::string& problem : description.problems)
+    for (const std::string& problem : description.problems) {
         json_.Text(problem);
+    }
     json_.EndArray();
     json_.EndObject();
 }
@@ -170,10 +181,11 @@ void JsonInfo::WriteBase(const vrnx_layer& layer) {
     json_.BeginObject(JsonWriter::Layout::line);
     json_.TextMember("name", BaseName(layer));
     json_.TextMember("digest", Hexadecimal(layer.base_digest, sizeof layer.base_digest));
-    if (layer.base_path != nullptr)
+    if (layer.base_path != nullptr) {
         json_.TextMember("path", layer.base_path);
-    else
+    } else {
         json_.NullMember("path");
+    }
     json_.TextMember("state", BaseStateText(layer.base_state));
     json_.EndObject();
 }
@@ -191,10 +203,11 @@ void JsonInfo::WriteChain(const Description& description) {
         json_.TextMember("path", layer.path);
         DigestMember(layer);
         json_.NumberMember("version", layer.version);
-        if (IsKnown(layer, VRNX_KNOWN_SEAL))
+        if (IsKnown(layer, VRNX_KNOWN_SEAL)) {
             json_.BooleanMember("encrypted", layer.encrypted != 0);
-        else
+        } else {
             json_.NullMember("encrypted");
+        }
         NumberIf(description.countsKnown, "chunks_used",
                  description.countsKnown ? description.counts.byLevel[level] : 0);
         json_.EndObject();
@@ -211,18 +224,21 @@ void PrintLine(Console& console, const char* label, const std::string& value) {
 }
 
 std::string KindText(const vrnx_layer& layer) {
-    if (!IsKnown(layer, VRNX_KNOWN_VERSION))
+    if (!IsKnown(layer, VRNX_KNOWN_VERSION)) {
         return layer.unfinished ? "unfinished: the capture did not come to its end, or goes on" : "not an image";
+    }
     std::string text = layer.version == 3 ? "thin" : "full";
-    if (IsKnown(layer, VRNX_KNOWN_SEAL))
+    if (IsKnown(layer, VRNX_KNOWN_SEAL)) {
         text += layer.encrypted ? ", sealed" : ", not sealed";
+    }
     return text;
 }
 
 void PrintChunks(Console& console, const Description& description) {
     const vrnx_layer& layer = description.layer;
-    if (!IsKnown(layer, VRNX_KNOWN_GEOMETRY))
+    if (!IsKnown(layer, VRNX_KNOWN_GEOMETRY)) {
         return;
+    }
     PrintLine(console, "Disk", BytesText(layer.disk_size) + ", sectors of " + std::to_string(layer.sector_size));
     PrintLine(console, "Chunks",
               std::to_string(layer.chunk_count) + " of " + std::to_string(layer.chunk_size) + " bytes");
@@ -238,8 +254,9 @@ void PrintChain(Console& console, const Description& description) {
     for (size_t level = 0; level < description.chain.size(); level++) {
         const vrnx_layer& layer = description.chain[level];
         std::string line = Printable(layer.path) + " (" + KindText(layer) + ")";
-        if (description.countsKnown)
+        if (description.countsKnown) {
             line += ": " + Count(description.counts.byLevel[level], "chunk") + " of the disk";
+        }
         PrintLine(console, level == 0 ? "Chain" : "", line);
     }
 }
@@ -250,21 +267,25 @@ void PrintInfo(Console& console, const Description& description) {
     PrintLine(console, "Kind", KindText(layer));
     PrintLine(console, "File", BytesText(layer.file_size));
     PrintChunks(console, description);
-    if (IsKnown(layer, VRNX_KNOWN_SEAL) && layer.encrypted)
+    if (IsKnown(layer, VRNX_KNOWN_SEAL) && layer.encrypted) {
         PrintLine(console, "Seal",
                   std::to_string(layer.kdf_iterations) + " iterations, salt " +
                       Hexadecimal(layer.salt, sizeof layer.salt));
-    if (IsKnown(layer, VRNX_KNOWN_EPOCH))
+    }
+    if (IsKnown(layer, VRNX_KNOWN_EPOCH)) {
         PrintLine(console, "Epoch", layer.epoch == 0 ? "none" : EpochText(layer.epoch));
-    if (IsKnown(layer, VRNX_KNOWN_DIGEST))
+    }
+    if (IsKnown(layer, VRNX_KNOWN_DIGEST)) {
         PrintLine(console, "Digest", Hexadecimal(layer.digest, sizeof layer.digest));
+    }
     if (IsKnown(layer, VRNX_KNOWN_BASE_NAME)) {
         PrintLine(console, "Base", Printable(BaseName(layer)) + " (" + BaseStateText(layer.base_state) + ")");
         PrintLine(console, "", Hexadecimal(layer.base_digest, sizeof layer.base_digest));
     }
     PrintChain(console, description);
-    for (const std::string& problem : description.problems)
+    for (const std::string& problem : description.problems) {
         PrintLine(console, "Problem", Printable(problem));
+    }
 }
 
 } // namespace
@@ -278,10 +299,11 @@ int RunInfo(const Arguments& arguments, Console& console) {
         return statusFailed;
     }
     Description description = Describe(path, image);
-    if (arguments.Has("--json"))
+    if (arguments.Has("--json")) {
         JsonInfo(console).Write(description);
-    else
+    } else {
         PrintInfo(console, description);
+    }
     return description.problems.empty() ? statusGood : statusDamaged;
 }
 

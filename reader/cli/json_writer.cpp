@@ -28,8 +28,9 @@ std::string Quoted(std::string_view text) {
         } else if (first < 0x20 || first == 0x7F) {
             quoted += Escape(first);
         } else {
-            if (first == '"' || first == '\\')
+            if (first == '"' || first == '\\') {
                 quoted += '\\';
+            }
             quoted += text.substr(0, length);
         }
         text.remove_prefix(length);
@@ -49,14 +50,17 @@ void JsonWriter::BeginItem() {
         afterKey_ = false;
         return;
     }
-    if (levels_.empty())
+    if (levels_.empty()) {
         return;
+    }
     Level& level = levels_.back();
-    if (!level.empty)
+    if (!level.empty) {
         console_.Print(level.layout == Layout::lines ? "," : ", ");
+    }
     level.empty = false;
-    if (level.layout == Layout::lines)
+    if (level.layout == Layout::lines) {
         BreakLine();
+    }
 }
 
 void JsonWriter::Begin(char bracket, Layout layout) {
@@ -68,11 +72,13 @@ void JsonWriter::Begin(char bracket, Layout layout) {
 void JsonWriter::End(char bracket) {
     Level level = levels_.back();
     levels_.pop_back();
-    if (!level.empty && level.layout == Layout::lines)
+    if (!level.empty && level.layout == Layout::lines) {
         BreakLine();
+    }
     console_.Print(std::string(1, bracket));
-    if (levels_.empty())
+    if (levels_.empty()) {
         console_.Print("\n");
+    }
 }
 
 void JsonWriter::Key(std::string_view name) {

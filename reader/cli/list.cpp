@@ -30,34 +30,40 @@ const char* KindText(const Entry& entry) {
 // --- As JSON --------------------------------------------------------------------------------------------------------
 
 void WriteNulls(JsonWriter& json, std::initializer_list<const char*> names) {
-    for (const char* name : names)
+    for (const char* name : names) {
         json.NullMember(name);
+    }
 }
 
 void WriteImage(JsonWriter& json, const Entry& entry, bool deletable) {
-    if (entry.digestKnown)
+    if (entry.digestKnown) {
         json.TextMember("digest", Hexadecimal(entry.layer.digest, sizeof entry.layer.digest));
-    else
+    } else {
         json.NullMember("digest");
-    if (entry.geometryKnown)
+    }
+    if (entry.geometryKnown) {
         json.NumberMember("disk_size", entry.layer.disk_size);
-    else
+    } else {
         json.NullMember("disk_size");
-    if (entry.base.empty())
+    }
+    if (entry.base.empty()) {
         json.NullMember("base");
-    else
+    } else {
         json.TextMember("base", entry.base);
+    }
     json.Key("needed_by");
     json.BeginArray(JsonWriter::Layout::line);
-    for (const Entry* upper : entry.neededBy)
+    for (const Entry* upper : entry.neededBy) {
         json.Text(upper->name);
+    }
     json.EndArray();
     json.BooleanMember("deletable", deletable);
     json.TextMember("state", entry.reason.empty() ? "complete" : "broken");
-    if (entry.reason.empty())
+    if (entry.reason.empty()) {
         json.NullMember("reason");
-    else
+    } else {
         json.TextMember("reason", entry.reason);
+    }
 }
 
 void WriteJson(Console& console, const std::string& path, const Folder& folder, bool allReadable) {
@@ -70,18 +76,20 @@ void WriteJson(Console& console, const std::string& path, const Folder& folder, 
     for (const Entry* entry : folder.Entries()) {
         json.BeginObject(JsonWriter::Layout::line);
         json.TextMember("path", entry->name);
-        if (entry->kind == Kind::unreadable)
+        if (entry->kind == Kind::unreadable) {
             json.NullMember("kind");
-        else
+        } else {
             json.TextMember("kind", KindText(*entry));
+        }
         if (entry->IsImage()) {
             WriteImage(json, *entry, allReadable && entry->neededBy.empty());
         } else {
             WriteNulls(json, {"digest", "disk_size", "base", "needed_by", "deletable", "state"});
-            if (entry->kind == Kind::unreadable)
+            if (entry->kind == Kind::unreadable) {
                 json.TextMember("reason", entry->problem);
-            else
+            } else {
                 json.NullMember("reason");
+            }
         }
         json.EndObject();
     }
@@ -116,13 +124,15 @@ private:
 
 void Tree::Print() {
     for (const Entry* entry : folder_.Entries()) {
-        if (!entry->baseIsPinned || !entry->baseEntry->listed)
+        if (!entry->baseIsPinned || !entry->baseEntry->listed) {
             PrintFrom(*entry);
+        }
     }
     // Chains that lead back to themselves hang on nothing else.
     for (const Entry* entry : folder_.Entries()) {
-        if (printed_.count(entry) == 0)
+        if (!printed_.contains(entry)) {
             PrintFrom(*entry);
+        }
     }
 }
 
@@ -131,14 +141,18 @@ void Tree::PrintFrom(const Entry& root) {
     while (!open.empty()) {
         Place place = open.back();
         open.pop_back();
-        if (!printed_.insert(place.entry).second)
+        if (!printed_.insert(place.entry).second) {
             continue;
-        PrintEntry(*place.entry, place.depth);
-        const std::vector<const Entry*>& upper = place.entry->neededBy;
-        for (auto entry = upper.rbegin(); entry != upper.rend(); ++entry) {
-            if ((*entry)->listed)
-                open.push_back({*entry, place.depth + 1});
         }
+        PrintEntry(*place.entry, place.depth);
+        // The last is printed first.
+        auto before = static_cast<ptrdiff_t>(open.size());
+        for (const Entry* upper : place.entry->neededBy) {
+            if (upper->listed) {
+                open.push_back({upper, place.depth + 1});
+            }
+        }
+        std::reverse(open.begin() + before, open.end());
     }
 }
 
@@ -146,12 +160,15 @@ void Tree::PrintEntry(const Entry& entry, size_t depth) {
     std::string line = std::string(2 * std::min<size_t>(depth, 20), ' ') + Printable(entry.name);
     line.resize(std::max<size_t>(line.size() + 2, 40), ' ');
     line += KindText(entry);
-    if (entry.geometryKnown)
+    if (entry.geometryKnown) {
         line += ", " + SizeText(entry.layer.disk_size);
-    if (entry.IsImage() && allReadable_ && entry.neededBy.empty())
+    }
+    if (entry.IsImage() && allReadable_ && entry.neededBy.empty()) {
         line += ", can be deleted";
-    if (entry.IsImage() && !entry.reason.empty())
+    }
+    if (entry.IsImage() && !entry.reason.empty()) {
         line += "\n" + std::string(2 * std::min<size_t>(depth, 20) + 2, ' ') + "BROKEN: " + Printable(entry.reason);
+    }
     console_.Print(line + "\n");
 }
 
@@ -176,10 +193,11 @@ int RunList(const Arguments& arguments, Console& console) {
             status = Worst(status, statusDamaged);
         }
     }
-    if (arguments.Has("--json"))
+    if (arguments.Has("--json")) {
         WriteJson(console, path, folder, allReadable);
-    else
+    } else {
         Tree(console, folder, allReadable).Print();
+    }
     return status;
 }
 

@@ -5,6 +5,7 @@
 #include "disk_map.h"
 #include "image.h"
 #include "port.h"
+#include "text.h"
 
 #include <algorithm>
 
@@ -15,12 +16,15 @@ namespace {
 int WriteNewFile(const std::string& path, const std::string& content, Console& console) {
     NewFile file;
     int error = file.Create(path);
-    if (error == 0)
+    if (error == 0) {
         error = file.Write(0, content.data(), content.size());
-    if (error == 0)
+    }
+    if (error == 0) {
         error = file.Finish();
-    if (error == 0)
+    }
+    if (error == 0) {
         return statusGood;
+    }
     console.Complain(path + ": " + DescribeSystemError(error));
     return statusFailed;
 }
@@ -37,8 +41,9 @@ int RunMap(const Arguments& arguments, Console& console) {
         return StatusOfOpenError(code);
     }
     vrnx_info info = image.Info();
-    for (uint32_t number = 0; number < info.problem_count; number++)
+    for (uint32_t number = 0; number < info.problem_count; number++) {
         console.Complain(image.Problem(number).text);
+    }
     std::vector<bool> bad;
     if (const std::string* document = arguments.Value("--check")) {
         std::string problem = ReadCheckDocument(*document, path, info.chunk_count, bad);
@@ -49,8 +54,12 @@ int RunMap(const Arguments& arguments, Console& console) {
     }
     DiskMap map(image, bad);
     int status = info.problem_count > 0 || map.Style(badCell).chunks > 0 ? statusDamaged : statusGood;
-    if (const std::string* file = arguments.Value("--svg"))
+    if (const std::string* file = arguments.Value("--svg")) {
+        if (map.Style(badCell).chunks > 0) {
+            console.Complain(path + ": " + Count(map.Style(badCell).chunks, "bad chunk"));
+        }
         return Worst(status, WriteNewFile(*file, DrawAsSvg(map, path), console));
+    }
     console.Print(DrawAsText(map, path, TerminalColumns(), TakesColours()));
     return status;
 }

@@ -55,10 +55,9 @@ std::string TextAt(size_t x, size_t y, const char* attributes, const std::string
 
 class SvgMap {
 public:
-    SvgMap(const DiskMap& map, const std::string& path) : map_(map), path_(Printable(path)) {
-        cells_ = map.Cells(columns * mostRows, chunksPerCell_);
-        rows_ = (cells_.size() + columns - 1) / columns;
-    }
+    SvgMap(const DiskMap& map, const std::string& path)
+        : map_(map), path_(Printable(path)), cells_(map.Cells(columns * mostRows, chunksPerCell_)),
+          rows_((cells_.size() + columns - 1) / columns) {}
 
     std::string Draw() const;
 
@@ -75,15 +74,16 @@ private:
 
     const DiskMap& map_;
     std::string path_;
+    uint64_t chunksPerCell_ = 0; // before the cells, whose making tells it
     std::vector<CellKind> cells_;
-    uint64_t chunksPerCell_ = 0;
-    size_t rows_ = 0;
+    size_t rows_;
 };
 
 std::string SvgMap::Draw() const {
     size_t lines = 0;
-    for (CellKind kind = 0; kind < map_.KindCount(); kind++)
+    for (CellKind kind = 0; kind < map_.KindCount(); kind++) {
         lines += kind >= firstLevel || map_.Style(kind).chunks > 0;
+    }
     size_t width = left + columns * pitch + 32;
     size_t height = LegendTop() + lines * legendPitch + 16;
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -103,8 +103,9 @@ std::string SvgMap::Styles() const {
                        "text.offset{font-size:11px;fill:#666666;text-anchor:end}"
                        "text.symbol{font:bold 9px monospace;text-anchor:middle;pointer-events:none}"
                        "path{stroke:#ffffff;stroke-width:1.6;pointer-events:none}";
-    for (CellKind kind = 0; kind < map_.KindCount(); kind++)
+    for (CellKind kind = 0; kind < map_.KindCount(); kind++) {
         text += ".k" + Number(kind) + "{fill:" + HexColour(map_.Style(kind).colour) + "}";
+    }
     return text + "</style>\n";
 }
 
@@ -115,8 +116,9 @@ std::string SvgMap::Square(size_t x, size_t y, CellKind kind, const std::string&
     text += tooltip.empty() ? "/>\n" : "><title>" + Escaped(tooltip) + "</title></rect>\n";
     if (kind == badCell || kind == lostCell) {
         std::string stroke = "M" + Number(x + 3) + " " + Number(y + 3) + "l6 6";
-        if (kind == badCell)
+        if (kind == badCell) {
             stroke += "m0 -6l-6 6";
+        }
         text += "<path d=\"" + stroke + "\"/>\n";
     } else if (kind >= firstLevel && NeedsSymbols()) {
         text += TextAt(x + side / 2, y + side - 3, " class=\"symbol\"", std::string(1, map_.Style(kind).symbol));
@@ -138,11 +140,13 @@ std::string SvgMap::Cells() const {
     for (size_t row = 0; row < rows_; row++) {
         size_t y = top + row * pitch;
         // An offset every few rows is enough to find one's way.
-        if (row % 4 == 0)
+        if (row % 4 == 0) {
             text += TextAt(left - 10, y + side - 2, " class=\"offset\"",
                            SizeText(row * columns * chunksPerCell_ * map_.Info().chunk_size));
-        for (size_t cell = row * columns; cell < std::min((row + 1) * columns, cells_.size()); cell++)
+        }
+        for (size_t cell = row * columns; cell < std::min((row + 1) * columns, cells_.size()); cell++) {
             text += Square(left + cell % columns * pitch, y, cells_[cell], CellTooltip(cell));
+        }
     }
     return text;
 }
@@ -154,8 +158,9 @@ std::string SvgMap::Legend() const {
         // The images from the top of the chain down, then the rest; what there is none of needs no line.
         CellKind shown = (kind + firstLevel) % map_.KindCount();
         const CellStyle& style = map_.Style(shown);
-        if (shown < firstLevel && style.chunks == 0)
+        if (shown < firstLevel && style.chunks == 0) {
             continue;
+        }
         text += Square(left, y, shown, "");
         text += TextAt(left + 22, y + side - 1, "", style.label + ", " + Count(style.chunks, "chunk"));
         y += legendPitch;

@@ -27,10 +27,12 @@ bool IsLight(Colour colour) {
 std::string Run(const DiskMap& map, CellKind kind, size_t count, bool colours) {
     const CellStyle& style = map.Style(kind);
     std::string symbols(count, style.symbol);
-    if (!colours)
+    if (!colours) {
         return symbols;
-    if (kind == zeroCell)
+    }
+    if (kind == zeroCell) {
         return "\x1b[38;5;245m" + symbols + "\x1b[0m";
+    }
     return "\x1b[38;5;" + std::string(IsLight(style.colour) ? "16" : "231") + ";48;5;" + TerminalColour(style.colour) +
            "m" + symbols + "\x1b[0m";
 }
@@ -41,9 +43,10 @@ std::string Legend(const DiskMap& map, bool colours) {
         // The images from the top of the chain down, then the rest; what there is none of needs no line.
         CellKind shown = (kind + firstLevel) % map.KindCount();
         const CellStyle& style = map.Style(shown);
-        if (shown >= firstLevel || style.chunks > 0)
+        if (shown >= firstLevel || style.chunks > 0) {
             text +=
                 "  " + Run(map, shown, 1, colours) + "  " + style.label + ", " + Count(style.chunks, "chunk") + "\n";
+        }
     }
     return text;
 }
@@ -53,8 +56,9 @@ std::string Legend(const DiskMap& map, bool colours) {
 std::string DrawAsText(const DiskMap& map, const std::string& path, size_t columns, bool colours) {
     // Rows of a length that people can count with.
     size_t width = 8;
-    while (width < 128 && width * 2 + offsetColumns < columns)
+    while (width < 128 && width * 2 + offsetColumns < columns) {
         width *= 2;
+    }
     uint64_t chunksPerCell = 0;
     std::vector<CellKind> cells = map.Cells(width * mostRows, chunksPerCell);
     uint64_t cellBytes = chunksPerCell * map.Info().chunk_size;
@@ -66,8 +70,9 @@ std::string DrawAsText(const DiskMap& map, const std::string& path, size_t colum
         text += std::string(offsetColumns - 2 - std::min(offsetColumns - 2, offset.size()), ' ') + offset + "  ";
         for (size_t at = first; at < last;) {
             size_t end = at;
-            while (end < last && cells[end] == cells[at])
+            while (end < last && cells[end] == cells[at]) {
                 end++;
+            }
             text += Run(map, cells[at], end - at, colours);
             at = end;
         }

@@ -36,9 +36,9 @@ int ErrorOf(int result) {
 
 int OpenForReading(const std::string& path, int flags) {
     int fd = -1;
-    do
+    do {
         fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
-    while (fd == -1 && errno == EINTR);
+    } while (fd == -1 && errno == EINTR);
     return fd;
 }
 
@@ -47,8 +47,9 @@ void SyncFolder(const std::string& path) {
     std::string name = NameInPath(path);
     std::string folder = path.substr(0, path.size() - name.size());
     int fd = OpenForReading(folder.empty() ? "." : folder, O_DIRECTORY);
-    if (fd == -1)
+    if (fd == -1) {
         return;
+    }
     // Some file systems know no such call, and nothing is lost where the machine keeps running.
     static_cast<void>(fsync(fd));
     close(fd);
@@ -79,8 +80,9 @@ bool TakesColours() {
 
 size_t TerminalColumns() {
     winsize size = {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
         return size.ws_col;
+    }
     return 80;
 }
 
@@ -93,10 +95,12 @@ int WriteStream(Stream stream, const void* bytes, size_t length) {
     const char* next = static_cast<const char*>(bytes);
     while (length > 0) {
         ssize_t count = write(Descriptor(stream), next, length);
-        if (count == -1 && errno == EINTR)
+        if (count == -1 && errno == EINTR) {
             continue;
-        if (count <= 0)
+        }
+        if (count <= 0) {
             return count == 0 ? EIO : errno;
+        }
         next += count;
         length -= static_cast<size_t>(count);
     }
@@ -107,8 +111,9 @@ int WriteStream(Stream stream, const void* bytes, size_t length) {
 
 int ReadFolder(const std::string& folder, std::vector<std::string>& names) {
     DIR* stream = opendir(folder.c_str());
-    if (stream == nullptr)
+    if (stream == nullptr) {
         return errno;
+    }
     int error = 0;
     while (true) {
         errno = 0;
@@ -118,8 +123,9 @@ int ReadFolder(const std::string& folder, std::vector<std::string>& names) {
             break;
         }
         struct stat information = {};
-        if (fstatat(dirfd(stream), entry->d_name, &information, 0) == 0 && S_ISREG(information.st_mode))
+        if (fstatat(dirfd(stream), entry->d_name, &information, 0) == 0 && S_ISREG(information.st_mode)) {
             names.emplace_back(entry->d_name);
+        }
     }
     closedir(stream);
     return error;
@@ -141,8 +147,9 @@ std::string NameKey(const std::string& name) {
 int ReadWholeFile(const std::string& path, size_t limit, std::string& content) {
     content.clear();
     int fd = OpenForReading(path, 0);
-    if (fd == -1)
+    if (fd == -1) {
         return errno;
+    }
     int error = 0;
     while (content.size() < limit) {
         size_t had = content.size();
@@ -150,8 +157,9 @@ int ReadWholeFile(const std::string& path, size_t limit, std::string& content) {
         ssize_t count = read(fd, content.data() + had, content.size() - had);
         error = count == -1 && errno != EINTR ? errno : 0;
         content.resize(had + static_cast<size_t>(std::max<ssize_t>(count, 0)));
-        if (count == 0 || error != 0)
+        if (count == 0 || error != 0) {
             break;
+        }
     }
     close(fd);
     return error;
@@ -163,27 +171,33 @@ bool IsBlockDevice(const std::string& path) {
 }
 
 NewFile::~NewFile() {
-    if (handle_ != -1)
+    if (handle_ != -1) {
         close(Descriptor(handle_)); // given up: whatever it could tell is no news
+    }
 }
 
 int NewFile::Create(const std::string& path) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd == -1)
+    if (fd == -1) {
         return errno;
+    }
     handle_ = fd;
     path_ = path;
     return 0;
 }
 
+// A file that is written to changes, whatever its owner holds of it.
+// NOLINTNEXTLINE(readability-make-member-function-const)
 int NewFile::Write(uint64_t offset, const void* bytes, size_t length) {
     const char* next = static_cast<const char*>(bytes);
     while (length > 0) {
         ssize_t count = pwrite(Descriptor(handle_), next, length, static_cast<off_t>(offset));
-        if (count == -1 && errno == EINTR)
+        if (count == -1 && errno == EINTR) {
             continue;
-        if (count <= 0)
+        }
+        if (count <= 0) {
             return count == 0 ? EIO : errno;
+        }
         next += count;
         offset += static_cast<uint64_t>(count);
         length -= static_cast<size_t>(count);
@@ -191,6 +205,7 @@ int NewFile::Write(uint64_t offset, const void* bytes, size_t length) {
     return 0;
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const)
 int NewFile::Resize(uint64_t size) {
     return ErrorOf(ftruncate(Descriptor(handle_), static_cast<off_t>(size)));
 }
@@ -210,21 +225,24 @@ void NewFile::Remove() {
 }
 
 RawCopy::~RawCopy() {
-    if (handle_ != -1)
+    if (handle_ != -1) {
         close(Descriptor(handle_));
+    }
 }
 
 int RawCopy::Open(const std::string& path) {
     // A pipe without a writer must not hold the run up.
     int fd = OpenForReading(path, O_NONBLOCK);
-    if (fd == -1)
+    if (fd == -1) {
         return errno;
+    }
     struct stat information = {};
     int error = ErrorOf(fstat(fd, &information));
-    if (error == 0 && S_ISDIR(information.st_mode))
+    if (error == 0 && S_ISDIR(information.st_mode)) {
         error = EISDIR;
-    else if (error == 0 && !S_ISREG(information.st_mode) && !S_ISBLK(information.st_mode))
+    } else if (error == 0 && !S_ISREG(information.st_mode) && !S_ISBLK(information.st_mode)) {
         error = ESPIPE;
+    }
     if (error != 0) {
         close(fd);
         return error;
@@ -237,10 +255,12 @@ bool RawCopy::Read(uint64_t offset, void* buffer, size_t length) const {
     char* next = static_cast<char*>(buffer);
     while (length > 0) {
         ssize_t count = pread(Descriptor(handle_), next, length, static_cast<off_t>(offset));
-        if (count == -1 && errno == EINTR)
+        if (count == -1 && errno == EINTR) {
             continue;
-        if (count <= 0)
+        }
+        if (count <= 0) {
             return false;
+        }
         next += count;
         offset += static_cast<uint64_t>(count);
         length -= static_cast<size_t>(count);
@@ -256,10 +276,11 @@ int main(int argc, char** argv) {
     // A stream that the caller closed must not become a file that is opened here: a place holder takes its number, one
     // that cannot be written to.
     int placeHolder = -1;
-    do
+    do {
         placeHolder = open("/dev/null", O_RDONLY);
-    while (placeHolder != -1 && placeHolder <= STDERR_FILENO);
-    if (placeHolder != -1)
+    } while (placeHolder != -1 && placeHolder <= STDERR_FILENO);
+    if (placeHolder != -1) {
         close(placeHolder);
+    }
     return vrnx_cli::RunCommandLine(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
 }

@@ -62,13 +62,15 @@ DWORD TransferLength(size_t length) {
 
 // A link is followed to what it leads to.
 bool IsRegularFile(const std::wstring& folder, const WIN32_FIND_DATAW& entry) {
-    if ((entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0)
+    if ((entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
         return (entry.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) == 0;
+    }
     HANDLE handle = CreateFileW((folder + L"\\" + entry.cFileName).c_str(), 0,
                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (handle == INVALID_HANDLE_VALUE)
+    if (handle == INVALID_HANDLE_VALUE) {
         return false;
+    }
     BY_HANDLE_FILE_INFORMATION information = {};
     bool regular = GetFileType(handle) == FILE_TYPE_DISK && GetFileInformationByHandle(handle, &information) &&
                    (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
@@ -82,8 +84,9 @@ std::string DescribeSystemError(int error) {
     wchar_t text[512] = L"";
     DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
                                   static_cast<DWORD>(error), 0, text, 512, nullptr);
-    while (length > 0 && (text[length - 1] <= L' ' || text[length - 1] == L'.'))
+    while (length > 0 && (text[length - 1] <= L' ' || text[length - 1] == L'.')) {
         length--;
+    }
     return length == 0 ? "error " + std::to_string(error) : Narrow(std::wstring(text, length));
 }
 
@@ -107,8 +110,9 @@ bool TakesColours() {
 
 size_t TerminalColumns() {
     CONSOLE_SCREEN_BUFFER_INFO information = {};
-    if (!GetConsoleScreenBufferInfo(HandleOf(Stream::output), &information))
+    if (!GetConsoleScreenBufferInfo(HandleOf(Stream::output), &information)) {
         return 80;
+    }
     return static_cast<size_t>(std::max(information.srWindow.Right - information.srWindow.Left + 1, 1));
 }
 
@@ -124,16 +128,19 @@ int WriteStream(Stream stream, const void* bytes, size_t length) {
         std::wstring wide = Widen(std::string(next, length));
         for (size_t at = 0; at < wide.size(); at += count) {
             if (!WriteConsoleW(handle, wide.data() + at, static_cast<DWORD>(std::min<size_t>(wide.size() - at, 8192)),
-                               &count, nullptr))
+                               &count, nullptr)) {
                 return static_cast<int>(GetLastError());
+            }
         }
         return 0;
     }
     while (length > 0) {
-        if (!WriteFile(handle, next, TransferLength(length), &count, nullptr))
+        if (!WriteFile(handle, next, TransferLength(length), &count, nullptr)) {
             return static_cast<int>(GetLastError());
-        if (count == 0)
+        }
+        if (count == 0) {
             return ERROR_WRITE_FAULT;
+        }
         next += count;
         length -= count;
     }
@@ -146,17 +153,21 @@ int ReadFolder(const std::string& folder, std::vector<std::string>& names) {
     std::wstring wide = Widen(folder);
     WIN32_FIND_DATAW entry = {};
     DWORD attributes = GetFileAttributesW(wide.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES)
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
         return static_cast<int>(GetLastError());
-    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+    }
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
         return ERROR_DIRECTORY;
+    }
     HANDLE search = FindFirstFileW(Widen(JoinPath(folder, "*")).c_str(), &entry);
-    if (search == INVALID_HANDLE_VALUE)
+    if (search == INVALID_HANDLE_VALUE) {
         return GetLastError() == ERROR_FILE_NOT_FOUND ? 0 : static_cast<int>(GetLastError());
+    }
     BOOL more = TRUE;
     while (more) {
-        if (IsRegularFile(wide, entry))
+        if (IsRegularFile(wide, entry)) {
             names.push_back(Narrow(entry.cFileName));
+        }
         more = FindNextFileW(search, &entry);
     }
     DWORD error = GetLastError();
@@ -186,8 +197,9 @@ std::string NameKey(const std::string& name) {
 int ReadWholeFile(const std::string& path, size_t limit, std::string& content) {
     content.clear();
     HANDLE handle = OpenForReading(path);
-    if (handle == INVALID_HANDLE_VALUE)
+    if (handle == INVALID_HANDLE_VALUE) {
         return static_cast<int>(GetLastError());
+    }
     int error = 0;
     while (content.size() < limit) {
         size_t had = content.size();
@@ -196,10 +208,12 @@ int ReadWholeFile(const std::string& path, size_t limit, std::string& content) {
         error =
             ErrorOf(ReadFile(handle, content.data() + had, static_cast<DWORD>(content.size() - had), &count, nullptr));
         content.resize(had + count);
-        if (error == ERROR_BROKEN_PIPE)
+        if (error == ERROR_BROKEN_PIPE) {
             error = 0; // the end of a pipe
-        if (error != 0 || count == 0)
+        }
+        if (error != 0 || count == 0) {
             break;
+        }
     }
     CloseHandle(handle);
     return error;
@@ -209,23 +223,26 @@ bool IsBlockDevice(const std::string& path) {
     // The names of devices: \\.\PhysicalDrive1, \\.\C:, in either direction of the strokes, and by the other prefix.
     std::string name = path.substr(0, 4);
     std::replace(name.begin(), name.end(), '/', '\\');
-    if (name != "\\\\.\\" && name != "\\\\?\\")
+    if (name != "\\\\.\\" && name != "\\\\?\\") {
         return false;
+    }
     // Behind the other prefix stand drives and shares with files as well.
     return name[2] == '.' || NameKey(path.substr(4)).rfind("GLOBALROOT", 0) == 0 ||
            NameKey(path.substr(4)).rfind("PHYSICALDRIVE", 0) == 0;
 }
 
 NewFile::~NewFile() {
-    if (handle_ != -1)
+    if (handle_ != -1) {
         CloseHandle(AsHandle(handle_)); // given up: whatever it could tell is no news
+    }
 }
 
 int NewFile::Create(const std::string& path) {
     HANDLE handle = CreateFileW(Widen(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
                                 FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (handle == INVALID_HANDLE_VALUE)
+    if (handle == INVALID_HANDLE_VALUE) {
         return static_cast<int>(GetLastError());
+    }
     handle_ = reinterpret_cast<intptr_t>(handle);
     path_ = path;
     DWORD count = 0;
@@ -239,10 +256,12 @@ int NewFile::Write(uint64_t offset, const void* bytes, size_t length) {
     while (length > 0) {
         OVERLAPPED place = PlaceAt(offset);
         DWORD count = 0;
-        if (!WriteFile(AsHandle(handle_), next, TransferLength(length), &count, &place))
+        if (!WriteFile(AsHandle(handle_), next, TransferLength(length), &count, &place)) {
             return static_cast<int>(GetLastError());
-        if (count == 0)
+        }
+        if (count == 0) {
             return ERROR_WRITE_FAULT;
+        }
         next += count;
         offset += count;
         length -= count;
@@ -271,14 +290,16 @@ void NewFile::Remove() {
 }
 
 RawCopy::~RawCopy() {
-    if (handle_ != -1)
+    if (handle_ != -1) {
         CloseHandle(AsHandle(handle_));
+    }
 }
 
 int RawCopy::Open(const std::string& path) {
     HANDLE handle = OpenForReading(path);
-    if (handle == INVALID_HANDLE_VALUE)
+    if (handle == INVALID_HANDLE_VALUE) {
         return static_cast<int>(GetLastError());
+    }
     if (GetFileType(handle) != FILE_TYPE_DISK) {
         CloseHandle(handle);
         return ERROR_BAD_FILE_TYPE;
@@ -292,8 +313,9 @@ bool RawCopy::Read(uint64_t offset, void* buffer, size_t length) const {
     while (length > 0) {
         OVERLAPPED place = PlaceAt(offset);
         DWORD count = 0;
-        if (!ReadFile(AsHandle(handle_), next, TransferLength(length), &count, &place) || count == 0)
+        if (!ReadFile(AsHandle(handle_), next, TransferLength(length), &count, &place) || count == 0) {
             return false;
+        }
         next += count;
         offset += count;
         length -= count;
@@ -311,7 +333,8 @@ extern "C" int wmain(int argc, wchar_t** argv);
 
 int wmain(int argc, wchar_t** argv) {
     std::vector<std::string> arguments;
-    for (int at = 1; at < argc; at++)
+    for (int at = 1; at < argc; at++) {
         arguments.push_back(vrnx_cli::Narrow(argv[at]));
+    }
     return vrnx_cli::RunCommandLine(arguments);
 }

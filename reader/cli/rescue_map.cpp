@@ -23,10 +23,11 @@ std::string BlockLine(uint64_t position, uint64_t length, char status) {
 
 void RescueMap::Add(uint64_t length, bool good) {
     char status = good ? '+' : '-';
-    if (!blocks_.empty() && blocks_.back().status == status)
+    if (!blocks_.empty() && blocks_.back().status == status) {
         blocks_.back().length += length;
-    else
+    } else {
         blocks_.push_back({end_, length, status});
+    }
     end_ += length;
 }
 
@@ -36,17 +37,20 @@ std::string RescueMap::Text(uint64_t diskSize) const {
                        "# current_pos  current_status  current_pass\n";
     text += Hex(whole ? 0 : end_) + "     " + (whole ? '+' : '?') + "               1\n";
     text += "#      pos        size  status\n";
-    for (const Block& block : blocks_)
+    for (const Block& block : blocks_) {
         text += BlockLine(block.position, block.length, block.status);
-    if (!whole)
+    }
+    if (!whole) {
         text += BlockLine(end_, diskSize - end_, '?');
+    }
     return text;
 }
 
 uint64_t RescueMap::BadBytes() const {
     uint64_t bytes = 0;
-    for (const Block& block : blocks_)
+    for (const Block& block : blocks_) {
         bytes += block.status == '-' ? block.length : 0;
+    }
     return bytes;
 }
 

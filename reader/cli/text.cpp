@@ -9,18 +9,22 @@
 namespace vrnx_cli {
 
 size_t Utf8SequenceLength(std::string_view text) {
-    if (text.empty())
+    if (text.empty()) {
         return 0;
+    }
     auto byteAt = [&](size_t at) { return static_cast<uint8_t>(text[at]); };
     uint8_t first = byteAt(0);
-    if (first < 0x80)
+    if (first < 0x80) {
         return 1;
+    }
     size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < length)
+    if (first < 0xC2 || first > 0xF4 || text.size() < length) {
         return 0;
+    }
     for (size_t at = 1; at < length; at++) {
-        if ((byteAt(at) & 0xC0) != 0x80)
+        if ((byteAt(at) & 0xC0) != 0x80) {
             return 0;
+        }
     }
     uint8_t second = byteAt(1);
     bool overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
@@ -67,12 +71,14 @@ std::string EpochText(uint64_t epoch) {
 
 std::string SizeText(uint64_t bytes) {
     static const char* const units[] = {"KiB", "MiB", "GiB", "TiB"};
-    if (bytes < 1024)
+    if (bytes < 1024) {
         return std::to_string(bytes) + " bytes";
+    }
     double size = static_cast<double>(bytes) / 1024;
     size_t unit = 0;
-    for (; size >= 1024 && unit < 3; unit++)
+    for (; size >= 1024 && unit < 3; unit++) {
         size /= 1024;
+    }
     std::array<char, 40> text = {};
     std::snprintf(text.data(), text.size(), "%.2f %s", size, units[unit]);
     return text.data();
@@ -90,8 +96,9 @@ bool ParseNumber(std::string_view text, uint64_t least, uint64_t most, uint64_t&
     uint64_t value = 0;
     const char* end = text.data() + text.size();
     auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc() || stop != end || value < least || value > most)
+    if (error != std::errc() || stop != end || value < least || value > most) {
         return false;
+    }
     number = value;
     return true;
 }
