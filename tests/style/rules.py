@@ -10,6 +10,8 @@ import fnmatch
 import os
 import re
 
+from cpp_text import without_comments_and_strings
+
 CPP = (".cpp", ".h")
 
 # Which folders of src/ a file of a folder may include, beside its own.
@@ -79,17 +81,6 @@ def of_kind(tree, folder, endings=CPP):
 
 def includes(text):
     return INCLUDE.findall(text)
-
-
-def without_comments_and_strings(text):
-    """The C++ text with comments and the content of literals blanked out, line by line as long as before."""
-    pattern = re.compile(
-        r'//[^\n]*|/\*.*?\*/|R"(?P<d>[^()\\\s]*)\(.*?\)(?P=d)"|"(?:\\.|[^"\\\n])*"'
-        r"|(?<![0-9A-Fa-f])'(?:\\.|[^'\\\n])+'", re.S)
-
-    def blank(match):
-        return re.sub(r"[^\n]", " ", match.group())
-    return pattern.sub(blank, text)
 
 
 # --- The rooms -----------------------------------------------------------------------------------------------------
