@@ -32,6 +32,15 @@ def own_programs():
     return [path for path in (SETTINGS.program, os.path.join(SETTINGS.build, "vornix-disks")) if os.path.exists(path)]
 
 
+def pack_folder(folder, target):
+    """Writes the archive that the kernel unpacks at its start."""
+    names = sorted(os.path.relpath(os.path.join(place, name), folder)
+                   for place, folders, files in os.walk(folder) for name in folders + files)
+    with open(target, "wb") as file:
+        subprocess.run(["cpio", "--quiet", "--create", "--format=newc", "--owner=0:0"], cwd=folder, stdout=file,
+                       input="".join(name + "\n" for name in names).encode(), check=True)
+
+
 class RamDisk:
     """What the RAM disk holds, gathered in a folder."""
 
@@ -106,10 +115,4 @@ class RamDisk:
         return inserted
 
     def pack(self, target):
-        """Writes the archive that the kernel unpacks at its start."""
-        names = sorted(os.path.relpath(os.path.join(folder, name), self.folder)
-                       for folder, folders, files in os.walk(self.folder) for name in folders + files)
-        with open(target, "wb") as file:
-            subprocess.run(["cpio", "--quiet", "--create", "--format=newc", "--owner=0:0"], cwd=self.folder,
-                           stdout=file,
-                           input="".join(name + "\n" for name in names).encode(), check=True)
+        pack_folder(self.folder, target)

@@ -29,7 +29,7 @@ class MediumErrors(computer_suite.Story):
         rule += f'sector = "{sector}"\n' if sector is not None else ""
         rule += 'once = "on"\n' if once else ""
         if armed:
-            rule = '[set-state]\nevent = "flush_to_disk"\nstate = "1"\nnew_state = "2"\n' + rule + 'state = "2"\n'
+            rule = '[set-state]\nevent = "flush_to_os"\nstate = "1"\nnew_state = "2"\n' + rule + 'state = "2"\n'
         config = os.path.join(self.folder, f"{name}.errors")
         with open(config, "w", encoding="ascii") as file:
             file.write(rule)
