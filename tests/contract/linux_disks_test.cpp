@@ -507,7 +507,7 @@ public:
     explicit ScopedLoop(int backing) {
         const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
         // Another process may take the free device between the two steps.
-        for (int attempt = 0; attempt < 10 && device_ < 0; attempt++) {
+        for (int attempt = 0; attempt < 1000 && device_ < 0; attempt++) {
             const int number = ioctl(control, LOOP_CTL_GET_FREE);
             device_ = open(("/dev/loop" + std::to_string(number)).c_str(), O_RDWR | O_CLOEXEC);
             loop_config config{};

@@ -39,7 +39,7 @@ bool Attach(LoopDisk& disk, uint64_t length, uint32_t sectorSize, bool isReadOnl
         return false;
     }
     // Another process may take the free device between the two steps.
-    for (int attempt = 0; attempt < 10 && disk.Name.empty(); attempt++) {
+    for (int attempt = 0; attempt < 1000 && disk.Name.empty(); attempt++) {
         const int number = ioctl(control, LOOP_CTL_GET_FREE);
         const std::string name = "loop" + std::to_string(number);
         const int device = number < 0 ? -1 : open(("/dev/" + name).c_str(), O_RDWR | O_CLOEXEC);

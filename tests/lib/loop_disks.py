@@ -14,6 +14,7 @@ import shutil
 import subprocess
 import time
 
+import loop_device
 from machine import SETTINGS
 
 # Hides the host's list of block devices behind the folder given first, and /run behind the next, then becomes the
@@ -25,13 +26,12 @@ def reason_to_skip():
     """Why no test with loop devices can run here, or None."""
     if SETTINGS.windows:
         return "block devices are the native build's"
-    if os.geteuid() != 0:
-        return "only root can attach loop devices"
-    for tool in ("losetup", "unshare", "mount"):
+    for tool in ("unshare", "mount"):
         if shutil.which(tool) is None:
             return f"there is no {tool} here"
-    if subprocess.run(["losetup", "--find"], capture_output=True, check=False).returncode != 0:
-        return "no loop device can be had here"
+    why = loop_device.reason_to_skip()
+    if why:
+        return why
     probe = ["unshare", "--mount", "--propagation", "private", "sh", "-c", _IN_NAMESPACE, "/sys/block", "/run", "true"]
     if subprocess.run(probe, capture_output=True, check=False).returncode != 0:
         return "no mount namespace can be had here"
@@ -57,7 +57,7 @@ class LoopDisks:
 
     def __init__(self, folder):
         self.folder = folder
-        self.devices = []
+        self.devices = {}
         self.list = os.path.join(folder, "block")
         os.mkdir(self.list)
         self.run_folder = os.path.join(folder, "run")
@@ -75,13 +75,13 @@ class LoopDisks:
 
     def attach_file(self, path, sector_size=512, scan_partitions=False):
         """A device over this file; otherwise as `attach`."""
-        device = attach_loop("--sector-size", str(sector_size), *(["--partscan"] if scan_partitions else []), path)
-        self.show(device)
-        return device
+        attached = loop_device.LoopDevice(path, sector_size, scan_partitions)
+        self.show(attached.path, attached)
+        return attached.path
 
-    def show(self, device):
-        """Makes a block device one of the program's disks."""
-        self.devices.append(device)
+    def show(self, device, attached=None):
+        """Makes a block device one of the program's disks; without `attached` whoever made it takes it away."""
+        self.devices[device] = attached
         name = os.path.basename(device)
         os.symlink(os.path.realpath(f"/sys/block/{name}"), os.path.join(self.list, name))
 
@@ -102,15 +102,25 @@ class LoopDisks:
 
     def detach(self, device):
         """Takes the device away, and out of the list that the program sees."""
-        subprocess.run(["losetup", "--detach", device], check=True)
+        self.devices.pop(device).detach()
         os.remove(os.path.join(self.list, os.path.basename(device)))
         self._numbers.pop(device, None)
-        self.devices.remove(device)
+
+    def empty(self, device):
+        """Takes the device away and leaves it in the list."""
+        self.devices.pop(device).detach()
+
+    def exchange(self, device, path):
+        """Puts another file behind the device. Gives False where another test has the device by now."""
+        return self.devices[device].exchange(path)
 
     def detach_all(self):
-        for device in self.devices:
-            subprocess.run(["umount", device], capture_output=True, check=False)
-            subprocess.run(["losetup", "--detach", device], capture_output=True, check=False)
+        for device, attached in self.devices.items():
+            if attached is None:
+                continue
+            if attached.is_ours:
+                subprocess.run(["umount", device], capture_output=True, check=False)
+            attached.detach(wait=False)
 
     @property
     def registry(self):

@@ -6,6 +6,7 @@ Needs both builds, and root for the installation; what cannot be done here is sk
 import atexit
 import hashlib
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -30,15 +31,14 @@ MOMENT = "1700000000"  # the time that the packages of this suite bear
 
 
 def make_packages(**environment):
-    """Makes both packages in a folder of their own: (path of the archive, path of the Debian package)."""
+    """Makes the packages in a folder of their own: their paths by name without version, vornix.zip, vornix.deb..."""
     folder = tempfile.mkdtemp()
     atexit.register(shutil.rmtree, folder)
     made = run(os.path.join(ROOT, "packaging", "make-packages"), folder, env={**os.environ, **environment})
     if made.returncode != 0:
         raise AssertionError(made.stdout + made.stderr)
-    archive, = (os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".zip"))
-    package, = (os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".deb"))
-    return archive, package
+    return {re.split("[-_][0-9]", name)[0] + os.path.splitext(name)[1]: os.path.join(folder, name)
+            for name in os.listdir(folder)}
 
 
 made_once = []
@@ -46,7 +46,7 @@ making = threading.Lock()  # the tests of a suite run side by side
 
 
 def packages():
-    """Both packages, made for the first test that asks."""
+    """The packages, made for the first test that asks."""
     with making:
         if not made_once:
             made_once.append(make_packages(SOURCE_DATE_EPOCH=MOMENT))
@@ -82,12 +82,16 @@ def copy_of_checkout(folder):
 @unittest.skipUnless(BUILT, "needs the Linux and the Windows build")
 class Packages(unittest.TestCase):
     def setUp(self):
-        self.zip, self.deb = packages()
+        self.packages = packages()
+        self.zip, self.deb = self.packages["vornix.zip"], self.packages["vornix.deb"]
+        self.debs = [path for path in self.packages.values() if path.endswith(".deb")]
 
     def test_the_archive_holds_the_executable_the_pages_and_right_checksums(self):
         with zipfile.ZipFile(self.zip) as archive:
             contents = {os.path.basename(name): archive.read(name) for name in archive.namelist()}
-        self.assertEqual(set(contents), {"vornix.exe", "README.md", "users-guide.md", "image-format.md", "SHA256SUMS"})
+        self.assertEqual(set(contents), {"vornix.exe", "vrnx.exe", "acceptance.ps1", "vornix-backup.ps1", "README.md",
+                                         "CHANGELOG.md",
+                                         "users-guide.md", "image-format.md", "routine-windows.md", "SHA256SUMS"})
         sums = dict(reversed(line.split()) for line in contents["SHA256SUMS"].decode().splitlines())
         self.assertEqual(sums, {name: hashlib.sha256(data).hexdigest() for name, data in contents.items()
                                 if name != "SHA256SUMS"})
@@ -100,7 +104,7 @@ class Packages(unittest.TestCase):
             copy_of_checkout(elsewhere)
             made = run(os.path.join(elsewhere, "packaging", "make-packages"), folder, env=environment)
             self.assertEqual((made.returncode, made.stderr), (0, ""), made.stdout)
-            for first in (self.zip, self.deb):
+            for first in self.packages.values():
                 with open(first, "rb") as a, open(os.path.join(folder, os.path.basename(first)), "rb") as b:
                     self.assertEqual(hashlib.sha256(a.read()).digest(), hashlib.sha256(b.read()).digest(),
                                      os.path.basename(first))
@@ -110,9 +114,35 @@ class Packages(unittest.TestCase):
             name, = (name for name in archive.namelist() if name.endswith(".exe"))
             self.assertNotIn(ROOT.encode(), archive.read(name))
         with tempfile.TemporaryDirectory() as root:
-            run("dpkg-deb", "-x", self.deb, root)
-            with open(os.path.join(root, "usr/sbin/vornix"), "rb") as file:
-                self.assertNotIn(ROOT.encode(), file.read())
+            for package in self.debs:
+                run("dpkg-deb", "-x", package, root)
+            for folder, _, names in os.walk(root):
+                for path in (os.path.join(folder, name) for name in names):
+                    with open(path, "rb") as file:
+                        self.assertNotIn(ROOT.encode(), file.read(), path)
+            self.assertTrue(os.path.exists(os.path.join(root, "usr/sbin/vornix")))
+
+    @unittest.skipUnless(shutil.which("lintian"), "needs lintian")
+    def test_debian_s_own_checker_finds_no_error(self):
+        said = run("lintian", "--fail-on", "error", "--allow-root", *self.debs)
+        self.assertEqual(said.returncode, 0, said.stdout + said.stderr)
+
+    def test_what_the_debian_package_needs_is_found_and_not_listed_by_hand(self):
+        needed = run("dpkg-deb", "--field", self.deb, "Depends").stdout
+        for library in ("libc6 (>= ", "libssl3 (>= ", "libstdc++6 (>= "):
+            self.assertIn(library, needed)
+        with open(os.path.join(ROOT, "packaging", "debian", "control"), encoding="utf-8") as file:
+            self.assertNotRegex(file.read(), r"(?m)^Depends:.*lib(c6|ssl|stdc)")
+
+    def test_the_version_is_one_everywhere(self):
+        def found(pattern, *path):
+            with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
+                return re.search(pattern, file.read(), re.M)[1]
+        version = found(r"^project\(vornix VERSION ([0-9.]+)", "CMakeLists.txt")
+        self.assertEqual(found(r"^vornix \(([0-9.]+)-\d+\)", "packaging", "debian", "changelog"), version)
+        self.assertEqual(found(r"^## ([0-9.]+)$", "CHANGELOG.md"), version)
+        for page in (name for name in os.listdir(os.path.join(ROOT, "man")) if name.startswith("vornix")):
+            self.assertEqual(found(r'^\.TH .*"Vornix ([0-9.]+)"', "man", page), version, page)
 
     @unittest.skipUnless(hasattr(os, "geteuid") and os.geteuid() == 0, "installing needs root")
     def test_the_debian_package_installs_into_a_fresh_root_runs_there_and_goes_again(self):
@@ -135,11 +165,11 @@ class Packages(unittest.TestCase):
             usage = run("chroot", root, "/usr/sbin/vornix")
             self.assertEqual((usage.returncode, usage.stderr), (1, ""))
             self.assertTrue(usage.stdout.startswith("Vornix - whole-physical-disk raw sector-level imaging.\n"))
-            for page in ("usr/share/man/man1/vornix.1.gz", "usr/share/doc/vornix/users-guide.md"):
+            for page in ("usr/share/man/man8/vornix.8.gz", "usr/share/doc/vornix/users-guide.md"):
                 self.assertTrue(os.path.exists(os.path.join(root, page)), page)
             removed = run("dpkg", f"--root={root}", "--purge", "vornix")
             self.assertEqual(removed.returncode, 0, removed.stderr)
-            for gone in ("usr/sbin/vornix", "usr/share/man/man1/vornix.1.gz", "usr/share/doc/vornix"):
+            for gone in ("usr/sbin/vornix", "usr/share/man/man8/vornix.8.gz", "usr/share/doc/vornix"):
                 self.assertFalse(os.path.exists(os.path.join(root, gone)), gone)
 
 

@@ -29,7 +29,7 @@ from incremental import marked
 from machine import CHECKOUT, SETTINGS, Machine, pattern
 
 GUIDE = os.path.join("docs", "users-guide.md")
-MANUAL = os.path.join("man", "vornix.1")
+MANUAL = os.path.join("man", "vornix.8")
 MIB = 1048576
 DATA_SIZE = 32 * MIB
 
@@ -371,6 +371,62 @@ class Guide(suite.Scenario):
                               env=environment, check=False)
         self.assertEqual(done.stdout, "")
         return done.returncode, done.stderr
+
+
+class Acceptance(suite.Scenario):
+    """The trials that packaging/windows/acceptance.ps1 makes on a real Windows, on a machine that is described
+    alike."""
+
+    recorded = False
+    SCRIPT = os.path.join("packaging", "windows", "acceptance.ps1")
+    TRIAL = re.compile(r'''^ +Step ('[^']*'|\$\w+) (\d) ['"]([^'"]*)['"] `\n +"([^"]*)"$'''
+                       r"|^ +Test-Same '([^']*)' \"\$Work\\([^\"]*)\" \"\$Work\\([^\"]*)\"$", re.M)
+    NUMBERS = {"systemDisk": "0", "source": "1", "target": "2"}
+
+    def take_offline(self, machine):
+        machine.disk(2)["in_use"] = False
+
+    def break_copy(self, machine):
+        broken = bytearray(machine.read("full.vrnx"))
+        broken[len(broken) // 2] ^= 1
+        machine.write("broken.vrnx", bytes(broken))
+
+    def test_each_trial_goes_as_the_script_expects(self):
+        if SETTINGS.windows and not SETTINGS.long:
+            self.skipTest("some thirty runs, each a start of Wine: under VORNIX_LONG")
+        machine = make_machine(self.folder)
+        self.machines.append(machine)
+        machine.add_volume("\\\\?\\Volume{5b9e4d70-90c4-4a3e-b3a5-0c8f2d1b7a12}\\", [(1, MIB, 24 * MIB)])
+        for name in ("password.txt", "other.txt"):
+            machine.write(name, machine.read(os.path.join("secret", name)))
+        events = {"a disk that is offline is captured": self.take_offline, "what changed is captured": change_files(5),
+                  "one inverted bit is found": self.break_copy}
+        runs = 0
+        for title, status, text, line, same, first, second in self.TRIAL.findall(read(self.SCRIPT)):
+            with self.subTest(title or same):
+                if same:
+                    self.expect_file(machine, second, machine.read(first))
+                    continue
+                events.pop(title.strip("'"), lambda machine: None)(machine)
+                text, line = (re.sub(r"\$(\w+)", lambda match: self.NUMBERS.get(match[1], match[0]), part)
+                              for part in (text, line))
+                arguments = [word.removeprefix("$Work\\") for word in line.split(" ")]
+                result = machine.run(*arguments)
+                self.assertEqual(result.status, int(status), result.describe())
+                self.assertIn(text.encode(), result.stdout + result.stderr, result.describe())
+                self.assertNotIn("$", "".join(arguments))
+                runs += 1
+        self.assertEqual(events, {})
+        self.assertGreater(runs, 25)
+        written = {call["path"] for result in machine.runs for call in result.calls("WriteFile")
+                   if "PhysicalDrive" in call["path"]}
+        self.assertEqual(len(written), 1, written)
+
+    def test_the_script_runs_the_program_nowhere_else(self):
+        script = read(self.SCRIPT)
+        self.assertEqual(len(re.findall(r"^ +Step ", script, re.M)) + len(re.findall(r"^ +Test-Same ", script, re.M)),
+                         len(self.TRIAL.findall(script)))
+        self.assertEqual(re.findall(r"& \$Vornix (.*?)[ )]", script), ["@arguments", "list-disks"])
 
 
 class ManualPage(suite.Scenario):

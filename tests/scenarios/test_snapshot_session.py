@@ -11,6 +11,7 @@ import subprocess
 import suite
 from console import NO_TRACKER, RESTORE_UNCONFIRMED, USAGE, gib, fatal, fatal_status, meter_run, source_line
 from image import build_image, check_image, reference_plain_bytes
+from loop_device import LoopDevice
 from machine import ACCESS_READ, FLAG_NO_BUFFERING, SETTINGS, TRACKER_ATTACH, TRACKER_COMMIT, TRACKER_QUERY, pattern
 from snapshot import (ASYNC_CANCELLED, ASYNC_FINISHED, ASYNC_PENDING, E_FAIL, FREEZING, GATHERING,
                       OBJECT_NOT_FOUND, begun, device_of, fall_back, not_deleted, session_calls, shadow_path,
@@ -780,12 +781,9 @@ class NativeProgram(Program):
         path = os.path.join(self.folder, "disk.img")
         with open(path, "wb") as file:
             file.write(contents)
-        done = subprocess.run(["losetup", "--find", "--show", path], capture_output=True, text=True, check=False)
-        if done.returncode != 0:
-            self.skipTest(f"no loop device: {done.stderr.strip()}")
-        device = done.stdout.strip()
-        self.addCleanup(subprocess.run, ["losetup", "--detach", device], capture_output=True, check=False)
-        return os.path.basename(device)
+        device = LoopDevice(path)
+        self.addCleanup(device.detach)
+        return os.path.basename(device.path)
 
     def test_linux_has_no_shadow_service_and_reads_live(self):
         contents = pattern(self.SIZE, "loop")

@@ -181,7 +181,7 @@ class Pages(unittest.TestCase):
                  if line.startswith("  vornix ")]
         self.assertEqual(len(usage), 6)
         self.assertEqual(re.findall(r"(?m)^    (vornix [a-z].*)$", read("README.md")), usage)
-        synopsis = read("man", "vornix.1").split(".SH SYNOPSIS")[1].split(".SH DESCRIPTION")[0]
+        synopsis = read("man", "vornix.8").split(".SH SYNOPSIS")[1].split(".SH DESCRIPTION")[0]
         synopsis = re.sub(r"\\f[BIR]", "", synopsis).replace("\\-", "-")
         self.assertEqual(re.findall(r"(?m)^(vornix .*)$", synopsis), [" ".join(line.split()) for line in usage])
 
@@ -192,7 +192,7 @@ class Pages(unittest.TestCase):
         self.assertEqual(sorted(named), sorted(re.sub(r"#.*", "", packages).split()))
 
     def test_manual_page_has_no_warnings(self):
-        done = subprocess.run(["groff", "-man", "-ww", "-z", os.path.join(ROOT, "man", "vornix.1")],
+        done = subprocess.run(["groff", "-man", "-ww", "-z", os.path.join(ROOT, "man", "vornix.8")],
                               capture_output=True,
                               text=True, check=False)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
