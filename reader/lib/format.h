@@ -4,8 +4,10 @@
 
 #include "port.h"
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace vrnx {
 
@@ -24,11 +26,15 @@ constexpr char headerMagic[] = "VRNXDSK2";
 constexpr char trailerMagic[] = "VRNXBASE";
 constexpr size_t magicSize = 8;
 
-// An unsigned little-endian integer of `size` bytes.
+// An unsigned little-endian integer of `size` bytes, at most 8.
 inline uint64_t LoadInteger(const uint8_t* bytes, size_t size) {
     uint64_t value = 0;
-    for (size_t i = size; i-- > 0;) {
-        value = value << 8 | bytes[i];
+    if constexpr (std::endian::native == std::endian::little) {
+        memcpy(&value, bytes, size); // tables have millions of them
+    } else {
+        for (size_t i = size; i-- > 0;) {
+            value = value << 8 | bytes[i];
+        }
     }
     return value;
 }

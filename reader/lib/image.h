@@ -19,8 +19,8 @@ namespace vrnx {
 struct Worker {
     explicit Worker(const Algorithms& algorithms) : context(algorithms) {}
     Context context;
-    std::unique_ptr<uint8_t[]> buffer; // of a chunk's size, once one was read
-    std::unique_ptr<Worker> next;      // while nobody uses it
+    Block buffer;                 // of a chunk's size, once one was read
+    std::unique_ptr<Worker> next; // while nobody uses it
 };
 
 // Which image of the chain holds a chunk.
@@ -73,7 +73,7 @@ private:
         bool loading = false;
         uint32_t users = 0;
         uint64_t lastUse = 0;
-        std::unique_ptr<uint8_t[]> bytes;
+        Block bytes;
     };
 
     class Opening;
@@ -85,7 +85,7 @@ private:
     int ReportChunk(vrnx_error& error, int code, uint64_t chunk) const;
 
     int Load(Context& context, const Layer& layer, uint64_t chunk, int64_t shift, uint8_t* bytes,
-             vrnx_error& error) const;
+             uint8_t hash[hashSize], vrnx_error& error) const;
     int LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error);
     int LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error);
     int LoadUnproved(Worker& worker, uint64_t chunk, vrnx_error& error);

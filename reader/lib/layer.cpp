@@ -97,8 +97,7 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
         }
         present = file_.Size() - headerSize;
     }
-    // Not initialised: a table can be a quarter of a gigabyte.
-    table_.reset(new uint8_t[present]); // NOLINT(modernize-make-unique)
+    table_ = AllocateBlock(static_cast<size_t>(present));
     uint8_t header[headerSize];
     size_t got = 0;
     if (int systemError = file_.Read(0, header, sizeof header, got)) {

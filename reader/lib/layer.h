@@ -2,6 +2,7 @@
 // and reads no chunk.
 #pragma once
 
+#include "block.h"
 #include "exported.h"
 #include "format.h"
 #include "port.h"
@@ -97,7 +98,7 @@ private:
     Header header_;
     uint32_t known_ = 0;
     bool unfinished_ = false;
-    std::unique_ptr<uint8_t[]> table_;
+    Block table_;
     uint64_t presentRecords_ = 0;
     std::vector<bool> badRecords_;             // empty where none is bad
     std::unique_ptr<uint32_t[]> storedBefore_; // thin: chunks stored before each one, by its record

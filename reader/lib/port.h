@@ -59,6 +59,11 @@ size_t FolderLength(const char* path);
 // The path of a file in a folder, by a name as it stands in an image: there nothing says how it is encoded.
 std::string PathInFolder(const std::string& folder, const std::string& name);
 
+// --- Memory ---------------------------------------------------------------------------------------------------------
+
+// Asks for large pages behind a block that nobody has touched yet. Where the system has none, it stays as it is.
+void PreferLargePages(void* block, size_t size);
+
 // --- Cryptography ---------------------------------------------------------------------------------------------------
 
 // The algorithms, looked up once.

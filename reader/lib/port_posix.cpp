@@ -11,6 +11,7 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -120,6 +121,12 @@ size_t FolderLength(const char* path) {
 
 std::string PathInFolder(const std::string& folder, const std::string& name) {
     return folder + name;
+}
+
+// --- Memory ---------------------------------------------------------------------------------------------------------
+
+void PreferLargePages(void* block, size_t size) {
+    madvise(block, size, MADV_HUGEPAGE); // advice: a kernel that does not take it does as before
 }
 
 // --- Cryptography ---------------------------------------------------------------------------------------------------

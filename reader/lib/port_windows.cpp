@@ -148,6 +148,12 @@ std::string PathInFolder(const std::string& folder, const std::string& name) {
     return path;
 }
 
+// --- Memory ---------------------------------------------------------------------------------------------------------
+
+void PreferLargePages(void* /*block*/, size_t /*size*/) {
+    // They take a privilege there, and are locked in memory.
+}
+
 // --- Cryptography ---------------------------------------------------------------------------------------------------
 
 Algorithms::~Algorithms() {

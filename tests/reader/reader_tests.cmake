@@ -55,3 +55,5 @@ foreach(suite ${suites})
     "VORNIX=$<TARGET_FILE:vornix>" "VRNX=$<TARGET_FILE:vrnx>" "VORNIX_BUILD=${PROJECT_BINARY_DIR}" "VORNIX_JOBS=1"
     ${preload})
 endforeach()
+# Loop devices that it attaches are disks to all that look meanwhile.
+set_tests_properties(reader/plugin PROPERTIES RESOURCE_LOCK block_devices)

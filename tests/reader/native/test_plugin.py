@@ -14,6 +14,7 @@ import signal
 import subprocess
 import time
 
+import loop_disks
 import suite
 from image import build_image
 from machine import CHECKOUT, SETTINGS, pattern
@@ -109,12 +110,12 @@ exec {shutil.which("nbdkit")} "${{words[@]}}"
     def path(self, name):
         return os.path.join(self.folder, name)
 
-    def run_lines(self, *lines, timeout=300):
+    def run_lines(self, *lines, timeout=300, before=()):
         """A few lines of shell in the folder of the images."""
         environment = {**os.environ, "PATH": f"{self.path('bin')}:{os.environ['PATH']}:/usr/sbin:/sbin",
                        "TMPDIR": self.folder}
-        return subprocess.run(["bash", "-ec", "\n".join(lines)], cwd=self.folder, env=environment, capture_output=True,
-                              check=False, timeout=timeout)
+        return subprocess.run([*before, "bash", "-ec", "\n".join(lines)], cwd=self.folder, env=environment,
+                              capture_output=True, check=False, timeout=timeout)
 
     def expect_lines(self, *lines, **options):
         run = self.run_lines(*lines, **options)
@@ -258,11 +259,17 @@ class Examples(Plugin):
         self.assertEqual(len(found), 1, word)
         return found[0]
 
-    def needs_fuse(self):
-        if not os.path.exists("/dev/fuse") or os.geteuid() != 0:
-            self.skipTest("file systems of FUSE cannot be mounted here")
-        if "fuse" not in self.expect_lines("cat /proc/filesystems").decode():
-            self.skipTest("this kernel has no FUSE")
+    def mount_example(self, word):
+        """Runs an example that mounts, in a mount namespace of its own: no other test keeps a mount of it alive."""
+        reason = loop_disks.reason_to_skip()
+        if reason:
+            self.skipTest(reason)
+        try:
+            os.close(os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC))
+        except OSError:
+            self.skipTest("there is no /dev/fuse here")
+        self.expect_lines(*self.example(word), before=("unshare", "--mount", "--propagation", "private"))
+        self.assertEqual(self.read_file("hostname"), HOSTNAME)
 
     def test_every_example_is_run(self):
         words = ("nbdinfo", "nbdcopy", "qemu-img", "debugfs", "loop", "qemu-system")
@@ -283,20 +290,10 @@ class Examples(Plugin):
             self.assertTrue(self.read_file("raw")[:DISK_SIZE] == self.disk, kind)
 
     def test_one_file_out_of_a_partition(self):
-        self.needs_fuse()
-        self.addCleanup(subprocess.run, ["umount", "-l", self.path("partition")], check=False, capture_output=True)
-        self.expect_lines(*self.example("debugfs"))
-        self.assertEqual(self.read_file("hostname"), HOSTNAME)
+        self.mount_example("debugfs")
 
     def test_a_mounted_file_system(self):
-        self.needs_fuse()
-        free = subprocess.run(["losetup", "-f"], capture_output=True, check=False)
-        if free.returncode != 0:
-            self.skipTest("no loop device can be had here")
-        for name in ("disk", "files"):
-            self.addCleanup(subprocess.run, ["umount", "-l", self.path(name)], check=False, capture_output=True)
-        self.expect_lines(*self.example("loop"))
-        self.assertEqual(self.read_file("hostname"), HOSTNAME)
+        self.mount_example("loop")
 
     def test_a_boot_that_writes_leaves_the_image_as_it_is(self):
         if not SETTINGS.long:
