@@ -381,14 +381,12 @@ class Routine(suite.Scenario):
         self.need_vrnx()
         for day in range(6):
             self.backup(CHAIN_DAYS=1, KEEP_CHAINS=2)
+            if day == 3:
+                self.assertEqual([name[5:13] for name in self.names()], ["20260105", "20260106", "20260107"])
             if day in (2, 3):
                 chain = self.names()[-1][:-len("-000.vrnx")]
                 with open(os.path.join(self.images, chain + ".closed"), "w", encoding="utf-8") as file:
                     file.write("seen to be bad\n")
-            if day == 3:
-                good = [name for name in self.names() if name[:-len("-000.vrnx")] + ".closed" not in
-                        os.listdir(self.images)]
-                self.assertEqual(len(good), 2)
             self.pass_days()
         self.assertEqual([name[5:13] for name in self.names()], ["20260108", "20260109"])
 

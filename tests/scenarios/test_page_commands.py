@@ -7,9 +7,7 @@ lines (files change, a disk is taken offline, the computer is started from other
 true behind one in AFTER. Of the meter, which rewrites its line, a page shows the last state. The number behind a
 failure that is no failure of a system call means nothing and is not compared; all else is, byte for byte.
 
-A command line that has to fail is followed by a look at its status; any other has to end with 0. Shell scripts of the
-guide are run. PowerShell is nothing that Debian has: of its scripts the lines with the program are run, with their
-variables filled in, and the rest is not.
+A command line that has to fail is followed by a look at its status; any other has to end with 0.
 
     tests/run tests/scenarios/test_page_commands.py --update      writes what the program prints into the guide
 """
@@ -18,12 +16,10 @@ import json
 import os
 import re
 import shlex
-import stat
 import subprocess
 import sys
 import tempfile
 
-import image
 import suite
 from incremental import marked
 from machine import CHECKOUT, SETTINGS, Machine, pattern
@@ -293,84 +289,6 @@ class Guide(suite.Scenario):
         for code in re.findall(r"`([^`\n]+)`", outside):
             if re.match(r"(\S*[\\/])?vornix(\.exe)? ", code):
                 self.assertIn(code, tried)
-
-    def scripts(self, language):
-        return [body for kind, body in blocks(read(GUIDE)) if kind == language]
-
-    def test_lines_of_the_powershell_scripts(self):
-        self.not_every_time_under_wine()
-        machine = make_machine(self.folder)
-        self.machines.append(machine)
-        variables = {"day": "2026-11-23", "last": "2026-11-22"}
-        self.expect_status(machine, ["capture", "--disk", "1", "--out", r"E:\backup\2026-11-22.vrnx"], 0)
-        lines = [line for script in self.scripts("powershell") for line in script.splitlines() if "vornix.exe" in line]
-        self.assertGreater(len(lines), 2)
-        for line in lines:
-            call = re.fullmatch(r"& C:\\tools\\vornix\.exe (.*) \*>>? \S+", line)
-            self.assertIsNotNone(call, line)
-            text = re.sub(r"\$(\w+)", lambda match: variables[match.group(1)], call.group(1))
-            arguments = split_line(text)
-            if arguments[0] == "capture" and os.path.exists(machine.path("backup/2026-11-23.vrnx")):
-                os.remove(machine.path("backup/2026-11-23.vrnx"))
-            self.expect_status(machine, arguments, 0)
-
-    def expect_status(self, machine, arguments, status):
-        result = machine.run(*(place_argument(machine, argument) for argument in arguments))
-        self.assertEqual(result.status, status, result.describe())
-
-    def test_shell_script_makes_a_chain_and_notices_failures(self):
-        if SETTINGS.windows:
-            self.skipTest("a script for Linux")
-        script, = self.scripts("sh")
-        machine = make_machine(self.folder)
-        self.machines.append(machine)
-        backup = machine.path("backup")
-        for name, text in (("backup.sh", script.replace("/mnt/backup", backup)),
-                           ("date", 'case "$1" in +%F) echo "$DAY" ;; +%u) echo "$WEEKDAY" ;; esac\n'),
-                           ("vornix", f'exec "{SETTINGS.bench}" "{machine.home}" "$@"\n')):
-            self.write_script(os.path.join(self.folder, "bin", name), text)
-
-        for day, weekday, offset in ((22, 7, 3), (23, 1, 5), (24, 2, 29)):
-            change_files(offset)(machine)
-            self.assertEqual(self.run_script(machine, day, weekday), (0, ""))
-            self.assertEqual(image.read_header(f"{backup}/2026-11-{day}.vrnx").version, 2 if weekday == 7 else 3)
-        self.expect_good_image(machine, "backup/2026-11-24.vrnx", machine.disk_bytes(1))
-
-        machine.add_fault("ReadFile", path="PhysicalDrive1", skip=2, error=23)
-        status, said = self.run_script(machine, 25, 3)
-        self.assertEqual(status, 1)
-        self.assertIn("failed while capturing", said)
-        self.assertIn("FATAL: ReadFile from source disk failed mid-capture", said)
-        self.assertFalse(os.path.exists(f"{backup}/2026-11-25.vrnx"))
-
-        machine.clear_faults()
-        machine.add_fault("ReadFile", path="2026-11-29.vrnx", skip=2, flip=100)
-        status, said = self.run_script(machine, 29, 7)
-        self.assertEqual(status, 1)
-        self.assertIn("failed while verifying", said)
-        self.assertIn("Verify FAILED - 1 of 8 chunks did not match.", said)
-
-        machine.clear_faults()
-        self.assertEqual(self.run_script(machine, 30, 1), (0, ""))
-        self.assertEqual(image.Image(f"{backup}/2026-11-30.vrnx").trailer.base_name, b"2026-11-24.vrnx")
-
-    @staticmethod
-    def write_script(path, text):
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(text if text.startswith("#!") else "#!/bin/sh\n" + text)
-        os.chmod(path, os.stat(path).st_mode | stat.S_IXUSR)
-
-    def run_script(self, machine, day, weekday):
-        """Status and standard error of the guide's script on a day of November 2026."""
-        machine.write_home("machine.json", json.dumps(machine.description).encode())
-        folder = os.path.join(self.folder, "bin")
-        environment = {**SETTINGS.environment(), "PATH": f"{folder}:{os.environ['PATH']}", "DAY": f"2026-11-{day}",
-                       "WEEKDAY": str(weekday)}
-        done = subprocess.run([os.path.join(folder, "backup.sh")], cwd=machine.work, capture_output=True, text=True,
-                              env=environment, check=False)
-        self.assertEqual(done.stdout, "")
-        return done.returncode, done.stderr
 
 
 class Acceptance(suite.Scenario):
