@@ -1,5 +1,6 @@
 """Every kind of disk that a computer has: listed as the pages say, captured, and restored onto every other kind."""
 
+import json
 import re
 
 import computer_suite
@@ -41,6 +42,9 @@ class KindsOfDisks(computer_suite.Story):
         known = {line.split()[0] for line in computer.succeed("lsblk --nodeps --noheadings -o NAME,TYPE").splitlines()
                  if line.split()[1] == "disk" and not line.startswith("fd")}
         self.assertEqual(known, {computer.device(disk) for disk in disks})
+        shown = {disk["number"]: disk["node"] for disk in
+                 json.loads(computer.succeed("vornix-disks --json"))["disks"]}
+        self.assertEqual(shown, {number: f"/dev/{computer.device(disk)}" for number, disk in numbers.items()})
         refused = computer.run(f"vornix capture --disk {len(disks)} --out /tmp/a.vrnx")
         self.expect_failure(refused, "could not open source disk for raw read", 2)
         self.count("kind of disk", "listed, with floppy, CD-ROM and empty card reader left out", len(disks), [])

@@ -22,14 +22,14 @@ class MediumErrors(computer_suite.Story):
 
     def failing(self, name, size, what, sector=None, once=False, armed=False, contents=b""):
         """A disk where requests of a kind ("read", "write" or "flush") fail: those that touch the sector, or all of
-        them, the first one only or each. `armed`: only after the disk was flushed once, since a system that starts
+        them, the first one only or each. `armed`: only after something was written, since a system that starts
         reads."""
         event = {"read": "read_aio", "write": "write_aio", "flush": "flush_to_disk"}[what]
         rule = f'[inject-error]\nevent = "{event}"\nerrno = "5"\n'
         rule += f'sector = "{sector}"\n' if sector is not None else ""
         rule += 'once = "on"\n' if once else ""
         if armed:
-            rule = '[set-state]\nevent = "flush_to_os"\nstate = "1"\nnew_state = "2"\n' + rule + 'state = "2"\n'
+            rule = '[set-state]\nevent = "write_aio"\nstate = "1"\nnew_state = "2"\n' + rule + 'state = "2"\n'
         config = os.path.join(self.folder, f"{name}.errors")
         with open(config, "w", encoding="ascii") as file:
             file.write(rule)
@@ -37,18 +37,19 @@ class MediumErrors(computer_suite.Story):
 
     @staticmethod
     def arm(computer, device):
-        computer.run(f"fsync /dev/{device}")
+        computer.succeed(f"dd if=/dev/zero of=/dev/{device} bs=4096 count=1 seek=100 oflag=direct")
 
     def test_the_source_cannot_be_read(self):
         rows = [(place, once) for place in PLACES for once in (True, False)]
         disks = [self.failing(f"source{number}", SIZE + number * 4096, "read", PLACES[place], once, armed=True,
                               contents=pattern(SIZE, "source")) for number, (place, once) in enumerate(rows)]
         target = Disk(12 * MIB)
-        computer = self.computer(*disks, target)
+        computer = self.computer(*disks, target, programs=["dd"])
         troubles = []
         for (place, once), disk in zip(rows, disks):
-            for command, said in (("capture --disk {0} --out /tmp/a.vrnx", "read"),
-                                  ("clone --from {0} --to {1} --confirm YES", "read from the source disk failed")):
+            for command, said in (
+                    ("capture --disk {0} --out /tmp/a.vrnx", "ReadFile from source disk failed mid-capture"),
+                    ("clone --from {0} --to {1} --confirm YES", "read from the source disk failed")):
                 if once and command.startswith("clone"):
                     continue  # it has failed once
                 self.arm(computer, computer.device(disk))
@@ -111,7 +112,6 @@ class MediumErrors(computer_suite.Story):
     def test_the_target_does_not_read_back(self):
         disk = self.failing("target", SIZE + 4096, "read", PLACES["middle"], armed=True)
         computer, source = self.with_image(disk)
-        self.arm(computer, computer.device(disk))
         result = computer.run(f"vornix clone --from {source} --to {computer.number(disk)} --confirm YES --verify")
         troubles = [] if result.status == 1 and "verify: read from target failed" in result.errors else [result]
         self.count("error of the medium", "target: what was written cannot be read back", "1 run", troubles)
