@@ -22,6 +22,8 @@ TOP = THIN[:5 * CHUNK] + bytes(2 * CHUNK) + pattern(77, "top")
 # Which image of the chain holds each chunk of its topmost image.
 HOLDERS = ["thin.vrnx", "full.vrnx", "thin.vrnx", "full.vrnx", "full.vrnx", "top.vrnx", "top.vrnx", "top.vrnx"]
 ZEROS = {0, 5, 6}
+# Where a run costs several times as much, one chunk of each image of the chain and one of zeros stand for all.
+TRIED = (0, 2, 3, 7) if SETTINGS.windows or SETTINGS.sampled else range(COUNT)
 
 
 def read_map(text):
@@ -231,7 +233,8 @@ class Salvage(Exports):
         self.assertEqual({name for name in HOLDERS}, {"full.vrnx", "thin.vrnx", "top.vrnx"})
         vrnx.write("raw", TOP)
         build_image(vrnx.path("donor.vrnx"), TOP, chunk_size=1536, password=PASSWORD, seed="donor")
-        for number, holder in enumerate(HOLDERS):
+        for number in TRIED:
+            holder = HOLDERS[number]
             opened = image.Image(vrnx.path(holder), PASSWORD)
             with self.subTest(number=number):
                 vrnx.flip(holder, opened.offsets[number] + number % opened.records[number].stored_length)
@@ -248,7 +251,7 @@ class Salvage(Exports):
         vrnx.write("password", PASSWORD)
         vrnx.write("raw", THIN)
         build_image(vrnx.path("x.vrnx"), THIN, chunk_size=CHUNK, password=PASSWORD)
-        for number in range(COUNT):
+        for number in TRIED:
             zero = number in (0,)
             for what, offset, bad, healed in (
                     ("disk offset", 3, [number], False), ("stored length", 8, [number], False),
