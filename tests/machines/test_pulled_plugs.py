@@ -16,7 +16,7 @@ from machine import pattern
 
 SIZE = 13 * MIB  # four chunks, of which each takes two seconds
 SLOW = ["-object", "throttle-group,id=slow,x-bps-total=2097152"]
-MOMENTS = (0, 30, 60, 90)  # percent that the meter has reached at least
+MOMENTS = (0, 1, 30, 90)  # percent that the meter has reached at least
 PATIENCE = 600  # seconds until a run counts as one that does not end
 
 # What is pulled: the kind of disk, which of the three, the command.
@@ -26,7 +26,7 @@ CASES = {
     "image disk of a capture": ("virtio-blk", "images", "capture --disk {source} --out /mnt/new.vrnx"),
     "target of a restore": ("virtio-scsi 512", "target", "restore --in /mnt/old.vrnx --disk {target} --confirm YES"),
     "image disk of a restore": ("virtio-blk", "images", "restore --in /mnt/old.vrnx --disk {target} --confirm YES"),
-    "source of a clone": ("nvme", "source", "clone --from {source} --to {target} --confirm YES"),
+    "source of a clone": ("virtio-scsi 512", "source", "clone --from {source} --to {target} --confirm YES"),
     "target of a clone": ("virtio-blk", "target", "clone --from {source} --to {target} --confirm YES"),
     "image disk of a consolidation": ("virtio-blk", "images", "consolidate --in /mnt/old.vrnx --out /mnt/new.vrnx"),
 }
@@ -58,6 +58,9 @@ class PulledPlugs(computer_suite.Story):
         computer.succeed(f"(vornix {command.format(**numbers)} > /run/said 2> /run/failed; echo $? > /run/ended) "
                          "> /dev/null 2>&1 &")
         self.wait_for_meter(computer, moment)
+        if computer.run("[ -e /run/ended ]").status == 0:
+            return []  # over before the plug could be pulled, since the meter tells of few places; not counted
+        self.pulls += 1
         computer.unplug(disks[role])
         deadline = time.monotonic() + PATIENCE
         while computer.run("[ -e /run/ended ]").status != 0:
@@ -104,9 +107,10 @@ class PulledPlugs(computer_suite.Story):
         return []
 
     def plug_is_pulled(self, case):
-        images_bytes = self.prepared()
+        images_bytes, self.pulls = self.prepared(), 0
         troubles = [trouble for moment in MOMENTS for trouble in self.pulled(case, moment, images_bytes)]
-        self.count("pulled plug", case, f"{len(MOMENTS)} moments", troubles)
+        self.assertGreater(self.pulls, 1)
+        self.count("pulled plug", case, f"{self.pulls} moments", troubles)
 
     def test_the_source_of_a_capture(self):
         self.plug_is_pulled("source of a capture")
