@@ -11,12 +11,12 @@ import subprocess
 import suite
 from console import NO_TRACKER, RESTORE_UNCONFIRMED, USAGE, gib, fatal, fatal_status, meter_run, source_line
 from image import build_image, check_image, reference_plain_bytes
-from loop_device import LoopDevice
+from loop_disks import LoopDisks
 from machine import ACCESS_READ, FLAG_NO_BUFFERING, SETTINGS, TRACKER_ATTACH, TRACKER_COMMIT, TRACKER_QUERY, pattern
 from snapshot import (ASYNC_CANCELLED, ASYNC_FINISHED, ASYNC_PENDING, E_FAIL, FREEZING, GATHERING,
                       OBJECT_NOT_FOUND, begun, device_of, fall_back, not_deleted, session_calls, shadow_path,
                       short_names, snapshotted, snapshotting, step_failed, volume_name, writer_failed, writers_reported)
-from test_block_devices import numbered_disks, reason_to_skip
+from test_block_devices import reason_to_skip
 
 MIB4 = 0x400000
 SIZE = 64 * 1024
@@ -776,32 +776,22 @@ class NativeProgram(Program):
         reason = reason_to_skip()
         if reason:
             self.skipTest(reason)
-
-    def attach(self, contents):
-        path = os.path.join(self.folder, "disk.img")
-        with open(path, "wb") as file:
-            file.write(contents)
-        device = LoopDevice(path)
-        self.addCleanup(device.detach)
-        return os.path.basename(device.path)
+        self.disks = LoopDisks(self.folder)
+        self.addCleanup(self.disks.detach_all)
 
     def test_linux_has_no_shadow_service_and_reads_live(self):
         contents = pattern(self.SIZE, "loop")
-        device = self.attach(contents)
-        for attempt in range(5):
-            number = numbered_disks().index(device)
-            done = self.program("capture", "--disk", number, "--out", f"{attempt}.vrnx", "--vss")
-            if numbered_disks().index(device) == number:
-                break  # nobody attached or detached a device before this one meanwhile
+        number = self.disks.number(self.disks.attach(contents))
+        done = self.disks.run("capture", "--disk", number, "--out", "live.vrnx", "--vss")
         wanted = (re.escape(f"Source: PhysicalDrive{number}  Size: {gib(self.SIZE)} GiB  SectorSize: 512  Chunks: 2"
                             " (4194304 bytes each)\n"
                             "  --vss: VSS is not available here (CreateVssBackupComponents) (0x8007007E)"
                             " - reading live instead (crash-consistent only).\n" + NO_TRACKER)
                   + r"(\r  [ 0-9]{3}\.[0-9]{2}%  4 / 4 MiB  \([0-9]+\.[0-9] MiB/s\)   ){2}"
-                  + re.escape(f"\nCapture complete: {attempt}.vrnx\n"))
+                  + re.escape("\nCapture complete: live.vrnx\n"))
         self.assertEqual((done.returncode, done.stderr), (0, b""))
         self.assertTrue(re.fullmatch(wanted, done.stdout.decode()), done.stdout)
-        path = os.path.join(self.folder, f"{attempt}.vrnx")
+        path = os.path.join(self.folder, "live.vrnx")
         self.assertEqual(check_image(path), [])
         self.assertTrue(reference_plain_bytes(path) == contents)
 
