@@ -112,8 +112,10 @@ class Packages(unittest.TestCase):
 
     def test_no_path_of_the_checkout_is_in_the_executables(self):
         with zipfile.ZipFile(self.zip) as archive:
-            name, = (name for name in archive.namelist() if name.endswith(".exe"))
-            self.assertNotIn(ROOT.encode(), archive.read(name))
+            programs = [name for name in archive.namelist() if name.endswith(".exe")]
+            self.assertEqual(len(programs), 2)
+            for name in programs:
+                self.assertNotIn(ROOT.encode(), archive.read(name), name)
         with tempfile.TemporaryDirectory() as root:
             for package in self.debs:
                 run("dpkg-deb", "-x", package, root)
