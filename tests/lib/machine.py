@@ -62,7 +62,9 @@ class Settings:
         self.windows = self.bench.endswith(".exe")
         self.long = bool(environment.get("VORNIX_LONG"))
         # Images are files like any other: the vrnx of this system looks at those of the Windows build too.
-        self.third_reader = os.path.join(os.path.dirname(self.build), "linux", "vrnx") if self.windows else self.vrnx
+        self.third_reader = self.vrnx
+        if self.vrnx.endswith(".exe"):
+            self.third_reader = os.path.join(os.path.dirname(os.path.dirname(self.vrnx)), "linux", "vrnx")
         # Where a run costs several times as much, the sweeps try a sample of their occurrences.
         self.sampled = not self.long and (self.windows or os.path.basename(self.build) == "sanitize")
         # How an uncaught exception ends the process: SIGABRT, or the status that the Windows build gives itself.
