@@ -154,7 +154,8 @@ OpenImage OpenImageFile(const std::string& path, const std::string& passwordFile
         if (passwordFilePath.empty()) {
             Fatal("this image is encrypted - pass --password-file", 0);
         }
-        image.Key.emplace(DeriveChunkKey(passwordFilePath, image.Header.Salt.data(), image.Header.KdfIterations));
+        image.Key = std::make_unique<ChunkKey>(
+            DeriveChunkKey(passwordFilePath, image.Header.Salt.data(), image.Header.KdfIterations));
     }
     if (image.Header.Version == thinImageVersion) {
         OpenChain(image, size, dataEnd, path, passwordFilePath, depth);

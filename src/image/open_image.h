@@ -4,7 +4,6 @@
 #include <windows.h>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,8 +21,8 @@ struct OpenImage {
     HANDLE File = INVALID_HANDLE_VALUE;
     ImageHeader Header{};
     std::vector<ChunkRecord> Chunks;
-    std::optional<ChunkKey> Key; // present exactly when Header.Encrypted is 1
-    Sha256Digest Digest{};       // of header and table as they stand in the file
+    std::unique_ptr<ChunkKey> Key; // present exactly when Header.Encrypted is 1
+    Sha256Digest Digest{};         // of header and table as they stand in the file
     // For each chunk the file offset of its stored bytes; for a thin reference, where they would be.
     std::vector<uint64_t> ChunkOffsets;
     std::unique_ptr<OpenImage> Base; // null in a full image

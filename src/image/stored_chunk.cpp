@@ -11,7 +11,7 @@ StoredChunk ReadStoredChunk(const OpenImage& image, uint64_t index, uint8_t* sto
     if (!ReadWhole(image.File, stored, record.StoredLength)) {
         return {ChunkVerdict::Unreadable, nullptr};
     }
-    if (!image.Key.has_value()) {
+    if (image.Key == nullptr) {
         return {CompareHash(image, index, stored), stored};
     }
     if (!UnsealChunk(*image.Key, stored, record.StoredLength, record.Nonce.data(), record.Tag.data(), plain)) {

@@ -36,7 +36,7 @@ void CheckOpened(const OpenImage& image, uint64_t fileSize) {
     if (image.Chunks.size() != image.Header.ChunkCount || image.ChunkOffsets.size() != image.Header.ChunkCount) {
         ReportBroken("an opened image has a record and an offset for each chunk");
     }
-    if (image.Key.has_value() != (image.Header.Encrypted == 1)) {
+    if ((image.Key != nullptr) != (image.Header.Encrypted == 1)) {
         ReportBroken("an opened image has a key exactly when it is sealed");
     }
     if ((image.Base != nullptr) != (image.Header.Version == thinImageVersion)) {

@@ -22,7 +22,7 @@ OpenImage MakeThinImage(void* file) {
     image.Chunks.resize(2);
     image.Chunks[1].StoredLength = 7;
     const std::array<uint8_t, 32> keyBytes{1, 2, 3};
-    image.Key.emplace(keyBytes.data());
+    image.Key = std::make_unique<ChunkKey>(keyBytes.data());
     image.Digest.fill(0x5A);
     image.ChunkOffsets = {208, 208};
     image.Base = std::make_unique<OpenImage>();
@@ -36,7 +36,7 @@ void ExpectThinImage(const OpenImage& image, const void* file, const OpenImage* 
     EXPECT_EQ(uint64_t{image.Header.ChunkCount}, 2U);
     ASSERT_EQ(image.Chunks.size(), 2U);
     EXPECT_EQ(uint32_t{image.Chunks[1].StoredLength}, 7U);
-    EXPECT_TRUE(image.Key.has_value());
+    EXPECT_NE(image.Key, nullptr);
     Sha256Digest digest;
     digest.fill(0x5A);
     EXPECT_EQ(image.Digest, digest);
@@ -47,7 +47,7 @@ void ExpectThinImage(const OpenImage& image, const void* file, const OpenImage* 
 
 void ExpectEmpty(const OpenImage& image) {
     EXPECT_TRUE(image.Chunks.empty());
-    EXPECT_TRUE(!image.Key.has_value() || image.Key->Handle() == nullptr);
+    EXPECT_EQ(image.Key, nullptr);
     EXPECT_TRUE(image.ChunkOffsets.empty());
     EXPECT_EQ(image.Base, nullptr);
     EXPECT_EQ(image.BaseName, "");

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -165,12 +166,12 @@ TEST(ChunkKey, IsReleasedOnceByTheImageThatCameToHoldIt) {
     Observation observation;
     {
         OpenImage first;
-        first.Key.emplace(MakeKeyBytes(1).data());
+        first.Key = std::make_unique<ChunkKey>(MakeKeyBytes(1).data());
         OpenImage second(std::move(first));
-        EXPECT_EQ(first.Key->Handle(), nullptr);
+        EXPECT_EQ(first.Key, nullptr);
         OpenImage third;
         third = std::move(second);
-        EXPECT_EQ(second.Key->Handle(), nullptr);
+        EXPECT_EQ(second.Key, nullptr);
         EXPECT_EQ(observation.Names(),
                   (std::vector<std::string>{"BCryptOpenAlgorithmProvider", "BCryptGenerateSymmetricKey"}));
         observation.Calls.clear();
@@ -181,11 +182,11 @@ TEST(ChunkKey, IsReleasedOnceByTheImageThatCameToHoldIt) {
 TEST(ChunkKey, OfAnImageIsReleasedWhereAnotherImageTakesItsPlace) {
     OpenImage slot;
     Observation observation;
-    slot.Key.emplace(MakeKeyBytes(1).data());
+    slot.Key = std::make_unique<ChunkKey>(MakeKeyBytes(1).data());
     const std::vector<Call> made = observation.Calls;
     observation.Calls.clear();
     slot = OpenImage();
-    EXPECT_FALSE(slot.Key.has_value());
+    EXPECT_EQ(slot.Key, nullptr);
     EXPECT_EQ(observation.Calls, ReleaseOf(made[1].Object, made[0].Object, observation.KeyObject));
 }
 
