@@ -668,6 +668,71 @@ TEST_F(LinuxFilesDeathTest, CloseOfBytesThatDoNotReachTheMediumEndsTheProcess) {
     EXPECT_EXIT(run(&HostCalls::SyncError, EIO), testing::ExitedWithCode(1), Report("file", ERROR_CRC));
     std::filesystem::remove(Folder() / "file");
     EXPECT_EXIT(run(&HostCalls::CloseError, EDQUOT), testing::ExitedWithCode(1), Report("file", ERROR_DISK_FULL));
+    std::filesystem::remove(Folder() / "file");
+    EXPECT_EXIT(run(&HostCalls::FolderSyncError, EIO), testing::ExitedWithCode(1), Report("file", ERROR_CRC));
+}
+
+TEST_F(LinuxDurableFiles, FileSystemThatSyncsNoFolderIsSyncedWhole) {
+    const ScopedHostCalls scope;
+    HostCalls& calls = TheHostCalls();
+    for (const int error : {EINVAL, EBADF}) {
+        calls.FolderSyncError = error;
+        MakeFile(L"file", "content");
+        EXPECT_EQ(calls.Order, (Names{"sync file", "sync folder", "sync file system", "drop"}));
+        calls.Order.clear();
+        EXPECT_TRUE(Move(L"file", L"other"));
+        EXPECT_EQ(calls.Order, (Names{"sync file", "rename", "sync file", "sync folder", "sync file system"}));
+        calls.Order.clear();
+        std::filesystem::remove(Folder() / "other");
+    }
+    MakeFile(L"file", "content");
+    calls.WholeSyncError = EIO;
+    EXPECT_FALSE(Move(L"file", L"other"));
+    EXPECT_EQ(GetLastError(), ERROR_CRC);
+    // A folder that cannot be brought to the disk is another matter, and nothing else is tried.
+    calls.FolderSyncError = ENOSPC;
+    calls.Order.clear();
+    EXPECT_FALSE(Move(L"other", L"file"));
+    EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+    EXPECT_EQ(calls.Order, (Names{"sync file", "rename", "sync file", "sync folder"}));
+}
+
+TEST_F(LinuxDurableFiles, FolderThatMayNotBeReadIsSyncedWithItsFileSystem) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user, who is refused what root is not";
+    }
+    ASSERT_EQ(chmod(Folder().c_str(), 0333), 0);
+    EXPECT_EQ(InChild([this] {
+                  const ScopedHostCalls scope;
+                  constexpr uid_t nobody = 65534;
+                  if (setuid(nobody) != 0) {
+                      return 100;
+                  }
+                  MakeFile(L"file", "content");
+                  if (TheHostCalls().Order != Names{"sync file", "sync file system", "drop"}) {
+                      return 1;
+                  }
+                  TheHostCalls().Order.clear();
+                  return Move(L"file", L"other") &&
+                                 TheHostCalls().Order ==
+                                     Names{"sync file", "rename", "sync file", "sync file system", "sync file system"}
+                             ? 0
+                             : 2;
+              }),
+              0);
+}
+
+TEST_F(LinuxFiles, CloseOfAFileThatWasOnlyReadTellsItsError) {
+    const ScopedHostCalls scope;
+    MakeFile(L"file", "content");
+    const HANDLE file = Open(L"file", GENERIC_READ, 0, OPEN_EXISTING);
+    TheHostCalls().OtherCloseError = EIO;
+    EXPECT_FALSE(CloseHandle(file));
+    EXPECT_EQ(GetLastError(), ERROR_CRC);
+    const HANDLE again = Open(L"file", GENERIC_READ, 0, OPEN_EXISTING); // the one before is gone all the same
+    ASSERT_NE(again, INVALID_HANDLE_VALUE);
+    TheHostCalls().OtherCloseError = EINTR;
+    EXPECT_TRUE(CloseHandle(again));
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -737,6 +802,27 @@ TEST_F(LinuxFiles, OneOfManyThatWantAFileAloneGetsIt) {
     close(channel[0]);
     close(channel[1]);
     EXPECT_EQ(winners, 1);
+}
+
+TEST_F(LinuxFiles, FileThatGotAnotherNameBeforeItWasClaimedIsNotCutOff) {
+    MakeFile(L"file", "content");
+    const ScopedHostCalls scope;
+    TheHostCalls().BeforeLock = [this] {
+        TheHostCalls().BeforeLock = nullptr;
+        std::filesystem::rename(Folder() / "file", Folder() / "finished");
+    };
+    const ScopedHandle file(Open(L"file", GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS));
+    ASSERT_TRUE(file.IsOpen());
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS); // a new one
+    EXPECT_EQ(ContentOf(L"finished"), "content");
+    EXPECT_EQ(std::filesystem::file_size(Folder() / "file"), 0U);
+}
+
+TEST_F(LinuxFiles, NameThatAlwaysLeadsElsewhereIsInUse) {
+    const ScopedHostCalls scope;
+    TheHostCalls().BeforeLock = [this] { std::filesystem::remove(Folder() / "file"); };
+    EXPECT_EQ(Open(L"file", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
 }
 
 TEST_F(LinuxFiles, FileSystemWithoutLocksStillOpens) {

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,14 @@ struct HostCalls {
     bool HasHardLinks = true;
     bool HasAllocation = true; // the file system can give room to a stretch that was not written
     int SyncError = 0;         // fsync of an ordinary file or of a disk fails with this, once
+    int FolderSyncError = 0;   // fsync of a folder fails with this
+    int WholeSyncError = 0;    // syncfs fails with this
     int CloseError = 0;        // the close of an ordinary file that was synced says this, once
+    int OtherCloseError = 0;   // the next close says this, once
 
-    // "send", "allocate", "sync file", "sync disk", "drop", "rename", "sync folder"
+    std::function<void()> BeforeLock; // what somebody else does between an open and its lock
+
+    // "send", "allocate", "sync file", "sync disk", "drop", "rename", "sync folder", "sync file system"
     std::vector<std::string> Order;
     int LastSynced = -1; // the descriptor
 };

@@ -121,6 +121,18 @@ class Native(suite.Scenario):
         return process
 
 
+class Limits(Native):
+    def test_a_file_that_grows_beyond_the_limit_of_its_size_is_a_failed_write(self):
+        product = self.product()
+
+        def limit():
+            resource.setrlimit(resource.RLIMIT_FSIZE, (2 * CHUNK, 2 * CHUNK))
+        done = product.start("consolidate", "--in", "full.vrnx", "--out", "out.vrnx", stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE, preexec_fn=limit)
+        self.assertEqual((done.returncode, done.stderr.decode()), (
+            1, "FATAL: WriteFile failed while consolidating (disk full?) (GetLastError=112)\n"))
+
+
 class StandardStreams(Native):
     def test_no_stream_that_is_closed_ends_up_in_an_image(self):
         product = self.product()
