@@ -7,10 +7,14 @@ The routine runs as it is shipped. Around it stand a described machine as `vorni
 """
 
 import datetime
+import fcntl
 import json
 import os
+import re
 import shutil
+import signal
 import subprocess
+import time
 
 import suite
 from machine import CHECKOUT, Machine, pattern
@@ -21,6 +25,11 @@ SIZE = 6 * MIB + 4096
 BEGIN = datetime.datetime(2026, 1, 4, 1, 30, tzinfo=datetime.timezone.utc)  # a Sunday
 
 GOOD, CONFIGURATION, PLACE, DISK, CAPTURE, VERIFY, SNAPSHOT, BUSY, TROUBLE = range(9)
+
+
+def read(*path):
+    with open(os.path.join(CHECKOUT, *path), encoding="utf-8") as file:
+        return file.read()
 
 
 class Routine(suite.Scenario):
@@ -40,7 +49,7 @@ class Routine(suite.Scenario):
         self.configuration = {"NAME": "data", "FOLDER": self.images, "DISK": "1", "DISK_SIZE": str(SIZE),
                               "DISK_SERIAL": "S-1", "LOG": os.path.join(self.folder, "log"),
                               "LOCK_FOLDER": self.folder}
-        self.script("vornix", f'exec "{self.settings.bench}" "{self.machine.path("../machine")}" "$@"')
+        self.program_after("")
         self.script("date", 'exec /bin/date -d "@$NOW" "$@"')
         self.script("vornix-disks", f'[ "$*" = --json ] && exec cat "{self.folder}/disks.json"')
         self.now = BEGIN
@@ -81,6 +90,19 @@ class Routine(suite.Scenario):
         self.assertEqual(len(written), 1, "one line a run")
         self.assertIn(f" data status={status} ", written[0])
         return written[0] + run.stderr
+
+    def run_lines(self, *lines):
+        """One run with a configuration of these lines, which may be no good one."""
+        path = os.path.join(self.folder, "own.conf")
+        with open(path, "w", encoding="utf-8") as file:
+            file.writelines(line + "\n" for line in [f"LOG='{self.configuration['LOG']}'", *lines])
+        return subprocess.run(["sh", ROUTINE, path], capture_output=True, text=True, check=False, timeout=600,
+                              env=os.environ | {"PATH": self.bin + os.pathsep + os.environ["PATH"],
+                                                "NOW": str(int(self.now.timestamp()))})
+
+    def program_after(self, shell):
+        """The program, with lines of shell before it."""
+        self.script("vornix", f'{shell}\nexec "{self.settings.bench}" "{self.machine.path("../machine")}" "$@"')
 
     def log(self):
         try:
@@ -188,13 +210,13 @@ class Routine(suite.Scenario):
         with open(os.path.join(self.folder, "damage.py"), "w", encoding="utf-8") as file:
             file.write("import sys\nwith open(sys.argv[1], 'r+b') as f:\n    f.seek(-1000, 2)\n    b = f.read(1)[0]\n"
                        "    f.seek(-1, 1)\n    f.write(bytes([b ^ 255]))\n")
-        bench = f'exec "{self.settings.bench}" "{self.machine.path("../machine")}" "$@"'
-        self.script("vornix", verifying + bench)
+        self.program_after(verifying)
         line = self.backup(VERIFY)
+        self.assertIn("failed verification: Verify FAILED - 1 of 2 chunks did not match.", line)
         self.assertIn("moved to quarantine", line)
         self.assertEqual(self.names(), ["data-20260104T013000Z-000.vrnx"])
         self.assertEqual(self.names(folder="quarantine"), ["data-20260104T013000Z-001.vrnx"])
-        self.script("vornix", bench)
+        self.program_after("")
         self.pass_days()
         self.backup()
         self.assertEqual(self.names()[-1], "data-20260106T013000Z-000.vrnx", "a new chain")
@@ -204,7 +226,7 @@ class Routine(suite.Scenario):
         self.backup()
         self.damage(self.names()[0])
         self.pass_days()
-        self.backup(VERIFY)
+        self.assertIn("failed verification: FATAL: chunk failed its hash check", self.backup(VERIFY))
         self.pass_days()
         self.backup()
         self.assertEqual(self.names()[-1], "data-20260106T013000Z-000.vrnx")
@@ -272,6 +294,80 @@ class Routine(suite.Scenario):
         self.backup()
         self.assertEqual(self.names()[0], "data-20251205T013000Z-000.vrnx")
 
+    def test_a_chain_from_the_future_does_not_make_each_day_a_full_image(self):
+        """One night the clock was a year ahead. The nights after it go on with what was there before."""
+        self.backup()
+        self.pass_days(365)
+        self.backup()
+        self.pass_days(-364)
+        for _ in range(3):
+            self.backup()
+            self.pass_days()
+        self.assertEqual(self.names(), ["data-20260104T013000Z-000.vrnx", "data-20260104T013000Z-001.vrnx",
+                                        "data-20260104T013000Z-002.vrnx", "data-20260104T013000Z-003.vrnx",
+                                        "data-20270104T013000Z-000.vrnx"])
+
+    def test_a_clock_that_went_back_deletes_nothing(self):
+        """The newest chain is then not the one with the latest name, and the oldest not the one with the earliest."""
+        self.need_vrnx()
+        for _ in range(2):
+            self.backup(CHAIN_DAYS=1)
+            self.pass_days()
+        before = self.names()
+        self.pass_days(-9000)
+        self.assertIn("clock", self.backup(TROUBLE, CHAIN_DAYS=1, KEEP_CHAINS=1))
+        self.assertEqual(self.names()[1:], before)
+        self.assertEqual(self.names()[0], "data-20010517T013000Z-000.vrnx", "the image that was just made")
+
+    def test_names_that_only_look_alike_are_left_alone(self):
+        self.backup()
+        first, = self.names()
+        for name in ("data-20260104T013000Z-bak.vrnx", "data-20260104Tm0rn1nZ-000.vrnx",
+                     "data-20260104T013000Z-old.vrnx.partial"):
+            shutil.copy(os.path.join(self.images, first), os.path.join(self.images, name))
+        before = set(os.listdir(self.images))
+        self.pass_days()
+        self.assertIn("thin data-20260104T013000Z-001.vrnx", self.backup())
+        self.assertEqual(set(os.listdir(self.images)) - before,
+                         {"data-20260104T013000Z-001.vrnx", "data-20260104T013000Z-001.vrnx.verified"})
+
+    def test_a_proof_of_an_image_that_is_gone_proves_no_other(self):
+        """The last image was deleted by hand, and what stood beside it was not. The run that makes it anew dies."""
+        self.backup()
+        self.pass_days()
+        self.backup()
+        os.remove(os.path.join(self.images, self.names()[1]))
+        self.pass_days()
+        self.change_disk(1)
+        self.program_after('[ "$1" = capture ] || { kill -9 $PPID; exit 1; }')
+        self.backup_that_dies()
+        self.assertEqual(len(self.names()), 2)
+        self.assertEqual(self.names(".verified"), [self.names()[0] + ".verified"])
+        self.program_after("")
+        self.damage(self.names()[1])
+        self.pass_days()
+        self.backup(VERIFY)
+
+    def backup_that_dies(self):
+        with self.assertRaises(AssertionError):
+            self.backup()
+        self.assertEqual(self.log()[-1].split()[2], "status=0", "it wrote no line")
+        with open(os.path.join(self.folder, "vornix-backup-data.lock"), "rb") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)  # until the program that it started has ended, too
+
+    def test_folders_and_files_with_blanks_and_signs(self):
+        self.need_vrnx()
+        self.images = os.path.join(self.folder, "the images [of] $HOME * 'n")
+        os.makedirs(self.images)
+        password = os.path.join(self.folder, "pass word")
+        with open(password, "w", encoding="utf-8") as file:
+            file.write("five random words\n")
+        for day in range(4):
+            self.change_disk(day)
+            self.backup(FOLDER=self.images.replace("'", "'\\''"), PASSWORD_FILE=password, KEEP_CHAINS=1, CHAIN_DAYS=2)
+            self.pass_days()
+        self.assertEqual(len(self.names()), 2)
+
     # --- What is refused ---
 
     def test_a_share_that_is_not_mounted(self):
@@ -281,6 +377,44 @@ class Routine(suite.Scenario):
 
     def test_a_folder_beside_the_mount(self):
         self.assertIn("does not lie below", self.backup(PLACE, MOUNT="/proc"))
+
+    def share_goes_away_at(self, command):
+        """The share is mounted until the program is called so, and then there is the empty folder below it."""
+        share, mounted = os.path.join(self.folder, "share"), os.path.join(self.folder, "mounted")
+        os.makedirs(os.path.join(share, "images"), exist_ok=True)
+        with open(mounted, "w", encoding="utf-8"):
+            pass
+        self.script("mountpoint", f'[ -e "{mounted}" ]')
+        self.program_after(f'[ "$1" != {command} ] || {{ rm "{mounted}"; mv "{share}/images" "{self.folder}/gone"; }}')
+        return {"MOUNT": share, "FOLDER": os.path.join(share, "images")}
+
+    def test_a_share_that_goes_away_before_the_proof(self):
+        place = self.share_goes_away_at("verify")
+        self.assertIn("nothing is mounted on", self.backup(PLACE, **place))
+        self.assertEqual(os.listdir(place["MOUNT"]), [], "nothing goes onto the disk below the share")
+        os.rename(os.path.join(self.folder, "gone"), place["FOLDER"])
+        self.program_after("")
+        self.script("mountpoint", "")
+        self.pass_days()
+        self.backup(**place)
+        self.images = place["FOLDER"]
+        self.assertEqual(self.names(), ["data-20260104T013000Z-000.vrnx", "data-20260104T013000Z-001.vrnx"],
+                         "the share is back, and so is its image")
+
+    def test_a_share_that_goes_away_in_a_capture(self):
+        for day in range(2):
+            with self.subTest("thin" if day else "full"):
+                place = self.share_goes_away_at("capture")
+                if day:
+                    self.program_after("")
+                    self.backup(**place)
+                    self.pass_days()
+                    self.share_goes_away_at("capture")
+                line = self.backup(PLACE, **place)
+                self.assertIn("nothing is mounted on", line)
+                self.assertIn("the capture of disk 1 failed", line)
+                self.assertEqual(os.listdir(place["MOUNT"]), [])
+                shutil.rmtree(os.path.join(self.folder, "gone"))
 
     def test_a_folder_that_is_not_there(self):
         self.assertIn("there is no folder", self.backup(PLACE, FOLDER=os.path.join(self.folder, "nowhere")))
@@ -333,16 +467,86 @@ class Routine(suite.Scenario):
         self.assertIn("read live", self.backup(status=SNAPSHOT, **{"SNAPSHOT": "yes"}))
 
     def test_two_at_once(self):
-        import fcntl
         with open(os.path.join(self.folder, "vornix-backup-data.lock"), "w", encoding="utf-8") as held:
             fcntl.flock(held, fcntl.LOCK_EX)
             self.assertIn("another run", self.backup(BUSY))
         self.backup()
 
+    def test_a_lock_that_cannot_be_taken(self):
+        self.assertIn("lock", self.backup(CONFIGURATION, LOCK_FOLDER=os.path.join(self.folder, "log", "nowhere")))
+
+    def test_a_hook_that_goes_on_in_the_background_does_not_hold_the_next_run(self):
+        self.script("linger", "sleep 300 > /dev/null 2>&1 & echo $! > " + os.path.join(self.folder, "lingers"))
+        self.backup(HOOK="linger")
+        with open(os.path.join(self.folder, "lingers"), encoding="utf-8") as file:
+            lingers = int(file.read())
+        try:
+            self.pass_days()
+            self.backup()
+        finally:
+            os.kill(lingers, signal.SIGKILL)
+
+    def test_a_configuration_that_is_no_shell_ends_the_run_in_the_log(self):
+        """Neither may pass for a failure of something else, nor for a success."""
+        told = os.path.join(self.folder, "told")
+        self.script("tell", f'echo "$1" >> "{told}"')
+        for line in ("FOLDER='/mnt", "FOLDER=$NOBODY_SET_THIS", "FOLDER=(a b)"):
+            with self.subTest(line):
+                lines = len(self.log())
+                run = self.run_lines("HOOK=tell", line)
+                self.assertEqual(run.returncode, CONFIGURATION, run.stderr)
+                self.assertEqual(len(self.log()), lines + 1)
+                with open(told, encoding="utf-8") as file:
+                    self.assertEqual(file.read(), "1\n")
+                os.remove(told)
+
+    def test_a_program_that_is_not_there(self):
+        for name in ("VORNIX", "VORNIX_DISKS"):
+            self.assertIn("there is no nowhere", self.backup(CONFIGURATION, **{name: "nowhere"}))
+        self.backup()
+        self.pass_days()
+        self.backup(CONFIGURATION, VORNIX="nowhere")
+        self.assertEqual(self.names(".closed"), [], "the chain is as good as it was")
+
+    def test_a_log_that_cannot_be_written_is_no_success(self):
+        run = self.run_lines(*(f"{name}='{value}'" for name, value in self.configuration.items() if name != "LOG"),
+                             f"LOG='{self.folder}/nowhere/log'")
+        self.assertEqual(run.returncode, CONFIGURATION)
+        self.assertIn("cannot write", run.stderr)
+        self.assertEqual(self.names(), [])
+
+    def test_a_run_that_is_told_to_end(self):
+        """As when the computer is shut down: everybody in the group gets the signal."""
+        started = os.path.join(self.folder, "started")
+        self.script("vornix", f'touch "$5.partial"; touch "{started}"; exec sleep 300')
+        settings = {"FOLDER": self.images} | self.configuration
+        path = os.path.join(self.folder, "own.conf")
+        with open(path, "w", encoding="utf-8") as file:
+            file.writelines(f"{name}='{value}'\n" for name, value in settings.items())
+        with open(os.path.join(self.folder, "disks.json"), "w", encoding="utf-8") as file:
+            json.dump({"schema_version": 1, "disks": self.disks}, file)
+        environment = os.environ | {"PATH": self.bin + os.pathsep + os.environ["PATH"],
+                                    "NOW": str(int(self.now.timestamp()))}
+        with subprocess.Popen(["sh", ROUTINE, path], stderr=subprocess.PIPE, env=environment,
+                              start_new_session=True) as run:
+            while not os.path.exists(started):
+                self.assertIsNone(run.poll())
+                time.sleep(0.05)
+            os.killpg(run.pid, signal.SIGTERM)
+            run.communicate()
+        self.assertEqual(run.returncode, CAPTURE)
+        self.assertEqual(len(self.log()), 1)
+        self.assertIn("interrupted", self.log()[0])
+        self.program_after("")
+        self.backup()
+        self.assertEqual(self.names(folder="quarantine", suffix=".partial"),
+                         ["data-20260104T013000Z-000.vrnx.partial"])
+
     def test_a_wrong_configuration(self):
         for changes in ({"NAME": "a b"}, {"NAME": ""}, {"FOLDER": ""}, {"DISK_SIZE": ""}, {"DISK": "x"},
                         {"DISK": "", "DISK_SERIAL": ""}, {"CHAIN_DAYS": "week"}, {"CHAIN_LENGTH": "66"},
-                        {"CHAIN_LENGTH": "0"}, {"KEEP_CHAINS": "-1"}, {"PASSWORD_FILE": "/nowhere"}):
+                        {"CHAIN_LENGTH": "0"}, {"CHAIN_LENGTH": "99999999999999999999"}, {"CHAIN_DAYS": "9" * 30},
+                        {"KEEP_CHAINS": "-1"}, {"PASSWORD_FILE": "/nowhere"}):
             with self.subTest(changes):
                 lines = len(self.log())
                 settings = self.configuration | changes
@@ -396,6 +600,15 @@ class Routine(suite.Scenario):
         self.assertIn("needs vrnx", self.backup(TROUBLE, CHAIN_DAYS=1, KEEP_CHAINS=1, VRNX="vrnx-is-not-here"))
         self.assertEqual(len(self.names()), 2)
 
+    def test_a_folder_that_vrnx_cannot_read_is_not_said_to_lack_vrnx(self):
+        self.backup(CHAIN_DAYS=1)
+        self.script("vrnx-that-fails", "echo loop.vrnx: Input/output error >&2; exit 3")
+        self.pass_days()
+        line = self.backup(TROUBLE, CHAIN_DAYS=1, KEEP_CHAINS=1, VRNX="vrnx-that-fails")
+        self.assertIn("vrnx cannot look into", line)
+        self.assertNotIn("needs vrnx", line)
+        self.assertEqual(len(self.names()), 2)
+
     # --- Who is told ---
 
     def test_metrics_and_hook(self):
@@ -423,6 +636,67 @@ class Routine(suite.Scenario):
     def test_a_hook_that_fails_is_a_failure_of_its_own(self):
         self.assertIn("the hook failed", self.backup(TROUBLE, HOOK="false"))
         self.assertEqual(len(self.names(".verified")), 1)
+
+    def test_a_chain_is_closed_by_hand(self):
+        self.backup()
+        self.pass_days()
+        with open(os.path.join(self.images, "data-20260104T013000Z.closed"), "w", encoding="utf-8"):
+            pass
+        self.backup()
+        self.assertEqual(self.names()[-1], "data-20260105T013000Z-000.vrnx")
+
+    # --- What the pages show ---
+
+    def test_the_configuration_that_is_shipped_needs_the_disk_and_works(self):
+        conf = read("packaging", "routine", "backup.conf")
+        places = {"/mnt/backup/images": self.images, "/mnt/backup": self.folder}
+        set_lines = [line for line in conf.splitlines() if line and not line.startswith("#")]
+        for shown, place in places.items():
+            set_lines = [line.replace(f"={shown}", f"='{place}'") for line in set_lines]
+        own = [f"{name}='{self.configuration[name]}'" for name in ("VRNX", "LOCK_FOLDER")]
+        self.script("mountpoint", f'[ "$2" = "{self.folder}" ]')
+        self.assertEqual(self.run_lines(*set_lines, *own).returncode, CONFIGURATION)
+        self.machine.write_home("machine.json", json.dumps(self.machine.description).encode())
+        with open(os.path.join(self.folder, "disks.json"), "w", encoding="utf-8") as file:
+            json.dump({"schema_version": 1, "disks": self.disks}, file)
+        filled = [line + {"DISK_SIZE=": str(SIZE), "DISK_SERIAL=": "S-1"}.get(line, "") for line in set_lines]
+        done = self.run_lines(*filled, *own)
+        self.assertEqual((done.returncode, done.stderr), (GOOD, ""))
+        self.assertEqual(self.names(), ["backup-20260104T013000Z-000.vrnx"])
+
+    def test_the_pages_have_each_variable_and_its_default(self):
+        script = read("packaging", "routine", "vornix-backup").split("# --- Configuration -")[1]
+        script = script.split("# --- The end")[0]
+        defaults = dict(re.findall(r"^([A-Z_]+)=(\S*)", script, re.M))
+        for own in ("VORNIX", "VRNX", "VORNIX_DISKS", "LOCK_FOLDER"):
+            defaults.pop(own)
+        table = read("man", "vornix-backup.8").replace("\\-", "-").split("\\fIVariable")[1].split(".TE")[0]
+        rows = re.findall(r"^([A-Z_]+)\|[^|]*\|(.*)$", table, re.M)
+        self.assertEqual({name for name, _ in rows}, set(defaults))
+        for name, default in rows:
+            if defaults[name]:
+                self.assertTrue(defaults[name].endswith(default.partition(":")[0]), name)
+        shown = re.findall(r"^#?([A-Z_]+)=", read("packaging", "routine", "backup.conf"), re.M)
+        self.assertEqual(set(shown), set(defaults) - {"SNAPSHOT", "ALLOW_LIVE"})
+
+    def test_the_hook_of_the_manual_page_writes_a_mail_when_something_is_wrong(self):
+        hook, = re.findall(r"^\.EX\n(#!/bin/sh\n.*?)^\.EE", read("man", "vornix-backup.8"), re.M | re.S)
+        mails = os.path.join(self.folder, "mails")
+        self.script("mail", f'{{ echo "$*"; cat; }} >> "{mails}"')
+        self.script("tell", hook.replace("\\-", "-"))
+        self.backup(HOOK="tell")
+        self.assertFalse(os.path.exists(mails))
+        self.disks.pop()
+        self.pass_days()
+        line = self.backup(DISK, HOOK="tell").split("\n")[0].split("vornix-backup: ")[0]
+        with open(mails, encoding="utf-8") as file:
+            self.assertEqual(file.read(), f"-s backup: status {DISK} root\n{line}\n")
+
+    def test_the_service_starts_what_is_installed(self):
+        service = read("packaging", "routine", "vornix-backup.service")
+        self.assertIn("\nExecStart=/usr/sbin/vornix-backup\n", service)
+        self.assertIn("install(PROGRAMS packaging/routine/vornix-backup DESTINATION ${CMAKE_INSTALL_SBINDIR})",
+                      read("CMakeLists.txt"))
 
     def test_sealed_images(self):
         password = os.path.join(self.folder, "password")
