@@ -8,8 +8,9 @@
 # chains that are older than the newest $KeepChains good ones, and those only when $KeepChains is set.
 #
 # Exit status: 0 backed up, 1 wrong configuration, 2 the place for the images is not as expected, 3 the disk is not the
-# expected one, 4 the capture failed, 5 an image failed verification, 6 the snapshot fell back to reading live, 7
-# another run is at work, 8 backed up, but the deletion of old chains, the metrics or the hook failed.
+# expected one, 4 the capture failed or something unforeseen happened, 5 an image failed verification, 6 the snapshot
+# fell back to reading live, 7 another run is at work, 8 backed up, but the deletion of old chains, the metrics or the
+# hook failed.
 #
 # This script has not been run yet: there was no Windows and no PowerShell where it was written. Its lines with vornix
 # and vrnx run in the tests, the rest does not. Try it on a disk that you can lose. docs/routine-windows.md says how.
@@ -43,6 +44,8 @@ $imageBytes = 0
 $trouble = ''
 $deleted = ''
 $leftBehind = ''
+$failed = ''  # what went wrong before the present step, for the case that the step fails as well
+$invariant = [Globalization.CultureInfo]::InvariantCulture  # other cultures count other years, and put dots for colons
 
 function Get-UnixTime([DateTime]$moment) {
     [int64]($moment - [DateTime]'1970-01-01').TotalSeconds
@@ -55,7 +58,7 @@ function Write-Metrics([int]$status, [DateTime]$now) {
         $success = Get-UnixTime $now
     } elseif (Test-Path -LiteralPath $Metrics) {
         $found = Select-String -LiteralPath $Metrics -SimpleMatch "vornix_backup_last_success_timestamp_seconds$label "
-        if ($found) { $success = ($found[0].Line -split ' ')[1] }
+        foreach ($each in $found) { $success = ($each.Line -split ' ')[1] }
     }
     $text = @(
         "vornix_backup_status$label $status"
@@ -71,7 +74,8 @@ function Write-Metrics([int]$status, [DateTime]$now) {
 # Ends the run: the hook, the metrics, one line into the log.
 function Stop-Run([int]$status, [string]$outcome) {
     $now = [DateTime]::UtcNow
-    $stamp = $now.ToString('yyyy-MM-ddTHH:mm:ssZ')
+    $stamp = $now.ToString('yyyy-MM-ddTHH:mm:ssZ', $invariant)
+    if ($script:failed) { $outcome += "; before that, $script:failed" }
     if ($Hook) {
         $hookFailed = $true
         try {
@@ -120,8 +124,11 @@ function Test-Configuration {
         Stop-Run 1 "the password file is missing: $PasswordFile"
     }
     if (-not (Test-Path -LiteralPath $Vornix)) { Stop-Run 1 "there is no $Vornix" }
+    try { [IO.File]::AppendAllText($Log, '') } catch { Stop-Run 1 "cannot write $Log" }
 }
 
+# The drive or share may go away in the middle of a run: then an image that cannot be read is not a bad one, and nothing
+# is written for it.
 function Test-Place {
     if (-not (Test-Path -LiteralPath $Folder -PathType Container)) { Stop-Run 2 "there is no folder $Folder" }
     if ($VolumeLabel -and (Get-Volume -FilePath $Folder).FileSystemLabel -ne $VolumeLabel) {
@@ -146,78 +153,87 @@ function Test-Disk {
 # NAME-20261122T013000Z-001.vrnx and on. Beside an image lies IMAGE.verified, with the time of its proof, once it is
 # proved. A chain that shall not be continued has a file NAME-20261122T013000Z.closed that says why.
 
+# What a function gives is no list where it is one thing or none: whoever wants a list of one of the next three puts
+# @( ) round its call.
+
 function Get-Images([string]$pattern) {
-    @(Get-ChildItem -LiteralPath $Folder -File | Where-Object { $_.Name -match "^$pattern`$" } | Sort-Object Name |
-        ForEach-Object { $_.Name })
+    Get-ChildItem -LiteralPath $Folder -File | Where-Object { $_.Name -match "^$pattern`$" } |
+        ForEach-Object { $_.Name } | Sort-Object
 }
 
 function Get-Chains {
-    @(Get-Images "$Name-\d{8}T\d{6}Z-\d{3}\.vrnx" | ForEach-Object { $_ -replace '-\d{3}\.vrnx$' } |
-        Select-Object -Unique)
+    Get-Images "$Name-[0-9]{8}T[0-9]{6}Z-[0-9]{3}\.vrnx" | ForEach-Object { $_ -replace '-[0-9]{3}\.vrnx$' } |
+        Select-Object -Unique
 }
 
 function Get-ImagesOfChain([string]$chain) {
-    @(Get-Images "$chain-\d{3}\.vrnx")
+    Get-Images "$chain-[0-9]{3}\.vrnx"
 }
 
 function Move-ToQuarantine([string]$file) {
-    $quarantine = New-Item -ItemType Directory -Force "$Folder\quarantine"
-    $target = "$quarantine\$file"
-    if (Test-Path -LiteralPath $target) { $target += '.' + [DateTime]::UtcNow.ToString('yyyyMMddTHHmmssZ') }
+    Test-Place
+    [void][IO.Directory]::CreateDirectory("$Folder\quarantine")  # or finds it
+    $target = "$Folder\quarantine\$file"
+    if (Test-Path -LiteralPath $target) { $target += '.' + [DateTime]::UtcNow.ToString('yyyyMMddTHHmmssZ', $invariant) }
     Move-Item -LiteralPath "$Folder\$file" -Destination $target
 }
 
 function Close-Chain([string]$chain, [string]$why) {
+    Test-Place
     Set-Content -LiteralPath "$Folder\$chain.closed" -Value $why
 }
 
-# Sends an image to its disk and takes it out of the cache, which opening it without buffering does, so that what is
-# read next is read from the disk.
-function Clear-Cache([string]$chain) {
-    foreach ($each in Get-ImagesOfChain $chain) {
-        $stream = New-Object IO.FileStream("$Folder\$each", 'Open', 'ReadWrite', 'None')
-        $stream.Flush($true)
-        $stream.Dispose()
-        $unbuffered = [IO.FileOptions]0x20000000
+# Sends the new image to its disk, and takes it and those below it out of the cache, which opening a file without
+# buffering does, so that what is read next is read from the disk.
+function Clear-Cache([string]$chain, [string]$new) {
+    $stream = New-Object IO.FileStream("$Folder\$new", 'Open', 'ReadWrite', 'None')
+    $stream.Flush($true)
+    $stream.Dispose()
+    $unbuffered = [Enum]::ToObject([IO.FileOptions], 0x20000000)  # has no name, so that a cast would refuse it
+    foreach ($each in @(Get-ImagesOfChain $chain)) {
         (New-Object IO.FileStream("$Folder\$each", 'Open', 'Read', 'Read', 4096, $unbuffered)).Dispose()
     }
 }
 
 # Makes an image good or takes it out of the way; whether it is good.
 function Confirm-Image([string]$chain, [string]$file) {
-    Clear-Cache $chain
+    Clear-Cache $chain $file
     $verify = @('verify', '--in', "$Folder\$file")
     if ($PasswordFile) { $verify += '--password-file', $PasswordFile }
     Invoke-Program $Vornix $verify
     if ($script:code -eq 0) {
-        Set-Content -LiteralPath "$Folder\$file.verified" -Value ([DateTime]::UtcNow.ToString('yyyy-MM-ddTHH:mm:ssZ'))
+        Set-Content -LiteralPath "$Folder\$file.verified" -Value ([DateTime]::UtcNow.ToString('s', $invariant) + 'Z')
         return $true
     }
     $script:why = Get-LastLine
+    $script:failed = "$file failed verification: $script:why"
     Move-ToQuarantine $file
     # What failed may just as well be an image below it: nothing is built on this chain any more.
-    Close-Chain $chain "$file failed verification: $script:why"
+    Close-Chain $chain $script:failed
+    $script:failed = ''
     return $false
 }
 
 # What a run that was cut short left: unfinished images, and one that was never proved.
 function Repair-Folder {
-    Get-Images "$Name-\d{8}T\d{6}Z-\d{3}\.vrnx\.partial" | ForEach-Object { Move-ToQuarantine $_ }
-    foreach ($chain in Get-Chains) {
-        foreach ($each in Get-ImagesOfChain $chain) {
+    foreach ($each in @(Get-Images "$Name-[0-9]{8}T[0-9]{6}Z-[0-9]{3}\.vrnx\.partial")) { Move-ToQuarantine $each }
+    foreach ($chain in @(Get-Chains)) {
+        foreach ($each in @(Get-ImagesOfChain $chain)) {
             if ((Test-Path -LiteralPath "$Folder\$each.verified") -or (Confirm-Image $chain $each)) { continue }
             $script:leftBehind = "; $each of an earlier run failed verification: $script:why; moved to quarantine"
         }
     }
 }
 
-# What vrnx says of the images in the folder; nothing where it is not there.
+# What vrnx says of the images in the folder. Where it says nothing, $noLook tells why.
 function Get-Listing {
+    $script:noLook = 'that needs vrnx'
     if (-not (Test-Path -LiteralPath $Vrnx)) { return }
+    $script:noLook = 'vrnx cannot look into the folder'
     $ErrorActionPreference = 'Continue'
     $list = @('list', $Folder, '--json')
     $text = & $Vrnx @list 2> $null
-    if ($LASTEXITCODE -gt 1) { return }
+    if ($LASTEXITCODE -ne 0 -and $LASTEXITCODE -ne 1) { return }
     $listing = ($text -join "`n") | ConvertFrom-Json
     if ($listing.schema_version -eq 1) { $listing }
 }
@@ -226,19 +242,23 @@ function Test-Complete($listing, [string]$file) {
     @($listing.images | Where-Object { $_.path -eq $file -and $_.state -eq 'complete' }).Count -gt 0
 }
 
-# Chooses what the new image is: sets $chain, $image and $base; $base is empty for a full one.
+# Chooses what the new image is: sets $chain, $image and $base; $base is empty for a full one. A chain from a day on
+# which the clock was ahead is passed over, until the clock has come to it; or else every day up to then would begin a
+# chain of its own.
 function Select-Base {
     $now = [DateTime]::UtcNow
+    $limit = "$Name-" + $now.ToString('yyyyMMddTHHmmssZ', $invariant)
     $script:base = ''
-    $script:chain = "$(Get-Chains | Select-Object -Last 1)"
+    $script:chain = ''
+    foreach ($each in @(Get-Chains)) { if ([string]::CompareOrdinal($each, $limit) -le 0) { $script:chain = $each } }
     if ($script:chain) {
-        $images = Get-ImagesOfChain $script:chain
+        $images = @(Get-ImagesOfChain $script:chain)
         $last = $images[-1]
-        $number = [int]($last -replace '^.*-(\d{3})\.vrnx$', '$1')
-        $start = [DateTime]::ParseExact($script:chain.Substring($Name.Length + 1, 8), 'yyyyMMdd', $null)
+        $number = [int]($last -replace '^.*-([0-9]{3})\.vrnx$', '$1')
+        $start = [DateTime]::ParseExact($script:chain.Substring($Name.Length + 1, 8), 'yyyyMMdd', $invariant)
         $age = ($now.Date - $start).Days
         $closed = Test-Path -LiteralPath "$Folder\$script:chain.closed"
-        if (-not $closed -and $age -ge 0 -and $age -lt $ChainDays -and $number + 1 -lt $ChainLength) {
+        if (-not $closed -and $age -lt $ChainDays -and $number + 1 -lt $ChainLength) {
             $listing = Get-Listing
             if ($images.Count -ne $number + 1) {
                 Close-Chain $script:chain 'an image of the chain is missing'
@@ -252,12 +272,15 @@ function Select-Base {
     if ($script:base) {
         $script:image = '{0}-{1:d3}.vrnx' -f $script:chain, ($number + 1)
     } else {
-        $script:chain = "$Name-" + $now.ToString('yyyyMMddTHHmmssZ')
+        $script:chain = $limit
         $script:image = "$script:chain-000.vrnx"
     }
     foreach ($each in $script:image, "$script:image.partial") {
         if (Test-Path -LiteralPath "$Folder\$each") { Stop-Run 2 "there is $each already" }
     }
+    # Of an image of that name that was deleted by hand.
+    $proof = "$Folder\$script:image.verified"
+    if (Test-Path -LiteralPath $proof) { Remove-Item -LiteralPath $proof }
 }
 
 # --- The backup -------------------------------------------------------------------------------------------------------
@@ -270,13 +293,17 @@ function New-Image {
     Invoke-Program $Vornix $capture
     if ($script:code -eq 0) { return }
     $why = Get-LastLine
+    $script:failed = "the capture of disk $Disk failed with status $($script:code): $why"
+    Test-Place
     if (Test-Path -LiteralPath "$Folder\$image.partial") {
         Move-ToQuarantine "$image.partial"
     } elseif ($base) {
         # It did not come as far as writing: the base was refused, and would be again tomorrow.
         Close-Chain $chain "no capture over ${base}: $why"
     }
-    Stop-Run 4 "the capture of disk $Disk failed with status $($script:code): $why"
+    $outcome = $script:failed
+    $script:failed = ''
+    Stop-Run 4 $outcome
 }
 
 # A volume of which there never are snapshots (an EFI partition) is read live in every run, and is no fall-back.
@@ -287,22 +314,31 @@ function Test-Snapshot {
             '.* - read live\.|0 volume\(s\) snapshotted)')
     })
     if ($live.Count -eq 0) { return }
+    $script:failed = "the image was read live: $($live[0].Trim())"
     Move-ToQuarantine $image
-    Stop-Run 6 "the image was read live: $($live[0].Trim()); moved to quarantine"
+    $outcome = $script:failed
+    $script:failed = ''
+    Stop-Run 6 "$outcome; moved to quarantine"
 }
 
 function Remove-OldChains {
     if ($KeepChains -le 0) { return }
     $listing = Get-Listing
     if (-not $listing) {
-        $script:trouble = '; old chains were not looked at: that needs vrnx'
+        $script:trouble = "; old chains were not looked at: $script:noLook"
+        return
+    }
+    # Names tell which chain is older as long as the clock goes forward. The one of today has to be the newest.
+    $chains = @(Get-Chains)
+    [array]::Reverse($chains)
+    if ($chains[0] -ne $script:chain) {
+        $script:trouble = "; nothing was deleted: by the clock $($chains[0]) lies in the future, " +
+            'so the clock is wrong, or was then'
         return
     }
     $good = 0
-    $chains = Get-Chains
-    [array]::Reverse($chains)
     foreach ($chain in $chains) {
-        $images = Get-ImagesOfChain $chain
+        $images = @(Get-ImagesOfChain $chain)
         if ($good -lt $KeepChains) {
             $bad = @($images | Where-Object {
                 -not (Test-Path -LiteralPath "$Folder\$_.verified") -or -not (Test-Complete $listing $_)
@@ -328,8 +364,11 @@ function Remove-OldChains {
 }
 
 Test-Configuration
-$mutex = New-Object Threading.Mutex($false, "Global\vornix-backup-$Name")
-try { $free = $mutex.WaitOne(0) } catch [Threading.AbandonedMutexException] { $free = $true }
+$free = $false
+try {
+    $mutex = New-Object Threading.Mutex($false, "Global\vornix-backup-$Name")
+    try { $free = $mutex.WaitOne(0) } catch [Threading.AbandonedMutexException] { $free = $true }
+} catch [UnauthorizedAccessException] { }  # that of a run of another user
 if (-not $free) { Stop-Run 7 "another run of $Name is at work" }
 Test-Place
 Test-Disk

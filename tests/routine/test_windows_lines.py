@@ -54,6 +54,22 @@ class WindowsLines(suite.Scenario):
         self.assertEqual(set(self.lists()), {"verify", "capture", "list"})
         self.assertEqual(len(re.findall(r"\$Vornix\b|\$Vrnx\b", text)), 8, "nowhere else is a program run")
 
+    def test_one_thing_is_a_list_of_one(self):
+        """PowerShell gives a function's list of one as the thing itself, of which [-1] is a letter. So @( ) makes a
+        list of what the functions for names give, wherever it is taken."""
+        text = read(SCRIPT)
+        functions = text.split("\nfunction Get-Images(")[1].split("\nfunction Move-ToQuarantine(")[0]
+        calls = re.findall(r"(?<!function )(.?.?)\bGet-(?:Images|Chains|ImagesOfChain)\b",
+                           text.replace("\nfunction Get-Images(" + functions, ""))
+        self.assertGreaterEqual(len(calls), 6)
+        self.assertEqual(set(calls), {"@("})
+
+    def test_times_are_written_and_read_the_same_in_every_country(self):
+        """There are calendars with other years, and times without colons."""
+        formats = re.findall(r"\.ToString\('[^)]*\)|ParseExact\(.*\)", read(SCRIPT))
+        self.assertGreaterEqual(len(formats), 4)
+        self.assertEqual([one for one in formats if "$invariant)" not in one], [])
+
     def test_each_line_of_vornix_runs(self):
         machine = self.machine(source=pattern(3 * 4194304 + 512))
         machine.shadow_service([("System Writer", 1, "0x0")])
