@@ -15,22 +15,23 @@ import time
 CONTROL = "/dev/loop-control"
 # <linux/loop.h>
 LOOP_CLR_FD, LOOP_CONFIGURE, LOOP_CTL_GET_FREE = 0x4C01, 0x4C0A, 0x4C82
-FLAG_AUTOCLEAR, FLAG_PARTSCAN = 4, 8
+FLAG_AUTOCLEAR, FLAG_PARTSCAN, FLAG_DIRECT_IO = 4, 8, 16
 # What it looks like when another process took the device that was free, or gave one back, in between.
 FASTER = (errno.EBUSY, errno.ENXIO, errno.ENOENT, errno.ENODEV)
-# struct loop_config: the file, the sector size, a struct loop_info64 of which only the flags are set, and eight numbers
-# that are 0.
-CONFIG = struct.Struct("=II 52x I 176x 64x")
+# struct loop_config: the file, the sector size, a struct loop_info64 of which only the offset and the flags are set,
+# and eight numbers that are 0.
+CONFIG = struct.Struct("=II 24x Q 20x I 176x 64x")
 
 
 class LoopDevice:
-    """A loop device over a file. Raises OSError where the kernel has none of that kind."""
+    """A loop device over a file or another device, from its byte `offset` on. Raises OSError where the kernel has none
+    of that kind."""
 
-    def __init__(self, path, sector_size=512, scan_partitions=False):
+    def __init__(self, path, sector_size=512, scan_partitions=False, offset=0, direct_io=False):
         self._descriptor = None
+        flags = FLAG_AUTOCLEAR | (FLAG_PARTSCAN if scan_partitions else 0) | (FLAG_DIRECT_IO if direct_io else 0)
         with open(path, "r+b") as file, open(CONTROL, "r+b", buffering=0) as control:
-            config = CONFIG.pack(file.fileno(), sector_size,
-                                 FLAG_AUTOCLEAR | (FLAG_PARTSCAN if scan_partitions else 0))
+            config = CONFIG.pack(file.fileno(), sector_size, offset, flags)
             # Others look for a free device at the same time, and one of them is faster each time.
             for _ in range(1000):
                 try:
@@ -84,7 +85,7 @@ class LoopDevice:
             for _ in range(100):
                 descriptor = os.open(self.path, os.O_RDWR | os.O_CLOEXEC)
                 try:
-                    fcntl.ioctl(descriptor, LOOP_CONFIGURE, CONFIG.pack(file.fileno(), 512, FLAG_AUTOCLEAR))
+                    fcntl.ioctl(descriptor, LOOP_CONFIGURE, CONFIG.pack(file.fileno(), 512, 0, FLAG_AUTOCLEAR))
                     self._descriptor, self._backing = descriptor, self._backing_file()
                     return True
                 except OSError as error:

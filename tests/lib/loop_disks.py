@@ -38,20 +38,6 @@ def reason_to_skip():
     return None
 
 
-def attach_loop(*arguments):
-    """A loop device by these arguments of losetup; gives its path. Raises OSError where the kernel has none of that
-    kind."""
-    for _ in range(50):
-        done = subprocess.run(["losetup", "--find", "--show", *arguments], capture_output=True, text=True, check=False)
-        # Between finding a free device and taking it somebody else may take it or give it back.
-        if done.returncode == 0 or os.strerror(errno.ENXIO) not in done.stderr:
-            break
-        time.sleep(0.1)
-    if done.returncode != 0:
-        raise OSError(f"no loop device by {' '.join(arguments)}: {done.stderr.strip()}")
-    return done.stdout.strip()
-
-
 class LoopDisks:
     """The loop devices of one test. `folder` receives their files, the list that the program sees, and its /run."""
 

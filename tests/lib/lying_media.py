@@ -1,11 +1,12 @@
 """Media that fail: block devices of the kernel whose errors a test switches on and off, and files whose close fails.
 
-A lying disk is a plugin of nbdkit (tests/media/lying_disk.cpp) that nbdfuse shows as a file and losetup as a block
-device: what the program, the file system and the kernel do with it is what they do with any disk. `durable` is the file
+A lying disk is a plugin of nbdkit (tests/media/lying_disk.cpp) that nbdfuse shows as a file and a loop device as a
+disk: what the program, the file system and the kernel do with it is what they do with any disk. `durable` is the file
 that holds what is left of it when the power goes.
 """
 
 import atexit
+import contextlib
 import os
 import shutil
 import subprocess
@@ -13,6 +14,7 @@ import sys
 import tempfile
 import time
 
+import loop_device
 import loop_disks
 from machine import SETTINGS
 
@@ -71,7 +73,7 @@ class LyingDisk:
         with open(self.durable, "wb") as file:
             file.truncate(size)
         self.count = 0
-        self.device = None
+        self.loop = None
         self.server = subprocess.Popen(
             ["nbdfuse", self.point, "--command", "nbdkit", "-s", plugin("lying_disk.so"), f"durable={self.durable}",
              f"control={self.control}", f"state={self.state}"],
@@ -81,13 +83,15 @@ class LyingDisk:
         wait_until(lambda: os.path.exists(shown) or self.server.poll() is not None, "nbdfuse shows nothing")
         if self.server.poll() is not None:
             raise OSError(f"nbdfuse ended with status {self.server.returncode}")
-        self.device = loop_disks.attach_loop("--direct-io=on", shown)
+        self.loop = loop_device.LoopDevice(shown, direct_io=True)
+        self.device = self.loop.path
 
     def close(self):
         atexit.unregister(self.close)
-        if self.device:
+        if self.loop and self.loop.is_ours:
             subprocess.run(["umount", self.device], capture_output=True, check=False)
-            subprocess.run(["losetup", "--detach", self.device], capture_output=True, check=False)
+            with contextlib.suppress(TimeoutError):
+                self.loop.detach()
         subprocess.run(["fusermount3", "-u", self.point], capture_output=True, check=False)
         try:
             self.server.wait(PATIENCE)

@@ -12,6 +12,7 @@ import os
 import re
 import subprocess
 
+import loop_device
 import loop_disks
 import lying_media
 import suite
@@ -362,20 +363,18 @@ class InUse(Media):
         self.assertEqual((done.returncode, done.stderr), (0, b""), done)
 
     def test_a_file_system_that_is_mounted_through_a_loop_device_on_the_disk(self):
-        loop = loop_disks.attach_loop("-o", str(MIB), self.target)
+        loop = loop_device.LoopDevice(self.target, offset=MIB)
         try:
-            lying_media.run("mkfs.ext4", "-q", "-F", loop)
-            point = self.mount("mounted", loop)
+            lying_media.run("mkfs.ext4", "-q", "-F", loop.path)
+            point = self.mount("mounted", loop.path)
             with open(os.path.join(point, "file"), "wb") as file:
                 file.write(b"mine")
                 os.fsync(file.fileno())
             self.expect_refusal()
-            unmount(point, loop)
+            unmount(point, loop.path)
             self.expect_refusal()  # nobody knows what the device is for
         finally:
-            lying_media.run("losetup", "--detach", loop)
-        lying_media.wait_until(lambda: not os.path.exists(f"/sys/block/{os.path.basename(loop)}/loop/backing_file"),
-                               "the loop device stays")
+            loop.detach()
         self.expect_success()
 
     def test_a_partition_that_somebody_has_open(self):

@@ -11,6 +11,7 @@ import subprocess
 import time
 
 import suite
+from loop_device import LoopDevice
 from loop_disks import LoopDisks, reason_to_skip
 from machine import SETTINGS
 
@@ -125,12 +126,11 @@ class DisksTool(suite.Scenario):
             holder.kill()
         self.assertIn({"kind": "process", "what": f"sleep (process {holder.pid})"}, users)
         self.expect_unused(device)
-        above = subprocess.run(["losetup", "--find", "--show", device], capture_output=True, text=True, check=True)
-        loop = above.stdout.strip()
+        above = LoopDevice(device)
         try:
-            self.assertIn({"kind": "loop", "what": loop}, self.disk(device)["used_by"])
+            self.assertIn({"kind": "loop", "what": above.path}, self.disk(device)["used_by"])
         finally:
-            subprocess.run(["losetup", "--detach", loop], check=True)
+            above.detach()
 
     def test_claim_that_nobody_is_seen_to_hold_counts_as_use(self):
         """The tool runs among processes of its own, where it sees none of those that have the device open."""
