@@ -1,6 +1,6 @@
 // Sizes, offsets and constants of the Windows SDK as the program relies on them. Compiled against the declarations of
-// the Linux build and against the real SDK alike, so that the SDK is the judge of ours: what is wrong here does not
-// compile on one of the two.
+// the Linux build and against those of mingw-w64 alike, so that these are the judge of ours: what is wrong here does
+// not compile on one of the two.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -185,7 +185,7 @@ size_t PlaceOf(Method method) {
     return (words[0] - 1) / sizeof(void*);
 }
 
-// The real SDK adds a template of the same name.
+// That of mingw-w64 adds a template of the same name.
 using QueryMethod = HRESULT (STDMETHODCALLTYPE IVssBackupComponents::*)(REFIID, void**);
 
 } // namespace
