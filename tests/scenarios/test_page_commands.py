@@ -34,7 +34,8 @@ FENCE = re.compile(r"^( *)```(\w*)\n(.*?)^\1```$", re.M | re.S)
 STATUS_LINES = ("echo %ERRORLEVEL%", "echo $?")
 
 # The folders of the pages, and the folder beside the described machine that each stands for.
-PLACES = {"E:\\backup\\": "backup", "/mnt/backup/": "backup", "C:\\secret\\": "secret", "/root/": "secret"}
+PLACES = {"E:\\backup\\": "backup", "C:\\backup\\": "backup", "/mnt/backup/": "backup",
+          "C:\\secret\\": "secret", "/root/": "secret"}
 
 
 def read(path):

@@ -46,6 +46,13 @@ def normalized_lines(text):
     return [line.strip() for line in text.split("\n") if line.strip()]
 
 
+def texts_of(*path):
+    """The texts between quotation marks in a source, those that the compiler joins being one."""
+    source = re.sub(r"#include[^\n]*", "", without_comments(read(*path)))
+    for match in re.finditer(rf"(?<![LuU8\w])({LITERAL}(?:\s*{LITERAL})*)", source):
+        yield "".join(part[1:-1] for part in re.findall(LITERAL, match.group(1)))
+
+
 def messages_of_platform():
     """What the Linux platform says of the end of a run: its fatal reports, without what stands in front of each fatal
     report, and the lines about interruptions and lost output."""
@@ -53,26 +60,36 @@ def messages_of_platform():
     folder = os.path.join(ROOT, "platform", "linux")
     for name in os.listdir(folder):
         if name.endswith(".cpp"):
-            source = without_comments(read("platform", "linux", name))
-            for text in re.findall(r'"FATAL: (.*?) \(GetLastError=%lu\)\\n"', source):
-                lines.update(normalized_lines(text))
-            # A refusal of what no command of the program asks for names the call first, and nobody gets to see it.
-            for text in re.findall(r'"((?:INTERRUPTED|vornix): (?!%s:).*?)\\n"', source):
-                lines.update(normalized_lines(text))
+            for text in texts_of("platform", "linux", name):
+                # A refusal of what no command of the program asks for names the call first, and nobody gets to see it.
+                match = re.match(r"FATAL: (.*?) \(GetLastError=%\w+\)\\n|((?:INTERRUPTED|vornix): (?!%s:).*?)\\n", text)
+                if match:
+                    lines.update(normalized_lines(match[1] or match[2]))
+    return lines
+
+
+def messages_of_disks_tool():
+    """What vornix-disks says beside its table."""
+    lines = set()
+    for text in texts_of("platform", "linux", "disks_tool", "main.cpp"):
+        if text.startswith("vornix-disks: "):
+            lines.update(normalized_lines(text))
+    source = without_comments(read("platform", "linux", "disks_tool", "print_report.cpp"))
+    for statement in re.findall(r"notes \+= (.*?);\n", source, re.S):
+        parts = re.split(f"({LITERAL})", statement)
+        text = "".join(part[1:-1] if part.startswith('"') else "…" if part.strip() else "" for part in parts)
+        lines.update(normalized_lines(text))
     return lines
 
 
 def messages_of_program():
     """Every line that the program can print, but for the usage text."""
-    lines = messages_of_platform()
+    lines = messages_of_platform() | messages_of_disks_tool()
     for folder, _, names in os.walk(os.path.join(ROOT, "src")):
         for name in names:
             if not name.endswith(".cpp"):
                 continue
-            source = without_comments(read(os.path.relpath(os.path.join(folder, name), ROOT)))
-            source = re.sub(r"#include[^\n]*", "", source)
-            for match in re.finditer(rf"(?<![LuU8\w])({LITERAL}(?:\s*{LITERAL})*)", source):
-                text = "".join(part[1:-1] for part in re.findall(LITERAL, match.group(1)))
+            for text in texts_of(os.path.relpath(os.path.join(folder, name), ROOT)):
                 if "Vornix - whole-physical-disk" in text:
                     continue
                 lines.update(line for line in normalized_lines(text) if not NO_MESSAGE.match(line))
@@ -165,7 +182,8 @@ class Pages(unittest.TestCase):
         self.assertEqual(sorted(missing), [])
 
     def test_the_platform_has_messages_of_its_own(self):
-        self.assertNotEqual(messages_of_platform(), set())
+        self.assertGreaterEqual(len(messages_of_platform()), 6)
+        self.assertGreaterEqual(len(messages_of_disks_tool()), 8)
 
     def test_every_message_of_the_guide_is_one_of_the_program(self):
         unknown = messages_of_guide() - messages_of_program()
@@ -191,11 +209,12 @@ class Pages(unittest.TestCase):
         packages = "".join(re.findall(r"(?ms)^(?:long_)?packages=\(\n(.*?)^\)", read("check")))
         self.assertEqual(sorted(named), sorted(re.sub(r"#.*", "", packages).split()))
 
-    def test_manual_page_has_no_warnings(self):
-        done = subprocess.run(["groff", "-man", "-ww", "-z", os.path.join(ROOT, "man", "vornix.8")],
-                              capture_output=True,
-                              text=True, check=False)
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
+    def test_manual_pages_have_no_warnings(self):
+        for name in sorted(os.listdir(os.path.join(ROOT, "man"))):
+            with self.subTest(name):
+                done = subprocess.run(["groff", "-t", "-man", "-Tutf8", "-ww", os.path.join(ROOT, "man", name)],
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, check=False)
+                self.assertEqual((done.returncode, done.stderr), (0, ""))
 
     def test_worked_example_of_the_format_is_what_the_bytes_are(self):
         self.assertEqual(section(read("docs", "image-format.md"), "example"), worked_example())
