@@ -31,10 +31,22 @@ DIGEST = re.compile(r"\b[0-9a-f]{64}\b")  # a file system is never made twice th
 
 # Folders of the page, each with the folder of the test that stands for it.
 PLACES = {"/mnt/backup": "backup", "/mnt/offsite": "offsite", "/mnt/disk": "disk", "/mnt/files": "files",
-          "/root": "root"}
+          "/root": "root", "/dev/sdX": "sdX"}
 TOOLS = ("nbdkit", "nbdfuse", "nbdcopy", "qemu-img", "losetup", "fusermount3", "debugfs", "jq", "par2", "ddrescuelog",
-         "sfdisk", "sgdisk", "mke2fs", "e2fsck", "resize2fs")
+         "sfdisk", "sgdisk", "mke2fs", "e2fsck", "resize2fs", "qemu-system-x86_64")
 
+# A virtual machine without a screen, in which nothing runs: it says what its disk is, and ends.
+QEMU = """#!/bin/bash
+while [ $# -gt 0 ]; do
+    case $1 in
+        -accel) shift ;;
+        -bios) [ ! -e "$2" ] || words+=("$1" "$2"); shift ;;
+        *) words+=("$1") ;;
+    esac
+    shift
+done
+printf 'info block\\nquit\\n' | {qemu} "${{words[@]}}" -m 64 -S -display none -monitor stdio | grep -q 'nbd.*(raw)'
+"""
 
 LOSETUP = """#!/bin/sh
 device=$({losetup} "$@") || exit
@@ -107,7 +119,9 @@ class Shell:
         with open(os.path.join(tools, "losetup"), "w", encoding="utf-8") as file:
             file.write(LOSETUP.format(losetup=shutil.which("losetup")))
         os.symlink(os.path.join(build, "vrnx"), os.path.join(tools, "vrnx"))
-        for name in ("vornix", "nbdkit", "losetup"):
+        with open(os.path.join(tools, "qemu-system-x86_64"), "w", encoding="utf-8") as file:
+            file.write(QEMU.format(qemu=shutil.which("qemu-system-x86_64")))
+        for name in ("vornix", "nbdkit", "losetup", "qemu-system-x86_64"):
             os.chmod(os.path.join(tools, name), 0o755)
         environment = os.environ | {"PATH": f"{tools}:{os.environ['PATH']}:/usr/sbin:/sbin", "LC_ALL": "C",
                                     "LD_LIBRARY_PATH": build}
@@ -175,13 +189,14 @@ def is_own(line):
     return line.split()[0] in OWN or line == "echo $?"
 
 
-def damage(shell):
-    """The drive with the images loses a sector in the stored bytes of two chunks."""
-    path = os.path.join(shell.folder, "backup", "data-new.vrnx")
-    with open(path, "r+b") as file:
-        for chunk in BAD_CHUNKS:
-            file.seek(-SIZE + chunk * 4 * MIB + 4096, os.SEEK_END)
-            file.write(bytes(byte ^ 0xFF for byte in pattern(512)))
+def damage(*chunks, place="backup"):
+    """A drive with images loses a sector in the stored bytes of chunks."""
+    def change(shell):
+        with open(os.path.join(shell.folder, place, "data-new.vrnx"), "r+b") as file:
+            for chunk in chunks:
+                file.seek(-SIZE + chunk * 4 * MIB + 4096, os.SEEK_END)
+                file.write(bytes(byte ^ 0xFF for byte in pattern(512)))
+    return change
 
 
 def has_letter(test, shell):
@@ -191,15 +206,15 @@ def has_letter(test, shell):
     os.remove(path)
 
 
-def is_the_disk(name):
+def is_the_disk(*name):
     def look(test, shell):
-        with open(os.path.join(shell.folder, "backup", name), "rb") as file:
+        with open(os.path.join(shell.folder, *name), "rb") as file:
             test.assertTrue(file.read() == shell.machine.disk_bytes(1), name)
     return look
 
 
 def differs_in_the_bad_chunks(test, shell):
-    with open(os.path.join(shell.folder, "backup", "rest.raw"), "rb") as file:
+    with open(os.path.join(shell.folder, "root", "rest.raw"), "rb") as file:
         rest = file.read()
     disk = shell.machine.disk_bytes(1)
     for chunk in range(SIZE // (4 * MIB)):
@@ -207,14 +222,31 @@ def differs_in_the_bad_chunks(test, shell):
         test.assertTrue(rest[part] == (bytes(4 * MIB) if chunk in BAD_CHUNKS else disk[part]), f"chunk {chunk}")
 
 
-BEFORE = {"vrnx check /mnt/backup/data-new.vrnx": damage}
+def is_the_smaller_disk(test, shell):
+    """A table that no tool complains of, and behind it the file system with the letter."""
+    disk = os.path.join(shell.folder, "sdX")
+    test.assertEqual(os.path.getsize(disk), 22 * MIB)
+    said = subprocess.run(["sgdisk", "-v", disk], capture_output=True, text=True, check=True).stdout
+    test.assertIn("No problems found", said)
+    part = os.path.join(shell.folder, "part")
+    with open(disk, "rb") as source, open(part, "wb") as file:
+        source.seek(MIB)
+        file.write(source.read(20 * MIB))
+    test.assertEqual(subprocess.run(["e2fsck", "-fn", part], capture_output=True, check=False).returncode, 0)
+    letter = subprocess.run(["debugfs", "-R", "cat /home/ana/letter.txt", part], capture_output=True, check=True).stdout
+    test.assertEqual(letter, LETTER)
+
+
+EXPORT = "vrnx export /mnt/backup/data-new.vrnx"
+BEFORE = {"vrnx check /mnt/backup/data-new.vrnx": damage(*BAD_CHUNKS),
+          "cd /mnt/offsite && par2 repair -q -q data-new.vrnx.par2": damage(5, place="offsite")}
 AFTER = {"cp /mnt/files/home/ana/letter.txt /root/": has_letter,
          "debugfs -R 'dump /home/ana/letter.txt /root/letter.txt' /root/partition.img": has_letter,
-         "vrnx export /mnt/backup/data-new.vrnx /mnt/backup/data.raw": is_the_disk("data.raw"),
-         "vrnx export /mnt/backup/data-new.vrnx /mnt/backup/healed.raw --from /mnt/offsite/data-new.vrnx":
-             is_the_disk("healed.raw"),
-         "vrnx export /mnt/backup/data-new.vrnx /mnt/backup/rest.raw --salvage /mnt/backup/rest.map":
-             differs_in_the_bad_chunks}
+         f"{EXPORT} /mnt/backup/data.raw": is_the_disk("backup", "data.raw"),
+         f"{EXPORT} /root/healed.raw --from /mnt/offsite/data-new.vrnx": is_the_disk("root", "healed.raw"),
+         "dd if=/root/healed.raw of=/dev/sdX bs=4M conv=fsync status=none": is_the_disk("sdX"),
+         f"{EXPORT} /root/rest.raw --salvage /root/rest.map": differs_in_the_bad_chunks,
+         "dd if=/root/cut.raw of=/dev/sdX bs=4M conv=fsync status=none": is_the_smaller_disk}
 
 
 def read_page():
@@ -250,6 +282,22 @@ class Handbook(suite.Scenario):
                     AFTER[line](self, shell)
                 told.add(line)
         self.assertEqual(set(BEFORE) | set(AFTER), told & (set(BEFORE) | set(AFTER)), "a line that is not on the page")
+
+    def test_what_is_left_of_a_chain_that_is_being_deleted_is_good(self):
+        """In the order of the page, wherever it is interrupted."""
+        names, = re.findall(r"^ *# rm (/mnt/backup/data-.*)$", read_page(), re.M)
+        names = [os.path.basename(name) for name in names.split()]
+        machine = self.machine(source=pattern(9 * MIB, "data"))
+        chain = ["data-full.vrnx", "data-mon.vrnx", "data-tue.vrnx"]
+        self.assertEqual(sorted(names), chain)
+        for name, base in zip(chain, [None, *chain]):
+            over = ["--base", base, "--thin"] if base else []
+            self.assertEqual(machine.run("capture", "--disk", "1", "--out", name, *over).status, 0)
+        for gone in range(len(names)):
+            os.remove(machine.path(names[gone]))
+            for name in names[gone + 1:]:
+                done = machine.run("verify", "--in", name)
+                self.assertEqual(done.status, 0, done.describe())
 
     def test_the_lines_for_windows(self):
         """The virtual disk in place of the real one: what was restored onto zeros with --skip-zero is the disk."""
