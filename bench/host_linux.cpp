@@ -3,6 +3,7 @@
 
 #include "../platform/linux/durable_writes.h"
 #include "../platform/linux/linux_calls.h"
+#include "../platform/linux/overlapped_transfers.h"
 #include "real_calls.h"
 
 #include <fcntl.h>
@@ -130,6 +131,8 @@ void PrepareHost() {
     // Images are files of the host. Thousands of runs would wait for its disk at each close, and none of them outlives
     // a loss of power.
     platform::LeaveFilesInCache();
+    // Calls come one by one, and what each of them did is done when it comes back.
+    platform::KeepTransfersSynchronous();
 }
 
 std::string JoinHostPath(const std::string& folder, const std::string& name) {

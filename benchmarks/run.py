@@ -198,7 +198,7 @@ class Bed:
     def close(self):
         for loop in (self.source_loop, self.target_loop):
             run(["losetup", "-d", loop])
-        run(["umount", "/sys/block"])
+        run(["umount", "/sys/block", "/run"])
         for folder in reversed(self.mounts):
             run(["umount", folder])
             for loop in self.loops:
@@ -207,13 +207,16 @@ class Bed:
 
     def hide_other_disks(self):
         """Leaves the loop devices of this bed as the only disks of this process and those it starts, so that a number
-        means the same disk however many others come and go meanwhile."""
+        means the same disk however many others come and go meanwhile. The registry of numbers is the bed's own too."""
         listed = self.path("block")
         os.mkdir(listed)
         for loop in (self.source_loop, self.target_loop):
             name = os.path.basename(loop)
             os.symlink(os.path.realpath(f"/sys/block/{name}"), os.path.join(listed, name))
         run(["mount", "--bind", listed, "/sys/block"])
+        numbers = self.path("run")
+        os.mkdir(numbers, 0o755)
+        run(["mount", "--bind", numbers, "/run"])
 
     def number(self, loop):
         return sorted((self.source_loop, self.target_loop), key=lambda path: os.stat(path).st_rdev).index(loop)

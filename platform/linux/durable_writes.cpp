@@ -88,7 +88,17 @@ void RecordFailure(OpenObject& object, DWORD error) {
     }
 }
 
+DWORD SettleWrites(OpenObject& object) {
+    OverlappedTransfers* const overlapped = OverlappedOf(object);
+    const DWORD error = overlapped != nullptr ? overlapped->Settle() : ERROR_SUCCESS;
+    if (error != ERROR_SUCCESS) {
+        RecordFailure(object, error);
+    }
+    return error;
+}
+
 BOOL FlushDisk(OpenObject& disk) {
+    (void)SettleWrites(disk); // a failure there is the handle's
     if (disk.Failure != ERROR_SUCCESS) {
         return FailWith(disk.Failure);
     }
@@ -119,6 +129,8 @@ void LeaveFilesInCache() {
 void CloseWritten(OpenObject& object) {
     const bool isDisk = object.Kind == ObjectKind::Disk;
     const Subject subject = isDisk ? Subject::Disk : Subject::File;
+    (void)SettleWrites(object); // a failure there is the handle's
+    EndOverlapped(object);
     if (object.Failure == ERROR_SUCCESS && isDisk) {
         DropCachesOfPartitions(object.Device);
         (void)FlushDisk(object);

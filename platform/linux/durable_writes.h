@@ -19,6 +19,10 @@ int AllocateGap(OpenObject& file);
 // Records that a write or a flush of this handle failed; the first failure stays.
 void RecordFailure(OpenObject& object, DWORD error);
 
+// Waits until nothing of this handle is being written beside the program any more. Gives ERROR_SUCCESS, or the failure
+// of a write there, from then on each time.
+DWORD SettleWrites(OpenObject& object);
+
 // Has a disk bring everything that it took so far to its medium. FALSE with the last error recorded where it cannot, or
 // could not before: a disk tells of what it lost once.
 BOOL FlushDisk(OpenObject& disk);

@@ -13,14 +13,15 @@
 #include <optional>
 #include <utility>
 
-#include "background_transfers.h"
 #include "durable_writes.h"
 #include "host_paths.h"
 #include "last_error.h"
 #include "linux_calls.h"
 #include "linux_disks.h"
 #include "open_objects.h"
+#include "overlapped_transfers.h"
 #include "owned_descriptor.h"
+#include "raw_transfers.h"
 #include "share_modes.h"
 #include "unsupported.h"
 #include "work_account.h"
@@ -31,19 +32,10 @@ namespace {
 
 // Written bytes are sent to the disk in stretches of at least this size, so that a rename that waits for them finds
 // little left to wait for.
-constexpr uint64_t writeBehindStretch = uint64_t{8} << 20;
-// A file is read ahead when its reads follow each other and are at least this long: shorter ones the kernel serves
-// well.
-constexpr uint64_t shortestReadAhead = uint64_t{1} << 20;
-// How many reads of the same length it is kept ahead: one that is computed on, and one behind it to be begun with.
-constexpr uint64_t readsAhead = 2;
-// What comes next of a huge read is not known to be wanted.
-constexpr uint64_t longestReadAhead = uint64_t{32} << 20;
+constexpr uint64_t sendStretch = uint64_t{8} << 20;
 // An image holds everything that the permissions of the disk protect: who may read it besides its owner is for the
 // owner to say.
 constexpr mode_t newFileMode = S_IRUSR | S_IWUSR;
-// The kernel cuts a single transfer just below 2 GiB; this is a multiple of any sector size.
-constexpr size_t largestPiece = size_t{1} << 30;
 // Memory that direct I/O cannot use is copied through a block of this size.
 constexpr size_t bounceSize = size_t{1} << 20;
 
@@ -284,34 +276,6 @@ HANDLE OpenDevice(std::string_view device, DWORD access, DWORD share, DWORD disp
 // ---------------------------------------------------------------------------------------------------------------
 // Transfers
 
-// Moves one stretch between memory and the file, as far as it goes. Gives 0 or the errno value that stopped it; a
-// stretch that ends early with 0 ended at the end of the file.
-int TransferStretch(const OpenObject& file, bool writing, uint8_t* memory, size_t length, uint64_t position,
-                    size_t& done) {
-    done = 0;
-    while (done < length) {
-        const size_t piece = std::min(length - done, largestPiece);
-        const auto offset = static_cast<off_t>(position + done);
-        const ssize_t moved = writing ? pwrite(file.Descriptor, memory + done, piece, offset)
-                                      : pread(file.Descriptor, memory + done, piece, offset);
-        if (moved < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        if (moved == 0) {
-            return writing ? ENOSPC : 0;
-        }
-        done += static_cast<size_t>(moved);
-        // A direct transfer that stops within a sector has met the end of the file; from there it could not go on.
-        if (file.MemoryAlignment > 1 && done % file.SectorSize != 0) {
-            return 0;
-        }
-    }
-    return 0;
-}
-
 int TransferThroughBounce(OpenObject& file, bool writing, uint8_t* memory, size_t length, size_t& done) {
     done = 0;
     const size_t blockSize = std::max<size_t>(bounceSize, file.SectorSize);
@@ -343,73 +307,131 @@ int TransferThroughBounce(OpenObject& file, bool writing, uint8_t* memory, size_
     return 0;
 }
 
-// Has what a sequential writer has finished sent to the disk.
-void SendBehind(OpenObject& file, uint64_t start, uint64_t end) {
-    if (start != file.LastWriteEnd) {
-        file.WriteBehindStart = start;
+// The transfers of the handle that go on beside the program, begun now where it has none. Null where it can have none.
+OverlappedTransfers* BeginOverlapped(OpenObject& file) {
+    // Those of an unbuffered file follow rules of their own.
+    const bool mayOverlap = file.Kind == ObjectKind::Disk || file.SectorSize == 1;
+    if (mayOverlap && OverlappedOf(file) == nullptr) {
+        file.Overlapped = OverlappedTransfers::Start(file);
     }
-    file.LastWriteEnd = end;
-    if (end - file.WriteBehindStart < writeBehindStretch) {
-        return;
-    }
-    file.HasBackgroundTransfers = true;
-    WriteBehind(file.Descriptor, file.WriteBehindStart, end);
-    file.WriteBehindStart = end;
+    return file.Overlapped.get();
 }
 
-// Has the next reads of a sequential reader brought into memory while it is busy with this one.
-void KeepAhead(OpenObject& file, uint64_t start, uint64_t end) {
-    const uint64_t length = end - start;
-    const bool follows = start == file.LastReadEnd && file.LastReadIsLong;
-    file.LastReadEnd = end;
-    file.LastReadIsLong = length >= shortestReadAhead;
-    if (!follows || !file.LastReadIsLong) {
-        file.ReadAheadEnd = end;
-        return;
-    }
-    if (!file.KernelReadAhead.has_value()) {
-        file.KernelReadAhead = KernelReadAhead(file.Descriptor);
-    }
-    if (*file.KernelReadAhead >= length) {
-        // As far as that it is quicker: whoever reads the same file beside it takes from it what it is quick with.
-        return;
-    }
-    const uint64_t from = std::max(file.ReadAheadEnd, end);
-    file.ReadAheadEnd = end + std::min(readsAhead * length, longestReadAhead);
-    file.HasBackgroundTransfers = true;
-    ReadAhead(file.Descriptor, end, from, file.ReadAheadEnd);
-}
-
-// What the transfer of a disk that ended in front of its length is called.
-DWORD ErrorOfShortDisk(int descriptor) {
-    uint64_t length = 0;
-    const bool isThere = ioctl(descriptor, BLKGETSIZE64, &length) == 0 && length != 0;
-    return isThere ? ERROR_SECTOR_NOT_FOUND : ERROR_DEVICE_NOT_CONNECTED;
+bool IsLong(size_t length) {
+    return length >= OverlappedTransfers::shortest && length <= OverlappedTransfers::longest;
 }
 
 // Moves the bytes of a transfer at the handle's position, as far as it goes. Gives ERROR_SUCCESS or the error.
 DWORD MoveBytes(OpenObject& file, bool writing, uint8_t* memory, size_t length, size_t& done) {
-    const bool isDisk = file.Kind == ObjectKind::Disk;
-    if (writing) {
-        file.IsWritten = true;
-        file.IsUnflushed = isDisk;
+    const bool misaligned = reinterpret_cast<uintptr_t>(memory) % file.MemoryAlignment != 0;
+    const int code = misaligned ? TransferThroughBounce(file, writing, memory, length, done)
+                                : TransferStretch(file, writing, memory, length, file.Position, done);
+    return ErrorOfTransfer(file, code, done, length);
+}
+
+// Whether the file still reaches to here. What was read ahead of a file that was cut meanwhile is in it no more.
+bool ReachesTo(const OpenObject& file, uint64_t end) {
+    struct stat status {};
+    return file.Kind == ObjectKind::Disk ||
+           (fstat(file.Descriptor, &status) == 0 && static_cast<uint64_t>(status.st_size) >= end);
+}
+
+DWORD ReadBytes(OpenObject& file, uint8_t* memory, size_t length, size_t& done) {
+    OverlappedTransfers* const overlapped = OverlappedOf(file);
+    if (overlapped != nullptr && overlapped->TakeAhead(file.Position, memory, length) &&
+        ReachesTo(file, file.Position + length)) {
+        done = length;
+        return ERROR_SUCCESS;
     }
-    if (writing && isDisk) {
+    return MoveBytes(file, false, memory, length, done);
+}
+
+// Has the next read of a sequential reader begun with while the program is busy with this one.
+void KeepAhead(OpenObject& file, uint64_t start, uint64_t end) {
+    const bool follows = start == file.LastReadEnd && file.LastReadIsLong;
+    const auto length = static_cast<size_t>(end - start);
+    file.LastReadEnd = end;
+    file.LastReadIsLong = IsLong(length);
+    if (!follows || !file.LastReadIsLong) {
+        return;
+    }
+    size_t next = length;
+    if (file.Kind == ObjectKind::Disk) {
+        next = static_cast<size_t>(std::min<uint64_t>(next, file.Length - end));
+    }
+    if (next == 0) {
+        return;
+    }
+    if (OverlappedTransfers* const overlapped = BeginOverlapped(file)) {
+        overlapped->ReadAhead(end, next);
+    }
+}
+
+// Notes a write to the stretch [start, end), and gives what a sequential writer of a file has finished by now and is to
+// be sent to its disk.
+WrittenStretch NoteWrite(OpenObject& file, uint64_t start, uint64_t end) {
+    if (start != file.LastWriteEnd) {
+        file.SendStart = start;
+    }
+    file.LastWriteEnd = end;
+    file.LastWriteIsLong = IsLong(static_cast<size_t>(end - start));
+    if (file.Kind == ObjectKind::Disk || end - file.SendStart < sendStretch) {
+        return {};
+    }
+    const WrittenStretch finished{file.SendStart, end};
+    file.SendStart = end;
+    return finished;
+}
+
+// Has the bytes written beside the program where they go on where the write before ended, on a disk also behind it.
+// False where they were not taken. The first write is none of these: what is wrong from the start is told at once.
+bool WriteBehind(OpenObject& file, const uint8_t* memory, size_t length) {
+    const bool follows =
+        file.Kind == ObjectKind::Disk ? file.Position >= file.LastWriteEnd : file.Position == file.LastWriteEnd;
+    OverlappedTransfers* const overlapped =
+        follows && file.LastWriteIsLong && IsLong(length) ? BeginOverlapped(file) : nullptr;
+    if (overlapped == nullptr) {
+        return false;
+    }
+    const WrittenStretch finished = NoteWrite(file, file.Position, file.Position + length);
+    if (!overlapped->WriteBehind(file.Position, memory, length, finished)) {
+        file.LastWriteEnd = file.Position;
+        return false;
+    }
+    return true;
+}
+
+DWORD WriteBytes(OpenObject& file, uint8_t* memory, size_t length, size_t& done) {
+    const bool isDisk = file.Kind == ObjectKind::Disk;
+    if (OverlappedTransfers* const overlapped = OverlappedOf(file)) {
+        overlapped->DropAhead();
+    }
+    file.IsWritten = true;
+    file.IsUnflushed = isDisk;
+    if (isDisk) {
         EnterDiskWrite();
     }
-    if (writing && !isDisk) {
+    if (WriteBehind(file, memory, length)) {
+        done = length;
+        return ERROR_SUCCESS;
+    }
+    if (const DWORD error = SettleWrites(file); error != ERROR_SUCCESS) {
+        return error;
+    }
+    if (!isDisk) {
         if (const int code = AllocateGap(file); code != 0) {
             return ErrorFromErrno(code, Subject::File);
         }
     }
-    const bool misaligned = reinterpret_cast<uintptr_t>(memory) % file.MemoryAlignment != 0;
-    const int code = misaligned ? TransferThroughBounce(file, writing, memory, length, done)
-                                : TransferStretch(file, writing, memory, length, file.Position, done);
-    // A disk that is there no more has an end in front of everything.
-    if (isDisk && done < length && (code == 0 || code == ENOSPC)) {
-        return ErrorOfShortDisk(file.Descriptor);
+    const DWORD error = MoveBytes(file, true, memory, length, done);
+    if (error == ERROR_SUCCESS && (isDisk || file.SectorSize == 1)) {
+        const WrittenStretch finished = NoteWrite(file, file.Position, file.Position + done);
+        OverlappedTransfers* const overlapped = finished.From < finished.To ? BeginOverlapped(file) : nullptr;
+        if (overlapped != nullptr && !overlapped->Send(finished)) {
+            file.SendStart = finished.From; // with what comes next
+        }
     }
-    return code == 0 ? ERROR_SUCCESS : ErrorFromErrno(code, isDisk ? Subject::Disk : Subject::File);
+    return error;
 }
 
 BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DWORD length, LPDWORD transferred,
@@ -445,29 +467,29 @@ BOOL Transfer(const char* call, HANDLE handle, bool writing, uint8_t* memory, DW
             return FailWith(ERROR_SECTOR_NOT_FOUND);
         }
         wanted = static_cast<size_t>(std::min<uint64_t>(wanted, file->Length - file->Position));
-        // What is compared with what was written has to come from the medium.
-        if (!writing && !FlushDisk(*file)) {
+    }
+    if (!writing) {
+        // What is read has to be what was written; on a disk, what its medium has of it.
+        if (const DWORD error = SettleWrites(*file); error != ERROR_SUCCESS) {
+            return FailWith(error);
+        }
+        if (isDisk && !FlushDisk(*file)) {
             return FALSE;
         }
     }
 
     size_t done = 0;
-    if (const DWORD error = MoveBytes(*file, writing, memory, wanted, done); error != ERROR_SUCCESS) {
-        *transferred = static_cast<DWORD>(done);
+    const DWORD error = writing ? WriteBytes(*file, memory, wanted, done) : ReadBytes(*file, memory, wanted, done);
+    *transferred = static_cast<DWORD>(done);
+    if (error != ERROR_SUCCESS) {
         if (writing) {
             RecordFailure(*file, error);
         }
         return FailWith(error);
     }
-    *transferred = static_cast<DWORD>(done);
-    const uint64_t start = file->Position;
     file->Position += done;
-    if (!isDisk && file->SectorSize == 1) {
-        if (writing) {
-            SendBehind(*file, start, file->Position);
-        } else {
-            KeepAhead(*file, start, file->Position);
-        }
+    if (!writing) {
+        KeepAhead(*file, file->Position - done, file->Position);
     }
     return TRUE;
 }
@@ -548,6 +570,9 @@ BOOL WINAPI LinuxSetFilePointerEx(HANDLE handle, LARGE_INTEGER distance, PLARGE_
     if (method == FILE_CURRENT) {
         origin = static_cast<LONGLONG>(file->Position);
     } else if (method == FILE_END && file->Kind == ObjectKind::File) {
+        if (const DWORD error = SettleWrites(*file); error != ERROR_SUCCESS) {
+            return FailWith(error);
+        }
         struct stat status {};
         if (fstat(file->Descriptor, &status) != 0) {
             return FailWith(ErrorFromErrno(errno, Subject::File));
@@ -579,6 +604,9 @@ BOOL WINAPI LinuxGetFileSizeEx(HANDLE handle, PLARGE_INTEGER size) {
         // A disk has no file size; its length is a question for DeviceIoControl.
         return FailWith(ERROR_INVALID_FUNCTION);
     }
+    if (const DWORD error = SettleWrites(*file); error != ERROR_SUCCESS) {
+        return FailWith(error);
+    }
     struct stat status {};
     if (fstat(file->Descriptor, &status) != 0) {
         return FailWith(ErrorFromErrno(errno, Subject::File));
@@ -592,9 +620,6 @@ BOOL WINAPI LinuxCloseHandle(HANDLE handle) {
     if (object == nullptr) {
         return FALSE;
     }
-    if (object->HasBackgroundTransfers) {
-        EndBackgroundTransfers(object->Descriptor);
-    }
     if (object->IsWritten) {
         CloseWritten(*object);
         if (object->Kind == ObjectKind::Disk) {
@@ -602,6 +627,7 @@ BOOL WINAPI LinuxCloseHandle(HANDLE handle) {
         }
         return TRUE;
     }
+    EndOverlapped(*object);
     const int descriptor = std::exchange(object->Descriptor, -1);
     // The handle is gone whatever close says; after EINTR the descriptor is gone as well.
     if (descriptor >= 0 && close(descriptor) != 0 && errno != EINTR) {

@@ -49,9 +49,23 @@ void FreeAlignedBlock::operator()(void* block) const {
 }
 
 OpenObject::~OpenObject() {
+    EndOverlapped(*this);
     if (Descriptor >= 0) {
         // Whoever wants to know how the close went takes the descriptor out first.
         (void)close(Descriptor);
+    }
+}
+
+OverlappedTransfers* OverlappedOf(OpenObject& object) {
+    if (object.Overlapped != nullptr && object.Overlapped->IsOfAnotherProcess()) {
+        (void)object.Overlapped.release();
+    }
+    return object.Overlapped.get();
+}
+
+void EndOverlapped(OpenObject& object) {
+    if (OverlappedOf(object) != nullptr) {
+        object.Overlapped.reset();
     }
 }
 

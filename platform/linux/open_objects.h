@@ -7,10 +7,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "overlapped_transfers.h"
 #include "owned_descriptor.h"
 
 namespace vornix::platform {
@@ -62,19 +62,23 @@ struct OpenObject {
     uint32_t MemoryAlignment = 1;
     std::unique_ptr<void, FreeAlignedBlock> Bounce;
 
-    // Buffered files alone, while they are written in sequence: where the last transfer ended, and from where bytes
-    // have not been sent to the disk yet.
+    // What goes on beside the program, once there was something: where the last transfer of each kind ended, whether it
+    // was one that another may follow beside the program, and for a buffered file from where bytes have not been sent
+    // to the disk yet.
     uint64_t LastWriteEnd = 0;
-    uint64_t WriteBehindStart = 0;
-    // The same, while they are read in sequence: where the last transfer ended, and up to where reading ahead was asked
-    // for.
+    bool LastWriteIsLong = false;
+    uint64_t SendStart = 0;
     uint64_t LastReadEnd = 0;
     bool LastReadIsLong = false;
-    uint64_t ReadAheadEnd = 0;
-    std::optional<uint64_t> KernelReadAhead; // in bytes, once it was asked for
-
-    bool HasBackgroundTransfers = false; // ever had
+    std::unique_ptr<OverlappedTransfers> Overlapped;
 };
+
+// The transfers of the handle that go on beside the program, or null where it has none. One that this process was
+// copied with is left as it is: its thread, and what it has under way, are the other process's.
+OverlappedTransfers* OverlappedOf(OpenObject& object);
+
+// Ends them, once everything is written. Nothing uses the descriptor any more.
+void EndOverlapped(OpenObject& object);
 
 // Takes the object into the table and gives its handle. Handles are never null, never INVALID_HANDLE_VALUE, and not
 // given again soon after they were closed.

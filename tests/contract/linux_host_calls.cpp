@@ -1,16 +1,23 @@
 // The layer between the platform and the kernel that linux_host_calls.h tells of.
 #include "linux_host_calls.h"
 
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 
 HostCalls& TheHostCalls() {
     static HostCalls& calls = *new HostCalls;
@@ -42,16 +49,54 @@ public:
     UnderWay& operator=(const UnderWay&) = delete;
 };
 
+// Decides a transfer of another thread by the count of those that pass.
+bool AdmitOther(std::atomic<int>& passing) {
+    if (passing == 0) {
+        errno = TheOtherThreads().TransferError;
+        return false;
+    }
+    if (passing > 0) {
+        passing--;
+    }
+    return true;
+}
+
+void RaiseTo(std::atomic<uint64_t>& highest, uint64_t end) {
+    highest = std::max(highest.load(), end);
+}
+
 ssize_t ReadOfAnotherThread(int descriptor, void* buffer, size_t length, off_t offset) {
     const UnderWay scope;
     OtherThreads& threads = TheOtherThreads();
+    if (!AdmitOther(threads.FailReadAfter)) {
+        return -1;
+    }
     const ssize_t count = syscall(SYS_pread64, descriptor, buffer, length, offset);
     if (count > 0) {
         const auto start = static_cast<uint64_t>(offset);
         threads.ReadFrom = std::min(threads.ReadFrom.load(), start);
-        threads.ReadTo = std::max(threads.ReadTo.load(), start + static_cast<uint64_t>(count));
+        RaiseTo(threads.ReadTo, start + static_cast<uint64_t>(count));
     }
     return count;
+}
+
+ssize_t WriteOfAnotherThread(int descriptor, const void* buffer, size_t length, off_t offset) {
+    const UnderWay scope;
+    OtherThreads& threads = TheOtherThreads();
+    if (!AdmitOther(threads.FailWriteAfter)) {
+        return -1;
+    }
+    const ssize_t count = syscall(SYS_pwrite64, descriptor, buffer, length, offset);
+    if (count > 0) {
+        RaiseTo(threads.WrittenTo, static_cast<uint64_t>(offset) + static_cast<uint64_t>(count));
+    }
+    return count;
+}
+
+// The function that this one of the same name stands in front of.
+template <typename Function>
+Function* Next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 // Decides a transfer: false if it fails, with errno set; else `length` is what it may move.
@@ -95,6 +140,9 @@ ssize_t pread(int descriptor, void* buffer, size_t length, off_t offset) {
 }
 
 ssize_t pwrite(int descriptor, const void* buffer, size_t length, off_t offset) {
+    if (IsOtherThread()) {
+        return WriteOfAnotherThread(descriptor, buffer, length, offset);
+    }
     return AdmitTransfer(length) ? syscall(SYS_pwrite64, descriptor, buffer, length, offset) : -1;
 }
 
@@ -105,7 +153,7 @@ int sync_file_range(int descriptor, off_t offset, off_t length, unsigned flags) 
     }
     const UnderWay scope;
     const auto status = static_cast<int>(syscall(SYS_sync_file_range, descriptor, offset, length, flags));
-    TheOtherThreads().SentTo = std::max(TheOtherThreads().SentTo.load(), static_cast<uint64_t>(offset + length));
+    RaiseTo(TheOtherThreads().SentTo, static_cast<uint64_t>(offset + length));
     return status;
 }
 
@@ -210,4 +258,31 @@ int close(int descriptor) {
     return status;
 }
 
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept {
+    if (!TheOtherThreads().CanBeMade) {
+        return EAGAIN;
+    }
+    return Next<decltype(pthread_create)>("pthread_create")(thread, attributes, body, argument);
+}
+
+int posix_memalign(void** block, size_t alignment, size_t size) noexcept {
+    // Of that alignment nobody else asks for any.
+    if (alignment == (size_t{64} << 10) && !TheOtherThreads().HaveMemory) {
+        return ENOMEM;
+    }
+    return Next<decltype(posix_memalign)>("posix_memalign")(block, alignment, size);
+}
+
 } // extern "C"
+
+int InChild(const std::function<int()>& body) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(body());
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+    return WEXITSTATUS(status);
+}

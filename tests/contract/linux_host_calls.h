@@ -38,13 +38,23 @@ struct HostCalls {
 HostCalls& TheHostCalls();
 
 // What other threads than the program's own did, which the layer lets through: the lowest offset of all their reads,
-// the highest end of those and of what they sent to a disk, and how many of both are under way.
+// the highest end of those, of their writes and of what they sent to a disk, and how many of all three are under way.
 struct OtherThreads {
     std::atomic<uint64_t> ReadFrom = UINT64_MAX;
     std::atomic<uint64_t> ReadTo = 0;
+    std::atomic<uint64_t> WrittenTo = 0;
     std::atomic<uint64_t> SentTo = 0;
     std::atomic<int> UnderWay = 0;
     std::atomic<bool> AreHeld = false; // each that begins stays under way until this is false
+
+    // So many of their reads or writes pass, all behind them fail with these; -1: none fails.
+    std::atomic<int> FailReadAfter = -1;
+    std::atomic<int> FailWriteAfter = -1;
+    std::atomic<int> TransferError = 0;
+
+    // What they are made of: threads, and blocks of memory as large as a transfer.
+    std::atomic<bool> CanBeMade = true;
+    std::atomic<bool> HaveMemory = true;
 };
 
 OtherThreads& TheOtherThreads();
@@ -54,14 +64,24 @@ class ScopedHostCalls {
 public:
     ScopedHostCalls() {
         TheHostCalls() = HostCalls();
-        TheOtherThreads().ReadFrom = UINT64_MAX;
-        TheOtherThreads().ReadTo = 0;
-        TheOtherThreads().SentTo = 0;
+        OtherThreads& threads = TheOtherThreads();
+        threads.ReadFrom = UINT64_MAX;
+        threads.ReadTo = 0;
+        threads.WrittenTo = 0;
+        threads.SentTo = 0;
     }
     ~ScopedHostCalls() {
         TheHostCalls() = HostCalls();
-        TheOtherThreads().AreHeld = false;
+        OtherThreads& threads = TheOtherThreads();
+        threads.AreHeld = false;
+        threads.FailReadAfter = -1;
+        threads.FailWriteAfter = -1;
+        threads.CanBeMade = true;
+        threads.HaveMemory = true;
     }
     ScopedHostCalls(const ScopedHostCalls&) = delete;
     ScopedHostCalls& operator=(const ScopedHostCalls&) = delete;
 };
+
+// Runs `body` in a process of its own and gives what it returned, 0 to 255.
+int InChild(const std::function<int()>& body);

@@ -290,8 +290,9 @@ class Rooms(Media):
         point = self.mount("small", "-t", "tmpfs", "-o", "nr_blocks=76801", "none")
         self.addCleanup(lying_media.run, "umount", point)
         done = self.disks.run("capture", "--disk", self.disks.number(source), "--out", "small/new.vrnx")
+        # The last chunk is written beside the program, which does not look at what comes behind it.
         self.assertEqual((done.returncode, done.stderr.decode()), (
-            1, "FATAL: WriteFile to image file failed mid-capture (disk full?) (GetLastError=112)\n"))
+            1, f"FATAL: small/new.vrnx.partial: {NOT_WHOLE} (GetLastError=112)\n"))
         self.assertEqual(os.listdir(point), ["new.vrnx.partial"])
 
     def test_consolidate_with_room_for_so_many_pages(self):
