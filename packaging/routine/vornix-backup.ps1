@@ -186,12 +186,13 @@ function Close-Chain([string]$chain, [string]$why) {
 # Sends the new image to its disk, and takes it and those below it out of the cache, which opening a file without
 # buffering does, so that what is read next is read from the disk.
 function Clear-Cache([string]$chain, [string]$new) {
-    $stream = New-Object IO.FileStream("$Folder\$new", 'Open', 'ReadWrite', 'None')
+    $open, $read, $shared = [IO.FileMode]::Open, [IO.FileAccess]::Read, [IO.FileShare]::Read
+    $stream = New-Object IO.FileStream("$Folder\$new", $open, [IO.FileAccess]::ReadWrite, [IO.FileShare]::None)
     $stream.Flush($true)
     $stream.Dispose()
     $unbuffered = [Enum]::ToObject([IO.FileOptions], 0x20000000)  # has no name, so that a cast would refuse it
     foreach ($each in @(Get-ImagesOfChain $chain)) {
-        (New-Object IO.FileStream("$Folder\$each", 'Open', 'Read', 'Read', 4096, $unbuffered)).Dispose()
+        (New-Object IO.FileStream("$Folder\$each", $open, $read, $shared, 4096, $unbuffered)).Dispose()
     }
 }
 

@@ -140,7 +140,7 @@ if (-not $principal.IsInRole([Security.Principal.WindowsBuiltInRole]::Administra
 if (-not (Test-Path -LiteralPath $Vornix)) { throw "$Vornix is missing; say where it is with -Vornix." }
 if ($Work -match ' ') { throw 'The folder of -Work must have no blank in its name.' }
 if (Test-Path -LiteralPath $Work) { throw "$Work is there already; remove it, or name another folder with -Work." }
-$letters = Get-FreeLetters
+$letters = @(Get-FreeLetters)
 if ($letters.Count -lt 2) { throw 'No two drive letters are free.' }
 $sourceLetter = $letters[0]
 $targetLetter = $letters[1]

@@ -103,6 +103,7 @@ class Shell:
 
     def __init__(self, folder, build):
         self.folder = folder
+        self.identity = None
         for place in ("backup", "offsite", "root"):
             os.makedirs(os.path.join(folder, place))
         self.make_machine()
@@ -237,15 +238,51 @@ def is_the_smaller_disk(test, shell):
     test.assertEqual(letter, LETTER)
 
 
+def table(shell):
+    """What sfdisk says of the disk in the page's place of a real one."""
+    said = subprocess.run(["sfdisk", "--json", os.path.join(shell.folder, "sdX")], capture_output=True, check=True)
+    return json.loads(said.stdout)["partitiontable"]
+
+
+def attach_larger_disk(shell):
+    """The restored disk is larger than the one in the image."""
+    with open(os.path.join(shell.folder, "sdX"), "r+b") as file:
+        file.truncate(SIZE + 16 * MIB)
+
+
+def fills_the_larger_disk(test, shell):
+    partition, = table(shell)["partitions"]
+    test.assertEqual(partition["start"], 2048)
+    test.assertGreater(partition["start"] + partition["size"], (SIZE + 15 * MIB) // 512)
+    said = subprocess.run(["sgdisk", "-v", os.path.join(shell.folder, "sdX")], capture_output=True, text=True,
+                          check=True).stdout
+    test.assertIn("No problems found", said)
+
+
+def remember_identity(shell):
+    shell.identity = table(shell)
+
+
+def has_another_identity(test, shell):
+    now, before = table(shell), shell.identity
+    test.assertNotEqual(now["id"], before["id"])
+    test.assertNotEqual(now["partitions"][0]["uuid"], before["partitions"][0]["uuid"])
+    test.assertEqual(now["partitions"][0]["size"], before["partitions"][0]["size"])
+
+
 EXPORT = "vrnx export /mnt/backup/data-new.vrnx"
 BEFORE = {"vrnx check /mnt/backup/data-new.vrnx": damage(*BAD_CHUNKS),
-          "cd /mnt/offsite && par2 repair -q -q data-new.vrnx.par2": damage(5, place="offsite")}
+          "cd /mnt/offsite && par2 repair -q -q data-new.vrnx.par2": damage(5, place="offsite"),
+          "sgdisk -e /dev/sdX": attach_larger_disk,
+          "sgdisk -G /dev/sdX": remember_identity}
 AFTER = {"cp /mnt/files/home/ana/letter.txt /root/": has_letter,
          "debugfs -R 'dump /home/ana/letter.txt /root/letter.txt' /root/partition.img": has_letter,
          f"{EXPORT} /mnt/backup/data.raw": is_the_disk("backup", "data.raw"),
          f"{EXPORT} /root/healed.raw --from /mnt/offsite/data-new.vrnx": is_the_disk("root", "healed.raw"),
          "dd if=/root/healed.raw of=/dev/sdX bs=4M conv=fsync status=none": is_the_disk("sdX"),
          f"{EXPORT} /root/rest.raw --salvage /root/rest.map": differs_in_the_bad_chunks,
+         "echo ', +' | sfdisk -q -N 1 /dev/sdX": fills_the_larger_disk,
+         "sgdisk -G /dev/sdX": has_another_identity,
          "dd if=/root/cut.raw of=/dev/sdX bs=4M conv=fsync status=none": is_the_smaller_disk}
 
 
