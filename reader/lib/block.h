@@ -1,6 +1,5 @@
-// Memory for tables and chunks: large blocks, not initialised, in large pages where the system has them. A table can be
-// a quarter of a gigabyte, which in pages of 4 KiB takes as long to be handed out as to be read. It is not for small
-// things.
+// Memory for tables and chunks: large blocks, not initialised, in large pages where the system has them. A hundred
+// megabytes in pages of 4 KiB take as long to be handed out as to be read. It is not for small things.
 #pragma once
 
 #include "port.h"

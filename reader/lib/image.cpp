@@ -64,13 +64,18 @@ void Image::ComputeZeroHashes() const {
             return;
         }
     }
-    zeroHashesKnown_ = true;
+    zeroHashesKnown_.store(true, std::memory_order_release);
 }
 
 bool Image::IsZero(uint64_t chunk) const {
-    // Where the library of cryptography fails, no chunk is known to be zeros: it is read then.
-    std::call_once(zeroHashesOnce_, [this] { ComputeZeroHashes(); });
-    if (!zeroHashesKnown_ || !Top().HasRecord(chunk)) {
+    if (!zeroHashesKnown_.load(std::memory_order_acquire)) {
+        // Where the library of cryptography fails, no chunk is known to be zeros: it is read then.
+        std::call_once(zeroHashesOnce_, [this] { ComputeZeroHashes(); });
+        if (!zeroHashesKnown_.load(std::memory_order_acquire)) {
+            return false;
+        }
+    }
+    if (!Top().HasRecord(chunk)) {
         return false;
     }
     const uint8_t* zeros = chunk + 1 == Top().GetHeader().chunkCount ? lastZeroHash_ : zeroHash_;
@@ -78,7 +83,7 @@ bool Image::IsZero(uint64_t chunk) const {
         if (!layer->HasRecord(chunk)) {
             return true; // all that is left of the way up says so
         }
-        if (memcmp(layer->RecordOf(chunk).Hash(), zeros, hashSize) != 0) {
+        if (memcmp(layer->HashOf(chunk), zeros, hashSize) != 0) {
             return false;
         }
         if (layer->IsStored(chunk)) {
@@ -93,9 +98,9 @@ bool Image::IsPinned(uint32_t level) const {
     return layer.Knows(VRNX_KNOWN_DIGEST) && memcmp(layers_[level - 1]->BaseDigest(), layer.Digest(), hashSize) == 0;
 }
 
-int Image::Verdict(uint64_t chunk) const {
-    if (int code = FindHolder(chunk).code) {
-        return code;
+int Image::Verdict(uint64_t chunk, const Holder& holder) const {
+    if (holder.code != VRNX_OK) {
+        return holder.code;
     }
     const uint8_t kept = verdicts_[chunk].load(std::memory_order_relaxed);
     return kept == notChecked ? VRNX_NOT_CHECKED : kept == good ? VRNX_OK : kept + codeShift;
@@ -171,8 +176,8 @@ int Image::Load(Context& context, const Layer& layer, uint64_t chunk, int64_t sh
         done += step;
     }
     if (layer.IsSealed()) {
-        const Record record = layer.RecordOf(chunk);
-        const Unsealed unsealed = context.Unseal(layer.key->bytes, record.Nonce(), record.Tag(), bytes, length);
+        const Unsealed unsealed =
+            context.Unseal(layer.key->bytes, layer.NonceOf(chunk), layer.TagOf(chunk), bytes, length);
         if (unsealed == Unsealed::bad) {
             return ReportChunk(error, VRNX_CHUNK_AUTHENTICATION, chunk, layer.Level());
         }
@@ -198,7 +203,7 @@ int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_err
             return code;
         }
         for (uint32_t level = 0; level <= holder.level; level++) {
-            if (memcmp(layers_[level]->RecordOf(chunk).Hash(), hash, hashSize) != 0) {
+            if (memcmp(layers_[level]->HashOf(chunk), hash, hashSize) != 0) {
                 return ReportChunk(failure, VRNX_CHUNK_HASH, chunk, holder.level);
             }
         }
@@ -362,7 +367,7 @@ int Image::Prove(uint64_t chunk, const uint8_t* bytes, size_t length, vrnx_error
     if (int code = Hash(worker->context, bytes, length, hash, error)) {
         return code;
     }
-    if (memcmp(Top().RecordOf(chunk).Hash(), hash, hashSize) != 0) {
+    if (memcmp(Top().HashOf(chunk), hash, hashSize) != 0) {
         return ReportChunk(error, VRNX_CHUNK_HASH, chunk, 0);
     }
     return VRNX_OK;

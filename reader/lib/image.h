@@ -44,7 +44,8 @@ public:
     // Whether a level below the top is the very image that the one above it pins.
     bool IsPinned(uint32_t level) const;
     // VRNX_OK, a code of a bad chunk, or VRNX_NOT_CHECKED.
-    int Verdict(uint64_t chunk) const;
+    int Verdict(uint64_t chunk) const { return Verdict(chunk, FindHolder(chunk)); }
+    int Verdict(uint64_t chunk, const Holder& holder) const;
 
     int Check(uint64_t chunk, vrnx_error& error);
     int Read(uint8_t* buffer, uint64_t offset, size_t length, vrnx_error& error);
@@ -99,7 +100,7 @@ private:
     Problems problems_;
 
     mutable std::once_flag zeroHashesOnce_;
-    mutable bool zeroHashesKnown_ = false;
+    mutable std::atomic<bool> zeroHashesKnown_ = false;
     mutable uint8_t zeroHash_[hashSize] = {};     // of a chunk of full size
     mutable uint8_t lastZeroHash_[hashSize] = {}; // of the last chunk
 

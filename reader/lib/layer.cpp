@@ -32,7 +32,7 @@ int Layer::Load(Context& context, Problems* problems, bool examine, vrnx_error& 
     if (ReadTable(context, problems, error) != VRNX_OK) {
         return error.code;
     }
-    return WalkTable(problems, error);
+    return JudgeTable(problems, error);
 }
 
 int Layer::JudgeHeader(vrnx_error& error) {
@@ -97,20 +97,28 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
         }
         present = file_.Size() - headerSize;
     }
-    table_ = AllocateBlock(static_cast<size_t>(present));
+    hashChanges_.Resize(header_.chunkCount);
+    if (IsThin()) {
+        stored_.Resize(header_.chunkCount);
+    }
     uint8_t header[headerSize];
     size_t got = 0;
     if (int systemError = file_.Read(0, header, sizeof header, got)) {
         return ReportFile(error, VRNX_ERROR_FILE_READ, level_, path_, "could not read image header", systemError);
     }
     bool hashed = context.BeginHash() && context.AddToHash(header, got);
-    constexpr uint64_t block = 0x100000;
+    // Each piece is hashed and taken apart while it is in the processor's cache.
+    constexpr size_t pieceRecords = 0x40000 / recordSize;
+    const Block piece = AllocateBlock(static_cast<size_t>(std::min<uint64_t>(present, recordSize * pieceRecords)));
     uint64_t at = 0;
     while (at < present && hashed) {
-        size_t wanted = static_cast<size_t>(std::min(block, present - at));
-        int systemError = file_.Read(headerSize + at, table_.get() + at, wanted, got);
-        hashed = context.AddToHash(table_.get() + at, got);
+        size_t wanted = static_cast<size_t>(std::min<uint64_t>(recordSize * pieceRecords, present - at));
+        int systemError = file_.Read(headerSize + at, piece.get(), wanted, got);
+        hashed = context.AddToHash(piece.get(), got);
         at += got;
+        for (size_t begin = 0; begin + recordSize <= got; begin += recordSize) {
+            TakeRecord({piece.get() + begin}, problems == nullptr);
+        }
         if (systemError != 0 || got < wanted) {
             ReportFile(error, VRNX_ERROR_FILE_READ, level_, path_, "could not read chunk table", systemError);
             if (Refuse(problems, error) != VRNX_OK) {
@@ -122,48 +130,47 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
     if (!hashed || !context.EndHash(digest_)) {
         return ReportFile(error, VRNX_ERROR_CRYPTO, level_, path_);
     }
-    presentRecords_ = at / recordSize;
     if (at == whole) {
         known_ |= VRNX_KNOWN_DIGEST;
     }
     return VRNX_OK;
 }
 
-int Layer::WalkTable(Problems* problems, vrnx_error& error) {
+// Judges the next record, and keeps what is needed of it. Opened strictly, an image is refused at the first bad one.
+void Layer::TakeRecord(const Record& record, bool strict) {
+    if (strict && badRecordCount_ != 0) {
+        return;
+    }
+    const uint64_t chunk = presentRecords_++;
+    const uint64_t left = header_.chunkCount - chunk;
+    const uint32_t length = record.StoredLength();
+    const bool good =
+        record.DiskOffset() == chunk * header_.chunkSize && (length == LengthOf(chunk) || (length == 0 && IsThin()));
+    if (!good) {
+        if (badRecordCount_++ == 0) {
+            firstBadRecord_ = chunk;
+            badRecords_.resize(static_cast<size_t>(header_.chunkCount));
+        }
+        badRecords_[static_cast<size_t>(chunk)] = true;
+    }
+    const bool stored = good && length != 0;
+    if (IsThin()) {
+        stored_.Append(stored);
+    }
+    const bool changed = hashes_.IsEmpty() || memcmp(hashes_.Last(), record.Hash(), hashSize) != 0;
+    hashChanges_.Append(changed);
+    if (changed) {
+        hashes_.Append(record.Hash(), left);
+    }
+    if (IsSealed() && (stored || !IsThin())) {
+        seals_.Append(record.Nonce(), left); // and the tag behind it
+    }
+}
+
+int Layer::JudgeTable(Problems* problems, vrnx_error& error) {
     const uint64_t count = header_.chunkCount;
-    if (IsThin()) {
-        storedBefore_.reset(new uint32_t[count + 1]); // NOLINT(modernize-make-unique)
-    }
-    uint64_t bad = 0;
-    uint64_t firstBad = 0;
-    uint32_t stored = 0;
-    for (uint64_t chunk = 0; chunk < count; chunk++) {
-        if (IsThin()) {
-            storedBefore_[chunk] = stored;
-        }
-        if (chunk >= presentRecords_) {
-            continue;
-        }
-        Record record = RecordOf(chunk);
-        uint32_t length = record.StoredLength();
-        bool good = record.DiskOffset() == chunk * header_.chunkSize &&
-                    (length == LengthOf(chunk) || (length == 0 && IsThin()));
-        if (good) {
-            stored += length != 0;
-            continue;
-        }
-        if (bad++ == 0) {
-            firstBad = chunk;
-            badRecords_.resize(presentRecords_);
-        }
-        badRecords_[chunk] = true;
-        if (problems == nullptr) {
-            break;
-        }
-    }
-    if (IsThin()) {
-        storedBefore_[count] = stored;
-    }
+    const uint64_t bad = badRecordCount_;
+    const uint64_t firstBad = firstBadRecord_;
     if (bad == 0 && presentRecords_ == count) {
         known_ |= VRNX_KNOWN_TABLE;
     }
@@ -246,7 +253,7 @@ void Layer::MeasureWrongRecords(uint64_t trailerStart) {
     const uint64_t room = trailerStart - (headerSize + recordSize * count);
     const bool shortLast = LengthOf(count - 1) < header_.chunkSize;
     const auto inTruth = static_cast<int64_t>(room / header_.chunkSize);
-    wrongRecords_ = inTruth - static_cast<int64_t>(storedBefore_[shortLast ? count - 1 : count]);
+    wrongRecords_ = inTruth - static_cast<int64_t>(StoredBefore(shortLast ? count - 1 : count));
 }
 
 uint32_t Layer::LengthOf(uint64_t chunk) const {
@@ -254,8 +261,8 @@ uint32_t Layer::LengthOf(uint64_t chunk) const {
 }
 
 uint64_t Layer::PlaceOf(uint64_t chunk, int64_t shift) const {
-    const uint64_t before = IsThin() ? storedBefore_[chunk] : chunk;
-    return headerSize + recordSize * header_.chunkCount + (before + static_cast<uint64_t>(shift)) * header_.chunkSize;
+    const uint64_t before = StoredBefore(chunk) + static_cast<uint64_t>(shift);
+    return headerSize + recordSize * header_.chunkCount + before * header_.chunkSize;
 }
 
 std::string Layer::BasePath() const {

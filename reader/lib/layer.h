@@ -6,6 +6,7 @@
 #include "exported.h"
 #include "format.h"
 #include "port.h"
+#include "table.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -55,10 +56,14 @@ public:
     bool HasRecord(uint64_t chunk) const {
         return chunk < presentRecords_ && (badRecords_.empty() || !badRecords_[chunk]);
     }
-    Record RecordOf(uint64_t chunk) const { return {table_.get() + recordSize * chunk}; }
 
-    // Whether the chunk is stored in this file; of a chunk with a record.
-    bool IsStored(uint64_t chunk) const { return !IsThin() || RecordOf(chunk).StoredLength() != 0; }
+    // Of a chunk with a record: the hash of its plain bytes, and whether it is stored in this file.
+    const uint8_t* HashOf(uint64_t chunk) const { return hashes_[hashChanges_.CountBefore(chunk + 1) - 1]; }
+    bool IsStored(uint64_t chunk) const { return !IsThin() || stored_[chunk]; }
+
+    // Of a chunk that is stored sealed.
+    const uint8_t* NonceOf(uint64_t chunk) const { return seals_[StoredBefore(chunk)]; }
+    const uint8_t* TagOf(uint64_t chunk) const { return NonceOf(chunk) + nonceSize; }
 
     // Where a stored chunk begins in the file, if as many chunks more than the records say are stored before it.
     uint64_t PlaceOf(uint64_t chunk, int64_t shift = 0) const;
@@ -89,7 +94,11 @@ public:
 private:
     int JudgeHeader(vrnx_error& error);
     int ReadTable(Context& context, Problems* problems, vrnx_error& error);
-    int WalkTable(Problems* problems, vrnx_error& error);
+    void TakeRecord(const Record& record, bool strict);
+    int JudgeTable(Problems* problems, vrnx_error& error);
+    uint32_t StoredBefore(uint64_t chunk) const {
+        return IsThin() ? stored_.CountBefore(chunk) : static_cast<uint32_t>(chunk);
+    }
     void MeasureWrongRecords(uint64_t trailerStart);
 
     std::string path_;
@@ -98,10 +107,14 @@ private:
     Header header_;
     uint32_t known_ = 0;
     bool unfinished_ = false;
-    Block table_;
     uint64_t presentRecords_ = 0;
-    std::vector<bool> badRecords_;             // empty where none is bad
-    std::unique_ptr<uint32_t[]> storedBefore_; // thin: chunks stored before each one, by its record
+    uint64_t badRecordCount_ = 0;
+    uint64_t firstBadRecord_ = 0;
+    std::vector<bool> badRecords_; // empty where none is bad
+    CountedBits hashChanges_;      // the records whose hash is not that of the record before
+    Entries hashes_{hashSize};
+    CountedBits stored_; // thin: the chunks that are stored, by their records
+    Entries seals_{nonceSize + tagSize};
     uint64_t dataEnd_ = 0;
     int64_t wrongRecords_ = 0;
     uint8_t digest_[hashSize] = {};

@@ -42,6 +42,10 @@ int Guard(vrnx_error* error, Function function) {
 // Copies what the caller has room for; what it knows beyond that is zero.
 template <typename Structure>
 int Fill(const Structure& from, Structure* to, size_t size) {
+    if (size == sizeof from) {
+        *to = from;
+        return VRNX_OK;
+    }
     memset(to, 0, size);
     memcpy(to, &from, std::min(size, sizeof from));
     return VRNX_OK;
@@ -184,11 +188,11 @@ int vrnx_get_chunk(const vrnx_image* image, uint64_t number, struct vrnx_chunk* 
         all.level = holder.level;
         all.file_offset = from.Layers()[holder.level]->PlaceOf(number);
     }
-    all.verdict = from.Verdict(number);
+    all.verdict = from.Verdict(number, holder);
     if (from.Top().HasRecord(number)) {
         all.reference = from.Top().IsStored(number) ? 0 : 1;
         all.zero = from.IsZero(number) ? 1 : 0;
-        memcpy(all.hash, from.Top().RecordOf(number).Hash(), sizeof all.hash);
+        memcpy(all.hash, from.Top().HashOf(number), sizeof all.hash);
     } else {
         all.bad_entry = 1;
     }
