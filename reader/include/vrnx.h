@@ -258,8 +258,9 @@ int vrnx_check_chunk(vrnx_image* image, uint64_t number, struct vrnx_error* erro
 /* Reads `length` bytes of the disk at `offset` into `buffer`; any alignment, across chunks, and 0 bytes of a range
  * within the disk. Every byte was proved against the hash in every table on its way up, and against its tag where it is
  * sealed; a chunk that is zeros by its hash is not read. The range ends at most at the end of the disk, else
- * VRNX_ERROR_USAGE. Fails as vrnx_check_chunk, for the first bad chunk of the range; the buffer's content is then
- * proved bytes, or what it was before. */
+ * VRNX_ERROR_USAGE. A whole chunk that was not asked for before is read straight into the buffer and not kept; one of
+ * which a part is asked for, or which is asked for again, is. Fails as vrnx_check_chunk, for the first bad chunk of the
+ * range; the buffer's content is then proved bytes, zeros, or what it was before. */
 int vrnx_read(vrnx_image* image, void* buffer, uint64_t offset, size_t length, struct vrnx_error* error);
 
 /* --- Bytes from elsewhere ------------------------------------------------------------------------------------------

@@ -265,9 +265,15 @@ int Image::Read(uint8_t* buffer, uint64_t offset, size_t length, vrnx_error& err
         const uint64_t chunk = offset / chunkSize;
         const auto begin = static_cast<uint32_t>(offset % chunkSize);
         const size_t step = std::min<size_t>(length, Top().LengthOf(chunk) - begin);
+        int code = VRNX_OK;
         if (IsZero(chunk)) {
             std::fill_n(buffer, step, uint8_t{0});
-        } else if (int code = ReadPiece(buffer, chunk, begin, step, error)) {
+        } else if (step == Top().LengthOf(chunk) && IsPassedOn(chunk)) {
+            code = ReadWhole(buffer, chunk, error);
+        } else {
+            code = ReadPiece(buffer, chunk, begin, step, error);
+        }
+        if (code != VRNX_OK) {
             return code;
         }
         buffer += step;
@@ -275,6 +281,28 @@ int Image::Read(uint8_t* buffer, uint64_t offset, size_t length, vrnx_error& err
         length -= step;
     }
     return VRNX_OK;
+}
+
+// Whether a chunk that is asked for whole goes straight into the caller's buffer. Who reads a disk from front to back
+// takes each chunk once, and is spared a copy of it; one that is asked for again is kept.
+bool Image::IsPassedOn(uint64_t chunk) const {
+    const int verdict = Verdict(chunk);
+    return verdict == VRNX_NOT_CHECKED || (verdict == VRNX_OK && slots_.empty());
+}
+
+int Image::ReadWhole(uint8_t* buffer, uint64_t chunk, vrnx_error& error) {
+    // Whatever happens, nothing that was not proved stays in the caller's buffer.
+    struct Unproved {
+        uint8_t* bytes;
+        size_t length;
+        ~Unproved() { std::fill_n(bytes, length, uint8_t{0}); }
+    } unproved{buffer, Top().LengthOf(chunk)};
+    const Borrowed worker = Borrow();
+    const int code = LoadAndKeep(worker->context, chunk, buffer, error);
+    if (code == VRNX_OK) {
+        unproved.length = 0;
+    }
+    return code;
 }
 
 // A part of one chunk, out of a slot, which whoever comes first fills while the others wait.

@@ -90,6 +90,8 @@ private:
     int LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error);
     int LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error);
     int LoadUnproved(Worker& worker, uint64_t chunk, vrnx_error& error);
+    bool IsPassedOn(uint64_t chunk) const;
+    int ReadWhole(uint8_t* buffer, uint64_t chunk, vrnx_error& error);
     int ReadPiece(uint8_t* buffer, uint64_t chunk, uint32_t begin, size_t length, vrnx_error& error);
     Slot* FindSlot(uint64_t chunk);
     Slot* ChooseSlot();

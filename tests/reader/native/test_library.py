@@ -3,6 +3,7 @@
 The images are built by tests/lib/image.py. Natively, as the library is loaded into this process.
 """
 
+import ctypes
 import hashlib
 import json
 import os
@@ -181,6 +182,65 @@ class WhatAnImageIs(Library):
             self.expect_disk(opened, plain)
             self.assertEqual(opened.bad_chunks(), {2: vrnx.CHUNK_HASH})
             self.expect_disk(opened, plain)
+
+
+class WholeChunks(Library):
+    """Who reads a whole chunk is spared a copy, and nothing else is different."""
+
+    def build(self, **options):
+        plain = pattern(4 * CHUNK + 100, "whole")
+        self.built = build_image(self.path("image"), plain, chunk_size=CHUNK, **options)
+        return plain
+
+    def damage(self, number):
+        flip(self.path("image"), self.built.data_offset(number) + CHUNK // 2)
+
+    def test_no_byte_of_a_bad_chunk_gets_into_the_buffer(self):
+        for options in ({}, {"password": PASSWORD}):
+            plain = self.build(**options)
+            self.damage(2)
+            with open(self.path("image"), "rb") as file_:
+                file_.seek(self.built.data_offset(2))
+                stored = file_.read(CHUNK)
+            for begin, length in ((0, 3 * CHUNK), (CHUNK, 2 * CHUNK), (2 * CHUNK, CHUNK), (2 * CHUNK, 2 * CHUNK),
+                                  (2 * CHUNK - 5, CHUNK + 10), (2 * CHUNK + 5, CHUNK)):
+                with vrnx.Image(self.path("image"), password=PASSWORD) as opened:
+                    for _ in range(3):
+                        buffer = ctypes.create_string_buffer(b"\xa5" * length, length)
+                        code = vrnx.LIBRARY.vrnx_read(opened.handle, buffer, begin, length, None)
+                        self.assertIn(code, (vrnx.CHUNK_HASH, vrnx.CHUNK_AUTHENTICATION))
+                        good = max(0, 2 * CHUNK - begin)
+                        self.assertEqual(buffer.raw[:good], plain[begin:begin + good])
+                        self.assertLessEqual(set(buffer.raw[good:]), {0, 0xA5})
+                        self.assertNotIn(stored[:16], buffer.raw)
+
+    def test_a_chunk_that_is_asked_for_again_is_kept(self):
+        for options in ({}, {"password": PASSWORD}):
+            plain = self.build(**options)
+            with vrnx.Image(self.path("image"), password=PASSWORD) as opened:
+                for _ in range(2):
+                    self.assertEqual(opened.read(CHUNK, CHUNK), plain[CHUNK:2 * CHUNK])
+                self.damage(1)
+                self.assertEqual(opened.read(CHUNK, CHUNK), plain[CHUNK:2 * CHUNK])
+                self.assertEqual(opened.read(0, 3 * CHUNK), plain[:3 * CHUNK])
+                self.assertEqual(opened.chunk(1).verdict, 0)
+
+    def test_a_chunk_of_which_a_part_was_asked_for_is_kept(self):
+        plain = self.build()
+        with vrnx.Image(self.path("image")) as opened:
+            self.assertEqual(opened.read(CHUNK + 7, 1), plain[CHUNK + 7:CHUNK + 8])
+            self.damage(1)
+            self.assertEqual(opened.read(CHUNK, CHUNK), plain[CHUNK:2 * CHUNK])
+
+    def test_a_chunk_that_is_not_kept_is_proved_each_time(self):
+        plain = self.build()
+        with vrnx.Image(self.path("image"), cache_chunks=vrnx.CACHE_NONE) as opened:
+            for _ in range(2):
+                self.assertEqual(opened.read(CHUNK, CHUNK), plain[CHUNK:2 * CHUNK])
+            self.damage(1)
+            with self.assertRaises(vrnx.VrnxError) as caught:
+                opened.read(CHUNK, CHUNK)
+            self.assertEqual(caught.exception.code, vrnx.CHUNK_HASH)
 
 
 class Passwords(Library):
