@@ -325,6 +325,12 @@ bool RawCopy::Read(uint64_t offset, void* buffer, size_t length) const {
 
 } // namespace vrnx_cli
 
+// A library that is not in memory yet comes from the system and from nowhere else, before the runtime library's own
+// start looks for one: vrnx.exe may lie in a folder of downloads. The call cannot fail with this argument.
+__attribute__((constructor(101))) static void TakeLibrariesFromTheSystem() {
+    (void)SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
+}
+
 // The command prompt leaves patterns of names to the program; the runtime library puts the names in their place.
 extern "C" int _dowildcard;
 int _dowildcard = -1;

@@ -1,4 +1,4 @@
-"""What is in vornix.exe besides the program: its imports, the protections in its headers, its resources.
+"""What is in vornix.exe and vrnx.exe besides the programs: imports, the protections in the headers, resources.
 
 Read from the file itself, with a small reader of the published PE/COFF format. Needs build/windows; skipped without it.
 """
@@ -15,12 +15,7 @@ import suite
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 
-EXECUTABLE = os.path.join(ROOT, "build", "windows", "vornix.exe")
-
-# All of these are part of every Windows. A new one is to be thought about before it is added here.
-# And these are in the memory of Windows before any program starts, so that none of their names is looked for anywhere.
-IMPORTS = {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}
-DELAYED_IMPORTS = {"bcrypt.dll", "vssapi.dll"}
+BUILD = os.path.join(ROOT, "build", "windows")
 
 DYNAMIC_BASE, HIGH_ENTROPY, NX_COMPATIBLE = 0x0040, 0x0020, 0x0100
 IMPORT_DIRECTORY, RESOURCE_DIRECTORY, RELOCATION_DIRECTORY, DELAY_DIRECTORY = 1, 2, 5, 13
@@ -89,27 +84,40 @@ class Executable:
         return self.data[self.offset(address):self.offset(address) + size]
 
 
-@unittest.skipUnless(os.path.exists(EXECUTABLE), "no Windows build here")
-class WindowsExecutable(unittest.TestCase):
+class WindowsExecutable:
+    """What holds for each executable."""
+
+    # All of these are part of every Windows. A new one is to be thought about before it is added here. And these are in
+    # the memory of Windows before any program starts, so that none of their names is looked for anywhere.
+    imports = delayed_imports = nothing_to_guard = frozenset()
+    name = None
+
     def setUp(self):
-        self.file = Executable(EXECUTABLE)
+        path = os.path.join(BUILD, self.name)
+        if not os.path.exists(path):
+            self.skipTest("no Windows build here")
+        self.file = Executable(path)
+
+    def own_objects(self):
+        """The object files of the program's own units."""
+        raise NotImplementedError
 
     def test_it_is_a_console_program_for_x64(self):
         self.assertEqual(self.file.machine, 0x8664)
         self.assertEqual(self.file.subsystem, 3)
 
     def test_it_needs_no_library_beside_those_of_every_windows(self):
-        self.assertEqual(self.file.names(IMPORT_DIRECTORY, 20, 12), IMPORTS)
+        self.assertEqual(self.file.names(IMPORT_DIRECTORY, 20, 12), self.imports)
 
     def test_what_windows_has_not_in_memory_is_loaded_when_it_is_called_and_not_before(self):
         imports = self.file.names(IMPORT_DIRECTORY, 20, 12)
-        self.assertEqual(imports & DELAYED_IMPORTS, set())
+        self.assertEqual(imports & self.delayed_imports, set())
         delayed = self.file.names(DELAY_DIRECTORY, 32, 4)
         if delayed:
-            self.assertEqual(delayed, DELAYED_IMPORTS)
+            self.assertEqual(delayed, self.delayed_imports)
         else:
             # The tool that makes the import keeps its descriptor in the data without listing it in the headers.
-            for name in DELAYED_IMPORTS:
+            for name in self.delayed_imports:
                 self.assertIn(name.encode(), self.file.data.lower())
 
     def test_it_names_no_folder_of_the_build(self):
@@ -142,7 +150,7 @@ class WindowsExecutable(unittest.TestCase):
         with open(os.path.join(ROOT, "CMakeLists.txt"), encoding="utf-8") as file:
             version = file.read().split("project(vornix VERSION ", 1)[1].split()[0]
         resource = self.file.resource(RESOURCE_VERSION)
-        for name, value in (("FileVersion", version), ("ProductVersion", version), ("OriginalFilename", "vornix.exe")):
+        for name, value in (("FileVersion", version), ("ProductVersion", version), ("OriginalFilename", self.name)):
             pair = (name + "\0").encode("utf-16-le")
             behind = resource[resource.index(pair) + len(pair):].lstrip(b"\0")
             self.assertTrue(behind.startswith((value + "\0").encode("utf-16-le")), name)
@@ -156,16 +164,35 @@ class WindowsExecutable(unittest.TestCase):
 
     def test_it_carries_stack_protection_in_the_program_s_own_units(self):
         self.assertIn(b"stack smashing detected", self.file.data)
-        unguarded = []
-        objects = glob.glob(os.path.join(ROOT, "build", "windows", "CMakeFiles", "vornix_program.dir", "src", "*",
-                                         "*.obj"))
+        objects = self.own_objects()
         self.assertGreater(len(objects), 20)
+        unguarded = set()
         for path in objects:
             with open(path, "rb") as file:
                 if b"__stack_chk_fail" not in file.read():
-                    unguarded.append(os.path.basename(path))
-        # These two keep nothing on their stack that an overrun could leave.
-        self.assertEqual(set(unguarded) - {"aligned_buffer.cpp.obj", "read_routing.cpp.obj"}, set())
+                    unguarded.add(os.path.basename(path))
+        self.assertEqual(unguarded - self.nothing_to_guard, set())
+
+
+class Vornix(WindowsExecutable, unittest.TestCase):
+    name = "vornix.exe"
+    imports = {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}
+    delayed_imports = {"bcrypt.dll", "vssapi.dll"}
+    # These two keep nothing on their stack that an overrun could leave.
+    nothing_to_guard = {"aligned_buffer.cpp.obj", "read_routing.cpp.obj"}
+
+    def own_objects(self):
+        return glob.glob(os.path.join(BUILD, "CMakeFiles", "vornix_program.dir", "src", "*", "*.obj"))
+
+
+class Vrnx(WindowsExecutable, unittest.TestCase):
+    name = "vrnx.exe"
+    imports = {"advapi32.dll", "kernel32.dll", "msvcrt.dll"}
+    delayed_imports = {"bcrypt.dll"}
+    nothing_to_guard = set()
+
+    def own_objects(self):
+        return glob.glob(os.path.join(BUILD, "reader", "**", "*.cpp.obj"), recursive=True)
 
 
 if __name__ == "__main__":
