@@ -336,6 +336,22 @@ class Handbook(suite.Scenario):
                 done = machine.run("verify", "--in", name)
                 self.assertEqual(done.status, 0, done.describe())
 
+    def test_other_sectors_go_unnoticed_but_for_an_end_that_fills_none(self):
+        """What the page warns of: the program restores from sectors of 512 onto such of 4096 without a word."""
+        machine = self.machine(source=pattern(9 * MIB, "data"))
+        machine.add_disk(4, 9 * MIB, sector_size=4096)
+        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "even.vrnx").status, 0)
+        done = machine.run("restore", "--in", "even.vrnx", "--disk", "4", "--confirm", "YES")
+        self.assertEqual((done.status, done.stderr), (0, b""), done.describe())
+        self.assertNotIn(b"sector", done.stdout)
+        self.expect_disk(machine, 4, machine.disk_bytes(1))
+        machine.add_disk(5, pattern(9 * MIB + 512, "odd"))
+        machine.add_disk(6, 10 * MIB, sector_size=4096)
+        self.assertEqual(machine.run("capture", "--disk", "5", "--out", "odd.vrnx").status, 0)
+        done = machine.run("restore", "--in", "odd.vrnx", "--disk", "6", "--confirm", "YES")
+        self.assertEqual(done.status, 1, done.describe())
+        self.assertIn(b"WriteFile to target disk failed", done.stderr)
+
     def test_the_lines_for_windows(self):
         """The virtual disk in place of the real one: what was restored onto zeros with --skip-zero is the disk."""
         line, = re.findall(r"^    vornix (restore .*--skip-zero)$", read_page(), re.M)

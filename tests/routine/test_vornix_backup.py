@@ -191,6 +191,27 @@ class Routine(suite.Scenario):
         if not self.has_vrnx:
             self.skipTest("vrnx was not built")
 
+    def test_no_page_of_the_chain_is_in_memory_when_it_is_verified(self):
+        seen = os.path.join(self.folder, "seen")
+        probe = os.path.join(self.folder, "probe")
+        with open(probe, "wb") as file:
+            file.write(bytes(MIB))
+        look = f'fincore --bytes --noheadings --output RES,FILE "{self.images}"/*.vrnx'
+        drop = f'sync "{probe}" && dd "if={probe}" iflag=nocache count=0 status=none && fincore -bno RES "{probe}"'
+        done = subprocess.run(["sh", "-c", drop], capture_output=True, text=True, check=False)
+        if done.returncode != 0 or done.stdout.strip() != "0":
+            self.skipTest("here no page leaves the cache, or fincore is not installed")
+        self.program_after(f'[ "$1" != verify ] || {look} >> "{seen}"')
+        self.backup()
+        with open(os.path.join(self.images, self.names()[0]), "rb") as file:
+            file.read()  # as whoever copies the images elsewhere by day
+        self.pass_days()
+        self.backup()
+        with open(seen, encoding="utf-8") as file:
+            lines = file.read().splitlines()
+        self.assertEqual(len(lines), 1 + 2)
+        self.assertEqual([line.split()[0] for line in lines], ["0"] * 3)
+
     # --- What a new image is built on ---
 
     def test_other_images_in_the_folder_are_no_base(self):
