@@ -152,7 +152,11 @@ class StandardStreams(Native):
         process = self.waiting_for_its_password(SETTINGS.program, product.work, stderr=None,
                                                 preexec_fn=lambda: [os.close(stream) for stream in range(3)])
         for stream, access in ((0, os.O_RDONLY), (1, os.O_WRONLY), (2, os.O_WRONLY)):
-            self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{stream}"), "/dev/null")
+            try:
+                leads_to = os.readlink(f"/proc/{process.pid}/fd/{stream}")
+            except PermissionError:
+                self.skipTest("only root sees the streams of a run that may hold a key")
+            self.assertEqual(leads_to, "/dev/null")
             with open(f"/proc/{process.pid}/fdinfo/{stream}", encoding="ascii") as file:
                 flags = int(re.search(r"flags:\s*([0-7]+)", file.read()).group(1), 8)
             self.assertEqual(flags & os.O_ACCMODE, access)
