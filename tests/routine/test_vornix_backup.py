@@ -716,6 +716,7 @@ class Routine(suite.Scenario):
     def test_the_service_starts_what_is_installed(self):
         service = read("packaging", "routine", "vornix-backup.service")
         self.assertIn("\nExecStart=/usr/sbin/vornix-backup\n", service)
+        self.assertRegex(service, r"\nAfter=.*\bremote-fs\.target\b", "a run made up for at a start finds its share")
         self.assertIn("install(PROGRAMS packaging/routine/vornix-backup DESTINATION ${CMAKE_INSTALL_SBINDIR})",
                       read("CMakeLists.txt"))
 
