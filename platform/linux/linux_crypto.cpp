@@ -35,7 +35,7 @@ constexpr ULONG gcmNonceLength = 12;
 constexpr ULONG shortestGcmTag = 12;
 constexpr ULONG longestGcmTag = 16;
 // The library counts bytes in an int; this is a multiple of the cipher's block.
-constexpr size_t largestPiece = size_t{1} << 30;
+constexpr size_t largestInput = size_t{1} << 30;
 
 // The first word of every object behind a handle, so that a handle of another kind, or of an object already released,
 // is refused as an invalid one.
@@ -147,7 +147,7 @@ void RefuseFlags(const char* call, ULONG flags) {
 // Puts all the input through the cipher, in pieces that the library can count.
 bool UpdateCipher(EVP_CIPHER_CTX* context, uint8_t* output, const uint8_t* input, size_t length) {
     for (size_t done = 0; done < length;) {
-        const size_t piece = std::min(length - done, largestPiece);
+        const size_t piece = std::min(length - done, largestInput);
         int written = 0;
         uint8_t* const place = output != nullptr ? output + done : nullptr;
         if (EVP_CipherUpdate(context, place, &written, input + done, static_cast<int>(piece)) != 1) {
@@ -389,7 +389,7 @@ NTSTATUS WINAPI LinuxBCryptGenRandom(BCRYPT_ALG_HANDLE algorithm, PUCHAR buffer,
         return STATUS_INVALID_PARAMETER;
     }
     for (ULONG done = 0; done < length;) {
-        const ULONG piece = static_cast<ULONG>(std::min<size_t>(length - done, largestPiece));
+        const ULONG piece = static_cast<ULONG>(std::min<size_t>(length - done, largestInput));
         if (RAND_bytes(buffer + done, static_cast<int>(piece)) != 1) {
             return STATUS_UNSUCCESSFUL;
         }

@@ -29,7 +29,7 @@ namespace vornix::platform {
 namespace {
 
 // Layers upon layers are finite; a loop in what the kernel shows would not be.
-constexpr int deepestLayer = 16;
+constexpr int deepestNesting = 16;
 
 struct Mount {
     uint64_t Id = 0;
@@ -181,7 +181,7 @@ void ExtentFinder::AddExtent(dev_t disk, uint64_t start, uint64_t length) {
 }
 
 void ExtentFinder::AddDevice(dev_t device, int depth) {
-    if (depth > deepestLayer) {
+    if (depth > deepestNesting) {
         return;
     }
     const std::string link =
@@ -322,7 +322,7 @@ void ExtentFinder::AddMount(const MountView& view, const Mount& mount, const std
 }
 
 void ExtentFinder::AddPath(const MountView& view, const std::string& path, int depth) {
-    if (depth > deepestLayer) {
+    if (depth > deepestNesting) {
         return;
     }
     std::string target = path;

@@ -11,7 +11,7 @@ namespace vrnx_cli {
 namespace {
 
 constexpr size_t columns = 64;
-constexpr size_t mostRows = 64;
+constexpr size_t mostRowsDrawn = 64;
 constexpr size_t pitch = 14; // of the squares, with the gap
 constexpr size_t side = 12;
 constexpr size_t left = 96; // room for the offsets
@@ -56,7 +56,7 @@ std::string TextAt(size_t x, size_t y, const char* attributes, const std::string
 class SvgMap {
 public:
     SvgMap(const DiskMap& map, const std::string& path)
-        : map_(map), path_(Printable(path)), cells_(map.Cells(columns * mostRows, chunksPerCell_)),
+        : map_(map), path_(Printable(path)), cells_(map.Cells(columns * mostRowsDrawn, chunksPerCell_)),
           rows_((cells_.size() + columns - 1) / columns) {}
 
     std::string Draw() const;

@@ -113,31 +113,31 @@ std::string MakeNotes(const Report& report) {
     return notes;
 }
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
 // An empty text is one that is not known.
-Json TextOrNull(const std::string& text) {
-    return text.empty() ? Json(nullptr) : Json(RepairUtf8(text));
+OrderedJson TextOrNull(const std::string& text) {
+    return text.empty() ? OrderedJson(nullptr) : OrderedJson(RepairUtf8(text));
 }
 
-Json ListOfTexts(const std::vector<std::string>& texts) {
-    Json list = Json::array();
+OrderedJson ListOfTexts(const std::vector<std::string>& texts) {
+    OrderedJson list = OrderedJson::array();
     for (const std::string& text : texts) {
         list.push_back(RepairUtf8(text));
     }
     return list;
 }
 
-Json ListOfUsers(const std::vector<DeviceUser>& users) {
-    Json list = Json::array();
+OrderedJson ListOfUsers(const std::vector<DeviceUser>& users) {
+    OrderedJson list = OrderedJson::array();
     for (const DeviceUser& user : users) {
         list.push_back({{"kind", user.Kind}, {"what", RepairUtf8(user.What)}});
     }
     return list;
 }
 
-Json DescribeDisk(const DiskReport& disk) {
-    Json contents = Json::array();
+OrderedJson DescribeDisk(const DiskReport& disk) {
+    OrderedJson contents = OrderedJson::array();
     for (const ContentReport& content : disk.Contents) {
         contents.push_back({{"node", RepairUtf8(content.Node)},
                             {"start", content.Start},
@@ -198,19 +198,19 @@ std::string FormatTable(const Report& report, bool isUtf8) {
 }
 
 std::string FormatJson(const Report& report, const std::string& programVersion) {
-    Json disks = Json::array();
+    OrderedJson disks = OrderedJson::array();
     for (const DiskReport& disk : report.Disks) {
         disks.push_back(DescribeDisk(disk));
     }
-    const Json document = {{"schema_version", 1},
-                           {"program_version", programVersion},
-                           {"error", TextOrNull(report.Error)},
-                           {"numbers",
-                            {{"why_ranks", TextOrNull(report.Numbers.WhyRanks)},
-                             {"damage", TextOrNull(report.Numbers.Damage)},
-                             {"gone", report.Numbers.GoneNumbers}}},
-                           {"disks", disks}};
-    return document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+    const OrderedJson document = {{"schema_version", 1},
+                                  {"program_version", programVersion},
+                                  {"error", TextOrNull(report.Error)},
+                                  {"numbers",
+                                   {{"why_ranks", TextOrNull(report.Numbers.WhyRanks)},
+                                    {"damage", TextOrNull(report.Numbers.Damage)},
+                                    {"gone", report.Numbers.GoneNumbers}}},
+                                  {"disks", disks}};
+    return document.dump(2, ' ', true, OrderedJson::error_handler_t::replace) + "\n";
 }
 
 } // namespace vornix::disks_tool
