@@ -26,6 +26,8 @@ from write_log import SECTOR, Replay, mark_bytes, read_log
 SOURCE_SIZE = 5 * MIB  # two chunks, the second a short one
 IMAGES = ("base.vrnx", "thin.vrnx", "full.vrnx")
 NAMES = IMAGES + ("base.vrnx.partial", "thin.vrnx.partial")
+PASSWORD = b"five random words"
+SEALED = " --encrypt --password-file /password"  # of the programs in the computer
 SUBSETS = 6
 SEED = 20
 
@@ -58,7 +60,7 @@ class LostPower(computer_suite.Story):
         computer.succeed(f"dd if=/marks/{name} of=/dev/{computer.device(disk)} bs={SECTOR} seek={size // SECTOR} "
                          "count=1 oflag=direct conv=notrunc")
 
-    def images_are_made(self, system):
+    def images_are_made(self, system, sealed):
         """Runs the three commands on such a file system; gives its first bytes and the log."""
         start = os.path.join(self.folder, "start.img")
         system.create(start)
@@ -67,14 +69,15 @@ class LostPower(computer_suite.Story):
         disk = self.logged_disk(system.size, start)
         source = Disk(SOURCE_SIZE, contents=pattern(SOURCE_SIZE, "source"))
         computer = self.computer(disk, source, modules=[system.module, *system.modules],
-                                 programs=["dd", *system.programs], files=self.marks(*IMAGES, "end"))
+                                 programs=["dd", *system.programs],
+                                 files={**self.marks(*IMAGES, "end"), "/password": PASSWORD})
         device, number = computer.device(disk), computer.number(source)
         computer.succeed(f"{system.mount} /dev/{device} /mnt")
         for name, command in (
                 ("base.vrnx", f"capture --disk {number} --out /mnt/base.vrnx"),
                 ("thin.vrnx", f"capture --disk {number} --base /mnt/base.vrnx --thin --out /mnt/thin.vrnx"),
                 ("full.vrnx", "consolidate --in /mnt/thin.vrnx --out /mnt/full.vrnx")):
-            result = computer.run(f"vornix {command}")
+            result = computer.run(f"vornix {command}{SEALED if sealed else ''}")
             self.assertEqual((result.status, result.errors), (0, ""), result)
             self.mark(computer, disk, system.size, name)
             if name == "base.vrnx":
@@ -106,6 +109,11 @@ class LostPower(computer_suite.Story):
 
     def verifies(self, name, found):
         """Whether the program verifies this file, beside the others that were found."""
+        unsealing = []
+        if self.password is not None:
+            unsealing = ["--password-file", os.path.join(self.folder, "password")]
+            with open(unsealing[1], "wb") as file:
+                file.write(self.password)
         folder = os.path.join(self.folder, "found")
         os.makedirs(folder, exist_ok=True)
         for old in os.listdir(folder):
@@ -113,8 +121,8 @@ class LostPower(computer_suite.Story):
         for other, contents in found.items():
             with open(os.path.join(folder, other), "wb") as file:
                 file.write(contents)
-        return subprocess.run([SETTINGS.program, "verify", "--in", os.path.join(folder, name)], capture_output=True,
-                              check=False).returncode == 0
+        return subprocess.run([SETTINGS.program, "verify", "--in", os.path.join(folder, name), *unsealing],
+                              capture_output=True, check=False).returncode == 0
 
     def trouble_with(self, state, found, good):
         """What is wrong with the files of a state, as lines."""
@@ -134,8 +142,9 @@ class LostPower(computer_suite.Story):
                     troubles.append(f"{name} is not whole, and verifies")
         return troubles
 
-    def file_system_keeps_its_images(self, name):
+    def file_system_keeps_its_images(self, name, sealed=False):
         system = FILE_SYSTEMS[name]
+        self.password = PASSWORD if sealed else None
         try:
             reason = system.reason_to_skip()
         except Missing as missing:
@@ -145,7 +154,7 @@ class LostPower(computer_suite.Story):
         # Thousands of states are written and thrown away; where there is memory for that, no disk has to.
         self.states = tempfile.mkdtemp(prefix="vornix-", dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
         self.addCleanup(shutil.rmtree, self.states, ignore_errors=True)
-        first, entries = self.images_are_made(system)
+        first, entries = self.images_are_made(system, sealed)
         first += bytes(MIB)
         good = self.final_images(system, Replay(first, entries, ""))
         replay, tried, troubles = Replay(first, entries, f"{SEED} {name}"), 0, []
@@ -157,7 +166,7 @@ class LostPower(computer_suite.Story):
                 troubles.append(f"{where}the file system does not come back: {trouble}")
             else:
                 troubles += [where + text for text in self.trouble_with(state, found, good)]
-        self.count("power lost", f"{name}: capture, thin capture, consolidate",
+        self.count("power lost", f"{name}: {'sealed ' if sealed else ''}capture, thin capture, consolidate",
                    f"{tried} states of {len(entries)} entries", troubles)
 
     def final_images(self, system, replay):
@@ -168,20 +177,30 @@ class LostPower(computer_suite.Story):
         self.assertEqual((trouble, sorted(good)), (None, sorted(IMAGES)))
         for name in IMAGES:
             self.assertTrue(self.verifies(name, good), name)
-            self.assertEqual(image.check_image(os.path.join(self.folder, "found", name)), [])
+            self.assertEqual(image.check_image(os.path.join(self.folder, "found", name), self.password), [])
         return good
 
     # --- Targets ---
 
-    def target_keeps_what_was_written(self, kind, command, expected):
-        """The command writes the logged disk 1, of this kind, from disk 0, or from the image /mnt/a.vrnx of it."""
+    def target_keeps_what_was_written(self, kind, command, what=None):
+        """The command writes the logged disk, of this kind, from the source as it is then, or from the image
+        /mnt/a.vrnx of it, or from /mnt/b.vrnx, a thin image over that of a part that changed. `what`: it, for the
+        table."""
+        expected = pattern(SOURCE_SIZE, "source")
         size = len(expected) + 4096
         target = self.logged_disk(size, kind=kind)
         source, images = Disk(SOURCE_SIZE, contents=expected), Disk(24 * MIB)
         computer = self.computer(source, target, images, modules=["ext4"], programs=["dd", "mkfs.ext4"],
-                                 files=self.marks("done"))
+                                 files={**self.marks("done"), "/changed": pattern(65536, "changed")})
         computer.succeed(f"mkfs.ext4 -q /dev/{computer.device(images)} && mount /dev/{computer.device(images)} /mnt && "
                          f"vornix capture --disk {computer.number(source)} --out /mnt/a.vrnx")
+        if "b.vrnx" in command:
+            changed = pattern(65536, "changed")
+            expected = expected[:MIB] + changed + expected[MIB + len(changed):]
+            computer.succeed(f"dd if=/changed of=/dev/{computer.device(source)} bs=64k seek=16 oflag=direct && "
+                             f"vornix capture --disk {computer.number(source)} --base /mnt/a.vrnx --thin "
+                             "--out /mnt/b.vrnx")
+            self.assertEqual(source.bytes(), expected)
         result = computer.run(
             "vornix " + command.format(source=computer.number(source), target=computer.number(target)))
         self.expect_success(result, " complete.")
@@ -195,21 +214,22 @@ class LostPower(computer_suite.Story):
             tried += 1
             if state.marks and not replay.holds(state, expected):
                 troubles.append(f"behind entry {state.cut}, with {state.kept} kept: the target lacks what was written")
-        self.count("power lost", f"target on {kind}: {command.split()[0]}", f"{tried} states of {len(entries)} entries",
-                   troubles)
+        self.count("power lost", f"target on {kind}: {what or command.split()[0]}",
+                   f"{tried} states of {len(entries)} entries", troubles)
 
     def test_a_restored_disk_keeps_what_was_written(self):
-        self.target_keeps_what_was_written("virtio-blk", "restore --in /mnt/a.vrnx --disk {target} --confirm YES",
-                                           pattern(SOURCE_SIZE, "source"))
+        self.target_keeps_what_was_written("virtio-blk", "restore --in /mnt/a.vrnx --disk {target} --confirm YES")
 
     def test_a_disk_restored_without_its_zeros_keeps_what_was_written(self):
         self.target_keeps_what_was_written("virtio-scsi 512",
-                                           "restore --in /mnt/a.vrnx --disk {target} --confirm YES --skip-zero",
-                                           pattern(SOURCE_SIZE, "source"))
+                                           "restore --in /mnt/a.vrnx --disk {target} --confirm YES --skip-zero")
 
     def test_a_cloned_disk_keeps_what_was_written(self):
-        self.target_keeps_what_was_written("nvme", "clone --from {source} --to {target} --confirm YES --verify",
-                                           pattern(SOURCE_SIZE, "source"))
+        self.target_keeps_what_was_written("nvme", "clone --from {source} --to {target} --confirm YES --verify")
+
+    def test_a_disk_restored_from_a_chain_keeps_what_was_written(self):
+        self.target_keeps_what_was_written("virtio-blk", "restore --in /mnt/b.vrnx --disk {target} --confirm YES",
+                                           "restore of a thin image")
 
     # --- Images ---
 
@@ -218,6 +238,12 @@ class LostPower(computer_suite.Story):
 
     def test_ext4_writeback(self):
         self.file_system_keeps_its_images("ext4 writeback")
+
+    def test_sealed_images_on_ext4(self):
+        self.file_system_keeps_its_images("ext4 ordered", sealed=True)
+
+    def test_sealed_images_on_vfat(self):
+        self.file_system_keeps_its_images("vfat", sealed=True)
 
     def test_xfs(self):
         self.file_system_keeps_its_images("xfs")
