@@ -15,6 +15,7 @@ SIZE = 9 * MIB  # three chunks, the last one short
 PLACES = {"first": 0, "middle": SIZE // 1024, "last": SIZE // 512 - 1}
 IMAGES = 40 * MIB
 READ_FAILS = 1117  # an I/O device error
+FLUSHES = 40  # that fail, where they fail for good; no run makes as many
 
 
 class MediumErrors(computer_suite.Story):
@@ -179,6 +180,55 @@ class MediumErrors(computer_suite.Story):
                 troubles.append(f"{name}: the run failed, and what is left verifies")
             self.expect_success(computer.run("vornix verify --in /mnt/a.vrnx"), "Verify OK")
         self.count("error of the medium", "image: no write reaches the disk", f"{len(names)} runs", troubles)
+
+    def fail_flushes(self, computer, disk, count):
+        """Lets that many flushes of a disk fail from now on. The disk has a node "good" between itself and its file."""
+        self.nodes += 1
+        error = {"event": "flush_to_disk", "errno": 5, "once": True}
+        computer.qmp("blockdev-add", **{"driver": "blkdebug", "node-name": f"bad{self.nodes}", "image": "good",
+                                        "inject-error": [error] * count})
+        self.put_before(computer, disk, f"bad{self.nodes}")
+
+    def put_before(self, computer, disk, node):
+        computer.qmp("blockdev-reopen", options=[{"driver": "raw", "node-name": disk.id, "file": node,
+                                                  "discard": "unmap"}])
+
+    def make_good(self, computer, disk):
+        """A disk that flushes again. QEMU does so itself at each attempt, and uses up a failure with it."""
+        for attempt in range(FLUSHES + 1):
+            try:
+                self.put_before(computer, disk, "good")
+                return
+            except AssertionError:
+                if attempt == FLUSHES:
+                    raise
+
+    def test_only_the_flush_of_the_image_disk_says_that_it_has_lost_what_it_took(self):
+        troubles, tried, self.nodes = [], 0, 0
+        source = Disk(SIZE, contents=pattern(SIZE, "source"))
+        images = Disk(IMAGES, filters=[("raw", {"node-name": "good"})])
+        computer = self.computer(source, images, memory=384, programs=["mkfs.ext4"], modules=["ext4"])
+        number, mount = computer.number(source), f"mount /dev/{computer.device(images)} /mnt"
+        computer.succeed(f"mkfs.ext4 -q /dev/{computer.device(images)} && {mount}")
+        self.expect_success(computer.run(f"vornix capture --disk {number} --out /mnt/a.vrnx"), "Capture complete")
+        for count in (1, FLUSHES):
+            for command in (f"capture --disk {number} --out /mnt/b.vrnx",
+                            f"capture --disk {number} --base /mnt/a.vrnx --thin --out /mnt/b.vrnx",
+                            "consolidate --in /mnt/a.vrnx --out /mnt/b.vrnx"):
+                tried += 1
+                computer.succeed("sync")
+                self.fail_flushes(computer, images, count)
+                result = computer.run(f"vornix {command}")
+                if result.status != 1 or not result.errors.startswith("FATAL: ") or "complete" in result.text:
+                    troubles.append(f"{count} flushes: {result}")
+                # The disk is a good one again; the file system, which has stopped, has to be brought back.
+                self.make_good(computer, images)
+                computer.succeed(f"umount /mnt; {mount}")
+                if computer.run("[ ! -e /mnt/b.vrnx ] || ! vornix verify --in /mnt/b.vrnx").status != 0:
+                    troubles.append(f"{count} flushes: {command} failed, and what is left verifies")
+                self.expect_success(computer.run("vornix verify --in /mnt/a.vrnx"), "Verify OK")
+                computer.succeed("rm -f /mnt/b.vrnx*")
+        self.count("error of the medium", "image: the flush fails, once and for good", f"{tried} runs", troubles)
 
 
 if __name__ == "__main__":
