@@ -249,8 +249,8 @@ class Computer:
     def device(self, disk):
         """The name of a disk in the computer, such as vda; waits until the kernel has found it."""
         found = self.succeed(
-            f"for i in $(seq 300); do for d in /sys/block/*; do [ $(cat $d/size) != {disk.size // 512} ] || "
-            "{ basename $d; exit; }; done; sleep 0.1; done")
+            f"for i in $(seq 300); do for d in /sys/block/*; do read -r s < $d/size; [ $s != {disk.size // 512} ] || "
+            "{ echo ${d##*/}; exit; }; done; sleep 0.1; done")
         if not found:
             raise AssertionError(f"the computer does not find its {disk.kind} of {disk.size} bytes")
         return found.strip()
@@ -264,7 +264,8 @@ class Computer:
     def numbers(self):
         """The disk numbers by device name, as the page says they are given: hardware in the order of the device
         numbers, then loop devices that hold something."""
-        listed = self.succeed('for d in /sys/block/*; do echo $(basename $d) $(tr : " " < $d/dev) $(cat $d/size); done')
+        listed = self.succeed("for d in /sys/block/*; do read -r n < $d/dev; read -r s < $d/size; "
+                              'echo "${d##*/} ${n%:*} ${n#*:} $s"; done')
         hardware, attached = [], []
         for name, major, minor, size in (line.split() for line in listed.splitlines()):
             if re.match(r"(ram|zram|dm-|md|sr|fd|nullb)", name):

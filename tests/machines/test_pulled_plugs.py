@@ -2,82 +2,120 @@
 
 The disks are slowed down, so that a run lasts for seconds and a plug can be pulled when the program says how far it is.
 The run has to end by itself, with status 1 and a last error, and nothing bears the name of an image that is none.
+
+A case is one computer, with a disk for each moment at which a plug is pulled: that computer has to go on without it.
 """
 
+import os
 import re
+import shutil
 import subprocess
 import time
 
 import computer_suite
 import suite
 from disks import MIB, Disk
-from image import reference_plain_bytes
+from image import build_image, reference_plain_bytes
 from machine import pattern
 
-SIZE = 13 * MIB  # four chunks, of which each takes two seconds
-SLOW = ["-object", "throttle-group,id=slow,x-bps-total=2097152"]
-MOMENTS = (0, 1, 30, 90)  # percent that the meter has reached at least
+SIZE = 15 * MIB  # four chunks, of which each takes four seconds and the last one three
+STEP = 65536  # by which disks of one kind differ, so that each is found
+SLOW = ["-object", "throttle-group,id=slow,x-bps-total=1048576"]
+MOMENTS = (0, 1, 30, 70)  # percent that the meter has reached at least
 PATIENCE = 600  # seconds until a run counts as one that does not end
 
 # What is pulled: the kind of disk, which of the three, the command.
 CASES = {
-    "source of a capture": ("virtio-blk", "source", "capture --disk {source} --out /mnt/new.vrnx"),
-    "source of a capture, USB": ("usb", "source", "capture --disk {source} --out /mnt/new.vrnx"),
-    "image disk of a capture": ("virtio-blk", "images", "capture --disk {source} --out /mnt/new.vrnx"),
-    "target of a restore": ("virtio-scsi 512", "target", "restore --in /mnt/old.vrnx --disk {target} --confirm YES"),
-    "image disk of a restore": ("virtio-blk", "images", "restore --in /mnt/old.vrnx --disk {target} --confirm YES"),
+    "source of a capture": ("virtio-blk", "source", "capture --disk {source} --out {images}/new.vrnx"),
+    "source of a capture, USB": ("usb", "source", "capture --disk {source} --out {images}/new.vrnx"),
+    "image disk of a capture": ("virtio-blk", "images", "capture --disk {source} --out {images}/new.vrnx"),
+    "target of a restore": ("virtio-scsi 512", "target",
+                            "restore --in {images}/old.vrnx --disk {target} --confirm YES"),
+    "image disk of a restore": ("virtio-blk", "images",
+                                "restore --in {images}/old.vrnx --disk {target} --confirm YES"),
     "source of a clone": ("virtio-scsi 512", "source", "clone --from {source} --to {target} --confirm YES"),
     "target of a clone": ("virtio-blk", "target", "clone --from {source} --to {target} --confirm YES"),
-    "image disk of a consolidation": ("virtio-blk", "images", "consolidate --in /mnt/old.vrnx --out /mnt/new.vrnx"),
+    "image disk of a consolidation": ("virtio-blk", "images",
+                                      "consolidate --in {images}/old.vrnx --out {images}/new.vrnx"),
 }
 
 
 class PulledPlugs(computer_suite.Story):
     long = True
 
-    def prepared(self):
-        """The bytes of a disk with a file system that has the image old.vrnx on it."""
-        source, images = Disk(SIZE, contents=pattern(SIZE, "source")), Disk(48 * MIB)
-        computer = self.computer(source, images, modules=["ext4"], programs=["mkfs.ext4"])
-        device = computer.device(images)
-        computer.succeed(f"mkfs.ext4 -q /dev/{device} && mount /dev/{device} /mnt && "
-                         f"vornix capture --disk {computer.number(source)} --out /mnt/old.vrnx && umount /mnt")
-        computer.stop()
-        return images.bytes()
+    def disks_with_an_image(self, count):
+        """The disk with a file system that has the image old.vrnx of the source on it, so many times."""
+        made = []
+        folder = os.path.join(self.folder, "old")
+        os.mkdir(folder)
+        build_image(os.path.join(folder, "old.vrnx"), pattern(SIZE, "source"), chunk_size=4 * MIB)
+        for number in range(count):
+            disk = Disk(48 * MIB + number * STEP)
+            disk.file = os.path.join(self.folder, f"images{number}.img")
+            with open(disk.file, "wb") as file:
+                file.truncate(disk.size)
+            subprocess.run(["mkfs.ext4", "-q", "-d", folder, disk.file], check=True, capture_output=True)
+            made.append(disk)
+        return made
 
-    def pulled(self, case, moment, images_bytes):
-        """One run with a plug pulled at a moment: what is not as it should be, as lines."""
-        kind, role, command = CASES[case]
-        slow = [("throttle", {"throttle-group": "slow"})]
-        disks = {"source": Disk(SIZE, contents=pattern(SIZE, "source")), "target": Disk(SIZE + 4096),
-                 "images": Disk(48 * MIB, contents=images_bytes)}
-        disks[role].kind, disks[role].filters = kind, slow
-        computer = self.computer(*disks.values(), modules=["ext4"], arguments=SLOW)
-        computer.succeed(f"mount /dev/{computer.device(disks['images'])} /mnt")
-        numbers = {name: computer.number(disk) for name, disk in disks.items()}
-        computer.succeed(f"(vornix {command.format(**numbers)} > /run/said 2> /run/failed; echo $? > /run/ended) "
-                         "> /dev/null 2>&1 &")
-        self.wait_for_meter(computer, moment)
+    def computer_of(self, kind, role):
+        """A computer that has, in one of the roles, a slow disk of the kind for each moment, and its disks by role."""
+        counts = {name: len(MOMENTS) if name == role else 1 for name in ("source", "target", "images")}
+        disks = {"source": [Disk(SIZE + number * STEP, contents=pattern(SIZE, "source"))
+                            for number in range(counts["source"])],
+                 "target": [Disk(SIZE + MIB + number * STEP) for number in range(counts["target"])],
+                 "images": self.disks_with_an_image(counts["images"])}
+        for disk in disks[role]:
+            disk.kind, disk.filters = kind, [("throttle", {"throttle-group": "slow"})]
+        computer = self.computer(*disks["source"], *disks["target"], *disks["images"], modules=["ext4"],
+                                 arguments=SLOW)
+        for number, disk in enumerate(disks["images"]):
+            computer.succeed(f"mkdir /mnt/{number} && mount /dev/{computer.device(disk)} /mnt/{number}")
+        # Numbers stay with their disks when others go.
+        self.numbers = {disk.id: computer.number(disk) for of_role in disks.values() for disk in of_role}
+        return computer, disks
+
+    def pulled(self, computer, disks, case, place):
+        """One run, of which the plug is pulled at the moment of this place: what is not as it should be, as lines."""
+        _, role, command = CASES[case]
+        used = {name: of_role[place if name == role else 0] for name, of_role in disks.items()}
+        folder = f"/mnt/{disks['images'].index(used['images'])}"
+        where = f"{case} at {MOMENTS[place]} %"
+        # What the run of another moment has left is not this one's.
+        computer.succeed(f"rm -f {folder}/new.vrnx* /run/said /run/failed /run/ended")
+        if role != "target":
+            computer.succeed(f"dd if=/dev/zero of=/dev/{computer.device(used['target'])} bs=1M count=1 seek=14 2>&1 && "
+                             "sync")
+        command = command.format(source=self.numbers[used["source"].id], target=self.numbers[used["target"].id],
+                                 images=folder)
+        device = computer.device(used[role])
+        computer.succeed(f"(vornix {command} > /run/said 2> /run/failed; s=$?; [ -e /sys/block/{device} ] || "
+                         'echo "the disk is gone" >> /run/said; echo $s > /run/ended) > /dev/null 2>&1 &')
+        self.wait_for_meter(computer, MOMENTS[place])
         if computer.run("[ -e /run/ended ]").status == 0:
             return []  # over before the plug could be pulled, since the meter tells of few places; not counted
         self.pulls += 1
-        computer.unplug(disks[role])
-        deadline = time.monotonic() + PATIENCE
-        while computer.run("[ -e /run/ended ]").status != 0:
-            if time.monotonic() > deadline:
-                return [f"{case} at {moment} %: does not end: {computer.succeed('cat /run/said /run/failed')}"]
-            time.sleep(0.2)
+        computer.unplug(used[role])
+        wait = f"for i in $(seq {PATIENCE * 5}); do [ ! -e /run/ended ] || exit 0; sleep 0.2; done; exit 1"
+        if computer.run(wait, timeout=4 * PATIENCE).status != 0:
+            return [f"{where}: does not end: {computer.succeed('cat /run/said /run/failed')}"]
         status, said = computer.succeed("cat /run/ended").strip(), computer.succeed("cat /run/failed /run/said")
-        troubles = []
-        if status == "0" and role == "images" and command.startswith("restore"):
-            # All of the image was in memory when its disk went; then all of it has to be on the target.
-            if disks["target"].bytes()[:SIZE] != pattern(SIZE, "source"):
-                troubles.append(f"{case} at {moment} %: a success, and the target holds other bytes")
-        elif status != "1" or not re.search(r"FATAL: .*\(GetLastError=[1-9]", said):
-            troubles.append(f"{case} at {moment} %: status {status}: {said[-600:]}")
         computer.run("sync")
-        computer.stop()
-        return troubles + self.trouble_on(disks["images"], f"{case} at {moment} %")
+        good, troubles = used["source"].bytes() if command.startswith("capture") else pattern(SIZE, "source"), []
+        if status == "0":
+            if "the disk is gone" not in said:
+                self.pulls -= 1  # over before the kernel knew that the plug was pulled
+            elif role == "target" or (role == "images" and not command.startswith("restore")):
+                troubles.append(f"{where}: a success, and the disk that was written is gone: {said[-600:]}")
+            # All was read before the plug was pulled; then all of it has to be where it belongs.
+            elif role == "images" or command.startswith("clone"):
+                if used["target"].bytes()[:SIZE] != pattern(SIZE, "source"):
+                    troubles.append(f"{where}: a success, and the target holds other bytes")
+            elif not self.stands_for(self.find_image(used["images"]), good):
+                troubles.append(f"{where}: a success, and there is no image of the disk")
+        elif status != "1" or not re.search(r"FATAL: .*\(GetLastError=[1-9]", said):
+            troubles.append(f"{where}: status {status}: {said[-600:]}")
+        return troubles + self.trouble_on(used["images"], where, good)
 
     @staticmethod
     def wait_for_meter(computer, moment):
@@ -87,28 +125,41 @@ class PulledPlugs(computer_suite.Story):
             percents = [float(text) for text in re.findall(r"([0-9.]+)%", shown)]
             if "over" in shown or (percents and percents[-1] >= moment) or (not moment and "disk" in shown.lower()):
                 return
-            time.sleep(0.05)
+            time.sleep(0.3)
 
-    def trouble_on(self, images, where):
-        """Looks for the new name on the disk with the images, brought back as after a pulled plug."""
-        subprocess.run(["e2fsck", "-p", images.file], capture_output=True, check=False)
-        listed = subprocess.run(["debugfs", "-R", "ls -p /", images.file], capture_output=True, text=True, check=False)
-        names = re.findall(r"^/[0-9]+/[0-7]+/[0-9]+/[0-9]+/([^/]+)/", listed.stdout, flags=re.M)
-        if "old.vrnx" not in names:
-            return [f"{where}: the old image is gone: {listed.stdout}{listed.stderr}"]
-        if "new.vrnx" not in names:
-            return []
-        path = f"{self.folder}/new.vrnx"
-        subprocess.run(["debugfs", "-R", f"dump /new.vrnx {path}", images.file], capture_output=True, check=True)
-        verified = subprocess.run([self.settings.program, "verify", "--in", path], capture_output=True, check=False)
+    def find_image(self, images, name="new.vrnx"):
+        """Takes the file out of the disk with the images as it is now, brought back as after a pulled plug: its path,
+        or None."""
+        disk, path = f"{self.folder}/looked.img", f"{self.folder}/{name}"
+        shutil.copy(images.file, disk)
+        subprocess.run(["e2fsck", "-p", disk], capture_output=True, check=False)
+        listed = subprocess.run(["debugfs", "-R", "ls -p /", disk], capture_output=True, text=True, check=False)
+        if f"/{name}/" not in listed.stdout:
+            return None
+        subprocess.run(["debugfs", "-R", f"dump /{name} {path}", disk], capture_output=True, check=True)
+        return path
+
+    def trouble_on(self, images, where, good):
+        """What is wrong with what is left on the disk with the images."""
+        if self.find_image(images, "old.vrnx") is None:
+            return [f"{where}: the old image is gone"]
+        path = self.find_image(images)
         # The plug may have been pulled when all was written and only the last look at it was missing.
-        if verified.returncode == 0 and reference_plain_bytes(path) != pattern(SIZE, "source"):
+        if path is not None and self.verifies(path) and reference_plain_bytes(path) != good:
             return [f"{where}: what is left verifies, and is another disk"]
         return []
 
+    def verifies(self, path):
+        return subprocess.run([self.settings.program, "verify", "--in", path], capture_output=True,
+                              check=False).returncode == 0
+
+    def stands_for(self, path, good):
+        return path is not None and self.verifies(path) and reference_plain_bytes(path) == good
+
     def plug_is_pulled(self, case):
-        images_bytes, self.pulls = self.prepared(), 0
-        troubles = [trouble for moment in MOMENTS for trouble in self.pulled(case, moment, images_bytes)]
+        self.pulls = 0
+        computer, disks = self.computer_of(*CASES[case][:2])
+        troubles = [trouble for place in range(len(MOMENTS)) for trouble in self.pulled(computer, disks, case, place)]
         self.assertGreater(self.pulls, 1)
         self.count("pulled plug", case, f"{self.pulls} moments", troubles)
 
