@@ -2,6 +2,9 @@
 
 import json
 import os
+import shutil
+import subprocess
+import sys
 import threading
 
 import suite
@@ -10,16 +13,57 @@ from kernel import Missing
 from machine import SETTINGS
 
 
+IN_NAMESPACE = "VORNIX_IN_NAMESPACE_OF_ITS_OWN"
+
 _counting = threading.Lock()
 
 
-class Story(suite.Scenario):
+def in_namespace():
+    return IN_NAMESPACE in os.environ
+
+
+def enter_namespace():
+    """Goes on in a mount namespace of the suite's own, where that can be had: what is mounted goes with it."""
+    if in_namespace() or SETTINGS.windows or os.geteuid() != 0 or shutil.which("unshare") is None:
+        return
+    private = ["unshare", "--mount", "--propagation", "private"]
+    if subprocess.run([*private, "true"], capture_output=True, check=False).returncode == 0:
+        os.environ[IN_NAMESPACE] = "1"
+        os.execvp("unshare", [*private, sys.executable, *sys.argv])
+
+
+class Counted(suite.Scenario):
+    """A test whose count goes into the table in docs/reliability.md."""
+
+    recorded = False  # natively only
+
+    def count(self, kind, case, tried, troubles):
+        """The end of a case that tried many things: what it tried goes into the table in docs/reliability.md, where
+        VORNIX_COUNTS names a file for its rows (see update_counts.py), and any trouble fails it."""
+        target = os.environ.get("VORNIX_COUNTS")
+        result = f"{len(troubles)} do not hold" if troubles else "all hold"
+        if target:
+            with _counting, open(target, "a", encoding="utf-8") as file:
+                file.write(json.dumps([kind, case, str(tried), result]) + "\n")
+        if troubles:
+            self.fail(f"{kind}, {case}, {tried}: {len(troubles)} troubles\n" + "\n".join(map(str, troubles[:20])))
+
+    def mount_new(self, size, make, options, folder):
+        """A file system of its own for a folder, until the end of the test; only after `enter_namespace`."""
+        path = os.path.join(self.folder, os.path.basename(folder) + ".img")
+        with open(path, "wb") as file:
+            file.truncate(size)
+        subprocess.run([*make.split(), path], check=True, capture_output=True)
+        subprocess.run(["mount", "-o", options, path, folder], check=True)
+        self.addCleanup(subprocess.run, ["umount", folder], check=True)
+
+
+class Story(Counted):
     """A test on computers of its own; skipped, with the reason, where there can be none.
 
     `long`: the stories of the class run with `./check --long` only.
     """
 
-    recorded = False  # natively only
     long = False
 
     def setUp(self):
@@ -60,14 +104,3 @@ class Story(suite.Scenario):
         if last_error is not None:
             self.assertIn(f"(GetLastError={last_error})", result.errors)
         return result
-
-    def count(self, kind, case, tried, troubles):
-        """The end of a case that tried many things: what it tried goes into the table in docs/reliability.md, where
-        VORNIX_COUNTS names a file for its rows (see update_counts.py), and any trouble fails it."""
-        target = os.environ.get("VORNIX_COUNTS")
-        result = f"{len(troubles)} do not hold" if troubles else "all hold"
-        if target:
-            with _counting, open(target, "a", encoding="utf-8") as file:
-                file.write(json.dumps([kind, case, str(tried), result]) + "\n")
-        if troubles:
-            self.fail(f"{kind}, {case}, {tried}: {len(troubles)} troubles\n" + "\n".join(map(str, troubles[:20])))
