@@ -53,6 +53,15 @@ class Good(Restore):
         self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, machine.SOURCE_SIZE, 0x400000))
         self.expect_disk(machine, 2, machine.disk_bytes(1))
 
+    def test_disk_0_is_a_disk_like_any_other_where_the_system_is_elsewhere(self):
+        machine = self.machine(default=False)
+        machine.add_disk(0, pattern(SIZE, "target"))
+        machine.add_disk(1, pattern(65536, "system"))
+        machine.system_volume([(1, 4096, 8192)])
+        build_image(machine.path("a.vrnx"), pattern(SIZE, "image"))
+        self.expect(self.restore(machine, disk=0), 0, restore_text("a.vrnx", 0, SIZE, 4096))
+        self.expect_disk(machine, 0, pattern(SIZE, "image"))
+
     def test_the_last_write_is_the_rest_only(self):
         machine, _ = self.prepared(target=pattern(SIZE, "target"))
         result = self.restore(machine)
@@ -354,6 +363,15 @@ class SkipZero(Restore):
         result = self.expect(self.restore(machine, "--skip-zero"), 0,
                              restore_text("a.vrnx", 2, 4099, 8192, larger=True))
         self.assertEqual(self.written(result), [])
+
+    def test_bytes_in_memory_behind_a_short_zero_chunk_are_not_looked_at(self):
+        # Where it ends in memory the bytes of the chunk before it stand.
+        for length in (512, 3):
+            plain = pattern(4096, "one") + bytes(length)
+            machine, _ = self.prepared(plain=plain, target=bytes(8192))
+            result = self.expect(self.restore(machine, "--skip-zero"), 0,
+                                 restore_text("a.vrnx", 2, len(plain), 4096, larger=True))
+            self.assertEqual(self.written(result), [(0, 4096)], length)
 
     def test_a_damaged_zero_chunk_is_still_found(self):
         machine, builder = self.prepared(plain=bytes(SIZE), target=bytes(SIZE))
