@@ -10,6 +10,7 @@ import datetime
 import fcntl
 import json
 import os
+import random
 import re
 import shutil
 import signal
@@ -69,17 +70,8 @@ class Routine(suite.Scenario):
 
     def backup(self, status=GOOD, **changes):
         """One run at the present moment; gives what it printed on standard error, and the line of the log it wrote."""
-        self.machine.write_home("machine.json", json.dumps(self.machine.description).encode())
-        with open(os.path.join(self.folder, "disks.json"), "w", encoding="utf-8") as file:
-            json.dump({"schema_version": 1, "disks": self.disks}, file)
-        settings = self.configuration | changes
-        with open(os.path.join(self.folder, "backup.conf"), "w", encoding="utf-8") as file:
-            file.writelines(f"{name}='{value}'\n" for name, value in settings.items())
         lines = len(self.log())
-        environment = os.environ | {"PATH": self.bin + os.pathsep + os.environ["PATH"],
-                                    "NOW": str(int(self.now.timestamp()))}
-        run = subprocess.run(["sh", ROUTINE, os.path.join(self.folder, "backup.conf")], capture_output=True, text=True,
-                             env=environment, check=False, timeout=600)
+        run = self.start_run(changes)
         self.assertEqual(run.returncode, status, run.stdout + run.stderr)
         self.assertEqual(run.stdout, "", "it speaks through the log, and on standard error where it fails")
         if status == GOOD:
@@ -90,6 +82,18 @@ class Routine(suite.Scenario):
         self.assertEqual(len(written), 1, "one line a run")
         self.assertIn(f" data status={status} ", written[0])
         return written[0] + run.stderr
+
+    def start_run(self, changes):
+        self.machine.write_home("machine.json", json.dumps(self.machine.description).encode())
+        with open(os.path.join(self.folder, "disks.json"), "w", encoding="utf-8") as file:
+            json.dump({"schema_version": 1, "disks": self.disks}, file)
+        settings = self.configuration | changes
+        with open(os.path.join(self.folder, "backup.conf"), "w", encoding="utf-8") as file:
+            file.writelines(f"{name}='{value}'\n" for name, value in settings.items())
+        environment = os.environ | {"PATH": self.bin + os.pathsep + os.environ["PATH"],
+                                    "NOW": str(int(self.now.timestamp()))}
+        return subprocess.run(["sh", ROUTINE, os.path.join(self.folder, "backup.conf")], capture_output=True, text=True,
+                              env=environment, check=False, timeout=600)
 
     def run_lines(self, *lines):
         """One run with a configuration of these lines, which may be no good one."""
@@ -133,12 +137,7 @@ class Routine(suite.Scenario):
 
     def expect_newest_is_the_disk(self):
         """The newest image, restored onto a fresh disk, is the disk."""
-        self.machine.add_disk(2, SIZE)
-        restored = self.machine.run("restore", "--in", os.path.join(self.images, self.names()[-1]), "--disk", "2",
-                                    "--confirm", "YES")
-        self.assertEqual(restored.status, 0, restored.stderr)
-        self.expect_disk(self.machine, 2, self.machine.disk_bytes(1))
-        self.machine.remove_disk(2)
+        self.expect_image_is_the_disk(self.names()[-1])
 
     def test_the_script_is_clean_and_plain_posix_shell(self):
         if shutil.which("shellcheck") is None:
@@ -186,6 +185,101 @@ class Routine(suite.Scenario):
         for name in self.names():
             verified = self.machine.run("verify", "--in", os.path.join(self.images, name))
             self.assertEqual(verified.status, 0, verified.stderr)
+
+    def test_months_in_which_everything_goes_wrong_now_and_then(self):
+        """Faults drawn from a seed, one a night or none. Each night has its status; what a good night made is the disk;
+        and with two chains to keep, whatever is deleted leaves two good ones."""
+        self.need_vrnx()
+        draw = random.Random(20)
+        faults = {None: (GOOD, VERIFY), "mount": (PLACE,), "disk": (DISK,), "read": (CAPTURE,), "rot": (GOOD, VERIFY),
+                  "cut in a capture": (None,), "cut before the proof": (None,), "clock back": (TROUBLE,),
+                  "clock ahead": (GOOD, VERIFY), "hook": (TROUBLE, VERIFY), "no vrnx": (TROUBLE, VERIFY),
+                  "deleted by hand": (GOOD, VERIFY)}
+        nights = [fault for fault in faults if fault] * 3 + ["rot"] * 3 + [None] * 27
+        draw.shuffle(nights)
+        deleting, statuses = 0, set()
+        for night, fault in enumerate([None, None, *nights]):
+            self.change_disk(night)
+            status, line = self.spend_night(fault, draw)
+            statuses.add(status)
+            expected = faults[fault]
+            if any(name.startswith("data-2027") for name in self.names()):
+                expected += (TROUBLE,)  # until the chain from the future is taken away
+            self.assertIn(status, expected, f"night {night}, {fault}: {line}")
+            made = re.search(r"data-\S+\.vrnx(?= \d+ bytes)", line)
+            self.assertEqual(made is not None, status in (GOOD, TROUBLE) or "bytes" in line, line)
+            if made and night % 5 == 0:
+                self.expect_image_is_the_disk(made[0])
+            if "; deleted" in line:
+                deleting += 1
+                self.assertGreaterEqual(self.count_good_chains(), 2, line)
+            if fault == "clock ahead":
+                self.now -= datetime.timedelta(days=400)
+            elif draw.random() < 0.3:
+                for name in os.listdir(self.images):
+                    if name.startswith("data-2027"):
+                        os.remove(os.path.join(self.images, name))
+            self.pass_days()
+        self.assertGreater(deleting, 2)
+        self.assertEqual(statuses, {None, GOOD, PLACE, DISK, CAPTURE, VERIFY, TROUBLE})
+
+    def spend_night(self, fault, draw):
+        """One run with the fault; gives its status, None where it died, and its line of the log."""
+        settings = {"KEEP_CHAINS": 2, "CHAIN_DAYS": 4}
+        if fault == "mount":
+            settings["MOUNT"] = self.folder
+        elif fault == "disk":
+            self.disks[1]["serial"] = "S-2"
+        elif fault == "read":
+            self.machine.add_fault("ReadFile", path="PhysicalDrive1", skip=1, error=23)
+        elif fault == "rot" and self.names():
+            self.damage(self.names()[-1])
+        elif fault == "cut in a capture":
+            self.program_after('[ "$1" != capture ] || '
+                               '{ head -c 4096 /dev/zero > "$5.partial"; kill -9 $PPID; exit 1; }')
+        elif fault == "cut before the proof":
+            self.program_after('[ "$1" != verify ] || { kill -9 $PPID; exit 1; }')
+        elif fault == "clock back":
+            self.now -= datetime.timedelta(days=3000)
+        elif fault == "clock ahead":
+            self.now += datetime.timedelta(days=400)
+        elif fault == "hook":
+            settings["HOOK"] = "false"
+        elif fault == "no vrnx":
+            settings["VRNX"] = "vrnx-is-not-here"
+        elif fault == "deleted by hand" and self.names():
+            os.remove(os.path.join(self.images, draw.choice(self.names())))
+        lines = len(self.log())
+        run = self.start_run(settings)
+        written = self.log()[lines:]
+        with open(os.path.join(self.folder, "vornix-backup-data.lock"), "rb") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+        self.disks[1]["serial"] = "S-1"
+        self.machine.clear_faults()
+        self.program_after("")
+        if fault == "clock back":
+            self.now += datetime.timedelta(days=3000)
+        if run.returncode < 0:
+            self.assertEqual(written, [])
+            return None, ""
+        self.assertEqual(len(written), 1, run.stderr)
+        self.assertIn(f" status={run.returncode} ", written[0])
+        return run.returncode, written[0]
+
+    def expect_image_is_the_disk(self, name):
+        self.machine.add_disk(2, SIZE)
+        path = os.path.join(self.images, name)
+        restored = self.machine.run("restore", "--in", path, "--disk", "2", "--confirm", "YES")
+        self.assertEqual(restored.status, 0, restored.stderr)
+        self.expect_disk(self.machine, 2, self.machine.disk_bytes(1))
+        self.machine.remove_disk(2)
+
+    def count_good_chains(self):
+        chains = {name[:-len("-000.vrnx")] for name in self.names()}
+        verified = {name[:-len(".verified")] for name in self.names(".verified")}
+        return sum(all(name in verified for name in self.names() if name.startswith(chain)) and
+                   f"{chain}-000.vrnx" in self.names() and f"{chain}.closed" not in os.listdir(self.images)
+                   for chain in chains)
 
     def need_vrnx(self):
         if not self.has_vrnx:
