@@ -760,6 +760,16 @@ class Routine(suite.Scenario):
         self.backup()
         self.assertEqual(self.names()[-1], "data-20260105T013000Z-000.vrnx")
 
+    def test_who_asks_for_help_gets_it_and_nothing_runs(self):
+        for words, status in ((["--help"], GOOD), (["-h"], GOOD), (["--dry-run"], CONFIGURATION),
+                              (["a", "b"], CONFIGURATION)):
+            with self.subTest(words):
+                run = subprocess.run(["sh", ROUTINE, *words], capture_output=True, text=True, check=False)
+                self.assertEqual(run.returncode, status, run.stderr)
+                told, silent = (run.stdout, run.stderr) if status == 0 else (run.stderr, run.stdout)
+                self.assertTrue(told.startswith("usage: vornix-backup [CONFIGURATION]\n"), told)
+                self.assertEqual(silent, "")
+
     # --- What the pages show ---
 
     def test_the_configuration_that_is_shipped_needs_the_disk_and_works(self):
