@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Measures Vornix beside the floor program and beside what an administrator would run instead.
 
-    sudo python3 benchmarks/run.py [--rounds N] [--beds memory:1,disk:1,disk:4] [--long] [--only JOB;...] [--base-only]
-                                   [--no-install] [--work FOLDER]
+    sudo python3 benchmarks/run.py [--rounds N] [--beds memory:1,slow:1,disk:1,disk:4] [--long] [--only JOB;...]
+                                   [--base-only] [--once] [--no-install] [--work FOLDER]
 
 Needs root and loop devices: the disks are loop devices with direct I/O over files, half random data, a quarter zeros, a
 quarter text. A bed is where those files and the images lie, and the size of the disk in GiB:
@@ -10,6 +10,8 @@ quarter text. A bed is where those files and the images lie, and the size of the
     disk      in the work folder: all of them share whatever device that folder is on
     memory    in memory, the images on a file system of their own there: stands for disks that are faster than a hash,
               each with a device to itself. What is "cold" here has to come from that file system's device all the same.
+    slow      the same, with each of the three devices held at 200 MiB/s in either direction by the kernel's throttle:
+              stands for independent disks of limited speed
 
 All rows of a bed are measured in one interleaved run: each round runs every contender of every job once, in an order
 that changes from round to round, so that what slows the machine down slows all of them. Prints a table and writes it to
@@ -21,8 +23,8 @@ themselves, or a sync follows inside the measured time), but for consolidations,
 is the largest resident set among a contender's processes.
 
 A virtual machine that reports its free memory to the host loses it there, and pays for it once more with whoever uses
-it next: up to 2.5 s a GiB were seen, in anything that goes through the page cache. Switch that off before measuring
-(the parameters of the module page_reporting), and use all memory once.
+it next: up to 2.5 s a GiB were seen, in anything that goes through the page cache. Where a machine does that, free
+memory is filled in front of each run with pages of a file that nobody needs, which whoever wants memory gets at once.
 """
 
 import argparse
@@ -47,6 +49,8 @@ import image  # noqa: E402
 GIB = 1 << 30
 CHUNK = 4194304
 SHORT_JOB_SECONDS = 4
+PLACES = {"memory": "in memory", "disk": "on the disk of the work folder", "slow": "of 200 MiB/s"}
+THROTTLES = [f"/sys/fs/cgroup/blkio/blkio.throttle.{way}_bps_device" for way in ("read", "write")]
 RESULTS = os.path.join(HERE, "results.md")
 RESULTS_HEAD = """# Results
 
@@ -65,9 +69,46 @@ def run(command, **options):
 
 
 def drop_caches():
+    """Takes every file of the beds out of the page cache. The rest of it is none of theirs, and what fill_memory has
+    there shall stay."""
     os.sync()
-    with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as file:
-        file.write("3")
+    for folder in Bed.folders:
+        for name in os.listdir(folder):
+            path = os.path.join(folder, name)
+            if os.path.isfile(path):
+                descriptor = os.open(path, os.O_RDONLY)
+                os.posix_fadvise(descriptor, 0, 0, os.POSIX_FADV_DONTNEED)
+                os.close(descriptor)
+
+
+class Filler:
+    """A file without content and without end, whose pages fill what is free of the memory."""
+
+    def __init__(self, path):
+        self.path, self.offset = path, 0
+        with open(path, "ab") as file:
+            file.truncate(1 << 40)
+
+    def fill(self):
+        with open(self.path, "rb", buffering=0) as file:
+            buffer = bytearray(1 << 24)
+            while free_memory() > 700 << 20:
+                file.seek(self.offset)
+                file.readinto(buffer)
+                self.offset = (self.offset + len(buffer)) % (1 << 40)
+
+
+def free_memory():
+    with open("/proc/meminfo", encoding="ascii") as file:
+        return next(int(line.split()[1]) << 10 for line in file if line.startswith("MemFree:"))
+
+
+filler = None  # pylint: disable=invalid-name
+
+
+def fill_memory():
+    if filler is not None:
+        filler.fill()
 
 
 def warm(path):
@@ -94,6 +135,7 @@ class Contender:
         for step in self.before:
             step()
         os.sync()
+        fill_memory()
         # A process counts the memory of the one that it was forked from as its own, so a small one has to start it.
         with open(os.devnull, "r+b") as null, tempfile.NamedTemporaryFile("r", encoding="ascii") as account:
             command = ["/usr/bin/time", "--quiet", "--format=%U %S %M", f"--output={account.name}", *self.command]
@@ -149,15 +191,19 @@ def change_disk(path, size, percent, seed):
 class Bed:
     """Loop devices, images and machines of one size, in the work folder or in memory."""
 
+    folders = []  # of all that are open
+
     def __init__(self, work, place, gib):
         self.name, self.folder, self.loops = f"{place}:{gib}", os.path.join(work, f"{place}-{gib}"), []
+        self.place = place
         self.size, self.mounts = gib * GIB, []
-        self.title = f"A disk of {gib} GiB, {'in memory' if place == 'memory' else 'on the disk of the work folder'}"
+        self.title = f"A disk of {gib} GiB, {PLACES[place]}"
         shutil.rmtree(self.folder, ignore_errors=True)
         os.makedirs(self.folder)
         self.disks = self.folder
-        if place == "memory":
+        if place != "disk":
             self.lie_in_memory()
+        Bed.folders.append(self.folder)
         self.source, self.target = os.path.join(self.disks, "source.img"), os.path.join(self.disks, "target.img")
         write_disk(self.source, self.size, f"disk {gib}")
         with open(self.target, "wb") as file:
@@ -195,7 +241,18 @@ class Bed:
         self.loops.append(loop)
         return loop
 
+    def throttle(self, bytes_a_second):
+        """Holds each device of this bed to a speed, for everybody; 0 lets them go."""
+        for loop in self.loops:
+            device = os.stat(loop).st_rdev
+            for path in THROTTLES:
+                with open(path, "w", encoding="ascii") as file:
+                    file.write(f"{os.major(device)}:{os.minor(device)} {bytes_a_second}")
+
     def close(self):
+        Bed.folders.remove(self.folder)
+        if self.place == "slow":
+            self.throttle(0)
         for loop in (self.source_loop, self.target_loop):
             run(["losetup", "-d", loop])
         run(["umount", "/sys/block", "/run"])
@@ -248,12 +305,19 @@ def base_jobs(bed):
     bed.vornix("capture", "--disk", number, "--out", out("sealed.vrnx"), "--encrypt", "--password-file", bed.password)
     plain, sealed = out("plain.vrnx"), out("sealed.vrnx")
     cold, warm_plain, warm_sealed = drop_caches, lambda: warm(plain), lambda: warm(sealed)
+    if bed.place == "slow":
+        bed.throttle(200 << 20)
     dd = f"dd if={loop} of={out('dd.img')} bs=4M iflag=direct conv=fsync"
+    chunks = bed.size // CHUNK
+    restoring = ["restore", "--disk", str(goal), "--confirm", "YES", "--in"]
+    back = f"dd if={plain} of={target} bs=4M oflag=direct iflag=fullblock conv=fsync count={chunks}"
     capture = ["capture", "--disk", str(number), "--out", out("x.vrnx")]
     jobs = [
         Job("capture, plain", [
             Contender("vornix", [VORNIX, *capture], (cold,), output=out("x.vrnx")),
             Contender("floor", [FLOOR, "capture", loop, out("f.img")], (cold,), output=out("f.img")),
+            Contender("floor, overlapped", [FLOOR, "overlapped", "capture", loop, out("f.img")], (cold,),
+                      output=out("f.img")),
             Contender("dd, no hash", dd, (cold,), output=out("dd.img")),
             Contender("dc3dd sha256", f"dc3dd if={loop} hof={out('dc.img')} hash=sha256 log=/dev/null",
                       (cold,), sync=True, output=out("dc.img")),
@@ -261,18 +325,21 @@ def base_jobs(bed):
                       (cold,), sync=True, output=out("ewf.E01")),
             Contender("qemu-img raw", f"qemu-img convert -f raw -O raw -T none -S 0 {loop} {out('q.img')}",
                       (cold,), sync=True, output=out("q.img")),
-        ], {"floor": 1.05, "dd, no hash": 1.00, "dc3dd sha256": 1 / 1.6, "ewfacquire sha256": 1 / 2.4}),
+        ], {"floor": 1.05, "floor, overlapped": 1.10, "dd, no hash": 1.00, "dc3dd sha256": 1 / 1.6,
+            "ewfacquire sha256": 1 / 2.4}),
         Job("capture, sealed", [
             Contender("vornix", [VORNIX, *capture, "--encrypt", "--password-file", bed.password], (cold,),
                       output=out("x.vrnx")),
             Contender("floor", [FLOOR, "seal", loop, out("f.img")], (cold,), output=out("f.img")),
+            Contender("floor, overlapped", [FLOOR, "overlapped", "seal", loop, out("f.img")], (cold,),
+                      output=out("f.img")),
             Contender("dd, no hash", dd, (cold,), output=out("dd.img")),
-        ], {"dd, no hash": 1.40}),
+        ], {"dd, no hash": 1.35 if bed.place == "memory" else 1.05}),
         Job("verify, plain, cold", [
             Contender("vornix", [VORNIX, "verify", "--in", plain], (cold,)),
             Contender("floor", [FLOOR, "verify", plain], (cold,)),
             Contender("openssl dgst", ["openssl", "dgst", "-sha256", plain], (cold,)),
-        ], {"floor": 1.05, "openssl dgst": 0.70}),
+        ], {"floor": 1.05, "openssl dgst": 0.90}),
         Job("verify, plain, warm", [
             Contender("vornix", [VORNIX, "verify", "--in", plain], (warm_plain,)),
             Contender("floor", [FLOOR, "verify", plain], (warm_plain,)),
@@ -289,27 +356,30 @@ def base_jobs(bed):
                       f"iflag=fullblock count={bed.size // CHUNK}", (cold,)),
         ], {"floor": 1.05, "sha256sum, then dd": 0.40}),
         Job("restore, plain, warm", [
-            Contender("vornix", [VORNIX, "restore", "--in", plain, "--disk", str(goal), "--confirm", "YES"],
-                      (warm_plain,)),
+            Contender("vornix", [VORNIX, *restoring, plain], (warm_plain,)),
             Contender("floor", [FLOOR, "restore", plain, target], (warm_plain,)),
-        ], {"floor": 1.03}),
+            Contender("floor, overlapped", [FLOOR, "overlapped", "restore", plain, target], (warm_plain,)),
+            Contender("dd, no hash", back, (warm_plain,)),
+        ], {"floor": 1.03, "floor, overlapped": 1.10, "dd, no hash": 1.00 if bed.place == "slow" else 1.35}),
         Job("restore, sealed, warm", [
-            Contender("vornix", [VORNIX, "restore", "--in", sealed, "--disk", str(goal), "--confirm", "YES",
-                                 "--password-file", bed.password], (warm_sealed,)),
-        ]),
+            Contender("vornix", [VORNIX, *restoring, sealed, "--password-file", bed.password], (warm_sealed,)),
+            Contender("floor, overlapped", [FLOOR, "overlapped", "unseal-restore", sealed, target],
+                      (warm_sealed,)),
+        ], {"floor, overlapped": 1.10}),
         Job("clone", [
             Contender("vornix", [VORNIX, "clone", "--from", str(number), "--to", str(goal), "--confirm", "YES"],
                       (cold,)),
             Contender("floor", [FLOOR, "clone", loop, target], (cold,)),
+            Contender("floor, overlapped", [FLOOR, "overlapped", "clone", loop, target], (cold,)),
             Contender("dd, direct", f"dd if={loop} of={target} bs=4M iflag=direct oflag=direct", (cold,)),
-        ], {"floor": 1.05, "dd, direct": 1.03}),
+        ], {"floor": 1.05, "dd, direct": 0.60 if bed.place == "slow" else 1.03}),
         Job("clone with comparison", [
             Contender("vornix", [VORNIX, "clone", "--from", str(number), "--to", str(goal), "--confirm", "YES",
                                  "--verify"], (cold,)),
             Contender("floor", [FLOOR, "clone-verify", loop, target], (cold,)),
             Contender("dd, then cmp", f"dd if={loop} of={target} bs=4M iflag=direct oflag=direct && "
-                      f"echo 3 > /proc/sys/vm/drop_caches && cmp {loop} {target}", (cold,)),
-        ], {"floor": 1.05, "dd, then cmp": 0.60}),
+                      f"blockdev --flushbufs {loop} {target} && cmp {loop} {target}", (cold,)),
+        ], {"floor": 1.05, "dd, then cmp": 0.40}),
     ]
     return jobs
 
@@ -352,7 +422,7 @@ def fold_job(bed, links):
         Contender("vornix", [VORNIX, "consolidate", "--in", bed.path(names[-1]), "--out", bed.path("folded.vrnx")],
                   (warm_chain,), output=out("folded.vrnx")),
         Contender("floor", [FLOOR, "fold", plan, bed.path("f.img")], (warm_chain,), output=out("f.img")),
-    ], {"floor": 1.10}, links * count)
+    ], {"floor": 1.05 if links == 10 else 1.10}, links * count)
 
 
 def keep_first_backups(bed, environment):
@@ -461,7 +531,7 @@ def warm_head(path):
             left -= len(file.read(min(left, 1 << 22)))
 
 
-def measure(jobs, rounds):
+def measure(jobs, rounds, once):
     generator = random.Random(0)
     for number in range(rounds):
         measured = set()  # a contender may stand in several jobs
@@ -476,7 +546,7 @@ def measure(jobs, rounds):
                     contender.measure(environment)
             # What is over in a moment is measured more often, since a moment's noise weighs more in it.
             slowest = max(contender.seconds[-1] for contender in order)
-            for _ in range(min(4, int(SHORT_JOB_SECONDS / slowest))):
+            for _ in range(0 if once else min(4, int(SHORT_JOB_SECONDS / slowest))):
                 generator.shuffle(order)
                 for contender in order:
                     contender.measure(environment)
@@ -496,7 +566,8 @@ def table_of(jobs):
                 if contender.name in job.goals:
                     limit = job.goals[contender.name]
                     goal = f"at most {limit:.3f}: {'reached' if value <= limit else 'missed'}"
-            lines.append(f"| {job.name} | {contender.name} | {statistics.median(contender.seconds):.3f} | "
+            lines.append(f"| {job.name} | {contender.name} | {statistics.median(contender.seconds):.3f} "
+                         f"({min(contender.seconds):.2f} to {max(contender.seconds):.2f}) | "
                          f"{statistics.median(contender.user):.2f} + {statistics.median(contender.system):.2f} | "
                          f"{max(contender.peak):.0f} | {ratio} | {goal} |")
     return lines
@@ -515,6 +586,20 @@ def memory_account(jobs, chunk_count):
     return ["", f"Peak memory of vornix beyond two chunk buffers, table and offsets (goal: at most 16 MiB): at most "
             f"{beyond:.1f} MiB, in \"{name}\"; missed in {len(over)} of {len(lines)} jobs"
             f"{': ' if over else ''}{', '.join(over)}."]
+
+
+def processor_account(jobs):
+    """How much more time of the processor the program took for itself than the floor on one thread."""
+    lines = []
+    for job in jobs:
+        floors = [contender for contender in job.contenders if contender.name == "floor"]
+        if floors and statistics.median(floors[0].user) >= 0.1:
+            lines.append((statistics.median(job.contenders[0].user) / statistics.median(floors[0].user), job.name))
+    if not lines:
+        return []
+    over = [f"{name} ({value:.2f})" for value, name in lines if value > 1.15]
+    return ["", f"User time of vornix : floor on one thread (goal: at most 1.15): at most {max(lines)[0]:.2f}, in "
+            f"\"{max(lines)[1]}\"; missed in {len(over)} of {len(lines)} jobs{': ' if over else ''}{', '.join(over)}."]
 
 
 def describe_machine():
@@ -548,10 +633,11 @@ def write_results(sections):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--beds", default="memory:1,disk:1,disk:4")
+    parser.add_argument("--beds", default="memory:1,slow:1,disk:1,disk:4")
     parser.add_argument("--long", action="store_true", help="with a disk of 16 GiB as well")
     parser.add_argument("--only", default="")
     parser.add_argument("--base-only", action="store_true", help="capture, verify, restore and clone alone")
+    parser.add_argument("--once", action="store_true", help="measure what is over in a moment no more often")
     parser.add_argument("--no-install", action="store_true", help="leave out the tools that are not here")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "benchmarks", "work"))
     arguments = parser.parse_args()
@@ -563,6 +649,10 @@ def main():
     run(["g++", "-O2", "-std=c++20", "-Wall", "-Wextra", "-Werror", "-o", FLOOR, os.path.join(HERE, "floor.cpp"),
          "-lcrypto"])
 
+    global filler  # pylint: disable=global-statement
+    if os.path.exists("/sys/module/page_reporting"):
+        os.makedirs(arguments.work, exist_ok=True)
+        filler = Filler(os.path.join(arguments.work, "filler"))
     beds = arguments.beds.split(",") + (["disk:16"] if arguments.long else [])
     sections = {}
     for name in beds:
@@ -582,12 +672,12 @@ def main():
             jobs = [job for job in jobs if not arguments.only or job.name in arguments.only.split(";")]
             for job in jobs:
                 job.contenders = [contender for contender in job.contenders if contender.is_installed()]
-            measure(jobs, arguments.rounds)
+            measure(jobs, arguments.rounds, arguments.once)
             sections[bed.title] = "\n".join([
                 f"## {bed.title}", "",
                 f"`benchmarks/run.py --rounds {arguments.rounds} --beds {name}` on {describe_machine()}, "
                 f"{time.strftime('%Y-%m-%d')}.", "", *table_of(jobs),
-                *memory_account(jobs, bed.size // CHUNK), ""])
+                *memory_account(jobs, bed.size // CHUNK), *processor_account(jobs), ""])
         finally:
             bed.close()
         print(sections[bed.title])

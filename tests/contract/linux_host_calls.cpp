@@ -49,6 +49,13 @@ public:
     UnderWay& operator=(const UnderWay&) = delete;
 };
 
+// The function that this one of the same name stands in front of: the C library's, or that of a sanitizer, which then
+// sees which memory is transferred.
+template <typename Function>
+Function* Next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
 // Decides a transfer of another thread by the count of those that pass.
 bool AdmitOther(std::atomic<int>& passing) {
     if (passing == 0) {
@@ -71,7 +78,7 @@ ssize_t ReadOfAnotherThread(int descriptor, void* buffer, size_t length, off_t o
     if (!AdmitOther(threads.FailReadAfter)) {
         return -1;
     }
-    const ssize_t count = syscall(SYS_pread64, descriptor, buffer, length, offset);
+    const ssize_t count = Next<decltype(pread)>("pread")(descriptor, buffer, length, offset);
     if (count > 0) {
         const auto start = static_cast<uint64_t>(offset);
         threads.ReadFrom = std::min(threads.ReadFrom.load(), start);
@@ -86,17 +93,11 @@ ssize_t WriteOfAnotherThread(int descriptor, const void* buffer, size_t length, 
     if (!AdmitOther(threads.FailWriteAfter)) {
         return -1;
     }
-    const ssize_t count = syscall(SYS_pwrite64, descriptor, buffer, length, offset);
+    const ssize_t count = Next<decltype(pwrite)>("pwrite")(descriptor, buffer, length, offset);
     if (count > 0) {
         RaiseTo(threads.WrittenTo, static_cast<uint64_t>(offset) + static_cast<uint64_t>(count));
     }
     return count;
-}
-
-// The function that this one of the same name stands in front of.
-template <typename Function>
-Function* Next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 // Decides a transfer: false if it fails, with errno set; else `length` is what it may move.
@@ -136,14 +137,14 @@ ssize_t pread(int descriptor, void* buffer, size_t length, off_t offset) {
     if (IsOtherThread()) {
         return ReadOfAnotherThread(descriptor, buffer, length, offset);
     }
-    return AdmitTransfer(length) ? syscall(SYS_pread64, descriptor, buffer, length, offset) : -1;
+    return AdmitTransfer(length) ? Next<decltype(pread)>("pread")(descriptor, buffer, length, offset) : -1;
 }
 
 ssize_t pwrite(int descriptor, const void* buffer, size_t length, off_t offset) {
     if (IsOtherThread()) {
         return WriteOfAnotherThread(descriptor, buffer, length, offset);
     }
-    return AdmitTransfer(length) ? syscall(SYS_pwrite64, descriptor, buffer, length, offset) : -1;
+    return AdmitTransfer(length) ? Next<decltype(pwrite)>("pwrite")(descriptor, buffer, length, offset) : -1;
 }
 
 int sync_file_range(int descriptor, off_t offset, off_t length, unsigned flags) {

@@ -533,7 +533,10 @@ TEST_F(LinuxWriteBehindDeathTest, FailureThatNoCallCanTellEndsTheProcessAtTheClo
         if (!writer.Write() || !writer.Write() || !writer.Write()) {
             _exit(2);
         }
-        const LaterRelease release;
+        std::thread([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            TheOtherThreads().AreHeld = false;
+        }).detach();
         (void)CloseHandle(file);
     };
     EXPECT_EXIT(run(), testing::ExitedWithCode(1), Report(NarrowPath("file"), ERROR_CRC));

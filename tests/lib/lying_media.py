@@ -109,9 +109,16 @@ class LyingDisk:
 
     def counts(self):
         """Writes, flushes and faults since the last `tell`."""
+        return self._state()[:3]
+
+    def reads(self):
+        """Reads since the last `tell`."""
+        return self._state()[3]
+
+    def _state(self):
         with open(self.state, encoding="ascii") as file:
             count, *counts = map(int, file.read().split())
-        return counts if count == self.count else [0, 0, 0]
+        return counts if count == self.count else [0, 0, 0, 0]
 
     def load(self, path):
         """Makes the file's bytes those of the disk, and nothing goes wrong any more. Nobody may use the disk."""

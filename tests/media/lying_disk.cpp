@@ -7,10 +7,12 @@
 //   N load PATH     first takes both cache and durable bytes from the file at PATH; then nothing goes wrong
 //   N write K       write K fails; nothing of it is kept
 //   N writes K      write K and all behind it fail
+//   N read K        read K fails
+//   N reads K       read K and all behind it fail
 //   N flush K       flush K fails, and the cache forgets what was written since the one before
 //   N lose K        write K and all behind it are acknowledged, and forgotten at the next flush, which fails
 //
-// N tells lines apart. The file `state` then has "N WRITES FLUSHES FAULTS", the counts since.
+// N tells lines apart. The file `state` then has "N WRITES FLUSHES FAULTS READS", the counts since.
 #define NBDKIT_API_VERSION 2
 #include <nbdkit-plugin.h>
 
@@ -41,6 +43,7 @@ struct Disk {
     unsigned long Writes = 0;
     unsigned long Flushes = 0;
     unsigned long Faults = 0;
+    unsigned long Reads = 0;
     bool IsLosing = false;
 };
 
@@ -60,8 +63,8 @@ void WriteDurable() {
 void WriteState() {
     // Renamed into place, so that nobody reads half of it.
     const std::string next = theDisk.StatePath + ".next";
-    std::ofstream(next) << theDisk.Id << ' ' << theDisk.Writes << ' ' << theDisk.Flushes << ' ' << theDisk.Faults
-                        << '\n';
+    std::ofstream(next) << theDisk.Id << ' ' << theDisk.Writes << ' ' << theDisk.Flushes << ' ' << theDisk.Faults << ' '
+                        << theDisk.Reads << '\n';
     (void)std::rename(next.c_str(), theDisk.StatePath.c_str());
 }
 
@@ -75,7 +78,7 @@ void LookAtControl() {
     std::istringstream words(line);
     std::string argument;
     words >> theDisk.Id >> theDisk.Fault >> argument;
-    theDisk.Writes = theDisk.Flushes = theDisk.Faults = 0;
+    theDisk.Writes = theDisk.Flushes = theDisk.Faults = theDisk.Reads = 0;
     theDisk.IsLosing = false;
     if (theDisk.Fault == "load") {
         theDisk.Durable = theDisk.Cache = ReadFile(argument);
@@ -131,6 +134,12 @@ int64_t GetSize(void*) {
 
 int Read(void*, void* buffer, uint32_t count, uint64_t offset, uint32_t) {
     LookAtControl();
+    theDisk.Reads++;
+    if ((theDisk.Fault == "read" && theDisk.Reads == theDisk.At) ||
+        (theDisk.Fault == "reads" && theDisk.Reads >= theDisk.At)) {
+        return Fail("read");
+    }
+    WriteState();
     std::memcpy(buffer, theDisk.Cache.data() + offset, count);
     return 0;
 }

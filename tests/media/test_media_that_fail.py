@@ -151,6 +151,70 @@ class Targets(Media):
         self.assertNotIn(b"Restore complete", done.stdout)
 
 
+class Sources(Media):
+    """Commands that read a disk, whose reads fail. A failure that is met ahead and not met again is none."""
+
+    SIZE = 5 * 4 * MIB + CHUNK
+
+    def setUp(self):
+        super().setUp()
+        self.lying = self.lying_disk(self.SIZE)
+        self.disks.show(self.lying.device)
+        with open(self.path("before"), "wb") as file:
+            file.write(pattern(self.SIZE, "source"))
+        self.lying.load(self.path("before"))
+        self.number = self.disks.number(self.lying.device)
+
+    def sweep_source(self, is_whole, failure, *arguments):
+        self.lying.tell("read", NEVER)
+        done = self.disks.run(*arguments)
+        self.assertEqual((done.returncode, done.stderr), (0, b""), done)
+        self.assertTrue(is_whole())
+        reads = self.lying.reads()
+        self.assertGreater(reads, 4)
+        for fault in ("read", "reads"):
+            ends = []
+            for k in self.sample(reads):
+                self.lying.tell(fault, k)
+                done = self.disks.run(*arguments)
+                ends.append(done.returncode)
+                self.assertGreater(self.lying.counts()[2], 0, (fault, k))
+                if done.returncode == 0:
+                    self.assertEqual(done.stderr, b"", (fault, k))
+                    self.assertTrue(is_whole(), (fault, k))
+                else:
+                    self.expect_fatal(done, (fault, k))
+                    self.assertIn(failure, done.stderr, (fault, k))
+                    self.assertFalse(is_whole(), (fault, k))
+            if fault == "reads":
+                self.assertEqual(set(ends), {1}, "a disk that reads no more passed for one that does")
+
+    def test_capture(self):
+        def is_whole():
+            if not os.path.exists(self.path("new.vrnx")):
+                return False
+            left = read_once(self.path("new.vrnx"))
+            os.remove(self.path("new.vrnx"))
+            read_once.cache_clear()
+            return left == image
+        image = build_image(self.path("wanted.vrnx"), pattern(self.SIZE, "source"), chunk_size=4 * MIB).to_bytes()
+        self.sweep_source(is_whole, b"ReadFile from source disk failed mid-capture - image is incomplete, do not trust",
+                          "capture", "--disk", self.number, "--out", "new.vrnx")
+
+    def test_clone(self):
+        target = self.disks.attach(bytes(self.SIZE))
+
+        def is_whole():
+            with open(target, "r+b", buffering=0) as file:
+                left = file.read(self.SIZE)
+                file.seek(0)
+                file.write(bytes(self.SIZE))
+                os.fsync(file.fileno())
+            return left == pattern(self.SIZE, "source")
+        self.sweep_source(is_whole, b"read from the source disk failed - clone aborted, target left partially written",
+                          "clone", "--from", self.number, "--to", self.disks.number(target), "--confirm", "YES")
+
+
 class Homes(Media):
     """Commands that write an image, to a file system on a disk that fails."""
 
