@@ -103,15 +103,18 @@ function Stop-Run([int]$status, [string]$outcome) {
 # What cannot be foreseen ends the run like the rest: with a line in the log, and never as a success.
 trap { Stop-Run 4 "ended unexpectedly: $_" }
 
-# Runs a program: sets $code and $output, its lines of both streams.
+# Runs a program: sets $code, $output, its lines of both streams, and $errors, those of standard error.
 function Invoke-Program([string]$program, [string[]]$arguments) {
     $ErrorActionPreference = 'Continue'  # what a program says on standard error is no error of this script
-    $script:output = @(& $program @arguments 2>&1 | ForEach-Object { "$_" -split "`r" })
+    $lines = @(& $program @arguments 2>&1)
     $script:code = $LASTEXITCODE
+    $script:output = @($lines | ForEach-Object { "$_" -split "`r" })
+    $script:errors = @($lines | Where-Object { $_ -is [Management.Automation.ErrorRecord] } | ForEach-Object { "$_" })
 }
 
-function Get-LastLine {
-    "$($script:output | Where-Object { $_.Trim() } | Select-Object -Last 1)".Trim()
+# What ended the program. Of both streams the last line may be the meter, since standard output comes late.
+function Get-LastError {
+    "$($script:errors | Where-Object { $_.Trim() } | Select-Object -Last 1)".Trim()
 }
 
 # --- What has to be true before anything is written -------------------------------------------------------------------
@@ -206,7 +209,7 @@ function Confirm-Image([string]$chain, [string]$file) {
         Set-Content -LiteralPath "$Folder\$file.verified" -Value ([DateTime]::UtcNow.ToString('s', $invariant) + 'Z')
         return $true
     }
-    $script:why = Get-LastLine
+    $script:why = Get-LastError
     $script:failed = "$file failed verification: $script:why"
     Move-ToQuarantine $file
     # What failed may just as well be an image below it: nothing is built on this chain any more.
@@ -293,7 +296,7 @@ function New-Image {
     if ($Snapshot) { $capture += '--vss' }
     Invoke-Program $Vornix $capture
     if ($script:code -eq 0) { return }
-    $why = Get-LastLine
+    $why = Get-LastError
     $script:failed = "the capture of disk $Disk failed with status $($script:code): $why"
     Test-Place
     if (Test-Path -LiteralPath "$Folder\$image.partial") {
