@@ -122,6 +122,7 @@ def trim_password(content):
 
 
 @functools.lru_cache(maxsize=4096)
+@functools.lru_cache(maxsize=64)  # it takes longer than all else that is done with an image
 def derive_key(password, salt, iterations):
     return hashlib.pbkdf2_hmac("sha256", password, salt, iterations, 32)
 
