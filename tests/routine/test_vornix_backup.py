@@ -95,12 +95,12 @@ class Routine(suite.Scenario):
         return subprocess.run(["sh", ROUTINE, os.path.join(self.folder, "backup.conf")], capture_output=True, text=True,
                               env=environment, check=False, timeout=600)
 
-    def run_lines(self, *lines):
+    def run_lines(self, *lines, shell=("sh",)):
         """One run with a configuration of these lines, which may be no good one."""
         path = os.path.join(self.folder, "own.conf")
         with open(path, "w", encoding="utf-8") as file:
             file.writelines(line + "\n" for line in [f"LOG='{self.configuration['LOG']}'", *lines])
-        return subprocess.run(["sh", ROUTINE, path], capture_output=True, text=True, check=False, timeout=600,
+        return subprocess.run([*shell, ROUTINE, path], capture_output=True, text=True, check=False, timeout=600,
                               env=os.environ | {"PATH": self.bin + os.pathsep + os.environ["PATH"],
                                                 "NOW": str(int(self.now.timestamp()))})
 
@@ -614,6 +614,18 @@ class Routine(suite.Scenario):
                 with open(told, encoding="utf-8") as file:
                     self.assertEqual(file.read(), "1\n")
                 os.remove(told)
+
+    def test_a_configuration_that_breaks_off_is_refused_by_every_shell(self):
+        """Some shells go on behind a file that they do not understand, with what they had read of it."""
+        with open(os.path.join(self.folder, "disks.json"), "w", encoding="utf-8") as file:
+            json.dump({"schema_version": 1, "disks": self.disks}, file)
+        whole = [f"{name}='{value}'" for name, value in self.configuration.items()]
+        for shell in (("sh",), ("bash", "--posix")):
+            with self.subTest(shell):
+                run = self.run_lines(*whole, "PASSWORD_FILE='/root/password", shell=shell)
+                self.assertEqual(run.returncode, CONFIGURATION, run.stderr)
+                self.assertIn(f" status={CONFIGURATION} ", self.log()[-1])
+                self.assertEqual(self.names(), [])
 
     def test_a_program_that_is_not_there(self):
         for name in ("VORNIX", "VORNIX_DISKS"):
