@@ -11,12 +11,11 @@ import subprocess
 import suite
 from console import NO_TRACKER, RESTORE_UNCONFIRMED, USAGE, gib, fatal, fatal_status, meter_run, source_line
 from image import build_image, check_image, reference_plain_bytes
-from loop_disks import LoopDisks
+from loop_disks import LoopDisks, reason_to_skip
 from machine import ACCESS_READ, FLAG_NO_BUFFERING, SETTINGS, TRACKER_ATTACH, TRACKER_COMMIT, TRACKER_QUERY, pattern
 from snapshot import (ASYNC_CANCELLED, ASYNC_FINISHED, ASYNC_PENDING, E_FAIL, FREEZING, GATHERING,
                       OBJECT_NOT_FOUND, begun, device_of, fall_back, not_deleted, session_calls, shadow_path,
                       short_names, snapshotted, snapshotting, step_failed, volume_name, writer_failed, writers_reported)
-from test_block_devices import reason_to_skip
 
 MIB4 = 0x400000
 SIZE = 64 * 1024
