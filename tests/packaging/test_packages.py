@@ -92,7 +92,7 @@ class Packages(unittest.TestCase):
         self.assertEqual(set(contents), {"vornix.exe", "vrnx.exe", "acceptance.ps1", "vornix-backup.ps1", "README.md",
                                          "CHANGELOG.md",
                                          "users-guide.md", "operations.md", "image-format.md", "routine-windows.md",
-                                         "SHA256SUMS"})
+                                         "vrnx-json.md", "SHA256SUMS"})
         sums = dict(reversed(line.split()) for line in contents["SHA256SUMS"].decode().splitlines())
         self.assertEqual(sums, {name: hashlib.sha256(data).hexdigest() for name, data in contents.items()
                                 if name != "SHA256SUMS"})
