@@ -7,7 +7,6 @@
 #include "port.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -43,7 +42,7 @@ public:
         }
         const Word& word = words_[static_cast<size_t>(number / 64)];
         const uint64_t below = word.bits & ((uint64_t{1} << number % 64) - 1);
-        return word.before + static_cast<uint32_t>(std::popcount(below));
+        return word.before + CountOnes(below);
     }
 
 private:
@@ -51,6 +50,15 @@ private:
         uint64_t bits = 0;
         uint32_t before = 0;
     };
+
+    // By hand: what every processor has, std::popcount calls a function for.
+    static uint32_t CountOnes(uint64_t bits) {
+        bits -= bits >> 1 & 0x5555555555555555;
+        bits = (bits & 0x3333333333333333) + (bits >> 2 & 0x3333333333333333);
+        bits = (bits + (bits >> 4)) & 0x0F0F0F0F0F0F0F0F;
+        return static_cast<uint32_t>(bits * 0x0101010101010101 >> 56);
+    }
+
     std::vector<Word> words_;
     uint64_t size_ = 0;
     uint32_t total_ = 0;

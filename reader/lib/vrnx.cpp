@@ -42,10 +42,6 @@ int Guard(vrnx_error* error, Function function) {
 // Copies what the caller has room for; what it knows beyond that is zero.
 template <typename Structure>
 int Fill(const Structure& from, Structure* to, size_t size) {
-    if (size == sizeof from) {
-        *to = from;
-        return VRNX_OK;
-    }
     memset(to, 0, size);
     memcpy(to, &from, std::min(size, sizeof from));
     return VRNX_OK;
@@ -179,24 +175,28 @@ int vrnx_get_chunk(const vrnx_image* image, uint64_t number, struct vrnx_chunk* 
         return VRNX_ERROR_USAGE;
     }
     const vrnx::Image& from = Inside(image);
+    const vrnx::Layer& top = from.Top();
     const vrnx::Holder holder = from.FindHolder(number);
-    vrnx_chunk all = {};
-    all.disk_offset = number * from.Top().GetHeader().chunkSize;
-    all.length = from.Top().LengthOf(number);
+    // Straight into a structure of this version: tables have millions of chunks.
+    vrnx_chunk shorter;
+    vrnx_chunk& all = size == sizeof shorter ? *chunk : shorter;
+    all = {};
+    all.disk_offset = number * top.GetHeader().chunkSize;
+    all.length = top.LengthOf(number);
     all.level = VRNX_NO_LEVEL;
     if (holder.code == VRNX_OK) {
         all.level = holder.level;
         all.file_offset = from.Layers()[holder.level]->PlaceOf(number);
     }
     all.verdict = from.Verdict(number, holder);
-    if (from.Top().HasRecord(number)) {
-        all.reference = from.Top().IsStored(number) ? 0 : 1;
+    if (top.HasRecord(number)) {
+        all.reference = top.IsStored(number) ? 0 : 1;
         all.zero = from.IsZero(number) ? 1 : 0;
-        memcpy(all.hash, from.Top().HashOf(number), sizeof all.hash);
+        memcpy(all.hash, top.HashOf(number), sizeof all.hash);
     } else {
         all.bad_entry = 1;
     }
-    return Fill(all, chunk, size);
+    return &all == chunk ? static_cast<int>(VRNX_OK) : Fill(all, chunk, size);
 }
 
 int vrnx_check_chunk(vrnx_image* image, uint64_t number, struct vrnx_error* error) {
