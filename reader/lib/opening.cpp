@@ -98,6 +98,7 @@ public:
 
 private:
     int OpenLayers(const char* path);
+    int JudgeReading();
     int OpenLayer(const std::string& path, bool& opened);
     int DeriveKey(Layer& layer);
     int FindBase(Layer& layer, bool& found);
@@ -125,6 +126,9 @@ int Image::Opening::Run(const char* path) {
     if (int code = OpenLayers(path)) {
         return code;
     }
+    if (int code = JudgeReading()) {
+        return code;
+    }
     if (int code = TieChain()) {
         return code;
     }
@@ -137,6 +141,21 @@ int Image::Opening::Run(const char* path) {
     if (options_.cache_chunks != VRNX_CACHE_NONE) {
         const uint64_t wanted = options_.cache_chunks == 0 ? defaultCacheChunks : options_.cache_chunks;
         image_.slots_.resize(static_cast<size_t>(std::min(wanted, chunks)));
+    }
+    return VRNX_OK;
+}
+
+// Who asks what an image is cannot be told by a medium that does not give its table or trailer.
+int Image::Opening::JudgeReading() {
+    if ((options_.flags & VRNX_OPEN_EXAMINE) == 0) {
+        return VRNX_OK;
+    }
+    for (const Problem& problem : image_.problems_) {
+        if (problem.level == 0 && problem.systemError != 0) {
+            Begin(error_, VRNX_ERROR_FILE_READ, 0, problem.systemError);
+            Text(error_) << problem.text;
+            return VRNX_ERROR_FILE_READ;
+        }
     }
     return VRNX_OK;
 }

@@ -227,6 +227,24 @@ class Files(Host):
         result = vrnx.run("check", "full.vrnx", "--json", environment=environment)
         self.assertEqual((result.status, parse_document("check", result.stdout)["images"][0]["result"]),
                          (FAILED, "unreadable"))
+        # So nobody can tell what it is, whether it is the header that fails, the table or the trailer.
+        size = os.path.getsize(vrnx.path("thin.vrnx"))
+        for name, place in (("full.vrnx", 10), ("full.vrnx", 100), ("thin.vrnx", 100), ("thin.vrnx", size - 40),
+                            ("thin.vrnx", size - 1)):
+            environment["FAILING_READ"] = str(place)
+            for options in ((), ("--json",)):
+                result = vrnx.run("info", name, *options, environment=environment)
+                self.assertEqual((result.status, result.stdout), (FAILED, b""), (name, place))
+                self.assertIn(b"Input/output error", result.stderr)
+        # In a folder it is one that cannot be read, and what it needs is not known.
+        os.mkdir(vrnx.path("folder"))
+        for name in ("full.vrnx", "thin.vrnx"):
+            os.link(vrnx.path(name), vrnx.path(f"folder/{name}"))
+        result = vrnx.run("list", "folder", "--json", environment=environment)
+        self.assertEqual(result.status, FAILED)
+        full, thin = parse_document("list", result.stdout)["images"]
+        self.assertEqual((full["kind"], full["deletable"], thin["kind"], thin["state"]), ("full", False, None, None))
+        self.assertIn("Input/output error", thin["reason"])
 
     def test_disks_are_no_target(self):
         vrnx = self.chain()
