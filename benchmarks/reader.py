@@ -8,9 +8,10 @@ round runs every contender once, in an order that changes from round to round. A
 the rounds; the bound beside it is what it has to stay below on a machine with two processors that does nothing else.
 Beside the time on the clock stands that of the processors, which other work on the machine disturbs less.
 
-The floor of nbdcopy is the same server and client with benchmarks/nbdkit_floor.c, which reads and hashes what the plugin
-does and decides nothing. Both are served twice: with the threads that nbdkit has by itself, 16 for each connection, and
-with four, as each thread takes its own buffer of a request's size. In the largest table every hash is another one.
+The floor of nbdcopy is the same server and client with benchmarks/nbdkit_floor.c, which reads and hashes what the
+plugin does and decides nothing. Both are served twice: with the threads that nbdkit has by itself, 16 for each
+connection, and with four, as each thread takes its own buffer of a request's size. In the largest table every hash is
+another one.
 
 With --update the tables are written to benchmarks/reader.md; what is said there below them stays.
 """
@@ -91,7 +92,8 @@ def write_largest_table(path):
         for first in range(0, count, 65536):
             numbers = range(first, min(first + 65536, count))
             hashes = chance.randbytes(32 * len(numbers))
-            file.write(b"".join(image.RECORD.pack(number * chunk, chunk, hashes[32 * at:32 * at + 32], bytes(12), bytes(16))
+            rest = bytes(12 + 16)
+            file.write(b"".join(struct.pack("<QI", number * chunk, chunk) + hashes[32 * at:32 * at + 32] + rest
                                 for at, number in enumerate(numbers)))
         file.truncate(64 + (72 + chunk) * count)
 
