@@ -38,6 +38,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import traceback
 import unittest
 
 from mutants import mutants_of, switched
@@ -315,10 +316,13 @@ def side_by_side(jobs, work, items):
             folder = tempfile.mkdtemp(prefix="vornix-mutant-")
             pid = os.fork()
             if pid == 0:
-                text = work(item, folder)
-                with open(os.path.join(folder, "result"), "w", encoding="utf-8") as file:
-                    file.write(text)
-                os._exit(0)
+                try:
+                    write(os.path.join(folder, "result"), work(item, folder))
+                except Exception:
+                    traceback.print_exc()
+                finally:
+                    sys.stderr.flush()
+                    os._exit(0)
             running[pid] = item, folder
         pid, _ = os.wait()
         item, folder = running.pop(pid)
