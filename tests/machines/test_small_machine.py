@@ -1,0 +1,136 @@
+"""Runs with 256 MiB of memory on a disk of 64 GiB.
+
+A virtual computer computes too slowly for such a disk. So it is a described disk and then a real block device of this
+system, and what may not pass 256 MiB are the run and all that the kernel keeps in memory for it.
+"""
+
+import copy
+import hashlib
+import os
+import subprocess
+
+import computer_suite
+import image
+import loop_disks
+import suite
+from disks import MIB
+from incremental import marked
+from machine import SETTINGS, pattern
+
+MEMORY = 256 * MIB
+CHUNK = 4 * MIB
+GROUPS = "/sys/fs/cgroup/memory"
+
+
+class MemoryGroup:
+    """Processes that have no more memory than `limit` together, with what the kernel keeps for them. Raises OSError
+    where there is no such thing."""
+
+    def __init__(self, name, limit):
+        self.path = os.path.join(GROUPS, name)
+        os.mkdir(self.path)
+        try:
+            with open(os.path.join(self.path, "memory.limit_in_bytes"), "w", encoding="ascii") as file:
+                file.write(str(limit))
+        except OSError:
+            self.remove()
+            raise
+
+    def inside(self, *command):
+        """The command, so that it runs in the group."""
+        return ["sh", "-c", 'echo $$ > "$0/cgroup.procs" && exec "$@"', self.path, *command]
+
+    def peak(self):
+        with open(os.path.join(self.path, "memory.max_usage_in_bytes"), encoding="ascii") as file:
+            return int(file.read())
+
+    def remove(self):
+        os.rmdir(self.path)
+
+
+class LittleMemory(computer_suite.Counted):
+    EPOCH = 0x20
+    CHANGED = 500  # the chunk
+
+    def setUp(self):
+        super().setUp()
+        if not SETTINGS.long:
+            self.skipTest("takes minutes; VORNIX_LONG is not set")
+        reason = loop_disks.reason_to_skip()
+        if reason:
+            self.skipTest(reason)
+        try:
+            self.group = MemoryGroup(os.path.basename(self.folder), MEMORY)
+        except OSError as error:
+            self.skipTest(f"the memory of a process cannot be limited here: {error}")
+        self.addCleanup(self.group.remove)
+        self.troubles = []
+
+    def machine_with(self, size):
+        """A machine with a disk 1 of that size, and an image base.vrnx of it as it was before one chunk changed."""
+        settings = copy.copy(SETTINGS)
+        settings.runner = self.group.inside()
+        machine = self.machine(source=0, target=bytes(512), settings=settings)
+        self.leave_unjudged(machine, "the other readers have more memory, and would take as long again")
+        header = image.Header(size, CHUNK, size // CHUNK, epoch=self.EPOCH)
+        image.write_sparse_image(machine.path("base.vrnx"), size // CHUNK, chunk_size=CHUNK, header=header)
+        os.truncate(machine.disk_path(1), size)
+        machine.poke_disk(1, self.CHANGED * CHUNK, pattern(CHUNK, "changed"))
+        self.disks = loop_disks.LoopDisks(machine.folder)
+        self.addCleanup(self.disks.detach_all)
+        return machine
+
+    def expect_run(self, machine, command, said):
+        """A run of the native program, on real block devices."""
+        done = subprocess.run(self.group.inside(*self.disks.command(*command.split())), cwd=machine.work,
+                              capture_output=True, text=True, check=False, timeout=7200, stdin=subprocess.DEVNULL)
+        if (done.returncode, done.stderr) != (0, "") or said not in done.stdout:
+            self.troubles.append(f"{command}: {done.returncode} {done.stderr} {done.stdout[-300:]}")
+
+    def expect_images(self, machine, count, *names):
+        """They have the changed chunk, and beside it those of the base; and the runs had no more than their memory."""
+        zeros = hashlib.sha256(bytes(CHUNK)).digest()
+        changed = hashlib.sha256(pattern(CHUNK, "changed")).digest()
+        hashes = [changed if number == self.CHANGED else zeros for number in range(count)]
+        for name in names:
+            if not machine.exists(name):
+                self.troubles.append(f"there is no {name}")
+            elif [record.hash for record in image.read_table(machine.path(name))[1]] != hashes:
+                self.troubles.append(f"{name} has other chunks")
+        if not 16 * MIB < self.group.peak() <= MEMORY:
+            self.troubles.append(f"the runs had {self.group.peak()} bytes")
+
+    def test_a_disk_of_64_gib(self):
+        size = 65536 * MIB
+        machine, count = self.machine_with(size), size // CHUNK
+        machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": self.EPOCH,
+                          "current_epoch": self.EPOCH + 1,
+                          "bitmap": marked(size, 16, (self.CHANGED * CHUNK, CHUNK))}])
+        result = machine.run("capture", "--disk", "1", "--base", "base.vrnx", "--thin", "--out", "tracked.vrnx",
+                             timeout=7200)
+        machine.runs.clear()  # its progress would bury any failure
+        stored = f"(stored 1 of {count} chunks, {count - 1} are references to the base; read from disk: "
+        if (result.status, result.stderr) != (0, b"") or f"{stored}1)".encode() not in result.stdout:
+            self.troubles.append(f"tracked: {result.status} {result.stderr}")
+        number = self.disks.number(self.disks.attach_file(machine.disk_path(1)))
+        self.expect_run(machine, f"capture --disk {number} --base base.vrnx --thin --out compared.vrnx",
+                        f"{stored}{count})")
+        self.expect_run(machine, "verify --in compared.vrnx", "Verify OK")
+        self.expect_images(machine, count, "tracked.vrnx", "compared.vrnx")
+        self.count("small memory", "runs with 256 MiB: a disk of 64 GiB captured tracked and compared, and verified",
+                   "3 runs", self.troubles)
+
+    def test_the_consolidation_of_a_disk_of_4_gib(self):
+        """Its image is written whole: one of 64 GiB is more than there is room for in a test."""
+        size = 4096 * MIB
+        machine = self.machine_with(size)
+        number = self.disks.number(self.disks.attach_file(machine.disk_path(1)))
+        self.expect_run(machine, f"capture --disk {number} --base base.vrnx --thin --out thin.vrnx", "Capture complete")
+        self.expect_run(machine, "consolidate --in thin.vrnx --out full.vrnx", "Verify OK")
+        self.expect_images(machine, size // CHUNK, "thin.vrnx", "full.vrnx")
+        self.count("small memory", "runs with 256 MiB: a disk of 4 GiB captured thin and consolidated", "2 runs",
+                   self.troubles)
+
+
+if __name__ == "__main__":
+    suite.main()
