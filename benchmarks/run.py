@@ -2,7 +2,7 @@
 """Measures Vornix beside the floor program and beside what an administrator would run instead.
 
     sudo python3 benchmarks/run.py [--rounds N] [--beds memory:1,slow:1,disk:1,disk:4] [--long] [--only JOB;...]
-                                   [--base-only] [--once] [--no-install] [--work FOLDER]
+                                   [--base-only] [--once] [--fill] [--no-install] [--work FOLDER]
 
 Needs root and loop devices: the disks are loop devices with direct I/O over files, half random data, a quarter zeros, a
 quarter text. A bed is where those files and the images lie, and the size of the disk in GiB:
@@ -23,8 +23,10 @@ themselves, or a sync follows inside the measured time), but for consolidations,
 is the largest resident set among a contender's processes.
 
 A virtual machine that reports its free memory to the host loses it there, and pays for it once more with whoever uses
-it next: up to 2.5 s a GiB were seen, in anything that goes through the page cache. Where a machine does that, free
-memory is filled in front of each run with pages of a file that nobody needs, which whoever wants memory gets at once.
+it next: up to 2.5 s a GiB were seen, in anything that goes through the page cache. With --fill, free memory is filled
+in front of each run with pages of a file that nobody needs, which whoever wants memory gets at once; where the host is
+slow to give memory that takes minutes. Otherwise switch the reporting off before measuring (the parameters of the
+module page_reporting), and use all memory once.
 """
 
 import argparse
@@ -638,6 +640,7 @@ def main():
     parser.add_argument("--only", default="")
     parser.add_argument("--base-only", action="store_true", help="capture, verify, restore and clone alone")
     parser.add_argument("--once", action="store_true", help="measure what is over in a moment no more often")
+    parser.add_argument("--fill", action="store_true", help="fill what is free of the memory in front of each run")
     parser.add_argument("--no-install", action="store_true", help="leave out the tools that are not here")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "benchmarks", "work"))
     arguments = parser.parse_args()
@@ -650,7 +653,7 @@ def main():
          "-lcrypto"])
 
     global filler  # pylint: disable=global-statement
-    if os.path.exists("/sys/module/page_reporting"):
+    if arguments.fill:
         os.makedirs(arguments.work, exist_ok=True)
         filler = Filler(os.path.join(arguments.work, "filler"))
     beds = arguments.beds.split(",") + (["disk:16"] if arguments.long else [])
