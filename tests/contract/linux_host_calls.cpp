@@ -91,6 +91,7 @@ ssize_t WriteOfAnotherThread(int descriptor, const void* buffer, size_t length, 
     const UnderWay scope;
     OtherThreads& threads = TheOtherThreads();
     if (!AdmitOther(threads.FailWriteAfter)) {
+        threads.FailWriteAfter = -1;
         return -1;
     }
     const ssize_t count = Next<decltype(pwrite)>("pwrite")(descriptor, buffer, length, offset);

@@ -47,7 +47,8 @@ struct OtherThreads {
     std::atomic<int> UnderWay = 0;
     std::atomic<bool> AreHeld = false; // each that begins stays under way until this is false
 
-    // So many of their reads or writes pass, all behind them fail with these; -1: none fails.
+    // So many of their reads pass, and all behind them fail; so many of their writes, and the next one fails; with this
+    // error. -1: none fails.
     std::atomic<int> FailReadAfter = -1;
     std::atomic<int> FailWriteAfter = -1;
     std::atomic<int> TransferError = 0;

@@ -523,6 +523,30 @@ TEST_F(LinuxWriteBehindDeathTest, FailureIsToldByEachCallThatCanFailAndNothingIs
     }
 }
 
+TEST_F(LinuxWriteBehindDeathTest, WhatWaitsBehindAFailedWriteIsNotWritten) {
+    const auto run = [this] {
+        const HANDLE file = Create();
+        SequentialWriter writer(file);
+        TheOtherThreads().TransferError = ENOSPC;
+        TheOtherThreads().FailWriteAfter = 0;
+        (void)writer.Write();
+        TheOtherThreads().AreHeld = true;
+        if (!writer.Write() || !writer.Write()) {
+            _exit(2);
+        }
+        TheOtherThreads().AreHeld = false;
+        LARGE_INTEGER size{};
+        if (GetFileSizeEx(file, &size) || GetLastError() != ERROR_DISK_FULL) {
+            _exit(3);
+        }
+        if (std::filesystem::file_size(Folder() / "file") != block) {
+            _exit(4);
+        }
+        (void)CloseHandle(file);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(1), Report(NarrowPath("file"), ERROR_DISK_FULL));
+}
+
 TEST_F(LinuxWriteBehindDeathTest, FailureThatNoCallCanTellEndsTheProcessAtTheClose) {
     const auto run = [this] {
         const HANDLE file = Create();
