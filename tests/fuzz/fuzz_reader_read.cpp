@@ -21,7 +21,10 @@ void ReadChunk(vrnx_image* image, uint64_t number, std::vector<uint8_t>& bytes) 
     Require(vrnx_get_chunk(image, number, &chunk, sizeof chunk) == VRNX_OK, "a chunk can be described");
     bytes.assign(chunk.length, 0xEE);
     const int code = vrnx_read(image, bytes.data(), chunk.disk_offset, chunk.length, &error);
-    const bool untouched = std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0xEE; });
+    const auto isAll = [&](uint8_t value) {
+        return std::all_of(bytes.begin(), bytes.end(), [value](uint8_t byte) { return byte == value; });
+    };
+    const bool untouchedOrWiped = isAll(0xEE) || isAll(0);
     const int check = vrnx_check_chunk(image, number, &error);
     if (code == VRNX_OK) {
         Require(vrnx_prove_chunk(image, number, bytes.data(), chunk.length, &error) == VRNX_OK,
@@ -33,7 +36,7 @@ void ReadChunk(vrnx_image* image, uint64_t number, std::vector<uint8_t>& bytes) 
                 "a part of a chunk is a part of it");
         Require(vrnx_heal_chunk(image, number, image, bytes.data(), &error) == VRNX_OK, "it is its own donor");
     } else {
-        Require(untouched, "nothing comes out of what is bad");
+        Require(untouchedOrWiped, "nothing comes out of what is bad");
         Require(code == check, "check and read agree");
         Require(VRNX_IS_BAD_CHUNK(code) || code == VRNX_ERROR_PASSWORD_NEEDED, "a chunk is bad, or has no key");
     }
