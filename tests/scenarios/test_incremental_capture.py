@@ -440,6 +440,13 @@ class Base(Incremental):
                 with self.subTest(tracker=tracker, thin=thin):
                     self.expect_refused(machine, OTHER_CHUNKS, *thin, tracker=TRACKER if tracker else NO_TRACKER)
 
+    def test_a_base_of_another_chunk_size_is_refused_where_both_have_one_chunk(self):
+        machine = self.machine(source=pattern(1536, "source"), target=bytes(512))
+        build_image(machine.path("base.vrnx"), machine.disk_bytes(1), chunk_size=2 * MIB4)
+        self.expect(self.capture(machine), 1, source_line(1, 1536) + NO_TRACKER + base_line("base.vrnx"),
+                    fatal(OTHER_CHUNKS))
+        self.assertEqual(machine.files(), ["base.vrnx"])
+
     def test_the_base_is_closed_at_once_in_a_fallback(self):
         machine = self.prepare(tracker=False)
         result = self.expect_mode(machine, fallback_line(REASON_NO_TRACKER), full_complete("new.vrnx"),
