@@ -9,8 +9,8 @@ clang-tidy spends nine tenths of its time on headers of the system. So the sourc
 the same, are given to it as one source that includes them all; its name makes the analyzer take them for sources and
 not for headers. --each gives it every source by itself instead, which `./check --long` does for the few judgements that
 need it: whether something in a source is used by nobody, and whether memory is lost, of which the analyzer is wrong
-where it follows an object from one source into the next. Where two sources cannot stand in one, those of their folder
-are looked at one by one.
+where it follows an object from one source into the next. Where something is wrong with those of a folder, or two of
+them cannot stand in one source, they are looked at one by one, and that counts.
 
 What was found clean is not looked at again as long as it, its headers, the rules and the linter are the same.
 
@@ -138,10 +138,10 @@ class Room:
             more.append(r"--header-filter=/(src|platform/linux|platform/windows|bench|reader)/.*\.h$|/tests/.*\.cpp$")
         title = f"{self.name}, {len(self.sources)} sources"
         trouble = look(title, source, self.options(self.sources), self.folder, more)
-        if trouble is not None and "[clang-diagnostic-error" in trouble:
-            print(f"{self.name}: its sources do not compile together; one by one", flush=True)
-            return self.look_at_each()
-        return [trouble] if trouble is not None else []
+        if trouble is None:
+            return []
+        print(f"{self.name}: one by one, since together there is this\n{trouble}", flush=True)
+        return self.look_at_each()
 
     def look_at_each(self):
         troubles = [look(source, os.path.join(ROOT, source), self.options([source]), self.folder)
