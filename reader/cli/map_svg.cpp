@@ -10,7 +10,7 @@ namespace vrnx_cli {
 
 namespace {
 
-constexpr size_t columns = 64;
+constexpr size_t cellsAcross = 64;
 constexpr size_t mostRowsDrawn = 64;
 constexpr size_t pitch = 14; // of the squares, with the gap
 constexpr size_t side = 12;
@@ -56,8 +56,8 @@ std::string TextAt(size_t x, size_t y, const char* attributes, const std::string
 class SvgMap {
 public:
     SvgMap(const DiskMap& map, const std::string& path)
-        : map_(map), path_(Printable(path)), cells_(map.Cells(columns * mostRowsDrawn, chunksPerCell_)),
-          rows_((cells_.size() + columns - 1) / columns) {}
+        : map_(map), path_(Printable(path)), cells_(map.Cells(cellsAcross * mostRowsDrawn, chunksPerCell_)),
+          rows_((cells_.size() + cellsAcross - 1) / cellsAcross) {}
 
     std::string Draw() const;
 
@@ -84,7 +84,7 @@ std::string SvgMap::Draw() const {
     for (CellKind kind = 0; kind < map_.KindCount(); kind++) {
         lines += kind >= firstLevel || map_.Style(kind).chunks > 0;
     }
-    size_t width = left + columns * pitch + 32;
+    size_t width = left + cellsAcross * pitch + 32;
     size_t height = LegendTop() + lines * legendPitch + 16;
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" +
@@ -142,10 +142,10 @@ std::string SvgMap::Cells() const {
         // An offset every few rows is enough to find one's way.
         if (row % 4 == 0) {
             text += TextAt(left - 10, y + side - 2, " class=\"offset\"",
-                           SizeText(row * columns * chunksPerCell_ * map_.Info().chunk_size));
+                           SizeText(row * cellsAcross * chunksPerCell_ * map_.Info().chunk_size));
         }
-        for (size_t cell = row * columns; cell < std::min((row + 1) * columns, cells_.size()); cell++) {
-            text += Square(left + cell % columns * pitch, y, cells_[cell], CellTooltip(cell));
+        for (size_t cell = row * cellsAcross; cell < std::min((row + 1) * cellsAcross, cells_.size()); cell++) {
+            text += Square(left + cell % cellsAcross * pitch, y, cells_[cell], CellTooltip(cell));
         }
     }
     return text;

@@ -14,9 +14,9 @@ namespace {
 
 // Verdicts as they are kept, one byte each.
 constexpr uint8_t notChecked = 0;
-constexpr uint8_t good = 1;
+constexpr uint8_t proved = 1;
 constexpr int codeShift = 62;
-static_assert(VRNX_CHUNK_READ - codeShift > good);
+static_assert(VRNX_CHUNK_READ - codeShift > proved);
 
 // How many places a chunk of a broken table is looked for at.
 constexpr int64_t maxPlaces = 128;
@@ -103,7 +103,7 @@ int Image::Verdict(uint64_t chunk, const Holder& holder) const {
         return holder.code;
     }
     const uint8_t kept = verdicts_[chunk].load(std::memory_order_relaxed);
-    return kept == notChecked ? VRNX_NOT_CHECKED : kept == good ? VRNX_OK : kept + codeShift;
+    return kept == notChecked ? VRNX_NOT_CHECKED : kept == proved ? VRNX_OK : kept + codeShift;
 }
 
 int Image::ReportChunk(vrnx_error& error, int code, uint64_t chunk, uint32_t level, int systemError) const {
@@ -238,7 +238,7 @@ int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_err
 int Image::LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error) {
     const int code = LoadProved(context, chunk, bytes, error);
     if (code == VRNX_OK) {
-        verdicts_[chunk].store(good, std::memory_order_relaxed);
+        verdicts_[chunk].store(proved, std::memory_order_relaxed);
     } else if (VRNX_IS_BAD_CHUNK(code)) {
         verdicts_[chunk].store(static_cast<uint8_t>(code - codeShift), std::memory_order_relaxed);
     }
