@@ -97,10 +97,13 @@ class Plugin(suite.Scenario):
             file.write(PASSWORD + b"\r\n")
         # nbdkit finds the plugin by its name where it is installed; here by a command of the same name in front.
         os.mkdir(self.path("bin"))
+        # Where somebody else, as whom a test runs it, reaches it and the library beside it.
+        plugin = shutil.copy(PLUGIN, self.path("bin"))
+        shutil.copy(os.path.join(SETTINGS.build, "libvrnx.so.0"), self.path("bin"))
         with open(self.path("bin/nbdkit"), "w", encoding="utf-8") as file:
             file.write(f"""#!/bin/bash
 for word; do
-    [ "$word" = vrnx ] && word={PLUGIN}
+    [ "$word" = vrnx ] && word={plugin}
     words+=("$word")
 done
 exec {shutil.which("nbdkit")} "${{words[@]}}"
