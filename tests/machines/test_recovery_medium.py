@@ -214,7 +214,6 @@ class BroughtBack(bootable.Story, Story):
         self.restored(computer, disk, "/mnt/images/thin.vrnx", password)
         computer.succeed("umount /mnt/images")
 
-    @unfinished
     def test_from_memory_when_the_stick_is_gone(self):
         disk = Disk(bootable.SIZE, "nvme", bytes(self.gpt_disk("home")))
         drive = Disk(160 * MIB, "usb")
