@@ -80,7 +80,7 @@ def _load():
     return library
 
 
-LIBRARY = _load()
+SHARED_OBJECT = _load()
 
 
 class VrnxError(Exception):
@@ -105,16 +105,16 @@ class Image:
         options = Options(flags, cache_chunks, password, len(password or b""),
                           None if password_file is None else os.fsencode(password_file))
         handle, error = ctypes.c_void_p(), Error()
-        _require(LIBRARY.vrnx_open(os.fsencode(path), ctypes.byref(options), ctypes.sizeof(options),
+        _require(SHARED_OBJECT.vrnx_open(os.fsencode(path), ctypes.byref(options), ctypes.sizeof(options),
                                    ctypes.byref(handle), ctypes.byref(error)), error)
         self.handle = handle
         self.info = Info()
-        assert LIBRARY.vrnx_get_info(handle, ctypes.byref(self.info), ctypes.sizeof(Info)) == OK
+        assert SHARED_OBJECT.vrnx_get_info(handle, ctypes.byref(self.info), ctypes.sizeof(Info)) == OK
         self.disk_size, self.chunk_size = self.info.disk_size, self.info.chunk_size
         self.chunk_count = self.info.chunk_count
 
     def close(self):
-        LIBRARY.vrnx_close(self.handle)
+        SHARED_OBJECT.vrnx_close(self.handle)
         self.handle = None
 
     def __enter__(self):
@@ -125,7 +125,7 @@ class Image:
 
     def layer(self, level=0):
         layer = Layer()
-        assert LIBRARY.vrnx_get_layer(self.handle, level, ctypes.byref(layer), ctypes.sizeof(Layer)) == OK
+        assert SHARED_OBJECT.vrnx_get_layer(self.handle, level, ctypes.byref(layer), ctypes.sizeof(Layer)) == OK
         return layer
 
     def layers(self):
@@ -139,18 +139,18 @@ class Image:
         problems = []
         for number in range(self.info.problem_count):
             problem = Error()
-            assert LIBRARY.vrnx_get_problem(self.handle, number, ctypes.byref(problem)) == OK
+            assert SHARED_OBJECT.vrnx_get_problem(self.handle, number, ctypes.byref(problem)) == OK
             problems.append(problem)
         return problems
 
     def chunk(self, number):
         chunk = Chunk()
-        assert LIBRARY.vrnx_get_chunk(self.handle, number, ctypes.byref(chunk), ctypes.sizeof(Chunk)) == OK
+        assert SHARED_OBJECT.vrnx_get_chunk(self.handle, number, ctypes.byref(chunk), ctypes.sizeof(Chunk)) == OK
         return chunk
 
     def check(self, number):
         error = Error()
-        _require(LIBRARY.vrnx_check_chunk(self.handle, number, ctypes.byref(error)), error)
+        _require(SHARED_OBJECT.vrnx_check_chunk(self.handle, number, ctypes.byref(error)), error)
 
     def bad_chunks(self):
         """{number: code} of all chunks whose check fails."""
@@ -164,15 +164,15 @@ class Image:
 
     def read(self, offset, length):
         buffer, error = ctypes.create_string_buffer(length), Error()
-        _require(LIBRARY.vrnx_read(self.handle, buffer, offset, length, ctypes.byref(error)), error)
+        _require(SHARED_OBJECT.vrnx_read(self.handle, buffer, offset, length, ctypes.byref(error)), error)
         return buffer.raw[:length]
 
     def prove(self, number, data):
         error = Error()
-        _require(LIBRARY.vrnx_prove_chunk(self.handle, number, data, len(data), ctypes.byref(error)), error)
+        _require(SHARED_OBJECT.vrnx_prove_chunk(self.handle, number, data, len(data), ctypes.byref(error)), error)
 
     def heal(self, number, donor):
         length, error = self.chunk(number).length, Error()
         buffer = ctypes.create_string_buffer(length)
-        _require(LIBRARY.vrnx_heal_chunk(self.handle, number, donor.handle, buffer, ctypes.byref(error)), error)
+        _require(SHARED_OBJECT.vrnx_heal_chunk(self.handle, number, donor.handle, buffer, ctypes.byref(error)), error)
         return buffer.raw[:length]

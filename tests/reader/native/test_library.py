@@ -207,7 +207,7 @@ class WholeChunks(Library):
                 with vrnx.Image(self.path("image"), password=PASSWORD) as opened:
                     for _ in range(3):
                         buffer = ctypes.create_string_buffer(b"\xa5" * length, length)
-                        code = vrnx.LIBRARY.vrnx_read(opened.handle, buffer, begin, length, None)
+                        code = vrnx.SHARED_OBJECT.vrnx_read(opened.handle, buffer, begin, length, None)
                         self.assertIn(code, (vrnx.CHUNK_HASH, vrnx.CHUNK_AUTHENTICATION))
                         good = max(0, 2 * CHUNK - begin)
                         self.assertEqual(buffer.raw[:good], plain[begin:begin + good])
