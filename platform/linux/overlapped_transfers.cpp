@@ -190,7 +190,7 @@ bool OverlappedTransfers::TakeAhead(uint64_t position, uint8_t* memory, size_t l
         return false;
     }
     lock.unlock();
-    std::memcpy(memory, ahead_.Memory.get(), length);
+    exchange_.Take(memory, ahead_.Memory.get(), length);
     return true;
 }
 

@@ -19,6 +19,8 @@
 #include <memory>
 #include <mutex>
 
+#include "page_exchange.h"
+
 namespace vornix::platform {
 
 struct OpenObject;
@@ -58,7 +60,7 @@ public:
     void ReadAhead(uint64_t position, size_t length);
 
     // Fills the memory with what was read ahead, and waits for it if it is under way. FALSE where it is not that what
-    // was read, or did not come whole; nothing is kept any more then.
+    // was read, or did not come whole; nothing is kept any more then. Large blocks change hands by their pages.
     bool TakeAhead(uint64_t position, uint8_t* memory, size_t length);
 
     // Forgets what was read ahead. No read is under way any more.
@@ -112,6 +114,7 @@ private:
 
     // The block belongs to the thread from Asked to Done, and to the program otherwise.
     Block ahead_;
+    PageExchange exchange_;
     AheadState aheadState_ = AheadState::None;
     uint64_t aheadPosition_ = 0;
     size_t aheadLength_ = 0;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -155,6 +156,29 @@ TEST_F(LinuxReadAhead, ShorterReadTakesTheFrontOfWhatIsThere) {
     ASSERT_EQ(count, 70000u);
     EXPECT_EQ(std::memcmp(buffer_.data(), content_.data() + 2 * length, 70000), 0);
     Read(file);
+}
+
+// Which in a file is any byte, and in the program's memory the beginning of a large page.
+TEST_F(LinuxReadAhead, LargeReadsBringWhatSmallOnesDo) {
+    constexpr unsigned factor = 4;
+    MakeFileToRead(3 * factor);
+    const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+    struct Free {
+        void operator()(char* block) const { _aligned_free(block); }
+    };
+    const std::unique_ptr<char, Free> block(static_cast<char*>(_aligned_malloc(factor * length, 4096)));
+    for (const size_t start : {size_t{0}, size_t{12345}}) {
+        ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(static_cast<int64_t>(start)), nullptr, FILE_BEGIN));
+        for (size_t position = start; position < content_.size();) {
+            const size_t expected = std::min<size_t>(factor * length, content_.size() - position);
+            std::memset(block.get(), 0, factor * length);
+            DWORD count = 0;
+            ASSERT_TRUE(ReadFile(file.Get(), block.get(), factor * length, &count, nullptr));
+            ASSERT_EQ(count, expected);
+            ASSERT_EQ(std::memcmp(block.get(), content_.data() + position, expected), 0) << position;
+            position += expected;
+        }
+    }
 }
 
 TEST_F(LinuxReadAhead, FailureAheadIsForgottenUntilTheProgramMeetsIt) {
