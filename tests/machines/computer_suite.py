@@ -10,6 +10,7 @@ import threading
 import suite
 from computer import Computer, reason_to_skip
 from kernel import Missing
+from loop_device import LoopDevice
 from machine import SETTINGS
 
 
@@ -54,7 +55,9 @@ class Counted(suite.Scenario):
         with open(path, "wb") as file:
             file.truncate(size)
         subprocess.run([*make.split(), path], check=True, capture_output=True)
-        subprocess.run(["mount", "-o", options, path, folder], check=True)
+        device = LoopDevice(path)
+        self.addCleanup(device.detach)
+        subprocess.run(["mount", "-o", options, device.path, folder], check=True)
         self.addCleanup(subprocess.run, ["umount", folder], check=True)
 
 

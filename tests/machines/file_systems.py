@@ -11,20 +11,23 @@ from dataclasses import dataclass
 
 import kernel
 from disks import MIB
+from loop_device import LoopDevice
 
 
 @dataclass
 class FileSystem:
     """How one is made here, mounted in a computer, and brought back here.
 
-    back: commands of the shell that repair the file system in the file $D and show its content in the folder $M, as a
-    start of the system does; the last one has to succeed. tools: what they need.
+    repair, back: commands of the shell that repair the file system in the file $D and then show its content in the
+    folder $M, as a start of the system does; the last one of `back` has to succeed. Where that names the loop device
+    $L, it is one over the file. tools: what they need.
     """
 
     name: str
     make: str
     mount: str
     module: str
+    repair: str
     back: str
     tools: tuple
     size: int = 48 * MIB
@@ -45,43 +48,50 @@ class FileSystem:
                 return f"there is no {tool} here"
         for package in self.packages:
             kernel.unpacked(package)
-        if "loop" in self.back and os.geteuid() != 0:
+        if "$L" in self.back and os.geteuid() != 0:
             return "only root can mount"
         with open("/proc/filesystems", encoding="ascii") as file:
-            if "-o loop" in self.back and self.module not in file.read().split():
+            if "mount -t" in self.back and self.module not in file.read().split():
                 return f"the kernel of this system does not know {self.module}"
         return None
 
     def bring_back(self, path, into):
         """Brings back the file system in the file, in a mount namespace that ends with the process, and copies its
         files into the empty folder. Gives what was printed if that fails, otherwise None."""
-        script = f"{self.back} || exit 4\ncp $M/*.vrnx* {into}/ 2> /dev/null\numount $M 2> /dev/null\nexit 0\n"
         folder = into + ".mounted"
         os.makedirs(folder, exist_ok=True)
-        done = subprocess.run(["unshare", "--mount", "sh", "-c", script], capture_output=True, text=True, check=False,
-                              env={**os.environ, "D": path, "M": folder})
-        return done.stdout + done.stderr if done.returncode else None
+        places = {**os.environ, "D": path, "M": folder}
+        repaired = subprocess.run(["sh", "-c", self.repair], capture_output=True, text=True, check=False, env=places)
+        loop = LoopDevice(path) if "$L" in self.back else None
+        try:
+            places["L"] = loop.path if loop else ""
+            script = f"{self.back} || exit 4\ncp $M/*.vrnx* {into}/ 2> /dev/null\numount $M 2> /dev/null\nexit 0\n"
+            done = subprocess.run(["unshare", "--mount", "sh", "-c", script], capture_output=True, text=True,
+                                  check=False, env=places)
+        finally:
+            if loop:
+                loop.detach()
+        return repaired.stdout + repaired.stderr + done.stdout + done.stderr if done.returncode else None
 
 
 # Unpacked and not installed, since its library and the newer one of that name do not go together.
-EXFAT = ('L=$(losetup --find --show --read-only $D) || exit 3; LD_LIBRARY_PATH={0}/libfuse2/lib/x86_64-linux-gnu '
-         '{0}/exfat-fuse/sbin/mount.exfat-fuse -o ro $L $M || {{ losetup --detach $L; exit 4; }}; losetup --detach $L'
+EXFAT = ("LD_LIBRARY_PATH={0}/libfuse2/lib/x86_64-linux-gnu {0}/exfat-fuse/sbin/mount.exfat-fuse -o ro $L $M"
          .format(kernel.STORE))
 
 FILE_SYSTEMS = {made.name: made for made in (
     FileSystem("ext4 ordered", "mkfs.ext4 -q -F", "mount -t ext4 -o data=ordered", "ext4",
-               "e2fsck -p $D; mount -t ext4 -o loop $D $M", ("e2fsck",)),
+               "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
     FileSystem("ext4 writeback", "mkfs.ext4 -q -F", "mount -t ext4 -o data=writeback", "ext4",
-               "e2fsck -p $D; mount -t ext4 -o loop $D $M", ("e2fsck",)),
-    FileSystem("xfs", "mkfs.xfs -q -f", "mount -t xfs", "xfs", "mount -t xfs -o loop $D $M", (), size=300 * MIB),
-    FileSystem("btrfs", "mkfs.btrfs -q -f", "mount -t btrfs", "btrfs", "mount -t btrfs -o loop $D $M", (),
+               "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
+    FileSystem("xfs", "mkfs.xfs -q -f", "mount -t xfs", "xfs", "", "mount -t xfs $L $M", (), size=300 * MIB),
+    FileSystem("btrfs", "mkfs.btrfs -q -f", "mount -t btrfs", "btrfs", "", "mount -t btrfs $L $M", (),
                size=128 * MIB),
     FileSystem("vfat", "mkfs.fat -F 32", "mount -t vfat", "vfat",
-               "fsck.fat -a $D; rm -f $M/*; mdir -i $D :: && { mcopy -n -i $D '::*.vrnx*' $M; true; }",
+               "fsck.fat -a $D", "rm -f $M/*; mdir -i $D :: && { mcopy -n -i $D '::*.vrnx*' $M; true; }",
                ("fsck.fat", "mcopy", "mdir"), modules=("nls_cp437", "nls_ascii", "nls_utf8", "nls_iso8859-1")),
-    FileSystem("exfat", "mkfs.exfat", "mount -t exfat", "exfat", f"fsck.exfat -p $D; {EXFAT}", ("fsck.exfat",),
+    FileSystem("exfat", "mkfs.exfat", "mount -t exfat", "exfat", "fsck.exfat -p $D", EXFAT, ("fsck.exfat",),
                modules=("nls_utf8",), packages=("exfat-fuse", "libfuse2")),
     # The kernel of Debian 12 does not write NTFS; its recovery media do so with this.
-    FileSystem("ntfs-3g", "mkfs.ntfs -q -F -f", "ntfs-3g", "fuse", "ntfsfix -d $D; ntfs-3g -o ro $D $M",
+    FileSystem("ntfs-3g", "mkfs.ntfs -q -F -f", "ntfs-3g", "fuse", "ntfsfix -d $D", "ntfs-3g -o ro $D $M",
                ("ntfsfix", "ntfs-3g"), programs=("ntfs-3g",)),
 )}

@@ -171,7 +171,7 @@ class LargestDisk(computer_suite.Counted):
             if shutil.disk_usage(folder).free < (MAX_CHAIN + 2) * TABLE:
                 self.skipTest(f"there is no room for {MAX_CHAIN} tables")
             return
-        self.mount_new(4096 * MIB, "mkfs.xfs -q", "loop", folder)
+        self.mount_new(4096 * MIB, "mkfs.xfs -q", "defaults", folder)
 
 
 if __name__ == "__main__":
