@@ -153,7 +153,7 @@ uint8_t* Image::BufferOf(Worker& worker) const {
 
 // Takes a chunk's plain bytes out of the file that holds it, authenticated where it is sealed. Gives their hash, which
 // nobody has compared with anything.
-int Image::Load(Context& context, const Layer& layer, uint64_t chunk, int64_t shift, uint8_t* bytes,
+int Image::Load(Context& context, const Layer& layer, uint64_t chunk, int64_t shift, uint8_t* bytes, Wanted wanted,
                 uint8_t hash[hashSize], vrnx_error& error) const {
     if (layer.IsSealed() && layer.key == nullptr) {
         return ReportChunk(error, VRNX_ERROR_PASSWORD_NEEDED, chunk, layer.Level());
@@ -166,12 +166,14 @@ int Image::Load(Context& context, const Layer& layer, uint64_t chunk, int64_t sh
     for (uint32_t done = 0; done < length;) {
         const uint32_t step = std::min(piece, length - done);
         size_t got = 0;
-        const int systemError = layer.File().Read(place + done, bytes + done, step, got);
+        // Of bytes that nobody wants each piece takes the place of the one before, which is in the cache already.
+        uint8_t* const to = layer.IsSealed() || wanted == Wanted::bytes ? bytes + done : bytes;
+        const int systemError = layer.File().Read(place + done, to, step, got);
         if (systemError != 0 || got < step) {
             return ReportChunk(error, VRNX_CHUNK_READ, chunk, layer.Level(), systemError);
         }
         if (!layer.IsSealed()) {
-            hashed = hashed && context.AddToHash(bytes + done, step);
+            hashed = hashed && context.AddToHash(to, step);
         }
         done += step;
     }
@@ -190,7 +192,7 @@ int Image::Load(Context& context, const Layer& layer, uint64_t chunk, int64_t sh
 }
 
 // The plain bytes of a chunk, proved against the hash in every table from the image that holds it to the top.
-int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error) {
+int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, Wanted wanted, vrnx_error& error) {
     const Holder holder = FindHolder(chunk);
     if (holder.code != VRNX_OK) {
         return ReportChunk(error, holder.code, chunk, holder.level);
@@ -199,7 +201,7 @@ int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_err
 
     auto tryPlace = [&](int64_t shift, vrnx_error& failure) {
         uint8_t hash[hashSize];
-        if (int code = Load(context, layer, chunk, shift, bytes, hash, failure)) {
+        if (int code = Load(context, layer, chunk, shift, bytes, wanted, hash, failure)) {
             return code;
         }
         for (uint32_t level = 0; level <= holder.level; level++) {
@@ -235,8 +237,8 @@ int Image::LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_err
     return code;
 }
 
-int Image::LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error) {
-    const int code = LoadProved(context, chunk, bytes, error);
+int Image::LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, Wanted wanted, vrnx_error& error) {
+    const int code = LoadProved(context, chunk, bytes, wanted, error);
     if (code == VRNX_OK) {
         verdicts_[chunk].store(proved, std::memory_order_relaxed);
     } else if (VRNX_IS_BAD_CHUNK(code)) {
@@ -254,7 +256,7 @@ int Image::Check(uint64_t chunk, vrnx_error& error) {
         return ReportChunk(error, verdict, chunk);
     }
     const Borrowed worker = Borrow();
-    return LoadAndKeep(worker->context, chunk, BufferOf(*worker), error);
+    return LoadAndKeep(worker->context, chunk, BufferOf(*worker), Wanted::verdict, error);
 }
 
 // --- Reading --------------------------------------------------------------------------------------------------------
@@ -298,7 +300,7 @@ int Image::ReadWhole(uint8_t* buffer, uint64_t chunk, vrnx_error& error) {
         ~Unproved() { std::fill_n(bytes, length, uint8_t{0}); }
     } unproved{buffer, Top().LengthOf(chunk)};
     const Borrowed worker = Borrow();
-    const int code = LoadAndKeep(worker->context, chunk, buffer, error);
+    const int code = LoadAndKeep(worker->context, chunk, buffer, Wanted::bytes, error);
     if (code == VRNX_OK) {
         unproved.length = 0;
     }
@@ -323,7 +325,7 @@ int Image::ReadPiece(uint8_t* buffer, uint64_t chunk, uint32_t begin, size_t len
             lock.unlock();
             const Borrowed worker = Borrow();
             uint8_t* bytes = BufferOf(*worker);
-            if (int code = LoadAndKeep(worker->context, chunk, bytes, error)) {
+            if (int code = LoadAndKeep(worker->context, chunk, bytes, Wanted::bytes, error)) {
                 return code;
             }
             std::copy_n(bytes + begin, length, buffer);
@@ -375,7 +377,7 @@ int Image::FillSlot(Slot& slot, uint64_t chunk, vrnx_error& error) {
             slot.bytes = AllocateBlock(Top().GetHeader().chunkSize);
         }
         const Borrowed worker = Borrow();
-        return LoadAndKeep(worker->context, chunk, slot.bytes.get(), error);
+        return LoadAndKeep(worker->context, chunk, slot.bytes.get(), Wanted::bytes, error);
     } catch (const std::bad_alloc&) {
         return Report(error, VRNX_ERROR_MEMORY, vrnx_code_text(VRNX_ERROR_MEMORY));
     }
@@ -408,14 +410,14 @@ int Image::LoadUnproved(Worker& worker, uint64_t chunk, vrnx_error& error) {
         std::fill_n(bytes, Top().LengthOf(chunk), uint8_t{0});
         return VRNX_OK;
     }
-    const int code = LoadProved(worker.context, chunk, bytes, error);
+    const int code = LoadProved(worker.context, chunk, bytes, Wanted::bytes, error);
     if (code != VRNX_CHUNK_HASH) {
         return code;
     }
     const Holder holder = FindHolder(chunk);
     uint8_t hash[hashSize];
     return Load(worker.context, *layers_[holder.level], chunk, shifts_[holder.level].load(std::memory_order_relaxed),
-                bytes, hash, error);
+                bytes, Wanted::bytes, hash, error);
 }
 
 int Image::Heal(uint64_t chunk, Image& donor, uint8_t* buffer, vrnx_error& error) {

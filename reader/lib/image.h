@@ -85,10 +85,15 @@ private:
     int ReportChunk(vrnx_error& error, int code, uint64_t chunk, uint32_t level, int systemError = 0) const;
     int ReportChunk(vrnx_error& error, int code, uint64_t chunk) const;
 
-    int Load(Context& context, const Layer& layer, uint64_t chunk, int64_t shift, uint8_t* bytes,
+    // Who wants the verdict alone gives the memory all the same, whose content is then undefined.
+    enum class Wanted {
+        bytes,
+        verdict
+    };
+    int Load(Context& context, const Layer& layer, uint64_t chunk, int64_t shift, uint8_t* bytes, Wanted wanted,
              uint8_t hash[hashSize], vrnx_error& error) const;
-    int LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error);
-    int LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, vrnx_error& error);
+    int LoadProved(Context& context, uint64_t chunk, uint8_t* bytes, Wanted wanted, vrnx_error& error);
+    int LoadAndKeep(Context& context, uint64_t chunk, uint8_t* bytes, Wanted wanted, vrnx_error& error);
     int LoadUnproved(Worker& worker, uint64_t chunk, vrnx_error& error);
     bool IsPassedOn(uint64_t chunk) const;
     int ReadWhole(uint8_t* buffer, uint64_t chunk, vrnx_error& error);
