@@ -114,6 +114,8 @@ class Computer:
                itself, with these arguments of QEMU for its firmware, and without an agent
     """
 
+    translated = 128  # MiB for what QEMU keeps of translated programs
+
     # pylint: disable-next=too-many-arguments
     def __init__(self, folder, disks=(), *, kernel=None, modules=(), programs=(), files=None, memory=256, arguments=(),
                  libraries=(), firmware=None, more_modules=()):
@@ -150,7 +152,7 @@ class Computer:
 
     def hardware(self):
         """The command that starts QEMU, without what it is reached through."""
-        command = ["setpriv", "--pdeathsig", "KILL", QEMU, "-accel", "tcg,tb-size=128", "-machine", "pc",
+        command = ["setpriv", "--pdeathsig", "KILL", QEMU, "-accel", f"tcg,tb-size={self.translated}", "-machine", "pc",
                    "-cpu", "max", "-m", str(self.memory), "-smp", "1", "-nodefaults", "-no-user-config",
                    "-display", "none", "-no-reboot",
                    *(self.firmware or []), *self.boot]
@@ -183,14 +185,17 @@ class Computer:
         try:
             self.qmp_channel.line(BOOT_TIMEOUT)
             self.qmp("qmp_capabilities")
-            if self.firmware is None and self.channel.line(BOOT_TIMEOUT) != b"ready":
-                raise Dead("the agent says something else")
+            self._wait_until_started()
         except BaseException:
             trouble = self.diagnosis()
             self.stop()
             print(trouble)
             raise
         return self
+
+    def _wait_until_started(self):
+        if self.firmware is None and self.channel.line(BOOT_TIMEOUT) != b"ready":
+            raise Dead("the agent says something else")
 
     def stop(self):
         """Switches it off as a pulled plug does."""

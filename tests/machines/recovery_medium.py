@@ -8,13 +8,13 @@ the medium opens.
 """
 
 import base64
-import functools
 import glob
 import os
 import re
 import select
 import shutil
 import subprocess
+import threading
 import time
 
 import kernel
@@ -46,26 +46,34 @@ def reason_to_skip():
     return None
 
 
-def make(folder, *options, environment=None):
-    """Makes the medium into the folder; gives its path."""
+def make(folder, *, umask=-1, **environment):
+    """Makes the medium into the folder; gives its path. It is made of the packages in the folder that VORNIX_PACKAGES
+    names, or of some that are made for it."""
+    packages = os.environ.get("VORNIX_PACKAGES")
+    options = ["--packages", packages] if packages else []
     done = subprocess.run([MAKE, "--cache", APT_CACHE, *options, folder], capture_output=True, text=True, check=False,
-                          stdin=subprocess.DEVNULL, env={**os.environ, **(environment or {})})
+                          stdin=subprocess.DEVNULL, env={**os.environ, **environment}, umask=umask)
     if done.returncode != 0:
         raise AssertionError(done.stdout + done.stderr)
     return glob.glob(os.path.join(folder, "vornix-recovery-*.iso"))[0]
 
 
-@functools.lru_cache(maxsize=None)
+_made_once = []
+_making = threading.Lock()  # the tests of a suite run side by side
+
+
 def iso():
     """The medium that this run of the suite is about: that which VORNIX_MEDIUM names, or one that is made now."""
     named = os.environ.get("VORNIX_MEDIUM")
     if named:
         return named
     folder = os.path.join(kernel.STORE, "recovery-medium")
-    with kernel.locked("recovery-medium"):
-        shutil.rmtree(folder, ignore_errors=True)
-        os.makedirs(folder)
-        return make(folder)
+    with _making, kernel.locked("recovery-medium"):
+        if not _made_once:
+            shutil.rmtree(folder, ignore_errors=True)
+            os.makedirs(folder)
+            _made_once.append(make(folder))
+    return _made_once[0]
 
 
 class RescuedComputer(Computer):
@@ -77,6 +85,8 @@ class RescuedComputer(Computer):
     firmware   "bios" or "efi"
     entry      of the boot menu
     """
+
+    translated = 512  # a whole system runs many programs
 
     # pylint: disable-next=too-many-arguments
     def __init__(self, folder, medium, disks=(), *, drive="cd-rom", firmware="bios", entry=0, arguments=(),
@@ -90,32 +100,19 @@ class RescuedComputer(Computer):
                          firmware=["-bios", EFI] if firmware == "efi" else [])
         self.greeting = ""
 
-    def hardware(self):
-        # A whole system runs many programs: room for what was translated of them.
-        return [argument.replace("tb-size=128", "tb-size=512") for argument in super().hardware()]
-
     def _channels(self, channel, qmp):
         return ["-chardev", f"socket,id=console,fd={channel},logfile={self.console}", "-serial", "chardev:console",
                 "-chardev", f"socket,id=qmp,fd={qmp}", "-mon", "chardev=qmp,mode=control"]
 
-    def start(self):
-        super().start()
-        try:
-            self._boot()
-        except BaseException:
-            trouble = self.diagnosis()
-            self.stop()
-            print(trouble)
-            raise
-        return self
-
-    def _boot(self):
+    def _wait_until_started(self):
         self.expect("automatically in", BOOT_TIMEOUT)
         # One key, and no sequence: under EFI two drivers read from the same line.
         self.type("\x0e" * self.entry + "\r")
         self.greeting = self.expect(PROMPT, BOOT_TIMEOUT)
-        # A terminal that gives back what it was given, and a shell that has no keys of its own.
-        self.type("dmesg -n 1; kill -s RTMIN+21 1; stty -echo -opost; export PS1='REA''DY> '; exec dash\n")
+        # A terminal that gives back what it was given, and a shell that has no keys of its own. That a computer stood
+        # still for a while, which the kernel would tell every terminal, is its host's doing.
+        self.type("echo 0 > /proc/sys/kernel/watchdog; dmesg -n 1; kill -s RTMIN+21 1; "
+                  "stty -echo -opost; export PS1='REA''DY> '; exec dash\n")
         self.expect(READY)
 
     # --- As somebody at the keyboard ---
