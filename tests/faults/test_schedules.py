@@ -1,14 +1,18 @@
 """Whole stories under random faults, and what has to hold in every one of them.
 
-The suites beside this one foretell what one fault in one run brings. Here a story goes through captures, thin captures
-on captures, verifications, consolidations and restores, and each of its runs meets a few faults, changes of the disk or
-the end of its process, drawn from a seed. Nobody foretells such a run; these hold after each:
+The suites beside this one foretell what one fault in one run brings. Here a story goes through captures and thin
+captures on captures, half of them with snapshots, verifications, consolidations and restores, and each of its runs
+meets a few faults, changes of the disk or the end of its process, drawn from a seed. Nobody foretells such a run; these
+hold after each:
 
 - A capture, consolidation or restore that reports success has the bytes. Only where a call failed whose result the
   program leaves unexamined may a reported image be none; one that a reader takes is always the right one.
 - A run that failed leaves no image that a reader takes, save a consolidation that failed while it read its image back.
 - No image that was there before is changed, no disk but the target is written, and each sector of the target is the old
   one or the image's.
+- A chunk for which a shadow device was opened is that of the shadow, and every other one that of the disk. Of what a
+  session began nothing is left at an end that is no kill: each shadow device is closed before its set goes, the set is
+  deleted, or the run says that it could not be, and the writers know what became of the capture.
 - The same command works on the healthy machine right behind it.
 
 `VORNIX_SEED=17` runs that story alone. With VORNIX_LONG there are two thousand.
@@ -21,15 +25,26 @@ import sys
 import image
 import suite
 from machine import SETTINGS, Machine, pattern
+from snapshot import OBJECT_NOT_FOUND, shadow_path, volume_name
 from sweep import LASTING, calls_of, effects_of
 
 CHUNK = 0x400000
 SIZE = 2 * CHUNK + 37 * 512
 SECTOR = 512
 PASSWORD = b"a password of the schedules"
+# Three volumes: the first is the second chunk and shows frozen bytes, the second lies inside the first chunk and serves
+# none, the third is the rest of the disk as it is when the set is made.
+VOLUMES = [(CHUNK, CHUNK), (65536, 1048576), (2 * CHUNK, SIZE - 2 * CHUNK)]
+FROZEN = pattern(CHUNK, "frozen")
+SESSION = "IVssBackupComponents::"
 STEPS = 5
 STORIES = 2000 if SETTINGS.long and not SETTINGS.sampled else 4 if SETTINGS.sampled else 24
 KILLED = 137
+
+
+def frozen(disk):
+    """The disk with what the shadow of the first volume shows in its place."""
+    return disk[:CHUNK] + FROZEN + disk[2 * CHUNK:]
 
 
 def sectors_that(first, second, third):
@@ -52,6 +67,7 @@ class Story:
         self.sealed = set()
         self.count = 0
         self.hits = 0
+        self.sessions = 0  # that met faults and came to their end
 
     # --- Commands ---
 
@@ -67,12 +83,13 @@ class Story:
         """A command that works on the healthy machine, as (kind, arguments without the output, image it reads)."""
         known = sorted(self.images)
         kind = self.random.choice(["full", "thin", "thin", "copy", "verify", "consolidate", "restore", "restore"])
+        vss = ["--vss"] if self.random.random() < 0.5 else []
         if not known or kind == "full":
-            return "capture", ["capture", "--disk", "1"], None
+            return "capture", ["capture", "--disk", "1", *vss], None
         source = self.random.choice(known)
         if kind in ("thin", "copy"):
-            return ("capture", ["capture", "--disk", "1", "--base", source, *(["--thin"] if kind == "thin" else [])],
-                    source)
+            thin = ["--thin"] if kind == "thin" else []
+            return "capture", ["capture", "--disk", "1", *vss, "--base", source, *thin], source
         if kind == "consolidate":
             thin = [name for name in known if image.read_header(self.machine.path(name)).version == 3]
             if not thin:
@@ -116,6 +133,8 @@ class Story:
                 effect = {"kill": True}
                 if call.kind in ("ReadFile", "WriteFile") and self.random.random() < 0.5:
                     effect["transferred"] = self.random.randrange(call.line["length"])
+                    if "PhysicalDrive" in call.path:
+                        effect["transferred"] -= effect["transferred"] % SECTOR  # which a disk writes whole or not
             elif what < 0.45 and call.kind == "ReadFile" and call.path.endswith(".vrnx"):
                 effect = {"flip": self.random.randrange(call.line["length"])}
             else:
@@ -132,8 +151,8 @@ class Story:
         self.test.assertEqual(trouble, [], why)
         plain = image.reference_plain_bytes(self.machine.path(name), password)
         for start in range(0, SIZE, CHUNK):
-            self.test.assertIn(plain[start:start + CHUNK], [disk[start:start + CHUNK] for disk in disks],
-                               f"{why}: the chunk at {start} is that of no disk")
+            self.test.assertTrue(plain[start:start + CHUNK] in [disk[start:start + CHUNK] for disk in disks],
+                                 f"{why}: the chunk at {start} is that of no disk")
         return plain
 
     def expect_rest_unchanged(self, why, disk, may_be):
@@ -144,6 +163,43 @@ class Story:
     def keep(self, name, plain):
         self.images[name] = plain
         self.files[name] = self.machine.read(name)
+
+    def expect_session_ended(self, result, why):
+        """What the run began with the shadow service it has ended, in the order in which that may be done."""
+        def count(call, **fields):
+            return len(result.calls(call, **fields))
+
+        places = {line["call"]: place for place, line in enumerate(result.log)}  # the last of each
+        expect = self.test.assertEqual
+        for begin, end in (("CoInitializeEx", "CoUninitialize"), ("CreateVssBackupComponents", SESSION + "Release")):
+            expect(count(end), count(begin, status="0x00000000"), f"{why}: {begin}")
+        expect(count("IVssAsync::Release"), count("IVssAsync::Wait"), f"{why}: steps that were waited for")
+        shadows = [(place, line) for place, line in enumerate(result.log) if "ShadowCopy" in line.get("path", "")]
+        opened = [place for place, line in shadows if line["call"] == "CreateFileW" and line["ok"]]
+        closed = [place for place, line in shadows if line["call"] == "CloseHandle"]
+        expect(len(closed), len(opened), f"{why}: shadow devices that were closed")
+        has_set = count(SESSION + "GatherWriterStatus") == 1  # the first thing that is done with one
+        expect(count(SESSION + "DeleteSnapshots"), has_set, f"{why}: the set")
+        told = count(SESSION + "AbortBackup"), count(SESSION + "BackupComplete")
+        if not has_set:
+            expect((opened, told), ([], (0, 0)), f"{why}: no set was made")
+            return
+        self.test.assertLess(max(place for place, _ in shadows or [(-1, None)]),
+                             places[SESSION + "DeleteSnapshots"], f"{why}: a shadow device outlived its set")
+        deleted = int(result.calls(SESSION + "DeleteSnapshots")[0]["status"], 16)
+        expect(b"WARNING: could not delete the snapshot set" in result.stdout,
+               deleted & 0x80000000 != 0 and deleted != OBJECT_NOT_FOUND, f"{why}: a set that is left is told of")
+        # A capture is told of before its image gets its name, which may fail; and where its end fails, it is aborted.
+        may_be = {(0, 1), (1, 1)} if result.status == 0 or "MoveFileExW" in places else {(1, 0)}
+        self.test.assertIn(told, may_be, f"{why}: what the writers were told")
+
+    def shown(self, result, disks):
+        """The disks as a capture with snapshots may show them: the shadow of the first volume, where it was opened."""
+        added = [call["path"] for call in result.calls(SESSION + "AddToSnapshotSet", status="0x00000000")]
+        if volume_name(1) not in added:
+            return disks
+        opened = result.calls("CreateFileW", path=shadow_path(added.index(volume_name(1)) + 1), ok=True)
+        return [frozen(disk) for disk in disks] if opened else disks
 
     def judge_output(self, kind, result, out, disks, why):
         """What a run under faults left under the name of its output."""
@@ -190,6 +246,11 @@ class Story:
         if kind == "capture" and changed != disk:
             # A chunk with two changes may have been read between them.
             stands_for += self.between(disk, changed)
+        if "--vss" in arguments:
+            stands_for = self.shown(result, stands_for)
+            if result.status != KILLED:
+                self.expect_session_ended(result, why)
+                self.sessions += 1
         if out:
             self.judge_output(kind, result, out, stands_for, why)
         left = self.machine.disk_bytes(2)
@@ -223,8 +284,12 @@ class Story:
         why = f"on the healthy machine: {result.describe()}"
         self.test.assertEqual((result.status, result.stderr), (0, b""), why)
         self.expect_rest_unchanged(why, disk, disk)
+        stands_for = self.images[read] if kind == "consolidate" else disk
+        if "--vss" in arguments:
+            stands_for = frozen(disk)
+            self.expect_session_ended(result, why)
         if out:
-            self.keep(out, self.expect_image(out, [self.images[read] if kind == "consolidate" else disk], why))
+            self.keep(out, self.expect_image(out, [stands_for], why))
         if kind == "restore":
             self.test.assertTrue(self.machine.disk_bytes(2) == self.images[read], why)
         return result.log
@@ -237,11 +302,15 @@ class Schedules(suite.Scenario):
         machine = Machine(os.path.join(self.folder, name), source=source, target=SIZE)
         self.machines.append(machine)
         machine.ticks(1000, 100)
+        for number, (start, length) in enumerate(VOLUMES, 1):
+            machine.add_volume(volume_name(number), [(1, start, length)],
+                               shadow_contents=FROZEN if number == 1 else None)
+        machine.shadow_service([("Registry Writer", 1, 0), ("Database Writer", 8, 0x800423F4)])
         return machine
 
     def test_what_holds_in_every_story(self):
         chosen = os.environ.get("VORNIX_SEED")
-        hits = 0
+        hits = sessions = 0
         for seed in [int(chosen)] if chosen else range(STORIES):
             story = Story(self, seed)
             try:
@@ -250,9 +319,12 @@ class Schedules(suite.Scenario):
             except AssertionError as error:
                 self.fail(f"VORNIX_SEED={seed}: {error}")
             hits += story.hits
+            sessions += story.sessions
             story.machine.remove()
             self.machines.clear()
         self.assertGreater(hits, 0, "no fault struck")
+        if not chosen:
+            self.assertGreater(sessions, 0, "no session met a fault")
 
 
 if __name__ == "__main__":
