@@ -6,13 +6,17 @@
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+
+#include <windows.h>
 
 #include "linux/linux_disks.h"
 
@@ -62,6 +66,31 @@ bool Attach(LoopDisk& disk, uint64_t length, uint32_t sectorSize, bool isReadOnl
     return !disk.Name.empty();
 }
 
+// How many descriptors of this process are of the device.
+int CountDescriptors(const std::string& name) {
+    struct stat wanted {};
+    if (stat(("/dev/" + name).c_str(), &wanted) != 0) {
+        return -1;
+    }
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        struct stat status {};
+        if (stat(entry.path().c_str(), &status) == 0 && S_ISBLK(status.st_mode) && status.st_rdev == wanted.st_rdev) {
+            count++;
+        }
+    }
+    return count;
+}
+
+// Whether the platform opens this device, and no other, under its number.
+bool IsFoundByItsNumber(const LoopDisk& disk) {
+    const int before = CountDescriptors(disk.Name);
+    const HANDLE handle = CreateFileW((L"\\\\.\\PhysicalDrive" + std::to_wstring(disk.Number)).c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    const int opened = CountDescriptors(disk.Name);
+    return handle != INVALID_HANDLE_VALUE && CloseHandle(handle) && opened == before + 1;
+}
+
 class LoopEnvironment : public testing::Environment {
 public:
     void SetUp() override {
@@ -85,6 +114,11 @@ public:
                 if (hostDisk.Name == disk->Name) {
                     disk->Number = hostDisk.Number;
                 }
+            }
+            // The tests write to what has this number, and it must be nobody else's.
+            if (!IsFoundByItsNumber(*disk)) {
+                std::fprintf(stderr, "%s is not what PhysicalDrive%d opens\n", disk->Name.c_str(), disk->Number);
+                std::exit(1);
             }
         }
     }

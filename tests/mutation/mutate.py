@@ -16,9 +16,13 @@ those mutants are built one by one, and one that does not compile is none.
 
 Each test is run once as it is, and notes the places that it comes to. A mutant is then put before the tests that come
 to its place: the programs of tests first, then the suites that concern its file, and in each the quickest test first;
-the first that fails kills it. What was tried is kept in record.txt beside this file, by the text of its line and not by
-its number, and survivors.txt has the reason of each that lived: what a test cannot see. A mutant that lives without a
-reason is a test that is missing; then the exit status is 1.
+the first that fails, and fails again, kills it. What was tried is kept in record.txt beside this file, by the text of
+its line and not by its number, and survivors.txt has the reason of each that lived: what a test cannot see. A mutant
+that lives without a reason is a test that is missing; then the exit status is 1.
+
+The platform opens disks, and a mutant of it may open another one than its test meant. So all this runs where the disks
+of the machine cannot be opened: root gets a mount namespace in which their nodes lead nowhere and /run is empty, which
+leaves the loop devices of the tests.
 """
 
 import argparse
@@ -61,16 +65,17 @@ NONE, LIVED = "none", "lived"
 SUITES = {
     "src/": ["capture", "restore", "verify", "clone", "thin_chains", "consolidate"],
     "src/cli/": ["command_line", "disks", "meter", "verify", "restore", "clone", "capture"],
-    "src/commands/capture.cpp": ["capture", "tracker", "snapshot_reads", "incremental_capture", "sealed_images"],
+    "src/commands/capture.cpp": ["capture", "tracker", "releases", "snapshot_reads", "incremental_capture",
+                                 "sealed_images", "snapshot_session"],
     "src/commands/clone.cpp": ["clone"],
     "src/commands/consolidate.cpp": ["consolidate"],
     "src/commands/incremental_capture.cpp": ["incremental_capture"],
     "src/commands/restore.cpp": ["restore", "sealed_images"],
     "src/commands/verify.cpp": ["verify", "sealed_images", "thin_chains"],
-    "src/crypto/": ["password_file", "sealed_images", "verify"],
-    "src/disk/": ["disks", "clone", "restore", "capture", "described_machine"],
+    "src/crypto/": ["password_file", "releases", "sealed_images", "verify"],
+    "src/disk/": ["disks", "releases", "clone", "restore", "capture", "described_machine"],
     "src/image/": ["chunk_retrieval", "thin_chains", "verify", "image_open", "consolidate", "sealed_images", "restore"],
-    "src/snapshot/": ["volume_extents", "snapshot_reads", "snapshot_session"],
+    "src/snapshot/": ["volume_extents", "releases", "snapshot_reads", "snapshot_session"],
     "src/tracker/": ["tracker", "incremental_capture"],
     "platform/linux/": ["process", "block_devices", "product", "described_machine"],
     "platform/linux/disks_tool/": ["disks_tool"],
@@ -78,15 +83,20 @@ SUITES = {
 # The suites of faults/ that are asked about survivors alone, since each test of theirs is hundreds of runs. And those
 # of scenarios/ that are not asked at all: they go at length where others have been, look at the optimised code, or need
 # a build that is not there.
-FAULTS = ("fault_sweep_", "no_write_", "hostile_")
+FAULTS = ("fault_sweep_", "fault_matrix", "no_write_", "hostile_")
 LEFT_OUT = {"interop", "sealed_interop", "generations_story", "folding_story", "chain_bit_changes", "page_commands",
             "secret_wiping", "snapshot_interop"}
 
 # What a test may take: time of a processor for each process, in multiples of what it took as it is and so much more,
-# and so many looks at it by whoever waits for it: a busy machine is slow, and one that somebody has stopped for a while
-# is slower.
-TIMES, PROCESSOR_SECONDS, LOOKS, PAUSE = 5, 10, 30000, 0.02
-# How long a mutant is put before further tests, in seconds that these took as they are; with --lived.
+# and so many looks at it by whoever waits for it, likewise: a busy machine is slow, and one that somebody has stopped
+# for a while looks at nothing.
+TIMES, PROCESSOR_SECONDS, PAUSE = 5, 10, 0.02
+TIMES_WAITED, SECONDS_WAITED = 10, 20
+# So long all of its processes may sleep, likewise: they wait for each other.
+TIMES_ASLEEP, SECONDS_ASLEEP = 3, 4
+# A test of a program that takes no more than so many seconds is run with others.
+QUICK = 0.5
+# How long a mutant is put before further tests, in seconds that these took as they are; and with --lived.
 PATIENCE, PATIENCE_WITH_SURVIVORS = 25, 250
 
 
@@ -113,12 +123,12 @@ def quiet(*command, **options):
 
 # --- The build that has all of them ---------------------------------------------------------------------------------
 
-def copy_sources():
-    """Copies the sources that git knows, as they stand."""
+def copy_sources(but=()):
+    """Copies the sources that git knows, as they stand, but for these paths."""
     names = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, capture_output=True, check=True).stdout.split(b"\0")
     for name in map(os.fsdecode, filter(None, names)):
         source, copy = os.path.join(ROOT, name), os.path.join(TREE, name)
-        if not os.path.isfile(source):
+        if name in but or not os.path.isfile(source):
             continue
         with open(source, "rb") as file:
             content = file.read()
@@ -194,6 +204,7 @@ def prepare(targets):
     if os.path.exists(PLACES):
         known = json.loads(read(PLACES))
         if known["stamp"] == stamp.hexdigest():
+            copy_sources(but=paths)
             build(BUILD, targets)
             return {int(number): name for number, name in known["places"].items()}
     copy_sources()
@@ -222,18 +233,29 @@ def prepare(targets):
 # --- The tests ------------------------------------------------------------------------------------------------------
 
 class Test:
-    """Something that passes or fails: a method of a suite, or a whole program of tests."""
+    """Something that passes or fails: a method of a suite, or a test of a program."""
 
-    def __init__(self, name, suite, run):
-        self.name, self.suite, self.run = name, suite, run
+    def __init__(self, name, suite, run, program=None):
+        self.name, self.suite, self.run, self.program = name, suite, run, program
 
 
-def program_test(name, build):
+def program_test(suite, path, names):
+    """These tests of a program, in one run."""
+    arguments = [path, "--gtest_brief=1", "--gtest_fail_fast", f"--gtest_filter={':'.join(names)}"]
+    return Test(f"{suite} {':'.join(names)}", suite, lambda: quiet(*arguments).returncode == 0, path)
+
+
+def tests_of_program(name, build):
+    """The tests of a program, each by itself."""
     path = os.path.join(build, "tests", name)
-
-    def run():
-        return quiet(path, "--gtest_brief=1", "--gtest_fail_fast").returncode == 0
-    return Test(name, name, run)
+    group = ""
+    listed = subprocess.run([path, "--gtest_list_tests"], capture_output=True, text=True, check=True).stdout
+    for line in listed.splitlines():
+        word = line.split("#")[0].strip()
+        if line.startswith("  "):
+            yield program_test(name, path, [group + word])
+        elif word.endswith("."):
+            group = word
 
 
 def method_test(suite, method):
@@ -256,8 +278,8 @@ def load_tests(build, suites=None):
     """The tests of the programs and the scenarios, of these suites or of all, on the executables of this build."""
     os.environ |= {"VORNIX_BUILD": build, "VORNIX": os.path.join(build, "vornix"), "VRNX": os.path.join(build, "vrnx"),
                    "VORNIX_BENCH": os.path.join(build, "vornix-bench")}
-    tests = [program_test(name, build) for scope in SCOPES for name in PROGRAMS[scope]
-             if suites is None or name in suites]
+    tests = [test for scope in SCOPES for name in PROGRAMS[scope] if suites is None or name in suites
+             for test in tests_of_program(name, build)]
     for folder in ("scenarios", "faults"):
         place = os.path.join(ROOT, "tests", folder)
         for file in sorted(os.listdir(place)):
@@ -271,6 +293,21 @@ def load_tests(build, suites=None):
             tests += [method_test(name, method)
                       for method in methods_in(unittest.defaultTestLoader.loadTestsFromModule(module))]
     return tests
+
+
+def work_of(session):
+    """What the processes of a session have done so far, or None where one of them is at work."""
+    spent = 0
+    for name in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            fields = read(f"/proc/{name}/stat").rpartition(")")[2].split()
+        except OSError:
+            continue  # has ended
+        if int(fields[3]) == session:
+            if fields[0] not in "SZ":
+                return None
+            spent += sum(map(int, fields[11:15]))
+    return spent
 
 
 def run_test(test, environment, folder, usual_seconds):
@@ -291,12 +328,17 @@ def run_test(test, environment, folder, usual_seconds):
             os._exit(0 if test.run() else 1)
         except BaseException:
             os._exit(1)
-    status = None
-    for _ in range(LOOKS):
+    status, work, asleep = None, None, 0
+    for look in range(round((TIMES_WAITED * usual_seconds + SECONDS_WAITED) / PAUSE)):
         ended, code = os.waitpid(pid, os.WNOHANG)
         if ended:
             status = code == 0
             break
+        if look % round(1 / PAUSE) == 0:
+            before, work = work, work_of(pid)
+            asleep = asleep + 1 if work is not None and work == before else 0
+            if asleep > TIMES_ASLEEP * usual_seconds + SECONDS_ASLEEP:
+                break
         time.sleep(PAUSE)
     try:
         os.killpg(pid, signal.SIGKILL)
@@ -373,25 +415,40 @@ def order_for(path, number, tests, reached, is_thorough):
     return sorted(those, key=lambda test: ranks.get(test.suite, 99))
 
 
+def in_runs(ordered, seconds_of):
+    """The tests as they are run, each with the time it takes: the quick ones of a program in one run, for most of what
+    such a test takes is the start of the program."""
+    runs, quick = [], collections.defaultdict(list)
+    for test in ordered:
+        if test.program is None or seconds_of(test) > QUICK:
+            runs.append((test, seconds_of(test)))
+            continue
+        if not quick[test.program]:
+            runs.append((test.suite, test.program))
+        quick[test.program].append(test.name.split(" ")[1])
+    return [(program_test(*one, quick[one[1]]), 3 * QUICK) if one[1] in quick else one for one in runs]
+
+
 def judge_mutant(ordered, environment, folder, seconds_of, patience):
     """The suite that notices the mutant, or that it lived."""
     spent = 0
-    for test in ordered:
+    for test, seconds in in_runs(ordered, seconds_of):
         # At least one of each, whatever it takes.
         if spent > patience:
             break
-        passed = run_test(test, environment, folder, seconds_of(test))
+        passed = run_test(test, environment, folder, seconds)
         if passed is None:
             return f"{test.suite}, which did not end"
-        if not passed:
+        # One that fails now and then, on a busy machine, has noticed nothing.
+        if not passed and not run_test(test, environment, folder, seconds):
             return test.suite
-        spent += seconds_of(test)
+        spent += seconds
     return LIVED
 
 
 # --- Those that cannot be switched ----------------------------------------------------------------------------------
 
-def try_alone(mutant, path, tests, reached, targets):
+def try_alone(mutant, path, tests, reached, targets, patience):
     """What becomes of a mutant that is built by itself, among files whose mutants all sleep."""
     copy = os.path.join(TREE, path)
     switched_text = read(copy)
@@ -400,9 +457,34 @@ def try_alone(mutant, path, tests, reached, targets):
         if quiet("cmake", "--build", BUILD, "--target", *targets).returncode != 0:
             return NONE
         with tempfile.TemporaryDirectory(prefix="vornix-mutant-", ignore_cleanup_errors=True) as folder:
-            return judge_mutant(tests, {}, folder, lambda test: reached[test.name][0], PATIENCE)
+            return judge_mutant(tests, {}, folder, lambda test: reached[test.name][0], patience)
     finally:
         write(copy, switched_text)
+
+
+# --- The disks of the machine ---------------------------------------------------------------------------------------
+
+# Puts nodes that lead nowhere, since their file system has no devices, in the place of those given, and an empty folder
+# in that of /run; then becomes the program behind them.
+_APART = """mount -t tmpfs none /run && mkdir /run/nodes && mount -t tmpfs -o nodev none /run/nodes || exit 1
+while [ "$1" != -- ]; do
+    mknod "/run/nodes/$(basename "$1")" b 1 1 && mount --bind "/run/nodes/$(basename "$1")" "$1" || exit 1
+    shift
+done
+shift
+exec "$@"
+"""
+
+
+def go_apart():
+    """Starts this script anew where it cannot open the disks of the machine, save loop devices and memory."""
+    if os.geteuid() != 0 or os.environ.get("MUTATION_IS_APART"):
+        return
+    nodes = [f"/dev/{name.replace('!', '/')}" for name in os.listdir("/sys/class/block")
+             if not name.startswith(("loop", "ram", "zram"))]
+    os.environ["MUTATION_IS_APART"] = "1"
+    os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", "sh", "-c", _APART, "sh",
+                          *filter(os.path.exists, nodes), "--", sys.executable, *sys.argv])
 
 
 # --- The record -----------------------------------------------------------------------------------------------------
@@ -472,8 +554,7 @@ def try_all(chosen, record, arguments):
         number = numbers[mutant.name]
         os.chmod(folder, 0o755)
         return judge_mutant(order_for(path, number, tests, reached, arguments.lived), {"MUTANT": str(number)}, folder,
-                            lambda test: reached[test.name][0],
-                            PATIENCE_WITH_SURVIVORS if arguments.lived else PATIENCE)
+                            lambda test: reached[test.name][0], arguments.patience)
     for (_, mutant), end in side_by_side(arguments.jobs, work, together):
         keep(mutant.name, end)
     alone = [(path, mutant) for path, mutant in chosen if mutant.name not in numbers]
@@ -481,7 +562,7 @@ def try_all(chosen, record, arguments):
         for path, mutant in alone:
             ordered = [test for name in suites_for(path) for test in tests
                        if test.suite == name and reached[test.name] is not None]
-            keep(mutant.name, try_alone(mutant, path, ordered, reached, targets))
+            keep(mutant.name, try_alone(mutant, path, ordered, reached, targets, arguments.patience))
         build(BUILD, targets)
 
 
@@ -501,8 +582,14 @@ def main():
     parser.add_argument("--lived", action="store_true", help="only those that lived, and before every test")
     parser.add_argument("--together", action="store_true", help="leave out those that need a build of their own")
     parser.add_argument("--list", action="store_true", help="name the mutants and do nothing")
+    parser.add_argument("--patience", type=int, help="how long a mutant is put before further tests, in seconds that "
+                        "these took as they are; 25 when absent, and 250 with --lived")
     parser.add_argument("--check", action="store_true", help="judge the record and do nothing else")
     arguments = parser.parse_args()
+    if arguments.patience is None:
+        arguments.patience = PATIENCE_WITH_SURVIVORS if arguments.lived else PATIENCE
+    if not arguments.check and not arguments.list:
+        go_apart()
     record = read_record()
     if not arguments.check:
         chosen = choose(arguments, record)
