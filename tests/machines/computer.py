@@ -115,6 +115,7 @@ class Computer:
     """
 
     translated = 128  # MiB for what QEMU keeps of translated programs
+    patience = COMMAND_TIMEOUT
 
     # pylint: disable-next=too-many-arguments
     def __init__(self, folder, disks=(), *, kernel=None, modules=(), programs=(), files=None, memory=256, arguments=(),
@@ -231,19 +232,20 @@ class Computer:
         """Sends a command and does not wait for it; `answer` has to follow before the next one."""
         self.channel.send(base64.b64encode(command.encode()) + b"\n")
 
-    def answer(self, command="", timeout=COMMAND_TIMEOUT):
+    def answer(self, command="", timeout=None):
+        timeout = timeout or self.patience
         try:
             status, out, errors = map(int, self.channel.line(timeout).split())
             return Result(command, status, self.channel.exactly(out, timeout), self.channel.exactly(errors, timeout))
         except (Dead, ValueError) as trouble:
             raise Dead(f"{command}: {trouble}\n{self.diagnosis()}") from trouble
 
-    def run(self, command, timeout=COMMAND_TIMEOUT):
+    def run(self, command, timeout=None):
         """Runs a command of the shell."""
         self.send(command)
         return self.answer(command, timeout)
 
-    def succeed(self, command, timeout=COMMAND_TIMEOUT):
+    def succeed(self, command, timeout=None):
         """Runs a command that has to succeed; gives its standard output."""
         result = self.run(command, timeout)
         if result.status != 0:

@@ -87,6 +87,7 @@ class RescuedComputer(Computer):
     """
 
     translated = 512  # a whole system runs many programs
+    patience = ANSWER_TIMEOUT
 
     # pylint: disable-next=too-many-arguments
     def __init__(self, folder, medium, disks=(), *, drive="cd-rom", firmware="bios", entry=0, arguments=(),
@@ -159,7 +160,8 @@ class RescuedComputer(Computer):
                   'bash /run/command > /run/stdout 2> /run/stderr < /dev/null; '
                   'echo "@@$? $(stat -c %s /run/stdout) $(stat -c %s /run/stderr)"; cat /run/stdout /run/stderr\n')
 
-    def answer(self, command="", timeout=ANSWER_TIMEOUT):
+    def answer(self, command="", timeout=None):
+        timeout = timeout or self.patience
         try:
             status, out, errors = map(int, re.search(r"@@(.*)\n", self.expect(r"@@.*\n", timeout)).group(1).split())
             result = Result(command, status, self.channel.exactly(out, timeout), self.channel.exactly(errors, timeout))
@@ -167,9 +169,6 @@ class RescuedComputer(Computer):
         except (Dead, ValueError) as trouble:
             raise Dead(f"{command}: {trouble}\n{self.diagnosis()}") from trouble
         return result
-
-    def run(self, command, timeout=ANSWER_TIMEOUT):
-        return super().run(command, timeout)
 
     def power_off(self):
         """Ends it as its user does, and waits."""
