@@ -120,7 +120,7 @@ class LittleMemory(computer_suite.Counted):
         self.count("small memory", "runs with 256 MiB: a disk of 64 GiB captured tracked and compared, and verified",
                    "3 runs", self.troubles)
 
-    def test_the_consolidation_of_a_disk_of_4_gib(self):
+    def test_the_consolidation_of_a_smaller_disk(self):
         """Its image is written whole: one of 64 GiB is more than there is room for in a test."""
         size = 4096 * MIB
         machine = self.machine_with(size)
