@@ -15,16 +15,24 @@
 //   floor open IMAGE                  read header and table, and SHA-256 of them
 //   floor overlapped JOB A B          capture, seal, restore, unseal-restore or clone as above, with one thread that
 //                                     reads, one that hashes and seals or opens, one that writes, and four blocks
+//   floor uring JOB A B               the same jobs and blocks with one thread, which leaves the transfers to io_uring
+//   floor uring-workers JOB A B       the same, where the kernel has each transfer done by one of its own threads from
+//                                     the start: else what goes through the page cache is copied while one asks for it
 //   floor fold PLAN OUT               a line of PLAN a chunk: file, offset, length, times hashed; written, then read
 //                                     from the medium and hashed once more
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/io_uring.h>
 #include <openssl/evp.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -223,10 +231,70 @@ void Clone(const char* fromPath, const char* toPath, bool comparing) {
     }
 }
 
+constexpr size_t ringSize = 4;
+
+// What goes on side by side: the two files or disks of a job, and the blocks between them.
+struct Passage {
+    bool IsCapture = false;
+    bool IsSealed = false;
+    bool IsHashed = false;
+    int From = -1;
+    int To = -1;
+    uint64_t ReadStart = 0;
+    uint64_t WriteStart = 0;
+    uint64_t Size = 0;
+    std::array<uint8_t*, ringSize> Read{};
+    std::array<uint8_t*, ringSize> Written{};
+    uint64_t Sent = 0;
+
+    // Where the bytes up to `end` of what is written are enough to be sent to their disk: those that are not yet.
+    uint64_t LengthToSend(uint64_t end) const { return IsCapture && end - Sent >= 2 * chunkSize ? end - Sent : 0; }
+
+    void Work(size_t slot, size_t length) const {
+        if (IsHashed) {
+            Hash(Read[slot], length);
+        }
+        if (IsSealed) {
+            Cipher(Read[slot], Written[slot], length, IsCapture);
+        }
+    }
+
+    void End() const {
+        if (IsCapture) {
+            SyncAndForget(To);
+        } else {
+            Sync(To);
+        }
+    }
+};
+
+Passage OpenPassage(const std::string& job, const char* fromPath, const char* toPath) {
+    Passage passage;
+    const bool isClone = job == "clone";
+    passage.IsCapture = job == "capture" || job == "seal";
+    passage.IsSealed = job == "seal" || job == "unseal-restore";
+    passage.IsHashed = passage.IsCapture || job == "restore";
+    const bool isDiskRead = passage.IsCapture || isClone;
+    passage.From = Open(fromPath, isDiskRead ? O_RDONLY | O_DIRECT : O_RDONLY);
+    passage.To =
+        passage.IsCapture ? Open(toPath, O_WRONLY | O_CREAT | O_TRUNC) : Open(toPath, O_RDWR | O_DIRECT | O_EXCL);
+    if (isDiskRead) {
+        passage.Size = SizeOfDisk(passage.From);
+        passage.WriteStart = passage.IsCapture ? 64 + 72 * ((passage.Size - 1) / chunkSize + 1) : 0;
+    } else {
+        const ImageExtent extent = OpenImage(passage.From);
+        passage.ReadStart = extent.DataStart;
+        passage.Size = extent.DiskSize;
+    }
+    for (size_t i = 0; i < ringSize; i++) {
+        passage.Read[i] = Allocate(chunkSize);
+        passage.Written[i] = passage.IsSealed ? Allocate(chunkSize) : passage.Read[i];
+    }
+    return passage;
+}
+
 // What each of the three threads does with the chunk at `offset`, of which block `slot` of the ring is.
 using Stage = std::function<void(size_t slot, uint64_t offset, size_t length)>;
-
-constexpr size_t ringSize = 4;
 
 void RunOverlapped(uint64_t total, const std::array<Stage, 3>& stages) {
     std::mutex mutex;
@@ -253,54 +321,196 @@ void RunOverlapped(uint64_t total, const std::array<Stage, 3>& stages) {
 }
 
 void Overlap(const std::string& job, const char* fromPath, const char* toPath) {
-    const bool isCapture = job == "capture" || job == "seal";
-    const bool isClone = job == "clone";
-    const bool isSealed = job == "seal" || job == "unseal-restore";
-    const int from = Open(fromPath, isCapture || isClone ? O_RDONLY | O_DIRECT : O_RDONLY);
-    const int to = isCapture ? Open(toPath, O_WRONLY | O_CREAT | O_TRUNC) : Open(toPath, O_RDWR | O_DIRECT | O_EXCL);
-    uint64_t readStart = 0;
-    uint64_t writeStart = 0;
-    uint64_t size = 0;
-    if (isCapture || isClone) {
-        size = SizeOfDisk(from);
-        writeStart = isCapture ? 64 + 72 * ((size - 1) / chunkSize + 1) : 0;
-    } else {
-        const ImageExtent extent = OpenImage(from);
-        readStart = extent.DataStart;
-        size = extent.DiskSize;
+    Passage passage = OpenPassage(job, fromPath, toPath);
+    RunOverlapped(passage.Size, {[&](size_t slot, uint64_t offset, size_t length) {
+                                     ReadAt(passage.From, passage.Read[slot], length, passage.ReadStart + offset);
+                                 },
+                                 [&](size_t slot, uint64_t, size_t length) { passage.Work(slot, length); },
+                                 [&](size_t slot, uint64_t offset, size_t length) {
+                                     WriteAt(passage.To, passage.Written[slot], length, passage.WriteStart + offset);
+                                     const uint64_t end = passage.WriteStart + offset + length;
+                                     if (const uint64_t unsent = passage.LengthToSend(end); unsent != 0) {
+                                         (void)sync_file_range(passage.To, static_cast<off_t>(passage.Sent),
+                                                               static_cast<off_t>(unsent), SYNC_FILE_RANGE_WRITE);
+                                         passage.Sent = end;
+                                     }
+                                 }});
+    passage.End();
+}
+
+// What one thread asks the kernel for, and what it is told.
+class Uring {
+public:
+    explicit Uring(bool withWorkers) : flags_(withWorkers ? IOSQE_ASYNC : 0) {
+        io_uring_params given{};
+        descriptor_ = static_cast<int>(syscall(SYS_io_uring_setup, 4 * ringSize, &given));
+        if (descriptor_ < 0) {
+            Die("io_uring");
+        }
+        const size_t asked = given.sq_off.array + given.sq_entries * sizeof(uint32_t);
+        const size_t told = given.cq_off.cqes + given.cq_entries * sizeof(io_uring_cqe);
+        auto* const asking = static_cast<uint8_t*>(Map(asked, IORING_OFF_SQ_RING));
+        auto* const telling = static_cast<uint8_t*>(Map(told, IORING_OFF_CQ_RING));
+        requests_ = static_cast<io_uring_sqe*>(Map(given.sq_entries * sizeof(io_uring_sqe), IORING_OFF_SQES));
+        order_ = reinterpret_cast<uint32_t*>(asking + given.sq_off.array);
+        askedMask_ = *reinterpret_cast<uint32_t*>(asking + given.sq_off.ring_mask);
+        askedTail_ = reinterpret_cast<uint32_t*>(asking + given.sq_off.tail);
+        toldMask_ = *reinterpret_cast<uint32_t*>(telling + given.cq_off.ring_mask);
+        toldHead_ = reinterpret_cast<uint32_t*>(telling + given.cq_off.head);
+        toldTail_ = reinterpret_cast<uint32_t*>(telling + given.cq_off.tail);
+        answers_ = reinterpret_cast<io_uring_cqe*>(telling + given.cq_off.cqes);
     }
-    std::array<uint8_t*, ringSize> read{};
-    std::array<uint8_t*, ringSize> written{};
-    for (size_t i = 0; i < ringSize; i++) {
-        read[i] = Allocate(chunkSize);
-        written[i] = isSealed ? Allocate(chunkSize) : read[i];
+
+    // `id` comes back with the answer.
+    void Ask(uint8_t kind, int file, const uint8_t* memory, size_t length, uint64_t offset, uint64_t id) {
+        const uint32_t tail = *askedTail_;
+        io_uring_sqe& request = requests_[tail & askedMask_];
+        request = {};
+        request.opcode = kind;
+        request.flags = flags_;
+        request.fd = file;
+        request.addr = reinterpret_cast<uintptr_t>(memory);
+        request.len = static_cast<uint32_t>(length);
+        request.off = offset;
+        request.user_data = id;
+        if (kind == IORING_OP_SYNC_FILE_RANGE) {
+            request.sync_range_flags = SYNC_FILE_RANGE_WRITE;
+        }
+        order_[tail & askedMask_] = tail & askedMask_;
+        std::atomic_ref<uint32_t>(*askedTail_).store(tail + 1, std::memory_order_release);
+        if (syscall(SYS_io_uring_enter, descriptor_, 1, 0, 0, nullptr, 0) != 1) {
+            Die("io_uring");
+        }
     }
-    uint64_t sent = 0;
-    RunOverlapped(size, {[&](size_t slot, uint64_t offset, size_t length) {
-                             ReadAt(from, read[slot], length, readStart + offset);
-                         },
-                         [&](size_t slot, uint64_t, size_t length) {
-                             if (isCapture || job == "restore") {
-                                 Hash(read[slot], length);
-                             }
-                             if (isSealed) {
-                                 Cipher(read[slot], written[slot], length, isCapture);
-                             }
-                         },
-                         [&](size_t slot, uint64_t offset, size_t length) {
-                             WriteAt(to, written[slot], length, writeStart + offset);
-                             const uint64_t end = writeStart + offset + length;
-                             if (isCapture && end - sent >= 2 * chunkSize) {
-                                 (void)sync_file_range(to, static_cast<off_t>(sent), static_cast<off_t>(end - sent),
-                                                       SYNC_FILE_RANGE_WRITE);
-                                 sent = end;
-                             }
-                         }});
-    if (isCapture) {
-        SyncAndForget(to);
-    } else {
-        Sync(to);
+
+    bool IsAnswered() const {
+        return *toldHead_ != std::atomic_ref<uint32_t>(*toldTail_).load(std::memory_order_acquire);
     }
+
+    io_uring_cqe WaitForAnswer() {
+        while (!IsAnswered()) {
+            if (syscall(SYS_io_uring_enter, descriptor_, 0, 1, IORING_ENTER_GETEVENTS, nullptr, 0) < 0) {
+                Die("io_uring");
+            }
+        }
+        const io_uring_cqe answer = answers_[*toldHead_ & toldMask_];
+        std::atomic_ref<uint32_t>(*toldHead_).store(*toldHead_ + 1, std::memory_order_release);
+        if (answer.res < 0) {
+            errno = -answer.res;
+            Die("transfer");
+        }
+        return answer;
+    }
+
+private:
+    void* Map(size_t size, uint64_t what) const {
+        void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, descriptor_,
+                                  static_cast<off_t>(what));
+        if (memory == MAP_FAILED) {
+            Die("io_uring");
+        }
+        return memory;
+    }
+
+    uint8_t flags_;
+    int descriptor_ = -1;
+    io_uring_sqe* requests_ = nullptr;
+    uint32_t* order_ = nullptr;
+    uint32_t* askedTail_ = nullptr;
+    uint32_t askedMask_ = 0;
+    io_uring_cqe* answers_ = nullptr;
+    uint32_t* toldHead_ = nullptr;
+    uint32_t* toldTail_ = nullptr;
+    uint32_t toldMask_ = 0;
+};
+
+// The same as Overlap. Chunk i goes through block i % ringSize: read, worked on in its turn, written, and then the
+// block is that of the next.
+class UringPassage {
+public:
+    UringPassage(Passage& passage, bool withWorkers)
+        : passage_(passage), uring_(withWorkers), count_((passage.Size - 1) / chunkSize + 1) {}
+
+    void Run() {
+        for (uint64_t i = 0; i < std::min<uint64_t>(ringSize, count_); i++) {
+            AskToRead(i);
+        }
+        for (uint64_t i = 0; i < count_; i++) {
+            while (!isRead_[i % ringSize]) {
+                TakeAnswer();
+            }
+            isRead_[i % ringSize] = false;
+            passage_.Work(i % ringSize, LengthOf(i));
+            uring_.Ask(IORING_OP_WRITE, passage_.To, passage_.Written[i % ringSize], LengthOf(i), PlaceToWrite(i),
+                       i * kinds + write);
+            underWay_++;
+            while (uring_.IsAnswered()) {
+                TakeAnswer();
+            }
+        }
+        while (underWay_ != 0) {
+            TakeAnswer();
+        }
+        passage_.End();
+    }
+
+private:
+    static constexpr uint64_t read = 0;
+    static constexpr uint64_t write = 1;
+    static constexpr uint64_t send = 2;
+    static constexpr uint64_t kinds = 3;
+
+    size_t LengthOf(uint64_t i) const { return PieceAt(passage_.Size, i * chunkSize); }
+    uint64_t PlaceToRead(uint64_t i) const { return passage_.ReadStart + i * chunkSize; }
+    uint64_t PlaceToWrite(uint64_t i) const { return passage_.WriteStart + i * chunkSize; }
+
+    void AskToRead(uint64_t i) {
+        uring_.Ask(IORING_OP_READ, passage_.From, passage_.Read[i % ringSize], LengthOf(i), PlaceToRead(i),
+                   i * kinds + read);
+        underWay_++;
+    }
+
+    void TakeAnswer() {
+        const io_uring_cqe answer = uring_.WaitForAnswer();
+        const uint64_t i = answer.user_data / kinds;
+        const size_t slot = i % ringSize;
+        const auto done = static_cast<size_t>(answer.res);
+        underWay_--;
+        if (answer.user_data % kinds == read) {
+            ReadAt(passage_.From, passage_.Read[slot] + done, LengthOf(i) - done, PlaceToRead(i) + done);
+            isRead_[slot] = true;
+        } else if (answer.user_data % kinds == write) {
+            WriteAt(passage_.To, passage_.Written[slot] + done, LengthOf(i) - done, PlaceToWrite(i) + done);
+            Send(i);
+            if (i + ringSize < count_) {
+                AskToRead(i + ringSize);
+            }
+        }
+    }
+
+    // Chunks are not written in their order where the kernel has several at work.
+    void Send(uint64_t i) {
+        const uint64_t end = PlaceToWrite(i) + LengthOf(i);
+        if (end <= passage_.Sent) {
+            return;
+        }
+        if (const uint64_t unsent = passage_.LengthToSend(end); unsent != 0) {
+            uring_.Ask(IORING_OP_SYNC_FILE_RANGE, passage_.To, nullptr, unsent, passage_.Sent, i * kinds + send);
+            underWay_++;
+            passage_.Sent = end;
+        }
+    }
+
+    Passage& passage_;
+    Uring uring_;
+    uint64_t count_;
+    std::array<bool, ringSize> isRead_{};
+    size_t underWay_ = 0;
+};
+
+void RunUring(const std::string& job, const char* fromPath, const char* toPath, bool withWorkers) {
+    Passage passage = OpenPassage(job, fromPath, toPath);
+    UringPassage(passage, withWorkers).Run();
 }
 
 void Fold(const char* planPath, const char* outPath) {
@@ -346,6 +556,8 @@ int main(int argc, char** argv) {
         Clone(argv[2], argv[3], job == "clone-verify");
     } else if (argc == 5 && job == "overlapped") {
         Overlap(argv[2], argv[3], argv[4]);
+    } else if (argc == 5 && (job == "uring" || job == "uring-workers")) {
+        RunUring(argv[2], argv[3], argv[4], job == "uring-workers");
     } else if (argc == 3 && job == "open") {
         (void)OpenImage(Open(argv[2], O_RDONLY));
     } else if (argc == 4 && job == "fold") {

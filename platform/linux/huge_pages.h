@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "left_out.h"
+
 namespace vornix::platform {
 
 // Of x86-64; elsewhere a block is merely aligned better than it need be.
@@ -21,7 +23,7 @@ inline void* AllocateBlock(size_t size, size_t alignment, int& code) {
     if (code != 0) {
         return nullptr;
     }
-    if (isLarge) {
+    if (isLarge && !IsLeftOut("large_pages")) {
         // A wish: without it the memory is the same.
         (void)madvise(block, size / hugePage * hugePage, MADV_HUGEPAGE);
     }

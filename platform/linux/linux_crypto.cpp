@@ -21,6 +21,7 @@
 #include <ntstatus.h>
 
 #include "host_paths.h"
+#include "left_out.h"
 #include "linux_calls.h"
 #include "secret_memory.h"
 #include "unsupported.h"
@@ -115,12 +116,21 @@ void ReleaseRecord(Record* record) {
     }
 }
 
+// An algorithm of these names is fetched wherever one begins to use it.
+constexpr bool isEachFetchedAnew = IsLeftOut("algorithm_cache");
+
 const EVP_MD* Sha256() {
+    if (isEachFetchedAnew) {
+        return EVP_sha256();
+    }
     static EVP_MD* const digest = EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
     return digest;
 }
 
 const EVP_CIPHER* Aes256Gcm() {
+    if (isEachFetchedAnew) {
+        return EVP_aes_256_gcm();
+    }
     static EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
     return cipher;
 }

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "huge_pages.h"
+#include "left_out.h"
 #include "open_objects.h"
 #include "raw_transfers.h"
 
@@ -24,7 +25,7 @@ namespace {
 constexpr int mostThreads = 8;
 
 std::atomic<int> threads = 0;
-std::atomic<bool> staySynchronous = false;
+std::atomic<bool> staySynchronous = IsLeftOut("overlap");
 
 } // namespace
 

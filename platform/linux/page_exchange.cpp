@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "huge_pages.h"
+#include "left_out.h"
 
 #ifndef MREMAP_DONTUNMAP
 #define MREMAP_DONTUNMAP 4
@@ -18,7 +19,7 @@ namespace {
 
 // Until the kernel has refused once: before 5.7 it moves no pages and leaves their old addresses mapped, and neither
 // does what only plays a kernel.
-std::atomic<bool> mayBeMoved = true;
+std::atomic<bool> mayBeMoved = !IsLeftOut("exchange");
 
 bool IsWhole(const uint8_t* memory) {
     return reinterpret_cast<uintptr_t>(memory) % hugePage == 0;

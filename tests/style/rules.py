@@ -157,6 +157,14 @@ def other_rooms_keep_apart(tree):
     return problems
 
 
+def nothing_is_left_out_for_users(tree):
+    """What benchmarks have built without a part of the platform, no preset, package or check builds."""
+    return [f"{path}: VORNIX_WITHOUT is for benchmarks alone" for path in sorted(tree)
+            if "VORNIX_WITHOUT" in tree[path]
+            and path not in ("CMakeLists.txt", "CONTRIBUTING.md", "platform/linux/left_out.h")
+            and not path.startswith(("benchmarks/", "docs/", "tests/style/"))]
+
+
 def reader_keeps_to_itself(tree):
     """reader/ and the rest see nothing of each other, and of the system's headers only its ports and its plugin do."""
     problems = []
