@@ -11,7 +11,7 @@ Each round runs every contender of every job once, in an order that changes from
 of the ratios of the rounds. Takes three minutes when everything is built.
 
 With --update the tables are written to benchmarks/ablation.md; what is said there below them stays. --mib is for trying
-this program with a small disk.
+this program with a smaller disk, of 64 MiB at least.
 """
 
 import argparse
