@@ -240,6 +240,23 @@ TEST_F(LinuxDisks, TransfersAreWholeSectors) {
     }
 }
 
+TEST_F(LinuxDisks, BufferedTransferThatTheHostCutsWithinASectorGoesOn) {
+    const ScopedHandle handle(OpenNumber(Small().Number, readWrite, 0, 0));
+    ASSERT_TRUE(handle.IsOpen()) << GetLastError();
+    AlignedBytes buffer = MakeAligned(8192);
+    FillWithPattern(buffer.get(), 8192, 3);
+    const ScopedHostCalls scope;
+    TheHostCalls().LongestTransfer = 1000;
+    DWORD count = 0;
+    ASSERT_TRUE(WriteFile(handle.Get(), buffer.get(), 8192, &count, nullptr)) << GetLastError();
+    EXPECT_EQ(count, 8192u);
+    AlignedBytes back = MakeAligned(8192);
+    ASSERT_TRUE(Seek(handle.Get(), 0));
+    ASSERT_TRUE(ReadFile(handle.Get(), back.get(), 8192, &count, nullptr)) << GetLastError();
+    EXPECT_EQ(count, 8192u);
+    EXPECT_EQ(std::memcmp(buffer.get(), back.get(), 8192), 0);
+}
+
 TEST_F(LinuxDisks, TransferAtTheEndIsRefusedAndAcrossItIsCut) {
     for (const LoopDisk* disk : {&Small(), &Large()}) {
         const ScopedHandle handle(OpenNumber(disk->Number, readWrite, 0));
@@ -616,6 +633,26 @@ TEST_F(LinuxDisks, LoopDeviceGuardsTheDiskAndThePartitionThatItStandsFor) {
     }
     DWORD returned = 99;
     EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+TEST_F(LinuxDisks, LoopDeviceIsNotAskedByTheNodeOfAnother) {
+    const int backing = open(("/dev/" + Small().Name).c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(backing, 0);
+    const ScopedLoop loop(backing);
+    close(backing);
+    ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
+    const std::string other = "/dev/" + TheLoopDisks().ReadOnly.Name;
+    EXPECT_EQ(InChild([&] {
+                  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      mount(other.c_str(), ("/dev/" + loop.Name()).c_str(), nullptr, MS_BIND, nullptr) != 0) {
+                      return 2;
+                  }
+                  return OpenNumber(Small().Number, readWrite, 0) == INVALID_HANDLE_VALUE &&
+                                 GetLastError() == ERROR_SHARING_VIOLATION
+                             ? 0
+                             : 1;
+              }),
+              0);
 }
 
 TEST_F(LinuxDisks, OpenPartitionOfADiskWhoseTableIsNotReadGuardsIt) {

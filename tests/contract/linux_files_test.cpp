@@ -24,6 +24,7 @@
 #include <memory>
 #include <thread>
 
+#include "linux/durable_writes.h"
 #include "linux_host_calls.h"
 
 namespace {
@@ -351,6 +352,40 @@ TEST_F(LinuxDurableFiles, GapInFrontOfAWriteHasItsRoom) {
     }
 }
 
+TEST_F(LinuxDurableFiles, GapOfSeveralPiecesIsFilledUpToTheWriteAndNoFurther) {
+    const ScopedHostCalls scope;
+    TheHostCalls().HasAllocation = false;
+    constexpr uint64_t gap = 1'300'000;
+    {
+        const ScopedHandle file(Open(L"file", GENERIC_WRITE, 0, CREATE_NEW));
+        ASSERT_TRUE(Write(file.Get(), gap, "behind")) << GetLastError();
+    }
+    EXPECT_GE(RoomOf("file"), gap);
+    EXPECT_EQ(std::filesystem::file_size(Folder() / "file"), gap + 6);
+}
+
+TEST_F(LinuxDurableFiles, GapIsFilledByteByByteWhereTheHostTakesNoMore) {
+    const ScopedHostCalls scope;
+    TheHostCalls().HasAllocation = false;
+    TheHostCalls().LongestTransfer = 1;
+    {
+        const ScopedHandle file(Open(L"file", GENERIC_WRITE, 0, CREATE_NEW));
+        ASSERT_TRUE(Write(file.Get(), 5, "behind")) << GetLastError();
+    }
+    EXPECT_EQ(ContentOf(L"file"), std::string(5, '\0') + "behind");
+}
+
+TEST_F(LinuxDurableFiles, GapOfAnUnbufferedFileStaysAHoleWhereTheHostGivesNoRoom) {
+    const ScopedHostCalls scope;
+    TheHostCalls().HasAllocation = false;
+    const std::string sectors(8192, 's');
+    {
+        const ScopedHandle file(Open(L"file", GENERIC_WRITE, 0, CREATE_NEW, FILE_FLAG_NO_BUFFERING));
+        ASSERT_TRUE(Write(file.Get(), 65536, sectors)) << GetLastError();
+    }
+    EXPECT_EQ(ContentOf(L"file"), std::string(65536, '\0') + sectors);
+}
+
 TEST_F(LinuxDurableFiles, GapThatHasNoRoomFailsTheWriteThatIsBehindIt) {
     const std::string point = NarrowPath("small");
     std::filesystem::create_directory(point);
@@ -365,6 +400,9 @@ TEST_F(LinuxDurableFiles, GapThatHasNoRoomFailsTheWriteThatIsBehindIt) {
                       return !Write(file, 2 << 20, "behind") && GetLastError() == ERROR_DISK_FULL ? 0 : 1;
                   }),
                   0);
+        if (hasAllocation) {
+            EXPECT_EQ(std::filesystem::file_size(Folder() / "small" / "file"), 0u) << "filled although it has no room";
+        }
     }
     EXPECT_EQ(umount(point.c_str()), 0);
 }
@@ -386,6 +424,17 @@ TEST_F(LinuxDurableFiles, CloseBringsBytesAndANewNameToTheDiskAndLeavesTheCache)
     TheHostCalls().Order.clear();
     { const ScopedHandle emptied(Open(L"file", GENERIC_WRITE, 0, CREATE_ALWAYS)); }
     EXPECT_EQ(order, (Names{"sync file", "drop"}));
+}
+
+TEST_F(LinuxDurableFiles, NothingIsBroughtToTheDiskBesideAMachineThatIsDescribed) {
+    EXPECT_EQ(InChild([&] {
+                  const ScopedHostCalls scope;
+                  vornix::platform::LeaveFilesInCache();
+                  MakeFile(L"file", "content");
+                  return TheHostCalls().Order.empty() ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(ContentOf(L"file"), "content");
 }
 
 TEST_F(LinuxDurableFiles, WrittenPagesAreNotInMemoryBehindTheClose) {

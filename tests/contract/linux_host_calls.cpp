@@ -239,7 +239,7 @@ int fallocate(int descriptor, int mode, off_t offset, off_t length) {
 
 int posix_fadvise(int descriptor, off_t offset, off_t length, int advice) noexcept {
     if (advice == POSIX_FADV_DONTNEED) {
-        TheHostCalls().Order.emplace_back("drop");
+        TheHostCalls().Order.emplace_back(offset == 0 && length == 0 ? "drop" : "drop a part");
     }
     return syscall(SYS_fadvise64, descriptor, offset, length, advice) == 0 ? 0 : errno;
 }

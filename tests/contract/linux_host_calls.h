@@ -29,7 +29,7 @@ struct HostCalls {
 
     std::function<void()> BeforeLock; // what somebody else does between an open and its lock
 
-    // "send", "allocate", "sync file", "sync disk", "drop", "rename", "sync folder", "sync file system"
+    // "send", "allocate", "sync file", "sync disk", "drop", "drop a part", "rename", "sync folder", "sync file system"
     std::vector<std::string> Order;
     int LastSynced = -1; // the descriptor
 };
