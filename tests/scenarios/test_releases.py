@@ -63,6 +63,12 @@ class Releases(suite.Scenario):
     def test_full_capture_sealed_with_snapshots(self):
         self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--vss", "--encrypt", *KEY)
 
+    def test_session_that_came_to_nothing_ends_before_the_disk_is_read(self):
+        self.computer.add_fault("IVssBackupComponents::StartSnapshotSet", status="0x80004005")
+        result = self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--vss")
+        calls = result.sequence("IVssBackupComponents::Release", "CoUninitialize", "ReadFile")
+        self.assertEqual(calls[:3], ["IVssBackupComponents::Release", "CoUninitialize", "ReadFile"], result.describe())
+
     def test_capture_that_copies_from_its_base(self):
         self.base()
         self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--base", "base.vrnx")
