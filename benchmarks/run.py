@@ -97,7 +97,9 @@ class Filler:
     def fill(self):
         with open(self.path, "rb", buffering=0) as file:
             buffer = bytearray(1 << 24)
-            while free_memory() > 700 << 20:
+            left = free_memory()  # more than that only takes the place of what was read before
+            while left > 0 and free_memory() > 700 << 20:
+                left -= len(buffer)
                 file.seek(self.offset)
                 file.readinto(buffer)
                 self.offset = (self.offset + len(buffer)) % (1 << 40)
