@@ -116,7 +116,8 @@ Entry& Folder::Load(const std::string& name) {
     std::string path = JoinPath(path_, name);
     Image image;
     vrnx_error error;
-    if (image.Open(path, VRNX_OPEN_EXAMINE | VRNX_OPEN_NO_PASSWORD | VRNX_OPEN_ALONE, nullptr, error) != VRNX_OK) {
+    constexpr uint32_t flags = VRNX_OPEN_EXAMINE | VRNX_OPEN_NO_PASSWORD | VRNX_OPEN_ALONE | VRNX_OPEN_NO_HASHES;
+    if (image.Open(path, flags, nullptr, error) != VRNX_OK) {
         entry.kind = Kind::unreadable;
         entry.missing = error.code == VRNX_ERROR_OPEN && SaysMissing(error.system_error);
         entry.problem = error.text;

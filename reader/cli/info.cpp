@@ -294,7 +294,7 @@ int RunInfo(const Arguments& arguments, Console& console) {
     const std::string& path = arguments.operands[0];
     Image image;
     vrnx_error error;
-    if (image.Open(path, VRNX_OPEN_EXAMINE | VRNX_OPEN_NO_PASSWORD, nullptr, error) != VRNX_OK) {
+    if (image.Open(path, VRNX_OPEN_EXAMINE | VRNX_OPEN_NO_PASSWORD | VRNX_OPEN_NO_HASHES, nullptr, error) != VRNX_OK) {
         console.Complain(error.text);
         return statusFailed;
     }

@@ -124,7 +124,11 @@ enum vrnx_open_flag {
     /* To describe what cannot be used: as lenient, and a bad or missing header is a problem as well. Fails only where
      * the file cannot be opened or read. What is known then is in vrnx_layer.known; without VRNX_KNOWN_GEOMETRY there
      * are no chunks, and no bytes to read. */
-    VRNX_OPEN_EXAMINE = 8
+    VRNX_OPEN_EXAMINE = 8,
+
+    /* Forget the hashes of the tables but for what is zeros: to count and to describe, without the memory that they
+     * take. vrnx_chunk.hash is zero then, and reading, checking, proving and healing are wrong use. */
+    VRNX_OPEN_NO_HASHES = 16
 };
 
 /* vrnx_open_options.cache_chunks for no cache at all. */
@@ -239,7 +243,7 @@ struct vrnx_chunk {
     uint8_t bad_entry;    /* lenient: the record of level 0 is broken or missing, and `hash` means nothing */
     uint8_t zero;         /* all its bytes are zero, by the hash in every table on its way up */
     uint8_t reserved;     /* 0 */
-    uint8_t hash[32];     /* SHA-256 of the plain bytes, by the record of level 0 */
+    uint8_t hash[32];     /* SHA-256 of the plain bytes, by the record of level 0; zero with VRNX_OPEN_NO_HASHES */
 };
 
 #define VRNX_NOT_CHECKED (-1)

@@ -36,6 +36,9 @@ public:
 
     const std::vector<std::unique_ptr<Layer>>& Layers() const { return layers_; }
     const Problems& GetProblems() const { return problems_; }
+    // Whether the tables' hashes were kept; without them nothing can be read.
+    bool HasHashes() const { return hasHashes_; }
+
     const Layer& Top() const { return *layers_.front(); }
 
     Holder FindHolder(uint64_t chunk) const;
@@ -103,6 +106,7 @@ private:
     int FillSlot(Slot& slot, uint64_t chunk, vrnx_error& error);
 
     Algorithms algorithms_;
+    bool hasHashes_ = true;
     std::vector<std::unique_ptr<Layer>> layers_;
     Problems problems_;
 

@@ -18,7 +18,28 @@ int Refuse(Problems* problems, vrnx_error& error) {
     return VRNX_OK;
 }
 
-int Layer::Load(Context& context, Problems* problems, bool examine, vrnx_error& error) {
+bool ZeroHashes::Prepare(Context& context, uint32_t length, uint32_t lastLength) {
+    static constexpr uint8_t zeros[0x10000] = {};
+    const uint32_t wanted[] = {length, lastLength};
+    for (int i = 0; i < 2; i++) {
+        if (lengths_[i] == wanted[i]) {
+            continue;
+        }
+        bool hashed = context.BeginHash();
+        for (uint32_t done = 0; done < wanted[i] && hashed;) {
+            const auto step = std::min<uint32_t>(wanted[i] - done, sizeof zeros);
+            hashed = context.AddToHash(zeros, step);
+            done += step;
+        }
+        if (!hashed || !context.EndHash(hashes_[i])) {
+            return false;
+        }
+        lengths_[i] = wanted[i];
+    }
+    return true;
+}
+
+int Layer::Load(Context& context, Problems* problems, bool examine, ZeroHashes* zeros, vrnx_error& error) {
     int systemError = file_.Open(path_.c_str());
     if (systemError == vrnx::File::notRegular) {
         return ReportFile(error, VRNX_ERROR_OPEN, level_, path_, "is no regular file");
@@ -29,7 +50,7 @@ int Layer::Load(Context& context, Problems* problems, bool examine, vrnx_error& 
     if (JudgeHeader(error) != VRNX_OK) {
         return examine && VRNX_IS_REFUSAL(error.code) ? Refuse(problems, error) : error.code;
     }
-    if (ReadTable(context, problems, error) != VRNX_OK) {
+    if (ReadTable(context, problems, zeros, error) != VRNX_OK) {
         return error.code;
     }
     return JudgeTable(problems, error);
@@ -87,7 +108,7 @@ int Layer::JudgeHeader(vrnx_error& error) {
     return VRNX_OK;
 }
 
-int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
+int Layer::ReadTable(Context& context, Problems* problems, ZeroHashes* zeros, vrnx_error& error) {
     const uint64_t whole = recordSize * header_.chunkCount;
     uint64_t present = whole;
     if (file_.Size() < headerSize + whole) {
@@ -106,7 +127,8 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
     if (int systemError = file_.Read(0, header, sizeof header, got)) {
         return ReportFile(error, VRNX_ERROR_FILE_READ, level_, path_, "could not read image header", systemError);
     }
-    bool hashed = context.BeginHash() && context.AddToHash(header, got);
+    bool hashed = zeros == nullptr || zeros->Prepare(context, header_.chunkSize, LengthOf(header_.chunkCount - 1));
+    hashed = hashed && context.BeginHash() && context.AddToHash(header, got);
     // Each piece is hashed and taken apart while it is in the processor's cache.
     constexpr size_t pieceRecords = 0x40000 / recordSize;
     const Block piece = AllocateBlock(static_cast<size_t>(std::min<uint64_t>(present, recordSize * pieceRecords)));
@@ -117,7 +139,7 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
         hashed = context.AddToHash(piece.get(), got);
         at += got;
         for (size_t begin = 0; begin + recordSize <= got; begin += recordSize) {
-            TakeRecord({piece.get() + begin}, problems == nullptr);
+            TakeRecord({piece.get() + begin}, problems == nullptr, zeros);
         }
         if (systemError != 0 || got < wanted) {
             ReportFile(error, VRNX_ERROR_FILE_READ, level_, path_, "could not read chunk table", systemError);
@@ -137,7 +159,7 @@ int Layer::ReadTable(Context& context, Problems* problems, vrnx_error& error) {
 }
 
 // Judges the next record, and keeps what is needed of it. Opened strictly, an image is refused at the first bad one.
-void Layer::TakeRecord(const Record& record, bool strict) {
+void Layer::TakeRecord(const Record& record, bool strict, const ZeroHashes* zeros) {
     if (strict && badRecordCount_ != 0) {
         return;
     }
@@ -157,10 +179,15 @@ void Layer::TakeRecord(const Record& record, bool strict) {
     if (IsThin()) {
         stored_.Append(stored);
     }
-    const bool changed = hashes_.IsEmpty() || memcmp(hashes_.Last(), record.Hash(), hashSize) != 0;
+    const uint8_t* hash = record.Hash();
+    if (zeros != nullptr && memcmp(hash, zeros->Of(left == 1), hashSize) != 0) {
+        static constexpr uint8_t ofSomethingElse[hashSize] = {};
+        hash = ofSomethingElse;
+    }
+    const bool changed = hashes_.IsEmpty() || memcmp(hashes_.Last(), hash, hashSize) != 0;
     hashChanges_.Append(changed);
     if (changed) {
-        hashes_.Append(record.Hash(), left);
+        hashes_.Append(hash, left);
     }
     if (IsSealed() && (stored || !IsThin())) {
         seals_.Append(record.Nonce(), left); // and the tag behind it

@@ -37,6 +37,20 @@ struct Key {
     uint8_t bytes[keySize] = {};
 };
 
+// The hashes of chunks of zeros, for a table of which nothing else is kept. The images of a chain have chunks of the
+// same two lengths, as a rule.
+class ZeroHashes {
+public:
+    // False where the library of cryptography fails.
+    bool Prepare(Context& context, uint32_t length, uint32_t lastLength);
+
+    const uint8_t* Of(bool isLast) const { return hashes_[isLast ? 1 : 0]; }
+
+private:
+    uint32_t lengths_[2] = {};
+    uint8_t hashes_[2][hashSize] = {};
+};
+
 class Layer {
 public:
     Layer(std::string path, uint32_t level) : path_(std::move(path)), level_(level) {}
@@ -44,7 +58,8 @@ public:
     // Opens the file and reads header and table. What is refused gives its code and fills `error`; with `problems`, all
     // but a header that is refused, which is one too where `examine` is set, is put there instead. Then Known() tells
     // what is to be had.
-    int Load(Context& context, Problems* problems, bool examine, vrnx_error& error);
+    // With `zeros`, no hash is kept but theirs: HashOf gives another one for all the rest.
+    int Load(Context& context, Problems* problems, bool examine, ZeroHashes* zeros, vrnx_error& error);
 
     // Reads the trailer of a thin image, behind a good header. As above.
     int LoadTrailer(Problems* problems, vrnx_error& error);
@@ -93,8 +108,8 @@ public:
 
 private:
     int JudgeHeader(vrnx_error& error);
-    int ReadTable(Context& context, Problems* problems, vrnx_error& error);
-    void TakeRecord(const Record& record, bool strict);
+    int ReadTable(Context& context, Problems* problems, ZeroHashes* zeros, vrnx_error& error);
+    void TakeRecord(const Record& record, bool strict, const ZeroHashes* zeros);
     int JudgeTable(Problems* problems, vrnx_error& error);
     uint32_t StoredBefore(uint64_t chunk) const {
         return IsThin() ? stored_.CountBefore(chunk) : static_cast<uint32_t>(chunk);

@@ -116,6 +116,7 @@ private:
     vrnx_error& error_;
     Context context_;
     Problems* problems_ = nullptr;
+    ZeroHashes zeros_;
     Password password_;
 };
 
@@ -194,7 +195,8 @@ int Image::Opening::OpenLayer(const std::string& path, bool& opened) {
     if (level == maxChain) {
         code = ReportFile(error_, VRNX_REFUSED_CHAIN_LENGTH, level, path);
     } else {
-        code = layer->Load(context_, problems_, examine && level == 0, error_);
+        ZeroHashes* const zeros = image_.HasHashes() ? nullptr : &zeros_;
+        code = layer->Load(context_, problems_, examine && level == 0, zeros, error_);
     }
     // The same file a second time would lead to itself again, until there are too many.
     const bool loops = std::any_of(layers.begin(), layers.end(), [&](const auto& upper) {
@@ -315,6 +317,7 @@ int Image::Opening::TieChain() {
 }
 
 int Image::Open(const char* path, const vrnx_open_options& options, vrnx_error& error) {
+    hasHashes_ = (options.flags & VRNX_OPEN_NO_HASHES) == 0;
     return Opening(*this, options, error).Run(path);
 }
 

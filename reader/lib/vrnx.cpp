@@ -51,6 +51,11 @@ int ReportUsage(vrnx_error& error, const char* text) {
     return vrnx::Report(error, VRNX_ERROR_USAGE, text);
 }
 
+// Without hashes nothing can be proved, and what is not proved is not given.
+bool CanProve(const vrnx_image* image) {
+    return image != nullptr && Inside(image).HasHashes();
+}
+
 bool HasChunk(const vrnx_image* image, uint64_t number) {
     return image != nullptr && number < Inside(image).Top().GetHeader().chunkCount;
 }
@@ -82,7 +87,8 @@ int vrnx_open(const char* path, const struct vrnx_open_options* options, size_t 
             }
             memcpy(&all, options, sizeof all);
         }
-        constexpr uint32_t known = VRNX_OPEN_NO_PASSWORD | VRNX_OPEN_LENIENT | VRNX_OPEN_ALONE | VRNX_OPEN_EXAMINE;
+        constexpr uint32_t known =
+            VRNX_OPEN_NO_PASSWORD | VRNX_OPEN_LENIENT | VRNX_OPEN_ALONE | VRNX_OPEN_EXAMINE | VRNX_OPEN_NO_HASHES;
         if ((all.flags & ~known) != 0) {
             return ReportUsage(failure, "vrnx_open: unknown flag");
         }
@@ -192,7 +198,9 @@ int vrnx_get_chunk(const vrnx_image* image, uint64_t number, struct vrnx_chunk* 
     if (top.HasRecord(number)) {
         all.reference = top.IsStored(number) ? 0 : 1;
         all.zero = from.IsZero(number) ? 1 : 0;
-        memcpy(all.hash, top.HashOf(number), sizeof all.hash);
+        if (from.HasHashes()) {
+            memcpy(all.hash, top.HashOf(number), sizeof all.hash);
+        }
     } else {
         all.bad_entry = 1;
     }
@@ -204,6 +212,9 @@ int vrnx_check_chunk(vrnx_image* image, uint64_t number, struct vrnx_error* erro
         if (!HasChunk(image, number)) {
             return ReportUsage(failure, "vrnx_check_chunk: no such chunk");
         }
+        if (!CanProve(image)) {
+            return ReportUsage(failure, "vrnx_check_chunk: opened without hashes");
+        }
         return Inside(image).Check(number, failure);
     });
 }
@@ -212,6 +223,9 @@ int vrnx_read(vrnx_image* image, void* buffer, uint64_t offset, size_t length, s
     return Guard(error, [&](vrnx_error& failure) {
         if (image == nullptr || (buffer == nullptr && length > 0)) {
             return ReportUsage(failure, "vrnx_read: a NULL");
+        }
+        if (!CanProve(image)) {
+            return ReportUsage(failure, "vrnx_read: opened without hashes");
         }
         const uint64_t diskSize = Inside(image).Top().GetHeader().diskSize;
         if (offset > diskSize || length > diskSize - offset) {
@@ -226,6 +240,9 @@ int vrnx_prove_chunk(vrnx_image* image, uint64_t number, const void* bytes, size
         if (!HasChunk(image, number) || bytes == nullptr) {
             return ReportUsage(failure, "vrnx_prove_chunk: no such chunk, or a NULL");
         }
+        if (!CanProve(image)) {
+            return ReportUsage(failure, "vrnx_prove_chunk: opened without hashes");
+        }
         return Inside(image).Prove(number, static_cast<const uint8_t*>(bytes), length, failure);
     });
 }
@@ -234,6 +251,9 @@ int vrnx_heal_chunk(vrnx_image* image, uint64_t number, vrnx_image* donor, void*
     return Guard(error, [&](vrnx_error& failure) {
         if (!HasChunk(image, number) || donor == nullptr || buffer == nullptr) {
             return ReportUsage(failure, "vrnx_heal_chunk: no such chunk, or a NULL");
+        }
+        if (!CanProve(image) || !CanProve(donor)) {
+            return ReportUsage(failure, "vrnx_heal_chunk: opened without hashes");
         }
         return Inside(image).Heal(number, Inside(donor), static_cast<uint8_t*>(buffer), failure);
     });

@@ -29,7 +29,7 @@ TEST(Api, WrongUseIsAnError) {
     EXPECT_EQ(OpenWith(full.c_str(), nullptr, sizeof options, &error), VRNX_ERROR_USAGE);
     EXPECT_EQ(OpenWith(full.c_str(), &options, 0, &error), VRNX_ERROR_USAGE);
     EXPECT_EQ(OpenWith(full.c_str(), &options, sizeof options - 1, &error), VRNX_ERROR_USAGE);
-    options.flags = 16;
+    options.flags = 32;
     EXPECT_EQ(OpenWith(full.c_str(), &options, sizeof options, &error), VRNX_ERROR_USAGE);
     options = WithPassword();
     options.password_file = "password";
@@ -53,6 +53,35 @@ TEST(Api, WrongUseIsAnError) {
     EXPECT_EQ(vrnx_prove_chunk(image.get(), 0, nullptr, 0, &error), VRNX_ERROR_USAGE);
     EXPECT_EQ(vrnx_heal_chunk(image.get(), 0, nullptr, &byte, &error), VRNX_ERROR_USAGE);
     vrnx_close(nullptr);
+}
+
+TEST(Api, WithoutHashesEverythingIsToldAndNothingRead) {
+    vrnx_error error;
+    for (const char* const name : {"full.vrnx", "thin.vrnx", "sealed.vrnx"}) {
+        vrnx_open_options options = {};
+        options.flags = VRNX_OPEN_NO_PASSWORD;
+        const ImagePointer whole = Open(vectors + name, options, error);
+        options.flags |= VRNX_OPEN_NO_HASHES;
+        const ImagePointer counted = Open(vectors + name, options, error);
+        ASSERT_TRUE(whole != nullptr && counted != nullptr) << error.text;
+        vrnx_info info = {};
+        ASSERT_EQ(vrnx_get_info(counted.get(), &info, sizeof info), VRNX_OK);
+        for (uint64_t number = 0; number < info.chunk_count; number++) {
+            vrnx_chunk expected = {};
+            vrnx_chunk chunk = {};
+            ASSERT_EQ(vrnx_get_chunk(whole.get(), number, &expected, sizeof expected), VRNX_OK);
+            ASSERT_EQ(vrnx_get_chunk(counted.get(), number, &chunk, sizeof chunk), VRNX_OK);
+            memset(expected.hash, 0, sizeof expected.hash);
+            EXPECT_EQ(memcmp(&chunk, &expected, sizeof chunk), 0) << name << ", chunk " << number;
+        }
+        uint8_t byte = 0;
+        EXPECT_EQ(vrnx_read(counted.get(), &byte, 0, 1, &error), VRNX_ERROR_USAGE);
+        EXPECT_STREQ(error.text, "vrnx_read: opened without hashes");
+        EXPECT_EQ(vrnx_check_chunk(counted.get(), 0, &error), VRNX_ERROR_USAGE);
+        EXPECT_EQ(vrnx_prove_chunk(counted.get(), 0, &byte, 1, &error), VRNX_ERROR_USAGE);
+        EXPECT_EQ(vrnx_heal_chunk(counted.get(), 0, whole.get(), &byte, &error), VRNX_ERROR_USAGE);
+        EXPECT_EQ(vrnx_heal_chunk(whole.get(), 0, counted.get(), &byte, &error), VRNX_ERROR_USAGE);
+    }
 }
 
 TEST(Api, AnErrorThatNobodyWants) {
