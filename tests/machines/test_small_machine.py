@@ -1,7 +1,7 @@
-"""Runs with 256 MiB of memory on a disk of 64 GiB.
+"""Little memory: all commands in a whole computer of 256 MiB, and runs with 256 MiB on a disk of 64 GiB.
 
-A virtual computer computes too slowly for such a disk. So it is a described disk and then a real block device of this
-system, and what may not pass 256 MiB are the run and all that the kernel keeps in memory for it.
+A virtual computer computes too slowly for the large disk. So that is a described disk and then a real block device of
+this system, and what may not pass 256 MiB are the run and all that the kernel keeps in memory for it.
 """
 
 import copy
@@ -13,12 +13,13 @@ import computer_suite
 import image
 import loop_disks
 import suite
-from disks import MIB
+from disks import MIB, Disk
 from incremental import marked
 from machine import SETTINGS, pattern
 
 MEMORY = 256 * MIB
 CHUNK = 4 * MIB
+BESIDE = 16 * MIB  # what a run takes beyond its buffers, its tables and the blocks of its transfers
 GROUPS = "/sys/fs/cgroup/memory"
 
 
@@ -130,6 +131,54 @@ class LittleMemory(computer_suite.Counted):
         self.expect_images(machine, size // CHUNK, "thin.vrnx", "full.vrnx")
         self.count("small memory", "runs with 256 MiB: a disk of 4 GiB captured thin and consolidated", "2 runs",
                    self.troubles)
+
+
+class SmallComputer(computer_suite.Story):
+    """All commands in one computer: what goes through its memory is several times as much as it has."""
+
+    long = True
+    SIZE = MEMORY // 2
+    CHANGED = 17  # the chunk
+
+    def measured(self, computer, command, handles, said):
+        """A run that succeeds and has no more memory than promised: two buffers of a chunk, three blocks of a chunk for
+        each handle that transfers, and what is beside."""
+        result = computer.run(f"time -f %M -o /run/peak vornix {command}")
+        peak = int(computer.succeed("tail -n 1 /run/peak")) * 1024
+        self.peaks.append(peak)
+        if result.status != 0 or result.errors or said not in result.text:
+            self.troubles.append(f"{command}: {result.status} {result.errors} {result.text[-300:]}")
+        if peak > BESIDE + (2 + 3 * handles) * CHUNK:
+            self.troubles.append(f"{command}: a peak of {peak} bytes")
+
+    def test_a_computer_of_256_mib(self):
+        self.troubles, self.peaks = [], []
+        contents = pattern(self.SIZE, "source")
+        source, target = Disk(self.SIZE, contents=contents), Disk(self.SIZE + MIB)
+        images = Disk(5 * self.SIZE // 2)
+        computer = self.computer(source, target, images, modules=["ext4"], memory=MEMORY // MIB,
+                                 programs=["mkfs.ext4", "time"], files={"/changed": pattern(65536, "changed")})
+        place, name = self.CHANGED * CHUNK, computer.device(images)
+        computer.succeed(f"mkfs.ext4 -q /dev/{name} && mount /dev/{name} /mnt")
+        from_disk, onto = computer.number(source), computer.number(target)
+        self.measured(computer, "list-disks", 0, f"PhysicalDrive{onto} ")
+        self.measured(computer, f"capture --disk {from_disk} --out /mnt/base.vrnx", 2, "Capture complete")
+        computer.succeed(f"dd if=/changed of=/dev/{computer.device(source)} bs=64k seek={place // 65536} && sync")
+        contents = contents[:place] + pattern(65536, "changed") + contents[place + 65536:]
+        self.measured(computer, f"capture --disk {from_disk} --base /mnt/base.vrnx --thin --out /mnt/thin.vrnx", 3,
+                      f"stored 1 of {self.SIZE // CHUNK} chunks")
+        self.measured(computer, "verify --in /mnt/thin.vrnx", 2, "Verify OK")
+        self.measured(computer, "consolidate --in /mnt/thin.vrnx --out /mnt/full.vrnx", 3, "Verify OK")
+        self.measured(computer, f"clone --from {from_disk} --to {onto} --confirm YES --verify", 2, "Clone complete")
+        if target.bytes() != contents + bytes(MIB):
+            self.troubles.append("the clone holds other bytes")
+        computer.succeed(f"dd if=/dev/zero of=/dev/{computer.device(target)} bs=1M; sync")
+        self.measured(computer, f"restore --in /mnt/full.vrnx --disk {onto} --confirm YES", 2, "Restore complete")
+        if target.bytes() != contents + bytes(MIB):
+            self.troubles.append("the target holds other bytes")
+        self.count("small memory", f"a computer of 256 MiB with a disk of {self.SIZE // MIB} MiB: listed, captured, "
+                   "captured thin, verified, consolidated, cloned, restored",
+                   f"7 runs of at most {max(self.peaks) // MIB} MiB", self.troubles)
 
 
 if __name__ == "__main__":
