@@ -37,7 +37,7 @@ INJECTED_NTSTATUS = 0xC0000001
 INJECTED_HRESULT = 0x80004005
 
 LASTING = 1000000  # `times` of a fault that goes on from its call to the end of the run
-SAMPLE = 6         # runs of one sweep under Wine and the sanitizers, where each costs several times as much
+SAMPLE = 3         # runs of one sweep under Wine and the sanitizers: the first, one amid, the last
 
 LAST_ERROR_CALLS = {
     "CreateFileW", "ReadFile", "WriteFile", "SetFilePointerEx", "GetFileSizeEx", "DeviceIoControl", "CloseHandle",

@@ -46,17 +46,17 @@ class CompareRecordings(unittest.TestCase):
     def test_equal_accounts_are_counted_for_each_suite(self):
         both = {"test_a/A.one": SAME, "test_a/A.two": OTHER, "test_long_name/B.one": SAME}
         self.assertEqual(self.compare(both, both), ([
-            "scenarios of    natively      Wine     equal  excepted    failed",
-            "test_a                 2         2         2         0         0",
-            "test_long_name         1         1         1         0         0",
-            "all                    3         3         3         0         0",
+            "scenarios of    natively      Wine  left out     equal  excepted    failed",
+            "test_a                 2         2         0         2         0         0",
+            "test_long_name         1         1         0         1         0         0",
+            "all                    3         3         0         3         0         0",
             "3 passed, 0 failed, 0 skipped"], 0))
 
     def test_a_difference_is_a_failure_and_is_shown(self):
         lines, status = self.compare({"test_a/A.one": SAME, "test_a/A.two": SAME},
                                      {"test_a/A.one": SAME, "test_a/A.two": OTHER})
         self.assertEqual(status, 1)
-        self.assertEqual(lines[2].split(), ["all", "2", "2", "1", "0", "1"])
+        self.assertEqual(lines[2].split(), ["all", "2", "2", "0", "1", "0", "1"])
         self.assertEqual(lines[3:], ["FAILED test_a/A.two",
                                      "    account[0].runs[0].status: 0 natively, 1 under Wine",
                                      "1 passed, 1 failed, 0 skipped"])
@@ -69,13 +69,29 @@ class CompareRecordings(unittest.TestCase):
         lines, status = self.compare({"test_a/A.one": SAME, "test_a/A.two": SAME}, {"test_a/A.one": SAME},
                                      "# a remark\ntest_a/A.two: cannot be there\n")
         self.assertEqual((status, lines[2:]), (0, [
-            "all                  2         1         1         1         0", "excepted: test_a/A.two: cannot be there",
+            "all                  2         1         0         1         1         0",
+            "excepted: test_a/A.two: cannot be there",
             "1 passed, 0 failed, 1 skipped"]))
 
     def test_an_exception_that_is_not_needed_is_a_failure(self):
         both = {"test_a/A.one": SAME}
         lines, status = self.compare(both, both, "test_a/A.one: cannot be there\n")
         self.assertEqual((status, lines[-1]), (1, "1 passed, 1 failed, 0 skipped"))
+
+    def test_what_the_windows_build_leaves_out_is_counted_and_an_exception_of_it_is_not_stale(self):
+        lines, status = self.compare({"test_a/A.one": SAME, "test_a/A.two": SAME},
+                                     {"test_a/A.one": SAME, "test_a/A.two": None, "test_a/A.unrecorded": None},
+                                     "test_a/A.two: cannot be there\n")
+        self.assertEqual((status, lines[1:]), (0, [
+            "test_a               2         1         1         1         0         0",
+            "all                  2         1         1         1         0         0",
+            "1 passed, 0 failed, 0 skipped"]))
+
+    def test_a_suite_that_is_left_out_whole_is_a_failure(self):
+        lines, status = self.compare({"test_a/A.one": SAME, "test_b/B.one": SAME},
+                                     {"test_a/A.one": SAME, "test_b/B.one": None})
+        self.assertEqual((status, lines[-3:]), (1, [
+            "FAILED test_b", "    has nothing that both builds ran", "1 passed, 1 failed, 0 skipped"]))
 
     def test_nothing_to_compare_is_a_failure(self):
         self.assertEqual(self.compare({}, {})[1], 1)
