@@ -4,7 +4,7 @@
 # As a test a target runs its seeds and then a fixed number of further inputs. `./check --long` runs them for longer,
 # and a run by hand is  build/fuzz/tests/fuzz_image -max_total_time=3600 <folder for new inputs> tests/fuzz/seeds/image
 
-set(VORNIX_FUZZ_RUNS 20000 CACHE STRING "Further inputs that a fuzz target tries as a test")
+set(VORNIX_FUZZ_RUNS 10000 CACHE STRING "Further inputs that a fuzz target tries as a test")
 
 target_compile_options(vornix_program PRIVATE -fsanitize=fuzzer-no-link)
 

@@ -32,6 +32,7 @@ if(NOT VORNIX_SANITIZE)
   target_compile_definitions(vrnx-parallel-reads PRIVATE VRNX_LIBRARY_VERSION="${PROJECT_VERSION}")
   target_compile_options(vrnx-parallel-reads PRIVATE -O1 -fsanitize=thread)
   target_link_options(vrnx-parallel-reads PRIVATE -fsanitize=thread)
+  set_target_properties(vrnx-parallel-reads PROPERTIES UNITY_BUILD "${VORNIX_TOGETHER}")
   target_link_libraries(vrnx-parallel-reads PRIVATE OpenSSL::Crypto Threads::Threads vornix_warnings)
   set(vectors "${PROJECT_SOURCE_DIR}/tests/vectors")
   vornix_add_test(vrnx-parallel-reads $<TARGET_FILE:vrnx-parallel-reads> "correct horse" "${vectors}/thin.vrnx"

@@ -5,12 +5,13 @@
 
 FOLDER has the compile commands of the presets fuzz and linux in folders of these names, one command for each source.
 
-clang-tidy spends nine tenths of its time on headers of the system. So the sources of one folder, which include much
-the same, are given to it as one source that includes them all; its name makes the analyzer take them for sources and
-not for headers. --each gives it every source by itself instead, which `./check --long` does for the few judgements that
-need it: whether something in a source is used by nobody, and whether memory is lost, of which the analyzer is wrong
-where it follows an object from one source into the next. Where something is wrong with those of a folder, or two of
-them cannot stand in one source, they are looked at one by one, and that counts.
+clang-tidy spends nine tenths of its time on headers of the system. So the sources of one room (src/, platform/,
+bench/, reader/, tests/), which include much the same, are given to it as one source that includes them all; its name
+makes the analyzer take them for sources and not for headers. --each gives it every source by itself instead, which
+`./check --long` does for the few judgements that need it: whether something in a source is used by nobody, and
+whether memory is lost, of which the analyzer is wrong where it follows an object from one source into the next. Where
+something is wrong with those of a room, or two of them cannot stand in one source, they are looked at one by one, and
+that counts.
 
 What was found clean is not looked at again as long as it, its headers, the rules and the linter are the same.
 
@@ -59,10 +60,15 @@ def commands(folder):
     return found
 
 
+# Folders in which something has the name of something in another folder of their room.
+APART = re.compile(r"^(tests/unit/observed|tests/reader|reader/\w+)$")
+
+
 def room(source, seen):
-    """What is looked at in one go: a folder, but all of src/, and apart what sees the declarations of Windows."""
+    """What is looked at in one go: a room of the source tree, and apart what sees the declarations of Windows."""
     folder = os.path.dirname(source)
-    return "src" if folder.startswith("src/") else folder, any(option[0] == "-isystem" for option in seen)
+    name = folder if APART.search(folder) else folder.partition("/")[0]
+    return name, any(option[0] == "-isystem" for option in seen)
 
 
 def in_one(sources):
