@@ -113,7 +113,7 @@ def panel(title, across, up, lines):
     heights = spread([place_y(line.points[-1][1]) for line in lines], top + 4, bottom - 2)
     for line, colour, kind, height in zip(lines, COLOURS, MARKS, heights):
         path = " ".join(f"{place_x(x):.1f},{place_y(y):.1f}" for x, y, _, _ in line.points)
-        parts.append(f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2"/>')
+        parts.append(f'<polyline points="{path}"\n fill="none" stroke="{colour}" stroke-width="2"/>')
         for x, y, least, most in line.points:
             parts.append(f'<path d="M{place_x(x):.1f} {place_y(least):.1f}V{place_y(most):.1f}" stroke="{colour}"/>')
             parts.append(mark_of(kind, place_x(x), place_y(y), colour))
@@ -128,7 +128,7 @@ def drawing(panels, columns=2):
     rows = -(-len(panels) // columns)
     width, height = columns * WIDTH, rows * HEIGHT
     lines = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
-             f'viewBox="0 0 {width} {height}" font-family="sans-serif" font-size="12" fill="#222222">',
+             f'viewBox="0 0 {width} {height}"', ' font-family="sans-serif" font-size="12" fill="#222222">',
              f'<rect width="{width}" height="{height}" fill="#ffffff"/>']
     for number, text in enumerate(panels):
         place = f"{number % columns * WIDTH} {number // columns * HEIGHT}"
