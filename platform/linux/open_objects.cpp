@@ -42,6 +42,16 @@ Slot* FindSlot(HANDLE handle) {
     return slot.Object != nullptr && slot.Generation == (value >> (2 + slotBits)) ? &slot : nullptr;
 }
 
+void SettleEveryWrite() {
+    const std::lock_guard<std::mutex> lock(tableMutex);
+    for (const Slot& slot : Table()) {
+        OverlappedTransfers* const overlapped = slot.Object != nullptr ? OverlappedOf(*slot.Object) : nullptr;
+        if (overlapped != nullptr) {
+            (void)overlapped->Settle();
+        }
+    }
+}
+
 } // namespace
 
 void FreeAlignedBlock::operator()(void* block) const {
@@ -67,6 +77,11 @@ void EndOverlapped(OpenObject& object) {
     if (OverlappedOf(object) != nullptr) {
         object.Overlapped.reset();
     }
+}
+
+void FinishWritesAtExit() {
+    static const bool isRegistered = std::atexit(SettleEveryWrite) == 0;
+    (void)isRegistered; // without it a failed run leaves less written than it told
 }
 
 HANDLE RegisterObject(std::unique_ptr<OpenObject> object) {

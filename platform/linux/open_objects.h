@@ -80,6 +80,11 @@ OverlappedTransfers* OverlappedOf(OpenObject& object);
 // Ends them, once everything is written. Nothing uses the descriptor any more.
 void EndOverlapped(OpenObject& object);
 
+// From now on the process does not exit before everything that handles had written behind is on its way no more: a run
+// that fails ends without closing them, and what the program was told to be written must not go with their threads.
+// Failures at that point have nobody left to be told.
+void FinishWritesAtExit();
+
 // Takes the object into the table and gives its handle. Handles are never null, never INVALID_HANDLE_VALUE, and not
 // given again soon after they were closed.
 HANDLE RegisterObject(std::unique_ptr<OpenObject> object);

@@ -56,6 +56,7 @@ std::unique_ptr<OverlappedTransfers> OverlappedTransfers::Start(const OpenObject
     if (threads++ < mostThreads) {
         std::unique_ptr<OverlappedTransfers> transfers(new (std::nothrow) OverlappedTransfers(object));
         if (transfers != nullptr && transfers->StartThread()) {
+            FinishWritesAtExit();
             return transfers;
         }
     }

@@ -479,7 +479,7 @@ TEST_F(LinuxWriteBehind, CopyOfTheProcessLeavesToTheOtherWhatIsUnderWayThere) {
     EXPECT_EQ(Blocks(), "abc");
 }
 
-TEST_F(LinuxWriteBehindDeathTest, ExitInTheMiddleEndsTheProcess) {
+TEST_F(LinuxWriteBehindDeathTest, ExitInTheMiddleWaitsForWhatTheProgramTookForWritten) {
     const auto run = [this] {
         const HANDLE file = Create();
         SequentialWriter writer(file);
@@ -487,9 +487,29 @@ TEST_F(LinuxWriteBehindDeathTest, ExitInTheMiddleEndsTheProcess) {
         TheOtherThreads().AreHeld = true;
         (void)writer.Write();
         (void)writer.Write();
+        std::thread([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            TheOtherThreads().AreHeld = false;
+        }).detach();
         std::exit(7);
     };
     EXPECT_EXIT(run(), testing::ExitedWithCode(7), "^$");
+    EXPECT_EQ(Blocks(), "abc");
+}
+
+TEST_F(LinuxWriteBehindDeathTest, ExitWaitsForNothingBehindAFailedWrite) {
+    const auto run = [this] {
+        const HANDLE file = Create();
+        SequentialWriter writer(file);
+        (void)writer.Write();
+        TheOtherThreads().TransferError = ENOSPC;
+        TheOtherThreads().FailWriteAfter = 0;
+        (void)writer.Write();
+        (void)writer.Write();
+        std::exit(7);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(7), "^$");
+    EXPECT_EQ(Blocks(), "a");
 }
 
 TEST_F(LinuxWriteBehindDeathTest, FailureIsToldByEachCallThatCanFailAndNothingIsWrittenBehindIt) {
