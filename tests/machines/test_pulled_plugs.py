@@ -19,10 +19,13 @@ from image import build_image, reference_plain_bytes
 from machine import pattern
 from write_log import Replay, read_log
 
+CHUNK = 4 * MIB
 SIZE = 15 * MIB  # four chunks, of which each takes four seconds and the last one three
+TARGET_SIZE = 31 * MIB  # of what a pulled target takes: who goes on without it comes to the end of that
 STEP = 65536  # by which disks of one kind differ, so that each is found
 SLOW = ["-object", "throttle-group,id=slow,x-bps-total=1048576"]
-MOMENTS = (0, 1, 30, 70)  # percent of SIZE that the kernel has read from the disk or written to it at least
+MOMENTS = (0, 1, 30, 70)  # percent that the kernel has read from the disk or written to it at least
+BEHIND = 2 * CHUNK  # what the program may have taken for written while the disk has not
 PATIENCE = 600  # seconds until a run counts as one that does not end
 
 # What is pulled: the kind of disk, which of the three, the command.
@@ -45,13 +48,14 @@ class PulledPlugs(computer_suite.Story):
     long = True
 
     def disks_with_an_image(self, count):
-        """The disk with a file system that has the image old.vrnx of the source on it, so many times."""
+        """The disk with a file system that has the image old.vrnx of the source on it, so many times. There is room for
+        another one."""
         made = []
         folder = os.path.join(self.folder, "old")
         os.mkdir(folder)
-        build_image(os.path.join(folder, "old.vrnx"), pattern(SIZE, "source"), chunk_size=4 * MIB)
+        build_image(os.path.join(folder, "old.vrnx"), self.good, chunk_size=CHUNK)
         for number in range(count):
-            disk = Disk(48 * MIB + number * STEP)
+            disk = Disk(2 * self.size + 18 * MIB + number * STEP)
             disk.file = os.path.join(self.folder, f"images{number}.img")
             with open(disk.file, "wb") as file:
                 file.truncate(disk.size)
@@ -62,9 +66,10 @@ class PulledPlugs(computer_suite.Story):
     def computer_of(self, kind, role):
         """A computer that has, in one of the roles, a slow disk of the kind for each moment, and its disks by role."""
         counts = {name: len(MOMENTS) if name == role else 1 for name in ("source", "target", "images")}
-        disks = {"source": [Disk(SIZE + number * STEP, contents=pattern(SIZE, "source"))
-                            for number in range(counts["source"])],
-                 "target": [Disk(SIZE + MIB + number * STEP) for number in range(counts["target"])],
+        self.size = TARGET_SIZE if role == "target" else SIZE
+        self.good = pattern(self.size, "source")
+        disks = {"source": [Disk(self.size + number * STEP, contents=self.good) for number in range(counts["source"])],
+                 "target": [Disk(self.size + MIB + number * STEP) for number in range(counts["target"])],
                  "images": self.disks_with_an_image(counts["images"])}
         for number, disk in enumerate(disks[role]):
             disk.log = os.path.join(self.folder, f"pulled{number}.log")
@@ -90,15 +95,15 @@ class PulledPlugs(computer_suite.Story):
         # What the run of another moment has left is not this one's.
         computer.succeed(f"rm -f {folder}/new.vrnx* /run/said /run/failed /run/ended")
         if role != "target":
-            computer.succeed(f"dd if=/dev/zero of=/dev/{computer.device(used['target'])} bs=1M count=1 seek=14 2>&1 && "
-                             "sync")
+            computer.succeed(f"dd if=/dev/zero of=/dev/{computer.device(used['target'])} bs=1M count=1 "
+                             f"seek={self.size // MIB - 1} 2>&1 && sync")
         command = command.format(source=self.numbers[used["source"].id], target=self.numbers[used["target"].id],
                                  images=folder)
         device = computer.device(used[role])
         before = self.moved(computer, device)
         computer.succeed(f"(vornix {command} > /run/said 2> /run/failed; s=$?; [ -e /sys/block/{device} ] || "
                          'echo "the disk is gone" >> /run/said; echo $s > /run/ended) > /dev/null 2>&1 &')
-        while self.moved(computer, device) - before < max(1, MOMENTS[place] * SIZE // 100):
+        while self.moved(computer, device) - before < max(1, MOMENTS[place] * self.size // 100):
             if computer.run("[ -e /run/ended ]").status == 0:
                 return []  # over before the plug could be pulled, on a machine that has no time for it; not counted
             time.sleep(0.3)
@@ -109,7 +114,7 @@ class PulledPlugs(computer_suite.Story):
             return [f"{where}: does not end: {computer.succeed('cat /run/said /run/failed')}"]
         status, said = computer.succeed("cat /run/ended").strip(), computer.succeed("cat /run/failed /run/said")
         computer.run("sync")
-        good, troubles = used["source"].bytes() if command.startswith("capture") else pattern(SIZE, "source"), []
+        good, troubles = used["source"].bytes() if command.startswith("capture") else self.good, []
         if status == "0":
             if "the disk is gone" not in said:
                 self.pulls -= 1  # over before the kernel knew that the plug was pulled
@@ -117,17 +122,31 @@ class PulledPlugs(computer_suite.Story):
             elif "--out" in command:
                 if not self.stands_for(self.find_image(used["images"]), good):
                     troubles.append(f"{where}: a success, and there is no image of the disk")
-            elif used["target"].bytes()[:SIZE] != good or (role == "target" and not self.keeps(used["target"], good)):
+            elif not used["target"].bytes().startswith(good) or (
+                    role == "target" and not self.keeps(used["target"], good)):
                 troubles.append(f"{where}: a success, and the target does not hold the bytes")
         elif status != "1" or not re.search(r"FATAL: .*\(GetLastError=[1-9]", said):
             troubles.append(f"{where}: status {status}: {said[-600:]}")
+        elif role == "target" and self.reported(said) > self.taken(used["target"]) + BEHIND:
+            troubles.append(f"{where}: went on without the target, which had taken {self.taken(used['target'])} bytes: "
+                            + said[-600:])
         return troubles + self.trouble_on(used["images"], where, good)
 
-    @staticmethod
-    def moved(computer, device):
+    def moved(self, computer, device):
         """How many bytes the kernel has read from the disk and written to it; many where it is gone."""
         stat = computer.run(f"cat /sys/block/{device}/stat").text.split()
-        return (int(stat[2]) + int(stat[6])) * 512 if stat else SIZE
+        return (int(stat[2]) + int(stat[6])) * 512 if stat else self.size
+
+    @staticmethod
+    def reported(said):
+        """How many bytes the run has said to have moved."""
+        progress = re.findall(r"(\d+) / \d+ MiB", said)
+        return int(progress[-1]) * MIB if progress else 0
+
+    @staticmethod
+    def taken(disk):
+        """How many bytes were written to the disk, by the log of its writes."""
+        return sum(len(entry.write.data) for entry in read_log(disk.log) if entry.write)
 
     @staticmethod
     def keeps(disk, good):
