@@ -121,8 +121,7 @@ def trim_password(content):
     return password
 
 
-@functools.lru_cache(maxsize=4096)
-@functools.lru_cache(maxsize=64)  # it takes longer than all else that is done with an image
+@functools.lru_cache(maxsize=4096)  # it takes longer than all else that is done with an image
 def derive_key(password, salt, iterations):
     return hashlib.pbkdf2_hmac("sha256", password, salt, iterations, 32)
 
@@ -186,11 +185,6 @@ class Trailer:
 
 def chunk_count_of(disk_size, chunk_size):
     return (disk_size - 1) // chunk_size + 1
-
-
-def capture_chunk_size(sector_size):
-    """The chunk size that a capture gives a disk of this sector size."""
-    return 0x400000 if 0x400000 % sector_size == 0 else (0x400000 // sector_size + 1) * sector_size
 
 
 # --- The builder ----------------------------------------------------------------------------------------------------

@@ -9,7 +9,6 @@ ASYNC_PENDING = 0x00042309
 ASYNC_FINISHED = 0x0004230A
 ASYNC_CANCELLED = 0x0004230B
 OBJECT_NOT_FOUND = 0x80042308
-NO_MODULE = 0x8007007E
 E_FAIL = 0x80004005
 
 GATHERING = "  --vss: gathering writer metadata...\n"
@@ -17,11 +16,6 @@ FREEZING = "  --vss: asking writers to prepare and freeze...\n"
 
 SESSION_CALLS = ("CoInitializeEx", "CoInitializeSecurity", "CoUninitialize", "CreateVssBackupComponents",
                  "VssFreeSnapshotProperties", "SysFreeString")
-ENDING = ["IVssBackupComponents::BackupComplete", "IVssAsync::Wait", "IVssAsync::QueryStatus", "IVssAsync::Release",
-          "IVssBackupComponents::DeleteSnapshots", "IVssBackupComponents::Release", "CoUninitialize"]
-ABORTING = ["IVssBackupComponents::AbortBackup", "IVssBackupComponents::DeleteSnapshots",
-            "IVssBackupComponents::Release", "CoUninitialize"]
-RELEASING = ["IVssBackupComponents::Release", "CoUninitialize"]
 
 
 def volume_name(number):

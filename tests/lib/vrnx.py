@@ -9,7 +9,6 @@ import os
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.environ.get("VORNIX_BUILD", os.path.join(ROOT, "build", "linux"))
 
-NO_CHUNK = 2**64 - 1
 NO_LEVEL = 2**32 - 1
 NO_PASSWORD, LENIENT, ALONE, EXAMINE = 1, 2, 4, 8
 CACHE_NONE = 2**32 - 1
