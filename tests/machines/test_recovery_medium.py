@@ -6,6 +6,8 @@ what belongs together.
 
 import os
 import re
+import shutil
+import socket
 import struct
 import subprocess
 import unittest
@@ -15,16 +17,129 @@ import computer_suite
 import recovery_medium
 import share_server
 import suite
-from computer import Computer
+from computer import Channel, Computer, Dead
 from disks import MIB, Disk
 from kernel import FULL, Missing
-from recovery_medium import RescuedComputer
+from recovery_medium import LATE_TIMER, STARTS, RescuedComputer
 from share_server import ShareServer
 
 # What has not passed yet.
 unfinished = unittest.skipUnless(os.environ.get("VORNIX_UNFINISHED"), "has not passed yet; VORNIX_UNFINISHED=1 runs it")
 GUID_ROOT = "4F68BCE3-E8CD-4DB1-96E7-FBCAF984B709"  # systemd looks for it, and for swap, if it may
 GUID_SWAP = "0657FD6D-A4AB-43C4-84E5-0933C84B4F4F"
+MENU = "The first entry will be started automatically in 10s."
+SHELL = "root@vornix-recovery:~# "
+
+# The first sector of a stick that says what a medium says on the serial line: the menu, and after a key the text of a
+# late timer in the first two starts, which it counts in the memory of the clock, and then that of a shell.
+LATE_TWICE = f"""
+    .code16
+    xor %ax, %ax
+    mov %ax, %ds
+    mov $menu, %si
+    call say
+key:
+    mov $0x3fd, %dx
+    in %dx, %al
+    test $1, %al
+    jz key
+    mov $0x70, %al
+    out %al, $0x70
+    in $0x71, %al
+    inc %al
+    out %al, $0x71
+    mov $late, %si
+    cmp $2, %al
+    jbe last
+    mov $shell, %si
+last:
+    call say
+    cli
+    hlt
+say:
+    mov $0x3fd, %dx
+    in %dx, %al
+    test $0x20, %al
+    jz say
+    mov $0x3f8, %dx
+    lodsb
+    test %al, %al
+    jz said
+    out %al, %dx
+    jmp say
+said:
+    ret
+menu: .asciz "{MENU}"
+late: .asciz "{LATE_TIMER}!"
+shell: .asciz "{SHELL}READY> "
+    .org 510
+    .word 0xaa55
+"""
+
+
+class Scripted(RescuedComputer):
+    """No computer at all: what its starts say is given, and after the last of them it is gone."""
+
+    # pylint: disable-next=super-init-not-called
+    def __init__(self, *starts):
+        self.starts, self.asked = list(starts), []
+        self.channel, self.entry, self.greeting = Channel(), 0, ""
+        self.begin()
+
+    def begin(self):
+        self.channel.theirs.sendall(self.starts.pop(0).encode())
+        if not self.starts:
+            self.channel.theirs.shutdown(socket.SHUT_WR)
+
+    def qmp(self, command, **_):
+        self.asked.append(command)
+        if command == "system_reset":
+            self.begin()
+
+    def close(self):
+        self.channel.theirs.close()
+        self.channel.close()
+
+
+class LateTimer(computer_suite.Story):
+    """A medium whose kernel gave up on the timer of a busy machine is started again."""
+
+    def scripted(self, *starts):
+        computer = Scripted(*starts)
+        self.addCleanup(computer.close)
+        return computer
+
+    def test_it_is_reset_and_started_again(self):
+        for tool in ("as", "ld"):
+            if shutil.which(tool) is None:
+                self.skipTest(f"there is no {tool} here")
+        stick, made = (os.path.join(self.folder, name) for name in ("stick", "sector.o"))
+        subprocess.run(["as", "--32", "-o", made], input=LATE_TWICE.encode(), check=True)
+        subprocess.run(["ld", "-m", "elf_i386", "-Ttext=0x7c00", "--oformat=binary", "-o", stick, made], check=True,
+                       capture_output=True)
+        os.truncate(stick, MIB)
+        with RescuedComputer(self.folder_of_computer(), stick, drive="usb", memory=64) as computer:
+            self.assertTrue(computer.greeting.endswith(SHELL), computer.greeting)
+            with open(computer.console, encoding="ascii", errors="replace") as file:
+                said = file.read()
+            self.assertEqual((said.count(MENU), said.count(LATE_TIMER)), (3, 2))
+            # From here on a reset is its end again: a story sees that, and not a computer that is another one.
+            computer.qmp("system_reset")
+            computer.wait_for_end()
+
+    def test_five_starts_are_enough(self):
+        computer = self.scripted(*[f"{MENU}\n[0.1] ---[ {LATE_TIMER}!  Boot with"] * (STARTS + 1))
+        with self.assertRaisesRegex(Dead, f"5 starts, and each of them: {re.escape(LATE_TIMER)}"):
+            computer._wait_until_started()  # pylint: disable=protected-access
+        self.assertEqual(computer.asked.count("system_reset"), 4)
+
+    def test_nothing_else_is_a_reason(self):
+        for said in ("end Kernel panic - not syncing: VFS: Unable to mount root fs on unknown-block(0,0)",
+                     "Kernel panic - not syncing: Attempted to kill init!", "timer doesn't work"):
+            computer = self.scripted(f"{MENU}\n{said}")
+            with self.assertRaisesRegex(Dead, "it is gone before it says .root@"):
+                computer._wait_until_started()  # pylint: disable=protected-access
+            self.assertEqual(computer.asked, [])
 
 
 class Story(computer_suite.Story):
