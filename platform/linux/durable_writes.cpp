@@ -2,7 +2,9 @@
 #include "durable_writes.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -120,6 +122,18 @@ int SyncFolder(int folder, int file) {
         }
     }
     return syncfs(file) == 0 ? 0 : errno;
+}
+
+int FlushBehindFolder(int file) {
+    struct statfs system {};
+    if (fstatfs(file, &system) != 0 || system.f_type != EXT4_SUPER_MAGIC) {
+        return 0;
+    }
+    struct stat status {};
+    if (fstat(file, &status) == 0) {
+        (void)fchmod(file, status.st_mode & ~static_cast<mode_t>(S_IFMT));
+    }
+    return fsync(file) == 0 ? 0 : errno;
 }
 
 void LeaveFilesInCache() {

@@ -31,6 +31,11 @@ BOOL FlushDisk(OpenObject& disk);
 // whole file system of `file` is. Gives 0 or an errno value.
 int SyncFolder(int folder, int file);
 
+// Behind the sync of a folder, has what that wrote flushed from the cache of the disk, of the file system of `file`.
+// All others do so by themselves, but ext4 and its forerunners, where they have no journal, only with the sync of a
+// file or folder whose attributes somebody set: those of `file` are set to what they are. Gives 0 or an errno value.
+int FlushBehindFolder(int file);
+
 // Brings everything that was written through the handle to its medium, the name of a new file too, and closes the
 // descriptor. A file's pages leave the cache, so that whoever reads it next reads the medium. Ends the process with
 // a fatal report where not everything arrived.

@@ -708,5 +708,8 @@ BOOL WINAPI LinuxMoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
             return FailWith(ErrorFromErrno(code, Subject::File));
         }
     }
+    if (const int code = FlushBehindFolder(file.Get()); code != 0) {
+        return FailWith(ErrorFromErrno(code, Subject::File));
+    }
     return TRUE;
 }

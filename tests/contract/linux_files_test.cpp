@@ -715,6 +715,24 @@ TEST_F(LinuxFiles, MoveBringsBytesAndNamesToTheDisk) {
               (std::vector<std::string>{"sync file", "rename", "sync file", "sync folder", "sync folder"}));
 }
 
+TEST_F(LinuxFiles, MoveOnExtHasWhatTheFolderWroteFlushed) {
+    MakeFile(L"from", "content");
+    ASSERT_EQ(chmod((Folder() / "from").c_str(), 0640), 0);
+    const ScopedHostCalls scope;
+    HostCalls& calls = TheHostCalls();
+    calls.IsExt = true;
+    EXPECT_TRUE(Move(L"from", L"to"));
+    EXPECT_EQ(calls.Order, (std::vector<std::string>{"sync file", "rename", "sync file", "sync folder",
+                                                     "set permissions", "sync file"}));
+    struct stat status {};
+    ASSERT_EQ(stat((Folder() / "to").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    calls.FailSyncAfter = 2;
+    calls.SyncError = EIO;
+    EXPECT_FALSE(Move(L"to", L"from"));
+    EXPECT_EQ(GetLastError(), ERROR_CRC);
+}
+
 TEST_F(LinuxFiles, MoveOfBytesThatDoNotReachTheDiskFails) {
     MakeFile(L"from", "content");
     const ScopedHostCalls scope;

@@ -5,8 +5,10 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -205,7 +207,7 @@ int fsync(int descriptor) {
     calls.Order.emplace_back(isFolder ? "sync folder" : isKnown && S_ISBLK(status.st_mode) ? "sync disk" : "sync file");
     if (!isFolder) {
         calls.LastSynced = descriptor;
-        if (calls.SyncError != 0) {
+        if (calls.SyncError != 0 && calls.FailSyncAfter-- == 0) {
             errno = calls.SyncError;
             calls.SyncError = 0;
             return -1;
@@ -226,6 +228,21 @@ int syncfs(int descriptor) noexcept {
     }
     // Asked for as often as the tests do, the whole of the machine's disks would take its time.
     return fcntl(descriptor, F_GETFD) < 0 ? -1 : 0;
+}
+
+int fstatfs(int descriptor, struct statfs* system) noexcept {
+    if (syscall(SYS_fstatfs, descriptor, system) != 0) {
+        return -1;
+    }
+    system->f_type = TheHostCalls().IsExt ? EXT4_SUPER_MAGIC : TMPFS_MAGIC; // and not what the tests happen to lie on
+    return 0;
+}
+
+int fchmod(int descriptor, mode_t mode) noexcept {
+    if (TheHostCalls().IsExt) {
+        TheHostCalls().Order.emplace_back("set permissions");
+    }
+    return static_cast<int>(syscall(SYS_fchmod, descriptor, mode));
 }
 
 int fallocate(int descriptor, int mode, off_t offset, off_t length) {

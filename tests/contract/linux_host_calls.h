@@ -21,6 +21,8 @@ struct HostCalls {
     bool HasRenameWithoutReplacing = true;
     bool HasHardLinks = true;
     bool HasAllocation = true; // the file system can give room to a stretch that was not written
+    bool IsExt = false;        // whether the file system says that it is ext2, ext3 or ext4
+    int FailSyncAfter = 0;     // so many fsyncs of ordinary files and disks pass before one can fail
     int SyncError = 0;         // fsync of an ordinary file or of a disk fails with this, once
     int FolderSyncError = 0;   // fsync of a folder fails with this
     int WholeSyncError = 0;    // syncfs fails with this
@@ -29,7 +31,8 @@ struct HostCalls {
 
     std::function<void()> BeforeLock; // what somebody else does between an open and its lock
 
-    // "send", "allocate", "sync file", "sync disk", "drop", "drop a part", "rename", "sync folder", "sync file system"
+    // "send", "allocate", "sync file", "sync disk", "drop", "drop a part", "rename", "sync folder", "sync file system",
+    // and on ext "set permissions"
     std::vector<std::string> Order;
     int LastSynced = -1; // the descriptor
 };

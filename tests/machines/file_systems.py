@@ -7,7 +7,7 @@ system has for it: its kernel where that knows the file system, and otherwise pr
 import os
 import shutil
 import subprocess
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 import kernel
 from disks import MIB
@@ -34,12 +34,16 @@ class FileSystem:
     modules: tuple = ()
     programs: tuple = ()
     packages: tuple = ()
+    full: int = 0  # entries that its folder has from the start
+    names_in_two: bool = False  # old and new name change in two writes, between which the file has both
 
     def create(self, path):
         """Makes a file of the file system's size and the file system in it."""
         with open(path, "wb") as file:
             file.truncate(self.size)
         subprocess.run([*self.make.split(), path], check=True, capture_output=True)
+        for number in range(self.full):
+            subprocess.run(["mcopy", "-i", path, "/dev/null", f"::F{number}"], check=True, capture_output=True)
 
     def reason_to_skip(self):
         """Why this system cannot make it or bring it back, or None. Raises kernel.Missing as well."""
@@ -78,17 +82,27 @@ class FileSystem:
 EXFAT = ("LD_LIBRARY_PATH={0}/libfuse2/lib/x86_64-linux-gnu {0}/exfat-fuse/sbin/mount.exfat-fuse -o ro $L $M"
          .format(kernel.STORE))
 
+VFAT = FileSystem(
+    "vfat", "mkfs.fat -F 32", "mount -t vfat", "vfat",
+    "fsck.fat -a $D", "rm -f $M/*; mdir -i $D :: && { mcopy -n -i $D '::*.vrnx*' $M; true; }",
+    ("fsck.fat", "mcopy", "mdir"), modules=("nls_cp437", "nls_ascii", "nls_utf8", "nls_iso8859-1"))
+
 FILE_SYSTEMS = {made.name: made for made in (
     FileSystem("ext4 ordered", "mkfs.ext4 -q -F", "mount -t ext4 -o data=ordered", "ext4",
                "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
     FileSystem("ext4 writeback", "mkfs.ext4 -q -F", "mount -t ext4 -o data=writeback", "ext4",
                "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
+    # Nothing but the sync of a folder brings a name to the disk, which the journal does with the sync of a file.
+    FileSystem("ext4 without a journal", "mkfs.ext4 -q -F -O ^has_journal", "mount -t ext4", "ext4",
+               "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
     FileSystem("xfs", "mkfs.xfs -q -f", "mount -t xfs", "xfs", "", "mount -t xfs $L $M", (), size=300 * MIB),
     FileSystem("btrfs", "mkfs.btrfs -q -f", "mount -t btrfs", "btrfs", "", "mount -t btrfs $L $M", (),
                size=128 * MIB),
-    FileSystem("vfat", "mkfs.fat -F 32", "mount -t vfat", "vfat",
-               "fsck.fat -a $D", "rm -f $M/*; mdir -i $D :: && { mcopy -n -i $D '::*.vrnx*' $M; true; }",
-               ("fsck.fat", "mcopy", "mdir"), modules=("nls_cp437", "nls_ascii", "nls_utf8", "nls_iso8859-1")),
+    VFAT,
+    # The entries of base.vrnx begin with the last one of a sector: the sync of the file brings the other one alone.
+    # What thin.vrnx was before lies in another sector than what it becomes; of a file with both names the repair keeps
+    # the first, and leaves an empty file under the second.
+    replace(VFAT, name="vfat, a name in two sectors", full=12, names_in_two=True),
     FileSystem("exfat", "mkfs.exfat", "mount -t exfat", "exfat", "fsck.exfat -p $D", EXFAT, ("fsck.exfat",),
                modules=("nls_utf8",), packages=("exfat-fuse", "libfuse2")),
     # The kernel of Debian 12 does not write NTFS; its recovery media do so with this.
