@@ -1,7 +1,6 @@
 """Sealed images: the calls by which a capture seals and each of the three readers opens, which reader finds which
 damage and which it cannot find, and that no two seals have anything in common. Chains of sealed images, captures over
-them and their folding are the matter of test_thin_chains.py, test_incremental_capture.py and test_consolidate.py.
-"""
+them and their folding are the matter of test_thin_chains.py, test_incremental_capture.py and test_consolidate.py."""
 
 import json
 import os
