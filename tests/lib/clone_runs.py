@@ -11,7 +11,6 @@ from console import gib, meter
 BLOCK = 4194304
 
 COMPLETE = "Clone complete. Run 'diskpart > rescan' (or reboot) before relying on the target disk.\n"
-UNCONFIRMED = "Refusing: clone is destructive (overwrites the ENTIRE target disk). Pass --confirm YES.\n"
 SYSTEM_SOURCE_NOTE = ("NOTE: the source is the running system disk - it is read live (crash-consistent, not a VSS "
                       "snapshot).\n")
 READ_FAILED = "read from the source disk failed - clone aborted, target left partially written"
@@ -68,7 +67,3 @@ def clone_text(source, target, length, *, notes="", verify=False, silent=()):
 def smaller_refusal(target, target_length, source_length):
     return (f"Refusing: target disk {target} is {gib(target_length)} GiB, smaller than the source's "
             f"{gib(source_length)} GiB.\n")
-
-
-def system_target_refusal(target):
-    return f"Refusing: PhysicalDrive{target} is the disk Windows is running from - it cannot be a clone target.\n"

@@ -1,8 +1,8 @@
-"""capture --vss: the session with the shadow copy service from its first call to its last, and how each step fails.
+"""capture --vss: the session with the shadow copy service from its first call to its last, and what each of its steps
+says and leaves when it fails: a failure of the session never fails the capture.
 
 One volume covers the whole of a disk of one chunk, and its frozen bytes differ from the live ones: the image tells from
-which of the two it was read. A failure of the session never fails the capture.
-"""
+which of the two it was read."""
 
 import os
 import re
@@ -11,6 +11,7 @@ import subprocess
 import suite
 from console import NO_TRACKER, RESTORE_UNCONFIRMED, USAGE, gib, fatal, fatal_status, meter_run, source_line
 from image import build_image, check_image, reference_plain_bytes
+from incremental import REASON_NO_TRACKER, compared_line
 from loop_disks import LoopDisks, reason_to_skip
 from machine import ACCESS_READ, FLAG_NO_BUFFERING, SETTINGS, TRACKER_ATTACH, TRACKER_COMMIT, TRACKER_QUERY, pattern
 from snapshot import (ASYNC_CANCELLED, ASYNC_FINISHED, ASYNC_PENDING, E_FAIL, FREEZING, GATHERING,
@@ -90,18 +91,15 @@ class GoodSession(Session):
         self.expect_good_image(machine, "a.vrnx", FROZEN)
         self.expect_disk(machine, 1, LIVE)
 
-    def test_the_calls_of_a_session_stand_in_their_order(self):
-        result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
-        self.assertEqual([(line["step"], line["timeout"]) for line in result.calls("IVssAsync::Wait")],
-                         [(step, "0xFFFFFFFF") for step in ("GatherWriterMetadata", "PrepareForBackup", "DoSnapshotSet",
-                                                            "GatherWriterStatus", "BackupComplete")])
-
-    def test_the_arguments_of_the_calls(self):
+    def test_the_calls_of_a_session_stand_in_their_order_with_their_arguments(self):
         result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
 
         def fields(call, *names):
             return [tuple(line[name] for name in names) for line in result.log if line["call"].endswith(call)]
 
+        self.assertEqual(fields("IVssAsync::Wait", "step", "timeout"),
+                         [(step, "0xFFFFFFFF") for step in ("GatherWriterMetadata", "PrepareForBackup", "DoSnapshotSet",
+                                                            "GatherWriterStatus", "BackupComplete")])
         self.assertEqual(fields("CoInitializeEx", "flags"), [("0x00000000",)])
         self.assertEqual(fields("CoInitializeSecurity", "authentication", "impersonation", "capabilities"),
                          [(6, 3, "0x00000000")])
@@ -111,20 +109,10 @@ class GoodSession(Session):
         self.assertEqual(fields("::IsVolumeSupported", "path"), [(volume_name(1),)])
         self.assertEqual(fields("::AddToSnapshotSet", "path"), [(volume_name(1),)])
         self.assertEqual(fields("::DeleteSnapshots", "force"), [(True,)])
-
-    def test_the_shadow_device_is_opened_for_unbuffered_shared_reading(self):
-        result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
-        opened = result.calls("CreateFileW", path="ShadowCopy")
-        names = ("path", "access", "share", "disposition", "flags")
-        self.assertEqual([{name: line[name] for name in names} for line in opened],
-                         [{"path": shadow_path(1), "access": ACCESS_READ, "share": "0x00000001",
-                           "disposition": 3, "flags": FLAG_NO_BUFFERING}])
-
-    def test_the_session_is_ended_once_and_not_again_at_the_exit(self):
-        result = self.expect_captured(self.machine_with(), begun([WHOLE]), [*OPENED, *COMPLETED])
-        ends = ("BackupComplete", "AbortBackup", "DeleteSnapshots", "Release")
-        self.assertEqual([name for name in short_names(result.sequence()) if name in ends],
-                         ["BackupComplete", "DeleteSnapshots", "Release"])
+        self.assertEqual([tuple(line[name] for name in ("path", "access", "share", "disposition", "flags"))
+                          for line in result.calls("CreateFileW", path="ShadowCopy")],
+                         [(shadow_path(1), ACCESS_READ, "0x00000001", 3, FLAG_NO_BUFFERING)])
+        # The session is ended once and not again at the exit.
         self.assertEqual(result.sequence()[-2:], ["MoveFileExW", "exit"])
 
     def test_without_vss_the_service_is_left_alone(self):
@@ -147,10 +135,6 @@ class GoodSession(Session):
 
 
 class Order(Session):
-    def tracked(self, machine):
-        machine.tracker([{"number": 1, "current_epoch": 7}])
-        return machine
-
     def places(self, result, **wanted):
         """The place in the log of the one call that answers to each description: (name, path)."""
         found = {}
@@ -161,29 +145,20 @@ class Order(Session):
             found[key] = places[0]
         return found
 
-    def tracker_requests(self, result):
-        return [(place, line["code"]) for place, line in enumerate(result.log) if line.get("path") == "\\\\.\\Wendrel"
-                and line["call"] == "DeviceIoControl"]
-
-    def test_the_snapshot_lies_between_the_attach_and_the_query_of_the_tracker(self):
-        machine = self.tracked(self.machine_with())
+    def test_the_session_lies_between_attach_and_query_and_ends_between_closing_files_and_commit(self):
+        machine = self.machine_with()
+        machine.tracker([{"number": 1, "current_epoch": 7}])
         result = self.capture(machine)
         self.expect(result, 0, source_line(1, SIZE) + begun([WHOLE]) + "Change tracker: disk 1 epoch 7\n"
                     + meter_run(SIZE, MIB4) + "\nCapture complete: a.vrnx\n")
-        requests = self.tracker_requests(result)
+        requests = [(place, line["code"]) for place, line in enumerate(result.log)
+                    if line.get("path") == "\\\\.\\Wendrel" and line["call"] == "DeviceIoControl"]
         self.assertEqual([code for _, code in requests], [TRACKER_ATTACH, TRACKER_QUERY, TRACKER_QUERY, TRACKER_COMMIT])
         session = [place for place, line in enumerate(result.log)
                    if line["call"].startswith(("Co", "IVss", "Find")) or "ShadowCopy" in line.get("path", "")]
         begins, ends = min(session), max(place for place in session if place < requests[1][0])
-        self.assertLess(requests[0][0], begins)
-        self.assertLess(ends, requests[1][0])
         # Between attach and query there is nothing but the session.
         self.assertEqual((begins, ends), (requests[0][0] + 1, requests[1][0] - 1))
-
-    def test_at_the_end_files_are_closed_then_the_session_ended_then_the_tracker_told_then_the_image_named(self):
-        machine = self.tracked(self.machine_with())
-        result = self.capture(machine)
-        self.assertEqual(result.status, 0)
         tail = [(line["call"].removeprefix("IVssBackupComponents::"), line.get("path")) for line in result.log]
         self.assertEqual(tail[-15:], [
             ("WriteFile", "a.vrnx.partial"), ("CloseHandle", "a.vrnx.partial"),
@@ -193,15 +168,17 @@ class Order(Session):
             ("Release", None), ("CoUninitialize", None), ("DeviceIoControl", "\\\\.\\Wendrel"), ("MoveFileExW", None),
             ("CloseHandle", "\\\\.\\Wendrel"), ("exit", None)])
 
-    def test_the_base_is_closed_before_the_session_is_ended(self):
+    def test_the_base_is_opened_behind_the_snapshot_and_closed_before_the_session_is_ended(self):
         machine = self.machine_with()
         build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
         result = self.capture(machine, "--base", "base.vrnx", "--thin")
         self.assertEqual(result.status, 0)
         closed = [line["path"] for line in result.calls("CloseHandle")]
         self.assertEqual(closed[-4:], ["a.vrnx.partial", "\\\\.\\PhysicalDrive1", "base.vrnx", shadow_path(1)])
-        places = self.places(result, base=("CloseHandle", "base.vrnx"), end=("BackupComplete", ""))
-        self.assertLess(places["base"], places["end"])
+        places = self.places(result, shadow=("CreateFileW", "ShadowCopy"), base=("CreateFileW", "base.vrnx"),
+                             work=("CreateFileW", "a.vrnx.partial"), closed=("CloseHandle", "base.vrnx"),
+                             end=("BackupComplete", ""))
+        self.assertEqual(sorted(places, key=places.get), ["shadow", "base", "work", "closed", "end"])
 
     def test_the_shadow_devices_are_closed_before_the_set_is_ended_also_when_the_capture_fails(self):
         for fault, end in ((None, "BackupComplete"), ({"call": "WriteFile", "error": 112}, "AbortBackup")):
@@ -214,39 +191,10 @@ class Order(Session):
             places = self.places(result, one=("CloseHandle", first), two=("CloseHandle", second), end=(end, ""))
             self.assertEqual(sorted(places, key=places.get), ["one", "two", "end"])
 
-    def test_the_base_is_opened_behind_the_snapshot_and_the_work_file_behind_the_base(self):
-        machine = self.machine_with()
-        build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
-        result = self.capture(machine, "--base", "base.vrnx")
-        places = self.places(result, shadow=("CreateFileW", "ShadowCopy"), base=("CreateFileW", "base.vrnx"),
-                             work=("CreateFileW", "a.vrnx.partial"))
-        self.assertEqual(sorted(places, key=places.get), ["shadow", "base", "work"])
-
 
 class FailedBeginning(Session):
     """The steps before there is a set: each failure falls back, and the session is released without a word to the
     writers."""
-
-    def test_com_that_does_not_start(self):
-        self.expect_live([{"call": "CoInitializeEx", "status": "0x80010106"}],
-                         "  --vss: CoInitializeEx failed (0x80010106) - reading live instead"
-                         " (crash-consistent only).\n",
-                         ["CoInitializeEx"])
-
-    def test_com_that_was_started_already_is_still_let_go(self):
-        machine = self.machine_with()
-        machine.add_fault("CoInitializeEx", status="0x00000001")
-        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
-
-    def test_security_that_cannot_be_set(self):
-        self.expect_live([{"call": "CoInitializeSecurity", "status": "0x80070005"}],
-                         "  --vss: CoInitializeSecurity failed (0x80070005) - reading live instead"
-                         " (crash-consistent only).\n", ["CoInitializeEx", "CoInitializeSecurity", "CoUninitialize"])
-
-    def test_security_that_was_set_already_passes(self):
-        machine = self.machine_with()
-        machine.add_fault("CoInitializeSecurity", status="0x80010119")
-        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
 
     def test_a_system_without_the_library(self):
         machine = self.machine_with()
@@ -258,31 +206,34 @@ class FailedBeginning(Session):
         self.assertTrue(result.calls("CreateVssBackupComponents")[0]["raised"])
         self.assertEqual(result.calls("FindFirstVolumeW"), [])
 
-    def test_a_service_that_cannot_be_reached(self):
-        self.expect_live([{"call": "CreateVssBackupComponents", "status": "0x80070005"}],
-                         fall_back("VSS is not available here (CreateVssBackupComponents)", 0x80070005),
-                         [*CREATED, "CoUninitialize"])
-
-    def test_a_service_that_gives_no_object(self):
-        for status in (0, 1):
-            self.expect_live([{"call": "CreateVssBackupComponents", "status": status}],
-                             fall_back("VSS is not available here (CreateVssBackupComponents)", status),
-                             [*CREATED, "CoUninitialize"])
+    STEPS = (
+        # (call, status, whether a method of the session, what is said of it, the calls)
+        ("CoInitializeEx", 0x80010106, "CoInitializeEx failed", ["CoInitializeEx"]),
+        ("CoInitializeSecurity", 0x80070005, "CoInitializeSecurity failed",
+         ["CoInitializeEx", "CoInitializeSecurity", "CoUninitialize"]),
+        # Where the service gives no object, success or not, it is not there.
+        *[("CreateVssBackupComponents", status, "VSS is not available here (CreateVssBackupComponents)",
+           [*CREATED, "CoUninitialize"]) for status in (0x80070005, 0, 1)],
+        *[("IVssBackupComponents::" + step, status, f"{step} failed", [*calls, *RELEASED])
+          for step, calls in (("InitializeForBackup", READY[:-2]), ("SetContext", READY[:-1]),
+                              ("SetBackupState", READY), ("StartSnapshotSet", STARTED))
+          for status in (0x80042301, 0x8000FFFF)])
 
     def test_each_plain_step_that_fails(self):
-        said = {"StartSnapshotSet": GATHERING}
-        for step, calls in (("InitializeForBackup", READY[:-2]), ("SetContext", READY[:-1]), ("SetBackupState", READY),
-                            ("StartSnapshotSet", STARTED)):
-            for status in (0x80042301, 0x8000FFFF):
-                self.expect_live([{"call": "IVssBackupComponents::" + step, "status": status}],
-                                 said.get(step, "") + f"  --vss: {step} failed (0x{status:08X})"
-                                 " - reading live instead (crash-consistent only).\n", [*calls, *RELEASED])
+        for call, status, reason, calls in self.STEPS:
+            said = GATHERING if call.endswith("StartSnapshotSet") else ""
+            with self.subTest(call, status=status):
+                self.expect_live([{"call": call, "status": status}], said + f"  --vss: {reason} (0x{status:08X})"
+                                 " - reading live instead (crash-consistent only).\n", calls)
 
-    def test_a_plain_step_with_another_success_goes_on(self):
-        for step in ("InitializeForBackup", "SetContext", "SetBackupState"):
+    def test_a_plain_step_with_another_success_goes_on_and_so_does_security_that_was_set_already(self):
+        for call, status in (("CoInitializeEx", 1), ("CoInitializeSecurity", 0x80010119),
+                             ("IVssBackupComponents::InitializeForBackup", 1), ("IVssBackupComponents::SetContext", 1),
+                             ("IVssBackupComponents::SetBackupState", 1)):
             machine = self.machine_with()
-            machine.add_fault("IVssBackupComponents::" + step, status=1)
-            self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+            machine.add_fault(call, status=status)
+            with self.subTest(call):
+                self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
 
     def expect_failed_async_step(self, step, nth, said, calls):
         """Every way in which the `nth` asynchronous step of the session, counted from 0, fails, with no set yet."""
@@ -301,27 +252,19 @@ class FailedBeginning(Session):
         self.expect_live([{"call": "IVssAsync::Wait", "skip": nth, "status": 0x80042316}, finished],
                          said + f"    {step} did not complete successfully (wait=0x80042316, status=0x0004230A)\n"
                          + fall_back(reason, 0), waited)
-        self.expect_live([{"call": "IVssAsync::QueryStatus", "skip": nth, "status": 0x80070006}],
-                         said + f"    {step} did not complete successfully (wait=0x00000000, status=0x80004005)\n"
-                         + fall_back(reason, 0), waited)
+        for status in (0x80070006, 0):  # also a success that gives no status
+            self.expect_live([{"call": "IVssAsync::QueryStatus", "skip": nth, "status": status}],
+                             said + f"    {step} did not complete successfully (wait=0x00000000, status=0x80004005)\n"
+                             + fall_back(reason, 0), waited)
         for status in (ASYNC_CANCELLED, ASYNC_PENDING, 0, 0x800423F4):
             self.expect_live([{"call": "IVssAsync::QueryStatus", "skip": nth, "async_status": status}],
                              said + step_failed(step, status=status) + fall_back(reason, 0), waited)
 
-    def test_metadata_that_cannot_be_gathered(self):
+    def test_each_asynchronous_step_that_fails(self):
+        said = GATHERING + snapshotting(*WHOLE) + FREEZING
         self.expect_failed_async_step("GatherWriterMetadata", 0, GATHERING, READY)
-
-    def test_a_preparation_that_fails(self):
-        self.expect_failed_async_step("PrepareForBackup", 1, GATHERING + snapshotting(*WHOLE) + FREEZING, ADDED)
-
-    def test_a_snapshot_that_fails(self):
-        self.expect_failed_async_step("DoSnapshotSet", 2, GATHERING + snapshotting(*WHOLE) + FREEZING, PREPARED)
-
-    def test_a_status_that_answers_success_without_a_result_counts_as_failed(self):
-        self.expect_live([{"call": "IVssAsync::QueryStatus", "status": 0}],
-                         GATHERING + step_failed("GatherWriterMetadata", status=E_FAIL)
-                         + fall_back("GatherWriterMetadata failed", 0),
-                         [*READY, "GatherWriterMetadata", *WAIT, *RELEASED])
+        self.expect_failed_async_step("PrepareForBackup", 1, said, ADDED)
+        self.expect_failed_async_step("DoSnapshotSet", 2, said, PREPARED)
 
     def test_a_failed_session_is_released_once_also_when_the_capture_dies_later(self):
         machine = self.machine_with()
@@ -346,22 +289,21 @@ class Volumes(Session):
     NONE_LEFT = ("  --vss: no volume on this disk could be snapshotted (0x00000001)"
                  " - reading live instead (crash-consistent only).\n")
 
-    def test_a_disk_with_no_volume(self):
-        machine = self.machine_with()
-        machine.description["volumes"] = []
-        self.expect_captured(machine, GATHERING + self.NONE_LEFT, [*STARTED, *RELEASED], plain=LIVE)
-
-    def test_a_disk_whose_only_volumes_are_refused(self):
-        machine = self.machine_with((1, 0, 16384, {"supported": False}), (2, 16384, 16384, {"supported": False}))
-        self.expect_captured(machine, GATHERING + self.REFUSED.format(device_of(1)) + self.REFUSED.format(device_of(2))
-                             + self.NONE_LEFT, [*STARTED, "IsVolumeSupported", "IsVolumeSupported", *RELEASED],
-                             plain=LIVE)
-
-    def test_a_disk_whose_only_volume_cannot_be_added(self):
-        machine = self.machine_with()
-        machine.add_fault("IVssBackupComponents::AddToSnapshotSet", status="0x80042312")
-        self.expect_captured(machine, GATHERING + f"  --vss: could not add volume {device_of(1)} to the snapshot set"
-                             " (0x80042312) - read live.\n" + self.NONE_LEFT, [*ADDED, *RELEASED], plain=LIVE)
+    def test_a_disk_with_no_volume_left_is_read_live(self):
+        refused = [(number, start, 16384, {"supported": False}) for number, start in ((1, 0), (2, 16384))]
+        for case, volumes, said, calls in (
+                ("none", (), "", []),
+                ("all refused", refused, self.REFUSED.format(device_of(1)) + self.REFUSED.format(device_of(2)),
+                 ["IsVolumeSupported"] * 2),
+                ("not added", [(1, 0, SIZE)], f"  --vss: could not add volume {device_of(1)} to the snapshot set"
+                 " (0x80042312) - read live.\n", ["IsVolumeSupported", "AddToSnapshotSet"])):
+            machine = self.machine_with(*volumes)
+            if not volumes:
+                machine.description["volumes"] = []
+            machine.add_fault("IVssBackupComponents::AddToSnapshotSet", status="0x80042312")
+            with self.subTest(case):
+                self.expect_captured(machine, GATHERING + said + self.NONE_LEFT, [*STARTED, *calls, *RELEASED],
+                                     plain=LIVE)
 
     def test_a_refused_volume_leaves_the_others_in_the_set(self):
         two_asked = [*STARTED, "IsVolumeSupported", "IsVolumeSupported", "AddToSnapshotSet"]
@@ -411,11 +353,6 @@ class Writers(Session):
         return self.expect_captured(machine, GATHERING + snapshotting(*WHOLE) + FREEZING + lines + snapshotted(1),
                                     [*reported, *OPENED[-2:], *COMPLETED])
 
-    def test_good_writers_are_counted(self):
-        result = self.expect_report([("A", 1, 0), ("B", 5, 0), ("C", 0, 0)],
-                                    "  --vss: 3 VSS writer(s) reported, 0 failed.\n")
-        self.assertEqual([line["index"] for line in result.calls("IVssBackupComponents::GetWriterStatus")], [0, 1, 2])
-
     def test_a_failed_writer_is_named_and_stops_nothing(self):
         self.expect_report([("Good", 1, 0), ("Database Writer", 8, 0x800423F4), ("Also good", 1, 0)],
                            "    WARNING: VSS writer 'Database Writer' failed (state 8, hr=0x800423F4)"
@@ -428,13 +365,11 @@ class Writers(Session):
         self.expect_report([(f"Writer {state}", state, 0x80040000 + state) for state in states],
                            "".join(lines) + writers_reported(len(states), 10))
 
-    def test_a_writer_without_a_name_is_a_question_mark(self):
-        self.expect_report([(None, 6, 0), (None, 1, 0)],
+    def test_a_writer_without_a_name_is_a_question_mark_and_an_empty_name_stays_empty(self):
+        self.expect_report([(None, 6, 0), (None, 1, 0), ("", 15, 0x8000FFFF)],
                            "    WARNING: VSS writer '?' failed (state 6, hr=0x00000000)"
-                           " - that application's data is crash-consistent only.\n" + writers_reported(2, 1))
-
-    def test_an_empty_name_stays_empty(self):
-        self.expect_report([("", 15, 0x8000FFFF)], writer_failed("", 15, 0x8000FFFF) + writers_reported(1, 1))
+                           " - that application's data is crash-consistent only.\n"
+                           + writer_failed("", 15, 0x8000FFFF) + writers_reported(3, 2))
 
     def test_a_name_outside_ascii_is_shown_on_a_console_of_utf_8(self):
         if self.settings.windows:
@@ -506,27 +441,19 @@ class ShadowDevices(Session):
         self.assertEqual(short_names(session_calls(result)), [*OPENED, *COMPLETED])
         self.expect_good_image(machine, "a.vrnx", FROZEN if opens else LIVE)
 
-    def test_a_device_object_in_the_device_folder_gets_the_prefix(self):
-        self.expect_device("\\Device\\HarddiskVolumeShadowCopy17",
-                           "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy17")
-        self.expect_device("\\Device\\x", "\\\\?\\GLOBALROOT\\Device\\x")
-
-    def test_any_other_device_object_stands_as_it_is(self):
+    def test_a_device_object_in_the_device_folder_gets_the_prefix_and_any_other_stands_as_it_is(self):
+        for device_object in ("\\Device\\HarddiskVolumeShadowCopy17", "\\Device\\x", "\\Device\\"):
+            self.expect_device(device_object, "\\\\?\\GLOBALROOT" + device_object)
+        # The prefix is told by case and by all eight characters.
         for device_object in ("\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy3", "\\\\.\\Shadow7",
-                              "\\DosDevices\\Shadow"):
+                              "\\DosDevices\\Shadow", "\\device\\HarddiskVolumeShadowCopy1",
+                              "\\DEVICE\\HarddiskVolumeShadowCopy1", "\\Devices\\HarddiskVolumeShadowCopy1",
+                              "\\Device"):
             self.expect_device(device_object, device_object)
 
-    def test_the_prefix_is_told_by_case_and_by_all_eight_characters(self):
-        for device_object in ("\\device\\HarddiskVolumeShadowCopy1", "\\DEVICE\\HarddiskVolumeShadowCopy1",
-                              "\\Devices\\HarddiskVolumeShadowCopy1", "\\Device"):
-            self.expect_device(device_object, device_object)
-        self.expect_device("\\Device\\", "\\\\?\\GLOBALROOT\\Device\\")
-
-    def test_a_null_device_object_is_an_empty_path_that_does_not_open(self):
-        self.expect_device(None, "", opens=False)
-
-    def test_an_empty_device_object_does_not_open(self):
-        self.expect_device("", "", opens=False)
+    def test_a_null_or_empty_device_object_is_an_empty_path_that_does_not_open(self):
+        for device_object in (None, ""):
+            self.expect_device(device_object, "", opens=False)
 
     def test_a_shadow_device_that_does_not_open_leaves_its_volume_live(self):
         machine = self.machine_with()
@@ -546,14 +473,6 @@ class ShadowDevices(Session):
             + f"  --vss: GetSnapshotProperties failed for {device_of(1)} (0x80042308) - read live.\n" + snapshotted(0),
             [*OPENED[:-1], *COMPLETED], plain=LIVE)
 
-    def test_properties_that_come_empty_are_a_null_device_object(self):
-        machine = self.machine_with()
-        machine.add_fault("IVssBackupComponents::GetSnapshotProperties", status=0)
-        result = self.capture(machine)
-        self.assertIn(b"  --vss: could not open shadow device  (GetLastError=", result.stdout)
-        self.assertEqual(short_names(session_calls(result)), [*OPENED, *COMPLETED])
-        self.expect_good_image(machine, "a.vrnx", LIVE)
-
     def test_one_failed_device_leaves_the_others(self):
         for fault, line in (({"call": "CreateFileW", "path": "ShadowCopy1", "error": 21},
                              f"  --vss: could not open shadow device {shadow_path(1)} (GetLastError=21) - read"
@@ -572,17 +491,6 @@ class ShadowDevices(Session):
 
 
 class Ending(Session):
-    def test_a_completion_that_fails_is_an_abort(self):
-        machine = self.machine_with()
-        machine.add_fault("IVssBackupComponents::BackupComplete", status="0x80042301")
-        self.expect_captured(machine, begun([WHOLE]), [*OPENED, "BackupComplete", *ABORTED])
-
-    def test_a_completion_without_an_object_is_passed_over_in_silence(self):
-        for effect in ({"null_async": True}, {"status": 0}, {"status": 1}):
-            machine = self.machine_with()
-            machine.add_fault("IVssBackupComponents::BackupComplete", **effect)
-            self.expect_captured(machine, begun([WHOLE]), [*OPENED, "BackupComplete", "DeleteSnapshots", *RELEASED])
-
     def test_a_completion_that_does_not_complete_changes_nothing_but_its_line(self):
         for faults, line in (
                 ([{"call": "IVssAsync::QueryStatus", "skip": 4, "async_status": ASYNC_CANCELLED}],
@@ -597,11 +505,25 @@ class Ending(Session):
                 machine.add_fault(**fault)
             self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED], at_the_end=line)
 
-    def test_a_wait_with_another_success_is_a_success(self):
-        machine = self.machine_with()
-        machine.add_fault("IVssAsync::Wait", skip=4, status=1)
-        machine.add_fault("IVssAsync::QueryStatus", skip=4, async_status=ASYNC_FINISHED)
-        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
+    def test_what_fails_at_the_end_in_silence(self):
+        complete, delete = "IVssBackupComponents::BackupComplete", "IVssBackupComponents::DeleteSnapshots"
+        passed_over = ["BackupComplete", "DeleteSnapshots", *RELEASED]
+        for case, faults, ending in (
+                ("a completion that fails is an abort", [{"call": complete, "status": "0x80042301"}],
+                 ["BackupComplete", *ABORTED]),
+                *[(f"a completion without an object: {effect}", [{"call": complete, **effect}], passed_over)
+                  for effect in ({"null_async": True}, {"status": 0}, {"status": 1})],
+                ("a wait with another success", [
+                    {"call": "IVssAsync::Wait", "skip": 4, "status": 1},
+                    {"call": "IVssAsync::QueryStatus", "skip": 4, "async_status": ASYNC_FINISHED}], COMPLETED),
+                ("a set that is gone already", [{"call": delete, "status": OBJECT_NOT_FOUND}], COMPLETED),
+                ("a shadow device that does not close", [{"call": "CloseHandle", "path": "ShadowCopy", "error": 6}],
+                 COMPLETED)):
+            machine = self.machine_with()
+            for fault in faults:
+                machine.add_fault(**fault)
+            with self.subTest(case):
+                self.expect_captured(machine, begun([WHOLE]), [*OPENED, *ending])
 
     def test_a_set_that_cannot_be_deleted_is_told(self):
         machine = self.machine_with()
@@ -611,98 +533,59 @@ class Ending(Session):
             at_the_end="  --vss: WARNING: could not delete the snapshot set (0x80042301) - it is still listed under"
             " Win32_ShadowCopy and must be removed by hand.\n")
 
-    def test_a_set_that_is_gone_already_is_no_trouble(self):
-        machine = self.machine_with()
-        machine.add_fault("IVssBackupComponents::DeleteSnapshots", status=OBJECT_NOT_FOUND)
-        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
-
-    def test_a_shadow_device_that_does_not_close_keeps_nothing_from_ending(self):
-        machine = self.machine_with()
-        machine.add_fault("CloseHandle", path="ShadowCopy", error=6)
-        self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED])
-
-    def test_a_session_without_ranges_is_ended_like_a_good_one(self):
-        machine = self.machine_with()
-        machine.add_fault("CreateFileW", path="ShadowCopy", error=2)
-        result = self.capture(machine)
-        self.assertEqual((result.status, short_names(session_calls(result))), (0, [*OPENED, *COMPLETED]))
-
 
 class FatalEnd(Session):
     """A capture that dies while a set exists: the exit routine aborts the backup and deletes the set, once."""
 
     def expect_fatal(self, machine, stderr, *options, printed="", at_the_end=""):
-        result = self.capture(machine, *options)
+        out = ["--out", "a.vrnx"] if "--out" not in options else []
+        result = machine.run("capture", "--disk", "1", "--vss", *out, *options)
         self.expect(result, 1, source_line(1, SIZE) + begun([WHOLE]) + NO_TRACKER + printed + at_the_end, stderr)
         self.assertEqual(short_names(session_calls(result)), [*OPENED, *ABORTED])
         self.assertEqual([line["path"] for line in result.calls("CloseHandle", path="ShadowCopy")], [shadow_path(1)])
         self.assertEqual(result.sequence()[-2:], ["CoUninitialize", "exit"])
         return result
 
-    def test_thin_without_a_base(self):
-        self.expect_fatal(self.machine_with(), fatal("--thin needs --base"), "--thin")
-
-    def test_a_base_that_is_missing(self):
-        self.expect_fatal(self.machine_with(),
-                          "could not open image file: no.vrnx\n" + fatal("could not open image file", 2), "--base",
-                          "no.vrnx", printed="Incremental mode: base image no.vrnx\n")
-
-    def test_a_base_of_another_disk(self):
-        machine = self.machine_with()
-        build_image(machine.path("base.vrnx"), bytes(SIZE + 512), chunk_size=MIB4)
-        self.expect_fatal(machine, fatal("--base image geometry does not match source disk"), "--base", "base.vrnx",
-                          printed="Incremental mode: base image base.vrnx\n")
-
-    def test_a_bad_password_file(self):
-        machine = self.machine_with()
-        machine.write("empty.txt", b"\n")
-        self.expect_fatal(machine, fatal("password file is empty"), "--encrypt", "--password-file", "empty.txt")
-        self.expect_fatal(self.machine_with(), fatal("could not open password file", 2), "--encrypt", "--password-file",
-                          "no.txt")
-
-    def test_an_output_that_exists(self):
-        machine = self.machine_with()
-        machine.write("a.vrnx", b"somebody's")
-        self.expect_fatal(machine, fatal("refusing to overwrite an existing output image"))
-        self.expect_file(machine, "a.vrnx", b"somebody's")
-
-    def test_a_work_file_that_cannot_be_created(self):
-        machine = self.machine_with()
-        os.mkdir(machine.path("a.vrnx.partial"))
-        self.expect_fatal(machine, fatal("could not create output image file", 5))
-
-    def test_a_buffer_that_cannot_be_had(self):
-        for skip in (0, 1):
+    def test_each_fatal_end_aborts_the_backup_and_deletes_the_set(self):
+        based = "Incremental mode: base image {}\n"
+        compared = compared_line(REASON_NO_TRACKER) + meter_run(SIZE, MIB4) + "\n"
+        read_shadow = {"call": "ReadFile", "path": "ShadowCopy", "error": 23}
+        refused = {"status": "0x80042301"}
+        for case, faults, options, report, printed, at_the_end in (
+                ("thin without a base", [], ["--thin"], fatal("--thin needs --base"), "", ""),
+                ("no base", [], ["--base", "no.vrnx"], "could not open image file: no.vrnx\n"
+                 + fatal("could not open image file", 2), based.format("no.vrnx"), ""),
+                ("another base", [], ["--base", "other.vrnx"],
+                 fatal("--base image geometry does not match source disk"), based.format("other.vrnx"), ""),
+                ("an empty password", [], ["--encrypt", "--password-file", "empty.txt"],
+                 fatal("password file is empty"), "", ""),
+                ("an output that exists", [], ["--out", "other.vrnx"],
+                 fatal("refusing to overwrite an existing output image"), "", ""),
+                ("a work file that is a folder", [], ["--out", "folder"],
+                 fatal("could not create output image file", 5), "", ""),
+                ("no memory", [{"call": "_aligned_malloc", "skip": 1, "null": True}], [],
+                 fatal("out of memory allocating aligned I/O buffer"), "", ""),
+                ("a read", [read_shadow], [], fatal(READ_FAILED, 23), "", ""),
+                ("a hash", [{"call": "BCryptCreateHash", "status": "0xC0000017"}], [],
+                 fatal_status("BCryptCreateHash", 0xC0000017), "", ""),
+                ("a write", [{"call": "WriteFile", "error": 112}], [],
+                 fatal("WriteFile to image file failed mid-capture (disk full?)", 112), "", ""),
+                ("a trailer", [{"call": "WriteFile", "error": 112}], ["--base", "base.vrnx", "--thin"],
+                 fatal("could not write thin image trailer", 112), based.format("base.vrnx") + compared, ""),
+                ("an abort that fails too", [read_shadow, {"call": "IVssBackupComponents::AbortBackup", **refused}], [],
+                 fatal(READ_FAILED, 23), "", ""),
+                ("a set that cannot be deleted", [
+                    read_shadow, {"call": "IVssBackupComponents::DeleteSnapshots", **refused}], [],
+                 fatal(READ_FAILED, 23), "", not_deleted(0x80042301))):
             machine = self.machine_with()
-            machine.add_fault("_aligned_malloc", skip=skip, null=True)
-            self.expect_fatal(machine, fatal("out of memory allocating aligned I/O buffer"))
-
-    def test_a_read_that_fails(self):
-        machine = self.machine_with()
-        machine.add_fault("ReadFile", error=23)
-        self.expect_fatal(machine, fatal(READ_FAILED, 23))
-
-    def test_a_hash_that_cannot_be_had(self):
-        machine = self.machine_with()
-        machine.add_fault("BCryptCreateHash", status="0xC0000017")
-        self.expect_fatal(machine, fatal_status("BCryptCreateHash", 0xC0000017))
-
-    def test_a_write_that_fails(self):
-        machine = self.machine_with()
-        machine.add_fault("WriteFile", error=112)
-        self.expect_fatal(machine, fatal("WriteFile to image file failed mid-capture (disk full?)", 112))
-        self.assertEqual(machine.files(), ["a.vrnx.partial"])
-
-    def test_a_thin_trailer_that_cannot_be_written(self):
-        machine = self.machine_with()
-        build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
-        machine.add_fault("WriteFile", error=112)
-        self.expect_fatal(machine, fatal("could not write thin image trailer", 112), "--base", "base.vrnx", "--thin",
-                          printed="Incremental mode: base image base.vrnx\n"
-                          "  --base: cannot prove what changed (no change tracker for this disk) - reading every chunk"
-                          " and comparing hashes with the base (no driver needed; slower to read, still a small"
-                          " file).\n"
-                          + meter_run(SIZE, MIB4) + "\n")
+            build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
+            build_image(machine.path("other.vrnx"), bytes(SIZE + 512), chunk_size=MIB4)
+            machine.write("empty.txt", b"\n")
+            os.mkdir(machine.path("folder.partial"))
+            for fault in faults:
+                machine.add_fault(**fault)
+            with self.subTest(case):
+                self.expect_fatal(machine, report, *options, printed=printed, at_the_end=at_the_end)
 
     def test_a_set_that_exists_without_ranges_is_deleted_too(self):
         machine = self.machine_with()
@@ -734,18 +617,6 @@ class FatalEnd(Session):
                     + "\nWARNING: tracker COMMIT failed - the next capture will be a full one.\n"
                     "Capture complete: a.vrnx\n")
         self.assertEqual(short_names(session_calls(result)), [*OPENED, *COMPLETED])
-
-    def test_an_abort_that_fails_is_not_looked_at(self):
-        machine = self.machine_with()
-        machine.add_fault("ReadFile", error=23)
-        machine.add_fault("IVssBackupComponents::AbortBackup", status="0x80042301")
-        self.expect_fatal(machine, fatal(READ_FAILED, 23))
-
-    def test_a_set_that_cannot_be_deleted_is_told_by_the_exit_routine_too(self):
-        machine = self.machine_with()
-        machine.add_fault("ReadFile", error=23)
-        machine.add_fault("IVssBackupComponents::DeleteSnapshots", status="0x80042301")
-        self.expect_fatal(machine, fatal(READ_FAILED, 23), at_the_end=not_deleted(0x80042301))
 
     def test_an_end_before_the_session_ends_nothing(self):
         machine = self.machine_with()
