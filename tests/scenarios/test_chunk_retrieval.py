@@ -54,47 +54,31 @@ class Retrieval(suite.Scenario):
         lengths = [line["length"] for line in result.calls("BCryptHashData")]
         self.assertEqual(lengths[:5], [64 + 4 * 72, 4096, 4096, 4096, 3072])
 
-    def test_a_failed_seek_is_fatal(self):
-        for chunk in (0, 2, 3):
+    def test_each_failure_ends_the_run_at_its_chunk(self):
+        for case, chunk, fault, report in (
+                *[(f"seek {chunk}", chunk, {"call": "SetFilePointerEx", "path": "in.vrnx", "skip": chunk,
+                                            "error": 1117}, fatal(NOT_READ, 1117)) for chunk in (0, 2, 3)],
+                *[(f"read {chunk}", chunk, {"call": "ReadFile", "path": "in.vrnx", "skip": 2 + chunk, "error": 1117},
+                   fatal(NOT_READ, 1117)) for chunk in (0, 2, 3)],
+                *[(f"short read {chunk}", chunk, {"call": "ReadFile", "path": "in.vrnx", "skip": 2 + chunk,
+                                                  "transferred": transferred}, fatal(NOT_READ))
+                  for chunk, transferred in ((0, 0), (1, 4095), (3, 3071))],
+                ("a byte that turns while it is read", 2,
+                 {"call": "ReadFile", "path": "in.vrnx", "skip": 4, "flip": 77}, fatal(BAD_HASH)),
+                *[(f"flipped byte {chunk}", chunk, 64 + 4 * 72 + chunk * 4096 + place, fatal(BAD_HASH))
+                  for chunk, place in ((0, 0), (1, 4095), (3, 3071))],
+                ("a hash of the table", 1, 64 + 72 + 12, fatal(BAD_HASH)),
+                ("a hash provider", 2, {"call": "BCryptOpenAlgorithmProvider", "skip": 3, "status": "0xC0000225"},
+                 fatal_status("BCryptOpenAlgorithmProvider(SHA256)", 0xC0000225)),
+                ("a hash", 3, {"call": "BCryptCreateHash", "skip": 4, "status": "0xC0000017"},
+                 fatal_status("BCryptCreateHash", 0xC0000017))):
             machine, _ = self.prepared()
-            machine.add_fault("SetFilePointerEx", path="in.vrnx", skip=chunk, error=1117)
-            self.expect_failed(machine, chunk, fatal(NOT_READ, 1117))
-
-    def test_a_failed_read_is_fatal(self):
-        for chunk in (0, 2, 3):
-            machine, _ = self.prepared()
-            machine.add_fault("ReadFile", path="in.vrnx", skip=2 + chunk, error=1117)
-            self.expect_failed(machine, chunk, fatal(NOT_READ, 1117))
-
-    def test_a_short_read_is_fatal(self):
-        for chunk, transferred in ((0, 0), (1, 4095), (3, 3071)):
-            machine, _ = self.prepared()
-            machine.add_fault("ReadFile", path="in.vrnx", skip=2 + chunk, transferred=transferred)
-            self.expect_failed(machine, chunk, fatal(NOT_READ))
-
-    def test_a_flipped_byte_fails_the_hash_check(self):
-        for chunk, place in ((0, 0), (1, 4095), (3, 3071)):
-            machine, builder = self.prepared()
-            machine.flip("in.vrnx", builder.data_offset(chunk) + place)
-            self.expect_failed(machine, chunk, fatal(BAD_HASH))
-
-    def test_a_byte_that_turns_while_it_is_read_fails_the_hash_check(self):
-        machine, _ = self.prepared()
-        machine.add_fault("ReadFile", path="in.vrnx", skip=2 + 2, flip=77)
-        self.expect_failed(machine, 2, fatal(BAD_HASH))
-
-    def test_a_damaged_hash_in_the_table_fails_the_hash_check(self):
-        machine, _ = self.prepared()
-        machine.flip("in.vrnx", 64 + 72 + 12)
-        self.expect_failed(machine, 1, fatal(BAD_HASH))
-
-    def test_a_hash_that_cannot_be_had_is_fatal_with_its_status(self):
-        machine, _ = self.prepared()
-        machine.add_fault("BCryptOpenAlgorithmProvider", skip=1 + 2, status="0xC0000225")
-        self.expect_failed(machine, 2, fatal_status("BCryptOpenAlgorithmProvider(SHA256)", 0xC0000225))
-        machine, _ = self.prepared()
-        machine.add_fault("BCryptCreateHash", skip=1 + 3, status="0xC0000017")
-        self.expect_failed(machine, 3, fatal_status("BCryptCreateHash", 0xC0000017))
+            if isinstance(fault, int):
+                machine.flip("in.vrnx", fault)
+            else:
+                machine.add_fault(**fault)
+            with self.subTest(case):
+                self.expect_failed(machine, chunk, report)
 
     def test_the_image_is_left_as_it_was(self):
         machine, builder = self.prepared()

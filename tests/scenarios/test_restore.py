@@ -1,8 +1,9 @@
-"""restore: a full plain image back onto a disk, its refusals, what is written and what is left alone."""
+"""restore: a full plain image back onto a disk: its refusals in their order, what is written and what is left alone,
+and which zeros --skip-zero leaves out."""
 
 import suite
 from console import (LARGER_TARGET_NOTE, RESTORE_COMPLETE, RESTORE_UNCONFIRMED, exclusive_failure, fatal, fatal_status,
-                     meter_run, restore_text, restoring_line, system_disk_refusal)
+                     meter_run, restore_text, restoring_line)
 from image import ImageBuilder, build_image
 from machine import UPDATE_PROPERTIES, pattern
 
@@ -40,18 +41,26 @@ class Restore(suite.Scenario):
 
 class Good(Restore):
     def test_an_image_goes_back_onto_a_disk(self):
-        machine, _ = self.prepared()
-        self.expect(self.restore(machine), 0,
-                    "Restoring a.vrnx -> PhysicalDrive2 (10 chunks, 0.00 GiB)\n"
-                    "\r   10.26%  0 / 0 MiB  (0.0 MiB/s)   \r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
-                    "Restore complete. Run 'diskpart > rescan' (or reboot) before relying on the target disk.\n")
+        machine, builder = self.prepared()
+        result = self.expect(self.restore(machine), 0,
+                             "Restoring a.vrnx -> PhysicalDrive2 (10 chunks, 0.00 GiB)\n"
+                             "\r   10.26%  0 / 0 MiB  (0.0 MiB/s)   \r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
+                             "Restore complete. Run 'diskpart > rescan' (or reboot) before relying on the target "
+                             "disk.\n")
         self.expect_disk(machine, 2, pattern(SIZE, "image"))
-
-    def test_capture_and_restore_make_an_equal_disk(self):
-        machine = self.machine()
-        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "a.vrnx").status, 0)
-        self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, machine.SOURCE_SIZE, 0x400000))
-        self.expect_disk(machine, 2, machine.disk_bytes(1))
+        # The image is only read and in sequence, and every chunk hashed before it is written.
+        self.expect_file(machine, "a.vrnx", builder.to_bytes())
+        self.assertEqual(result.calls("SetFilePointerEx", path="a.vrnx"), [])
+        self.assertEqual([line["offset"] for line in result.calls("ReadFile", path="a.vrnx")],
+                         [0, 64] + [64 + 720 + index * 4096 for index in range(10)])
+        self.assertEqual(result.sequence("BCryptHashData", "WriteFile"),
+                         ["BCryptHashData"] + ["BCryptHashData", "WriteFile"] * 10)
+        self.assertEqual([(line["offset"], line["length"]) for line in result.calls("WriteFile")],
+                         [(index * 4096, 4096) for index in range(9)] + [(9 * 4096, 3072)])
+        # The partition table is read again, and the target closed before the image.
+        last = [(line["call"], line.get("path"), line.get("code")) for line in result.log[-4:]]
+        self.assertEqual(last, [("DeviceIoControl", TARGET, UPDATE_PROPERTIES), ("CloseHandle", TARGET, None),
+                                ("CloseHandle", "a.vrnx", None), ("exit", None, 0)])
 
     def test_disk_0_is_a_disk_like_any_other_where_the_system_is_elsewhere(self):
         machine = self.machine(default=False)
@@ -61,33 +70,6 @@ class Good(Restore):
         build_image(machine.path("a.vrnx"), pattern(SIZE, "image"))
         self.expect(self.restore(machine, disk=0), 0, restore_text("a.vrnx", 0, SIZE, 4096))
         self.expect_disk(machine, 0, pattern(SIZE, "image"))
-
-    def test_the_last_write_is_the_rest_only(self):
-        machine, _ = self.prepared(target=pattern(SIZE, "target"))
-        result = self.restore(machine)
-        self.assertEqual([(line["offset"], line["length"]) for line in result.calls("WriteFile")],
-                         [(index * 4096, 4096) for index in range(9)] + [(9 * 4096, 3072)])
-
-    def test_the_image_is_only_read_and_in_sequence(self):
-        machine, builder = self.prepared()
-        result = self.restore(machine)
-        self.expect_file(machine, "a.vrnx", builder.to_bytes())
-        self.assertEqual(result.calls("SetFilePointerEx", path="a.vrnx"), [])
-        self.assertEqual([line["offset"] for line in result.calls("ReadFile", path="a.vrnx")],
-                         [0, 64] + [64 + 720 + index * 4096 for index in range(10)])
-
-    def test_the_partition_table_is_read_again_and_the_target_is_closed_before_the_image(self):
-        machine, _ = self.prepared()
-        result = self.restore(machine)
-        last = [(line["call"], line.get("path"), line.get("code")) for line in result.log[-4:]]
-        self.assertEqual(last, [("DeviceIoControl", TARGET, UPDATE_PROPERTIES), ("CloseHandle", TARGET, None),
-                                ("CloseHandle", "a.vrnx", None), ("exit", None, 0)])
-
-    def test_a_failed_reading_of_the_partition_table_is_not_looked_at(self):
-        machine, _ = self.prepared()
-        machine.add_fault("DeviceIoControl", path="PhysicalDrive2", skip=2, error=1117)
-        self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
-        self.expect_disk(machine, 2, pattern(SIZE, "image"))
 
     def test_no_word_is_given_of_differing_sector_sizes(self):
         machine, _ = self.prepared(8 * 4096, sector_size=4096)
@@ -101,20 +83,6 @@ class Good(Restore):
         machine, _ = self.prepared(4 * 8192, sector_size=8192, chunk_size=8192)
         self.assertEqual([(line["size"], line["alignment"]) for line in self.restore(machine).calls("_aligned_malloc")],
                          [(8192, 8192)])
-
-    def test_every_chunk_is_hashed_before_it_is_written(self):
-        machine, _ = self.prepared(3 * 4096)
-        result = self.restore(machine)
-        self.assertEqual(result.sequence("BCryptHashData", "WriteFile"),
-                         ["BCryptHashData"] + ["BCryptHashData", "WriteFile"] * 3)
-
-    def test_an_unfinished_restore_can_be_run_again(self):
-        machine, _ = self.prepared()
-        machine.add_fault("WriteFile", path="PhysicalDrive2", skip=4, error=1117)
-        self.assertEqual(self.restore(machine).status, 1)
-        machine.clear_faults()
-        self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
-        self.expect_disk(machine, 2, pattern(SIZE, "image"))
 
 
 class Refusals(Restore):
@@ -132,23 +100,18 @@ class Refusals(Restore):
             result = self.expect(machine.run("restore", *arguments), 1, "", message)
             self.assertEqual(result.sequence(), ["CreateFileW", "exit"])
 
-    def test_the_system_disk_is_refused(self):
-        machine, _ = self.prepared()
-        before = machine.disk_bytes(0)
-        result = self.expect(self.restore(machine, disk=0), 1, "",
-                             "Refusing: PhysicalDrive0 is the disk this copy of Windows is currently running from.\n"
-                             "A live raw write to your own booted system disk cannot be made safe - boot from\n"
-                             "separate media (Windows Recovery/PE) and run vornix restore from there instead.\n")
-        self.expect_untouched(machine, result)
-        self.expect_disk(machine, 0, before)
-
-    def test_the_system_disk_is_refused_before_the_missing_confirmation(self):
-        machine, _ = self.prepared()
-        self.expect(machine.run("restore", "--in", "a.vrnx", "--disk", "0"), 1, "", system_disk_refusal(0))
-
-    def test_the_system_disk_is_refused_before_the_image_is_opened(self):
-        machine, _ = self.prepared()
-        self.expect(self.restore(machine, disk=0, path="missing.vrnx"), 1, "", system_disk_refusal(0))
+    def test_the_system_disk_is_refused_before_the_confirmation_and_the_image_are_looked_at(self):
+        for arguments in (("--in", "a.vrnx", "--confirm", "YES"), ("--in", "a.vrnx"),
+                          ("--in", "missing.vrnx", "--confirm", "YES")):
+            machine, _ = self.prepared()
+            before = machine.disk_bytes(0)
+            result = self.expect(machine.run("restore", "--disk", "0", *arguments), 1, "",
+                                 "Refusing: PhysicalDrive0 is the disk this copy of Windows is currently running "
+                                 "from.\n"
+                                 "A live raw write to your own booted system disk cannot be made safe - boot from\n"
+                                 "separate media (Windows Recovery/PE) and run vornix restore from there instead.\n")
+            self.expect_untouched(machine, result)
+            self.expect_disk(machine, 0, before)
 
     def test_without_confirmation_the_image_is_not_opened(self):
         machine, _ = self.prepared()
@@ -158,19 +121,14 @@ class Refusals(Restore):
         self.assertEqual([line["path"] for line in result.calls("CreateFileW")], [r"\\.\C:"])
 
     def test_a_bad_image_is_refused_before_the_target_is_opened(self):
-        machine, _ = self.prepared()
-        machine.flip("a.vrnx", 0)
-        result = self.expect(self.restore(machine), 1, "", fatal("not a recognized Vornix image (bad magic/version)"))
-        self.expect_untouched(machine, result)
-        result = self.expect(self.restore(machine, path="missing.vrnx"), 1, "",
-                             "could not open image file: missing.vrnx\n" + fatal("could not open image file", 2))
-        self.expect_untouched(machine, result)
-
-    def test_a_truncated_image_is_refused_before_the_target_is_opened(self):
         machine, builder = self.prepared()
-        machine.write("a.vrnx", builder.to_bytes()[:-1])
-        self.expect_untouched(machine, self.expect(self.restore(machine), 1, "",
-                                                   fatal("image chunk data extends past end of file")))
+        machine.write("cut.vrnx", builder.to_bytes()[:-1])
+        machine.flip("a.vrnx", 0)
+        for path, report in (("a.vrnx", fatal("not a recognized Vornix image (bad magic/version)")),
+                             ("cut.vrnx", fatal("image chunk data extends past end of file")),
+                             ("missing.vrnx", "could not open image file: missing.vrnx\n"
+                              + fatal("could not open image file", 2))):
+            self.expect_untouched(machine, self.expect(self.restore(machine, path=path), 1, "", report))
 
     def test_a_target_in_use_is_refused_whatever_its_size(self):
         for target in (pattern(SIZE, "target"), bytes(512), bytes(SIZE * 2)):
@@ -183,41 +141,21 @@ class Refusals(Restore):
         machine, _ = self.prepared()
         self.expect(self.restore(machine, disk=3), 1, "", exclusive_failure(3, 2))
 
-    def test_a_smaller_target_is_refused_with_both_sizes(self):
-        machine, _ = self.prepared(target=bytes(SIZE - 512))
-        self.expect(self.restore(machine), 1, "",
-                    "Refusing: target disk 2 is 0.00 GiB, smaller than the image's 0.00 GiB source.\n")
-        self.expect_disk(machine, 2, bytes(SIZE - 512))
-
-    def test_the_sizes_of_a_smaller_target_are_shown_in_gibibytes(self):
-        size = 48 * 1048576
-        machine, _ = self.prepared(plain=bytes(size), target=size - 1, chunk_size=0x400000)
-        self.expect(self.restore(machine), 1, "",
-                    "Refusing: target disk 2 is 0.05 GiB, smaller than the image's 0.05 GiB source.\n")
-        machine.add_disk(2, 11 * 1048576)
-        self.expect(self.restore(machine), 1, "",
-                    "Refusing: target disk 2 is 0.01 GiB, smaller than the image's 0.05 GiB source.\n")
-
-    def test_a_target_that_is_one_byte_too_small_is_refused(self):
-        machine, _ = self.prepared()
-        machine.disk(2)["length"] = SIZE - 1
-        self.expect(self.restore(machine), 1, "",
-                    "Refusing: target disk 2 is 0.00 GiB, smaller than the image's 0.00 GiB source.\n")
-        self.expect_disk(machine, 2, pattern(SIZE, "target"))
-
-    def test_a_target_that_does_not_tell_its_size_is_refused(self):
-        for skip, name in ((0, "LENGTH_INFO"), (1, "DRIVE_GEOMETRY_EX")):
-            machine, _ = self.prepared()
-            machine.add_fault("DeviceIoControl", path="PhysicalDrive2", skip=skip, error=1117)
-            self.expect(self.restore(machine), 1, "", fatal(f"IOCTL_DISK_GET_{name} failed", 1117))
-            self.expect_disk(machine, 2, pattern(SIZE, "target"))
+    def test_a_smaller_target_is_refused_with_both_sizes_in_gibibytes(self):
+        large = 48 * 1048576
+        for size, length, shown in ((SIZE, SIZE - 512, "0.00 GiB, smaller than the image's 0.00"),
+                                    (SIZE, SIZE - 1, "0.00 GiB, smaller than the image's 0.00"),
+                                    (large, large - 1, "0.05 GiB, smaller than the image's 0.05"),
+                                    (large, 11 * 1048576, "0.01 GiB, smaller than the image's 0.05")):
+            machine, _ = self.prepared(plain=bytes(size), target=bytes(512), chunk_size=0x400000)
+            machine.disk(2)["length"] = length
+            with self.subTest(size=size, length=length):
+                self.expect(self.restore(machine), 1, "",
+                            f"Refusing: target disk 2 is {shown} GiB source.\n")
+                self.expect_disk(machine, 2, bytes(512))
 
 
 class LargerTarget(Restore):
-    def test_a_target_of_exactly_the_size_brings_no_note(self):
-        machine, _ = self.prepared()
-        self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
-
     def test_a_target_of_one_byte_more_brings_the_note(self):
         machine, _ = self.prepared()
         machine.disk(2)["length"] = SIZE + 1
@@ -250,49 +188,32 @@ class BadChunks(Restore):
                     "written.\n")
         self.expect_written(machine, 5)
 
-    def test_a_bad_first_chunk_leaves_the_target_as_it_was(self):
-        machine, builder = self.prepared()
-        machine.flip("a.vrnx", builder.data_offset(0))
-        result = self.expect(self.restore(machine), 1, self.begun(), mismatch(0))
-        self.assertEqual(result.calls("WriteFile"), [])
-        self.expect_written(machine, 0)
-
-    def test_a_bad_last_chunk_leaves_the_others_written(self):
-        machine, builder = self.prepared()
-        machine.flip("a.vrnx", builder.data_offset(9) + 3071)
-        self.expect(self.restore(machine), 1, self.begun(chunks=9), mismatch(9))
-        self.expect_written(machine, 9)
-
-    def test_a_damaged_hash_in_the_table_ends_the_restore(self):
-        machine, _ = self.prepared()
-        machine.flip("a.vrnx", 64 + 72 * 2 + 12)
-        self.expect(self.restore(machine), 1, self.begun(chunks=2), mismatch(2))
-        self.expect_written(machine, 2)
-
-    def test_a_failed_read_of_the_image_is_fatal(self):
-        machine, _ = self.prepared()
-        machine.add_fault("ReadFile", path="a.vrnx", skip=2 + 3, error=1117)
-        self.expect(self.restore(machine), 1, self.begun(chunks=3), fatal(READ_FAILED, 1117))
-        self.expect_written(machine, 3)
-
-    def test_a_short_read_of_the_image_is_fatal(self):
-        machine, _ = self.prepared()
-        machine.add_fault("ReadFile", path="a.vrnx", skip=2, transferred=4095)
-        self.expect(self.restore(machine), 1, self.begun(), fatal(READ_FAILED))
-        self.expect_written(machine, 0)
-
-    def test_a_failed_write_is_fatal(self):
-        machine, _ = self.prepared()
-        machine.add_fault("WriteFile", path="PhysicalDrive2", skip=7, error=1117)
-        self.expect(self.restore(machine), 1, self.begun(chunks=7), fatal(WRITE_FAILED, 1117))
-        self.expect_written(machine, 7)
-
-    def test_a_short_write_is_fatal(self):
-        machine, _ = self.prepared()
-        machine.add_fault("WriteFile", path="PhysicalDrive2", skip=1, transferred=512)
-        self.expect(self.restore(machine), 1, self.begun(chunks=1), fatal(WRITE_FAILED))
-        image, target = pattern(SIZE, "image"), pattern(SIZE, "target")
-        self.expect_disk(machine, 2, image[:4096 + 512] + target[4096 + 512:])
+    def test_each_failure_leaves_the_chunks_before_it_written(self):
+        no_memory = fatal("out of memory allocating aligned I/O buffer")
+        for case, chunks, fault, report in (
+                ("the first chunk is bad", 0, 64 + 720, mismatch(0)),
+                ("the last chunk is bad", 9, 64 + 720 + 9 * 4096 + 3071, mismatch(9)),
+                ("a hash in the table is bad", 2, 64 + 72 * 2 + 12, mismatch(2)),
+                ("a read", 3, {"call": "ReadFile", "path": "a.vrnx", "skip": 5, "error": 1117},
+                 fatal(READ_FAILED, 1117)),
+                ("a short read", 0, {"call": "ReadFile", "path": "a.vrnx", "skip": 2, "transferred": 4095},
+                 fatal(READ_FAILED)),
+                ("a write", 7, {"call": "WriteFile", "skip": 7, "error": 1117}, fatal(WRITE_FAILED, 1117)),
+                ("a short write", 1, {"call": "WriteFile", "skip": 1, "transferred": 0}, fatal(WRITE_FAILED)),
+                ("no memory", 0, {"call": "_aligned_malloc", "null": True}, no_memory),
+                ("a hash", 4, {"call": "BCryptOpenAlgorithmProvider", "skip": 5, "status": "0xC0000225"},
+                 fatal_status("BCryptOpenAlgorithmProvider(SHA256)", 0xC0000225))):
+            machine, _ = self.prepared()
+            if isinstance(fault, int):
+                machine.flip("a.vrnx", fault)
+            else:
+                machine.add_fault(**fault)
+            with self.subTest(case):
+                self.expect(self.restore(machine), 1, self.begun(chunks=chunks), report)
+                self.expect_written(machine, chunks)
+        machine.clear_faults()
+        self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
+        self.expect_disk(machine, 2, pattern(SIZE, "image"))
 
     def test_a_failed_seek_of_the_target_is_not_looked_at(self):
         # The target already stands there, behind the chunk before.
@@ -300,19 +221,6 @@ class BadChunks(Restore):
         machine.add_fault("SetFilePointerEx", path="PhysicalDrive2", times=100, error=1117)
         self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, SIZE, 4096))
         self.expect_disk(machine, 2, pattern(SIZE, "image"))
-
-    def test_a_buffer_that_cannot_be_had_is_fatal_before_anything_is_written(self):
-        machine, _ = self.prepared()
-        machine.add_fault("_aligned_malloc", null=True)
-        self.expect(self.restore(machine), 1, self.begun(), fatal("out of memory allocating aligned I/O buffer"))
-        self.expect_written(machine, 0)
-
-    def test_a_hash_that_cannot_be_had_is_fatal(self):
-        machine, _ = self.prepared()
-        machine.add_fault("BCryptOpenAlgorithmProvider", skip=1 + 4, status="0xC0000225")
-        self.expect(self.restore(machine), 1, self.begun(chunks=4),
-                    fatal_status("BCryptOpenAlgorithmProvider(SHA256)", 0xC0000225))
-        self.expect_written(machine, 4)
 
 
 class SkipZero(Restore):

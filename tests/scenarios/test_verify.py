@@ -1,10 +1,10 @@
-"""verify: a full plain image from end to end, every bad chunk reported, the verdict."""
+"""verify: a full plain image from end to end, every bad chunk reported in its line and counted, and the verdict."""
 
 import os
 
 import suite
 from console import fatal, fatal_status, meter, meter_run, verify_failed, verify_text, verifying_line
-from image import ImageBuilder, build_image, read_table
+from image import ImageBuilder, build_image
 from machine import pattern
 
 SIZE = 10 * 4096 - 1024  # ten chunks of 4096, the last one short
@@ -29,17 +29,19 @@ class Verify(suite.Scenario):
 
 class Good(Verify):
     def test_a_good_image_is_good(self):
-        machine, _ = self.image()
-        self.expect(self.verify(machine), 0,
-                    "Verifying a.vrnx  (10 chunks, 0.00 GiB source disk)\n" + FIRST_METER + LAST_METER + "\n"
-                    "Verify OK - all 10 chunks match their recorded hash.\n")
-
-    def test_an_image_is_only_read(self):
         machine, builder = self.image()
-        result = self.verify(machine)
+        result = self.expect(self.verify(machine), 0,
+                             "Verifying a.vrnx  (10 chunks, 0.00 GiB source disk)\n" + FIRST_METER + LAST_METER + "\n"
+                             "Verify OK - all 10 chunks match their recorded hash.\n")
+        # It is only read, in sequence with no seek and through one buffer; no disk is looked at.
         self.expect_file(machine, "a.vrnx", builder.to_bytes())
-        self.assertEqual(result.calls("WriteFile"), [])
-        self.assertEqual(machine.files(), ["a.vrnx"])
+        self.assertEqual(result.calls("WriteFile") + result.calls("SetFilePointerEx"), [])
+        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["a.vrnx"])
+        self.assertEqual([(line["offset"], line["length"]) for line in result.calls("ReadFile")[2:]],
+                         [(64 + 720 + index * 4096, 4096) for index in range(9)] + [(64 + 720 + 9 * 4096, 3072)])
+        self.assertEqual([(line["size"], line["alignment"]) for line in result.calls("_aligned_malloc")], [(4096, 64)])
+        self.assertEqual([(line["call"], line.get("path")) for line in result.log[-2:]],
+                         [("CloseHandle", "a.vrnx"), ("exit", None)])
 
     def test_the_path_is_printed_as_typed(self):
         machine, _ = self.image()
@@ -62,24 +64,6 @@ class Good(Verify):
             result = self.expect(self.verify(machine, "--password-file", name), 0, verify_text("a.vrnx", SIZE, 4096))
             self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2"), [])
 
-    def test_chunks_are_read_in_sequence_with_no_seek_and_one_buffer(self):
-        machine, _ = self.image()
-        result = self.verify(machine)
-        self.assertEqual(result.calls("SetFilePointerEx"), [])
-        self.assertEqual([(line["offset"], line["length"]) for line in result.calls("ReadFile")[2:]],
-                         [(64 + 720 + index * 4096, 4096) for index in range(9)] + [(64 + 720 + 9 * 4096, 3072)])
-        self.assertEqual([(line["size"], line["alignment"]) for line in result.calls("_aligned_malloc")], [(4096, 64)])
-
-    def test_the_image_is_closed_at_the_end(self):
-        machine, _ = self.image()
-        result = self.verify(machine)
-        self.assertEqual([line["call"] for line in result.log[-2:]], ["CloseHandle", "exit"])
-        self.assertEqual(result.log[-2]["path"], "a.vrnx")
-
-    def test_no_disk_is_looked_at(self):
-        machine, _ = self.image()
-        self.assertEqual([line["path"] for line in self.verify(machine).calls("CreateFileW")], ["a.vrnx"])
-
     def test_each_hash_opens_and_closes_the_provider(self):
         machine, _ = self.image()
         result = self.verify(machine)
@@ -96,26 +80,40 @@ class Bad(Verify):
     def test_one_bad_chunk_is_told_with_its_number_and_offset(self):
         machine, builder = self.image()
         machine.flip("a.vrnx", builder.data_offset(5) + 17)
-        self.expect(self.verify(machine), 1,
-                    "Verifying a.vrnx  (10 chunks, 0.00 GiB source disk)\n" + FIRST_METER +
-                    "\n  chunk 5 (disk offset 20480): HASH MISMATCH\n" + LAST_METER + "\n",
-                    "Verify FAILED - 1 of 10 chunks did not match. Do not trust this image for restore.\n")
+        result = self.expect(self.verify(machine), 1,
+                             "Verifying a.vrnx  (10 chunks, 0.00 GiB source disk)\n" + FIRST_METER +
+                             "\n  chunk 5 (disk offset 20480): HASH MISMATCH\n" + LAST_METER + "\n",
+                             "Verify FAILED - 1 of 10 chunks did not match. Do not trust this image for restore.\n")
+        self.assertEqual([(line["call"], line.get("code")) for line in result.log[-2:]],
+                         [("CloseHandle", None), ("exit", 1)])
 
-    def test_every_bad_chunk_gets_its_line_in_order_and_is_counted(self):
-        machine, builder = self.image()
-        for index in (7, 2, 4):
-            machine.flip("a.vrnx", builder.data_offset(index))
-        self.expect(self.verify(machine), 1,
-                    verifying_line("a.vrnx", 10, SIZE) + FIRST_METER + mismatch(2) + mismatch(4) + mismatch(7)
-                    + LAST_METER + "\n", verify_failed(3, 10))
+    def test_every_bad_chunk_gets_its_line_in_order_and_is_counted_and_stops_no_meter(self):
+        def exchange(builder):
+            builder.stored[1], builder.stored[2] = builder.stored[2], builder.stored[1]
 
-    def test_a_bad_first_and_last_chunk_do_not_stop_the_meter(self):
-        machine, builder = self.image()
-        machine.flip("a.vrnx", builder.data_offset(0))
-        machine.flip("a.vrnx", builder.data_offset(9) + 3071)
-        self.expect(self.verify(machine), 1,
-                    verifying_line("a.vrnx", 10, SIZE) + mismatch(0) + FIRST_METER + mismatch(9) + LAST_METER + "\n",
-                    verify_failed(2, 10))
+        def flipped(*offsets):
+            def damage(builder):
+                data = bytearray(good)
+                for offset in offsets:
+                    data[offset] ^= 0xFF
+                return bytes(data)
+            return damage
+
+        data = 64 + 720
+        good = ImageBuilder(pattern(SIZE, "image")).to_bytes()
+        for case, bad, damage in (
+                ("three chunks", (2, 4, 7), flipped(*[data + index * 4096 for index in (7, 2, 4)])),
+                ("the first and the last", (0, 9), flipped(data, data + 9 * 4096 + 3071)),
+                ("all", range(10), flipped(*[data + index * 4096 + index for index in range(10)])),
+                ("a hash in the table", (3,), flipped(64 + 3 * 72 + 12 + 31)),
+                ("two exchanged", (1, 2), exchange)):
+            machine, builder = self.image()
+            machine.write("a.vrnx", damage(builder) or builder.to_bytes())
+            text = "".join((mismatch(index) if index in bad else "") + {0: FIRST_METER, 9: LAST_METER}.get(index, "")
+                           for index in range(10))
+            with self.subTest(case):
+                self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE) + text + "\n",
+                            verify_failed(len(bad), 10))
 
     def test_a_bad_32nd_chunk_does_not_stop_the_meter(self):
         size = 40 * 512
@@ -124,38 +122,6 @@ class Bad(Verify):
         self.expect(self.verify(machine), 1,
                     verifying_line("a.vrnx", 40, size) + meter(512, size, 1) + mismatch(32, 512)
                     + meter(33 * 512, size, 2) + meter(size, size, 3) + "\n", verify_failed(1, 40))
-
-    def test_a_damaged_hash_in_the_table_is_a_mismatch(self):
-        machine, _ = self.image()
-        machine.flip("a.vrnx", 64 + 3 * 72 + 12 + 31)
-        self.expect(self.verify(machine), 1,
-                    verifying_line("a.vrnx", 10, SIZE) + FIRST_METER + mismatch(3) + LAST_METER + "\n",
-                    verify_failed(1, 10))
-
-    def test_every_chunk_can_be_bad(self):
-        machine, builder = self.image()
-        for index in range(10):
-            machine.flip("a.vrnx", builder.data_offset(index) + index)
-        text = "".join(mismatch(index) + (FIRST_METER if index == 0 else "") for index in range(10))
-        self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE) + text + LAST_METER + "\n",
-                    verify_failed(10, 10))
-
-    def test_the_short_last_chunk_is_hashed_at_its_own_length(self):
-        machine, builder = self.image()
-        builder.tail = b"behind everything"
-        builder.write(machine.path("a.vrnx"))
-        self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
-        _, records = read_table(machine.path("a.vrnx"))
-        self.assertEqual(records[9].stored_length, 3072)
-
-    def test_two_exchanged_chunks_are_both_bad(self):
-        machine = self.machine(default=False)
-        builder = ImageBuilder(pattern(SIZE, "image"))
-        builder.stored[1], builder.stored[2] = builder.stored[2], builder.stored[1]
-        builder.write(machine.path("a.vrnx"))
-        self.expect(self.verify(machine), 1,
-                    verifying_line("a.vrnx", 10, SIZE) + FIRST_METER + mismatch(1) + mismatch(2) + LAST_METER + "\n",
-                    verify_failed(2, 10))
 
     def test_a_byte_that_turns_while_it_is_read_is_a_mismatch(self):
         machine, _ = self.image()
@@ -166,32 +132,9 @@ class Bad(Verify):
         machine.clear_faults()
         self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
 
-    def test_the_image_is_closed_before_the_failed_verdict(self):
-        machine, builder = self.image()
-        machine.flip("a.vrnx", builder.data_offset(5))
-        result = self.verify(machine)
-        self.assertEqual([(line["call"], line.get("code")) for line in result.log[-2:]],
-                         [("CloseHandle", None), ("exit", 1)])
-
 
 class Failures(Verify):
     TRUNCATED = "could not read chunk data - image is truncated"
-
-    def test_a_failed_read_is_fatal(self):
-        machine, _ = self.image()
-        machine.add_fault("ReadFile", path="a.vrnx", skip=2 + 4, error=1117)
-        self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE) + FIRST_METER,
-                    fatal(self.TRUNCATED, 1117))
-
-    def test_a_short_read_is_fatal(self):
-        machine, _ = self.image()
-        machine.add_fault("ReadFile", path="a.vrnx", skip=2 + 9, transferred=3071)
-        self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE) + FIRST_METER, fatal(self.TRUNCATED))
-
-    def test_an_empty_read_is_fatal(self):
-        machine, _ = self.image()
-        machine.add_fault("ReadFile", path="a.vrnx", skip=2, transferred=0)
-        self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE), fatal(self.TRUNCATED))
 
     def test_bad_chunks_before_a_failed_read_are_not_counted_out(self):
         machine, builder = self.image()
@@ -200,44 +143,38 @@ class Failures(Verify):
         self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE) + FIRST_METER + mismatch(1),
                     fatal(self.TRUNCATED, 1117))
 
-    def test_a_buffer_that_cannot_be_had_is_fatal(self):
-        machine, _ = self.image()
-        machine.add_fault("_aligned_malloc", null=True)
-        self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE),
-                    fatal("out of memory allocating aligned I/O buffer"))
-
-    def test_a_hash_provider_that_does_not_open_is_fatal_with_its_status(self):
-        for skip, stdout in ((0, ""), (1, verifying_line("a.vrnx", 10, SIZE)),
-                             (2, verifying_line("a.vrnx", 10, SIZE) + FIRST_METER)):
+    def test_each_step_that_fails_is_fatal(self):
+        begun = verifying_line("a.vrnx", 10, SIZE)
+        provider = fatal_status("BCryptOpenAlgorithmProvider(SHA256)", 0xC0000225)
+        for step, fault, stdout, report in (
+                ("a read", {"call": "ReadFile", "skip": 6, "error": 1117}, begun + FIRST_METER,
+                 fatal(self.TRUNCATED, 1117)),
+                ("a short read", {"call": "ReadFile", "skip": 11, "transferred": 3071}, begun + FIRST_METER,
+                 fatal(self.TRUNCATED)),
+                ("an empty read", {"call": "ReadFile", "skip": 2, "transferred": 0}, begun, fatal(self.TRUNCATED)),
+                ("a buffer", {"call": "_aligned_malloc", "null": True}, begun,
+                 fatal("out of memory allocating aligned I/O buffer")),
+                *[(f"hash provider {skip}", {"call": "BCryptOpenAlgorithmProvider", "skip": skip,
+                                             "status": "0xC0000225"}, stdout, provider)
+                  for skip, stdout in ((0, ""), (1, begun), (2, begun + FIRST_METER))],
+                ("a hash", {"call": "BCryptCreateHash", "skip": 1, "status": "0xC0000017"}, begun,
+                 fatal_status("BCryptCreateHash", 0xC0000017))):
             machine, _ = self.image()
-            machine.add_fault("BCryptOpenAlgorithmProvider", skip=skip, status="0xC0000225")
-            self.expect(self.verify(machine), 1, stdout,
-                        "FATAL: BCryptOpenAlgorithmProvider(SHA256) (NTSTATUS 0xC0000225)\n")
+            machine.add_fault(**fault)
+            with self.subTest(step):
+                self.expect(self.verify(machine), 1, stdout, report)
 
-    def test_a_hash_that_cannot_be_created_is_fatal_with_its_status(self):
-        machine, _ = self.image()
-        machine.add_fault("BCryptCreateHash", skip=1, status="0xC0000017")
-        self.expect(self.verify(machine), 1, verifying_line("a.vrnx", 10, SIZE),
-                    fatal_status("BCryptCreateHash", 0xC0000017))
-
-    def test_a_positive_status_is_no_failure(self):
-        machine, _ = self.image()
-        machine.add_fault("BCryptDestroyHash", times=100, status="0x00000103")
-        machine.add_fault("BCryptCloseAlgorithmProvider", times=100, status="0x40000000")
-        self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
-
-    def test_failures_of_the_closing_calls_are_not_looked_at(self):
-        machine, _ = self.image()
-        machine.add_fault("BCryptDestroyHash", times=100, status="0xC0000001")
-        machine.add_fault("BCryptCloseAlgorithmProvider", times=100, status="0xC0000001")
-        machine.add_fault("CloseHandle", times=100, error=6)
-        self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
-
-    def test_a_length_property_that_cannot_be_read_is_not_looked_at(self):
-        # The hash object then has no room of the program's own; the provider takes it from elsewhere.
-        machine, _ = self.image()
-        machine.add_fault("BCryptGetProperty", times=100, status="0xC0000001")
-        self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
+    def test_what_is_not_looked_at_changes_nothing(self):
+        for faults in ((("BCryptDestroyHash", {"status": "0x00000103"}),
+                        ("BCryptCloseAlgorithmProvider", {"status": "0x40000000"})),
+                       (("BCryptDestroyHash", {"status": "0xC0000001"}), ("CloseHandle", {"error": 6}),
+                        ("BCryptCloseAlgorithmProvider", {"status": "0xC0000001"})),
+                       # The hash object then has no room of the program's own; the provider takes it from elsewhere.
+                       (("BCryptGetProperty", {"status": "0xC0000001"}),)):
+            machine, _ = self.image()
+            for call, effect in faults:
+                machine.add_fault(call, times=100, **effect)
+            self.expect(self.verify(machine), 0, verify_text("a.vrnx", SIZE, 4096))
 
     def test_data_that_were_not_hashed_show_as_a_mismatch(self):
         machine, _ = self.image()
