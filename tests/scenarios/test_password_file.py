@@ -1,4 +1,4 @@
-"""The password file: which of its bytes are the password, what is refused, and at which place of a run."""
+"""The password file: which of its bytes are the password, what is refused, and at which place of a run it is read."""
 
 import os
 
@@ -40,74 +40,45 @@ class Password(suite.Scenario):
                            *options)
 
 
-class Trimming(Password):
-    def test_every_run_of_line_ends_at_the_end_goes(self):
-        machine = self.image(b"secret")
-        for end in (b"", b"\n", b"\r\n", b"\r", b"\n\n", b"\n\r", b"\r\n\r\n", b"\n\n\r\r\n\r"):
-            self.expect_opens(machine, b"secret" + end)
-
-    def test_a_blank_or_tab_before_the_line_end_stays(self):
-        machine = self.image(b"secret")
-        for content in (b"secret \r\n", b"secret\t\n", b"secret \n", b"secret\n ", b"secret\n\t\n"):
-            self.expect_wrong(machine, content)
-        self.expect_opens(self.image(b"secret "), b"secret \r\n")
-        self.expect_opens(self.image(b"secret\t"), b"secret\t\n")
-        self.expect_opens(self.image(b"secret\n "), b"secret\n ")
-
-    def test_what_stands_in_front_stays(self):
-        machine = self.image(b"secret")
-        for content in (b" secret", b"\tsecret", b"\nsecret", b"\r\nsecret\n"):
-            self.expect_wrong(machine, content)
-        self.expect_opens(self.image(b"\r\nsecret"), b"\r\nsecret\r\n")
-        self.expect_opens(self.image(b" secret"), b" secret\n")
-
-    def test_line_ends_in_the_middle_stay_as_they_are(self):
-        machine = self.image(b"two\r\nlines")
-        self.expect_opens(machine, b"two\r\nlines\r\n")
-        self.expect_wrong(machine, b"two\nlines\r\n")
-        self.expect_opens(self.image(b"two\nlines"), b"two\nlines")
-
-    def test_other_bytes_that_end_a_line_elsewhere_stay(self):
-        machine = self.image(b"secret")
-        # A zero byte alone would prove nothing: the keyed hash fills a short password up with zeros.
-        for end in (b"\x0b", b"\x0c", b"\x1a", b"\x85", b"\n\x00", b"\xe2\x80\xa8"):
-            self.expect_wrong(machine, b"secret" + end)
-
-    def test_line_ends_on_both_sides_of_a_read_block_go(self):
-        machine = self.image(b"s" * 250)
-        self.expect_opens(machine, b"s" * 250 + b"\r\n" * 20)
-        self.expect_opens(machine, b"s" * 250 + b"\n" * 6)
-        self.expect_opens(machine, b"s" * 250 + b"\r\n" * 3000)
-
-
 class Bytes(Password):
-    def test_a_zero_byte_ends_nothing(self):
-        machine = self.image(b"before\x00after")
-        self.expect_opens(machine, b"before\x00after\n")
-        self.expect_wrong(machine, b"before\x00other\n")
-        self.expect_wrong(machine, b"before")
-        self.expect_opens(self.image(b"\x00"), b"\x00")
-        self.expect_opens(self.image(b"\x00\x00"), b"\x00\x00\r\n")
+    RULES = (
+        # (what is said of the file, the password, files that open the image, files that do not)
+        ("every run of line ends at the end goes", b"secret",
+         [b"secret" + end for end in (b"", b"\n", b"\r\n", b"\r", b"\n\n", b"\n\r", b"\r\n\r\n", b"\n\n\r\r\n\r")], []),
+        ("so do those on both sides of a read block", b"s" * 250,
+         [b"s" * 250 + end for end in (b"\r\n" * 20, b"\n" * 6, b"\r\n" * 3000)], []),
+        ("a blank or tab before the line end stays", b"secret", [],
+         [b"secret \r\n", b"secret\t\n", b"secret \n", b"secret\n ", b"secret\n\t\n"]),
+        ("a blank before the line end is of the password", b"secret ", [b"secret \r\n"], []),
+        ("a tab before the line end is of the password", b"secret\t", [b"secret\t\n"], []),
+        ("a line end before a blank is of the password", b"secret\n ", [b"secret\n "], []),
+        ("what stands in front stays", b"secret", [], [b" secret", b"\tsecret", b"\nsecret", b"\r\nsecret\n"]),
+        ("a line end in front is of the password", b"\r\nsecret", [b"\r\nsecret\r\n"], []),
+        ("a blank in front is of the password", b" secret", [b" secret\n"], []),
+        ("a blank alone is a password", b" ", [b" \n"], []),
+        ("line ends in the middle stay as they are", b"two\r\nlines", [b"two\r\nlines\r\n"], [b"two\nlines\r\n"]),
+        ("a lone line feed in the middle too", b"two\nlines", [b"two\nlines"], []),
+        # A zero byte alone would prove nothing: the keyed hash fills a short password up with zeros.
+        ("other bytes that end a line elsewhere stay", b"secret", [],
+         [b"secret" + end for end in (b"\x0b", b"\x0c", b"\x1a", b"\x85", b"\n\x00", b"\xe2\x80\xa8")]),
+        ("a zero byte ends nothing", b"before\x00after", [b"before\x00after\n"], [b"before\x00other\n", b"before"]),
+        ("zero bytes are a password", b"\x00\x00", [b"\x00\x00\r\n"], []),
+        ("an end of file character ends nothing", b"before\x1aafter", [b"before\x1aafter\n"], []),
+        *[(f"a byte order mark {mark.hex()} is of the password", mark + b"secret", [mark + b"secret\n"], [b"secret\n"])
+          for mark in (b"\xef\xbb\xbf", b"\xff\xfe", b"\xfe\xff")],
+        ("no character set is assumed", bytes(range(256)), [bytes(range(256))], []),
+        ("broken UTF-8 is a password", b"\xff\xc3\x28\x80", [b"\xff\xc3\x28\x80\n"], []),
+        ("nothing is normalised", "\u00e9".encode(), ["\u00e9".encode()], ["e\u0301".encode()]),
+        ("case counts", b"Secret", [b"Secret"], [b"secret"]))
 
-    def test_a_byte_order_mark_is_part_of_the_password(self):
-        for mark in (b"\xef\xbb\xbf", b"\xff\xfe", b"\xfe\xff"):
-            self.expect_opens(self.image(mark + b"secret"), mark + b"secret\n")
-            self.expect_wrong(self.image(b"secret"), mark + b"secret\n")
-
-    def test_no_character_set_is_assumed(self):
-        every = bytes(range(256))
-        self.expect_opens(self.image(every), every)
-        self.expect_opens(self.image(b"\xff\xc3\x28\x80"), b"\xff\xc3\x28\x80\n")
-
-    def test_nothing_is_normalised(self):
-        composed, decomposed = "\u00e9".encode(), "e\u0301".encode()
-        machine = self.image(composed)
-        self.expect_opens(machine, composed)
-        self.expect_wrong(machine, decomposed)
-        self.expect_wrong(self.image(b"Secret"), b"secret")
-
-    def test_an_end_of_file_character_ends_nothing(self):
-        self.expect_opens(self.image(b"before\x1aafter"), b"before\x1aafter\n")
+    def test_each_rule_on_the_bytes_of_a_password(self):
+        for rule, password, opening, wrong in self.RULES:
+            machine = self.image(password)
+            with self.subTest(rule):
+                for content in opening:
+                    self.expect_opens(machine, content)
+                for content in wrong:
+                    self.expect_wrong(machine, content)
 
     def test_passwords_round_the_size_of_a_read_block(self):
         for size in (1, 255, 256, 257, 511, 512, 513, 4097):
@@ -128,6 +99,7 @@ class Limits(Password):
         self.expect_accepted(b"x" * LIMIT)
         self.expect_accepted(b"x" * (LIMIT - 1) + b"\n")
         self.expect_accepted(b"x" * (LIMIT - 1))
+        self.expect_opens(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 6))
 
     def test_the_largest_password_opens(self):
         if self.settings.windows:
@@ -139,14 +111,9 @@ class Limits(Password):
     def test_one_byte_more_is_refused_even_if_it_is_a_line_end(self):
         machine = self.image(b"secret")
         for content in (b"x" * (LIMIT + 1), b"x" * LIMIT + b"\n", b"secret" + b"\n" * (LIMIT - 5),
-                        b"x" * (LIMIT + 255), b"x" * (LIMIT + 256), b"x" * (3 * LIMIT)):
+                        b"x" * (LIMIT + 255), b"x" * (LIMIT + 256), b"x" * (3 * LIMIT), b"\n" * (LIMIT + 1)):
             result = self.expect(self.verify(machine, content), 1, "", fatal(PASSWORD_TOO_LARGE))
             self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2"), [])
-
-    def test_the_limit_counts_line_ends_that_are_trimmed(self):
-        self.expect_opens(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 6))
-        self.expect(self.verify(self.image(b"secret"), b"secret" + b"\n" * (LIMIT - 5)), 1, "",
-                    fatal(PASSWORD_TOO_LARGE))
 
     def test_a_file_of_nothing_is_empty(self):
         machine = self.image(b"secret")
@@ -154,27 +121,14 @@ class Limits(Password):
             result = self.expect(self.verify(machine, content), 1, "", fatal(PASSWORD_EMPTY))
             self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2"), [])
 
-    def test_a_blank_alone_is_a_password(self):
-        self.expect_opens(self.image(b" "), b" \n")
-
-    def test_a_file_of_line_ends_above_the_limit_is_too_large_and_not_empty(self):
-        self.expect(self.verify(self.image(b"secret"), b"\n" * (LIMIT + 1)), 1, "", fatal(PASSWORD_TOO_LARGE))
-
 
 class Unreadable(Password):
-    def test_a_missing_file_is_told_with_its_error(self):
-        self.expect(self.verify(self.image(b"secret"), name="missing"), 1, "",
-                    "FATAL: could not open password file (GetLastError=2)\n")
-
-    def test_a_missing_folder_is_told_with_its_error(self):
-        self.expect(self.verify(self.image(b"secret"), name="missing/password"), 1, "",
-                    "FATAL: could not open password file (GetLastError=3)\n")
-
-    def test_a_folder_is_told_with_its_error(self):
+    def test_a_missing_file_or_folder_is_told_with_its_error(self):
         machine = self.image(b"secret")
         os.mkdir(machine.path("folder"))
-        self.expect(self.verify(machine, name="folder"), 1, "",
-                    "FATAL: could not open password file (GetLastError=5)\n")
+        for name, error in (("missing", 2), ("missing/password", 3), ("folder", 5)):
+            self.expect(self.verify(machine, name=name), 1, "",
+                        f"FATAL: could not open password file (GetLastError={error})\n")
 
     def test_it_is_found_through_any_path(self):
         machine = self.image(b"secret")
@@ -182,12 +136,7 @@ class Unreadable(Password):
         machine.write("folder/password", b"secret")
         for name in ("folder/password", "./folder/../folder/password", machine.absolute("folder/password")):
             self.expect(self.verify(machine, name=name), 0, verify_text("a.vrnx", 512, 512))
-
-    def test_it_is_only_read(self):
-        machine = self.image(b"secret")
-        self.expect_opens(machine, b"secret\r\n")
-        self.expect_file(machine, "password", b"secret\r\n")
-        self.assertEqual(machine.files(), ["a.vrnx", "password"])
+        self.expect_file(machine, "folder/password", b"secret")
 
 
 class Place(Password):
@@ -258,40 +207,12 @@ class Place(Password):
             self.assertEqual(result.calls("BCryptDeriveKeyPBKDF2") + result.calls("GetFileAttributesA"), [])
             self.assertEqual(machine.files(), [] if content is None else ["password"])
 
-    def test_a_capture_without_random_bytes_does_not_look_at_it(self):
-        for call, message in (("BCryptOpenAlgorithmProvider", "BCryptOpenAlgorithmProvider(RNG)"),
-                              ("BCryptGenRandom", "BCryptGenRandom")):
-            machine = self.source()
-            machine.add_fault(call, status="0xC0000001")
-            self.expect(self.capture(machine, password="missing"), 1, source_line(1, 512) + NO_TRACKER,
-                        fatal_status(message, 0xC0000001))
-
     def test_a_base_that_is_refused_comes_before_the_password_of_the_new_image(self):
         machine = self.source()
         result = self.capture(machine, "--base", "missing.vrnx", password="missing")
         self.expect(result, 1, source_line(1, 512) + NO_TRACKER + "Incremental mode: base image missing.vrnx\n",
                     "could not open image file: missing.vrnx\n" + fatal("could not open image file", 2))
         self.assertEqual(result.calls("BCryptGenRandom"), [])
-
-    def test_a_consolidation_reads_it_for_the_input_the_output_and_the_verification(self):
-        machine = self.image(b"secret")
-        machine.write("password", b"secret\n")
-        result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", "password",
-                             "--encrypt")
-        self.assertEqual(result.status, 0, result.describe())
-        self.assertEqual([line["iterations"] for line in result.calls("BCryptDeriveKeyPBKDF2")],
-                         [100000, 200000, 200000])
-
-    def test_a_consolidation_with_a_bad_one_leaves_no_output(self):
-        machine = self.machine(default=False)
-        build_image(machine.path("a.vrnx"), pattern(512, "image"), chunk_size=512)
-        machine.write("empty", b"\r\n")
-        for name, report in (("missing", fatal(PASSWORD_UNREADABLE, 2)), ("empty", fatal(PASSWORD_EMPTY))):
-            result = machine.run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--password-file", name,
-                                 "--encrypt")
-            self.expect(result, 1, "", report)
-            self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16])
-        self.assertEqual(machine.files(), ["a.vrnx", "empty"])
 
     def test_it_is_read_before_the_target_of_a_restore_is_opened(self):
         machine = self.image(b"secret")

@@ -9,11 +9,11 @@ import suite
 from console import NO_TRACKER, fatal, meter_run, source_line, verify_text
 from image import ImageBuilder, build_image, read_table
 from machine import FLAG_NO_BUFFERING, pattern
-from snapshot import (FREEZING, GATHERING, begun, fall_back, shadow_path, session_calls, short_names, volume_name,
-                      snapshotted, snapshotting)
+from snapshot import begun, shadow_path, session_calls, short_names, volume_name, snapshotted
 
 MIB4 = 0x400000
 DISK = "\\\\.\\PhysicalDrive1"
+REST = 12288  # of a short last chunk
 READ_FAILED = "ReadFile from source disk failed mid-capture - image is incomplete, do not trust it"
 SEEK_FAILED = "SetFilePointerEx on source failed mid-capture"
 LIVE = pattern(3 * MIB4, "source")
@@ -60,68 +60,57 @@ class SnapshotReads(suite.Scenario):
 
 
 class Rule(SnapshotReads):
-    def test_a_chunk_that_fills_a_volume_exactly_is_read_from_byte_0_of_its_shadow(self):
-        self.expect_reads(2 * MIB4, [(1, MIB4, MIB4)], [(DISK, 0, MIB4), (shadow_path(1), 0, MIB4)])
-        self.expect_reads(2 * MIB4, [(1, 0, MIB4)], [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)])
+    RULES = (
+        # (case, size of the disk, volumes, what is read)
+        ("a chunk that fills a volume exactly is read from byte 0 of its shadow",
+         2 * MIB4, [(1, MIB4, MIB4)], [(DISK, 0, MIB4), (shadow_path(1), 0, MIB4)]),
+        ("also at the start of the disk", 2 * MIB4, [(1, 0, MIB4)], [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)]),
+        ("a chunk that ends one sector past a volume is read live",
+         2 * MIB4, [(1, MIB4, MIB4 - 512)], [(DISK, 0, MIB4), (DISK, MIB4, MIB4)]),
+        ("one that ends a sector before the volume does is frozen",
+         2 * MIB4, [(1, 0, MIB4 + 512)], [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)]),
+        ("a chunk that starts one sector before a volume is read live",
+         2 * MIB4, [(1, 512, 2 * MIB4 - 512)], [(DISK, 0, MIB4), (shadow_path(1), MIB4 - 512, MIB4)]),
+        ("one that starts a sector behind its start is frozen",
+         2 * MIB4, [(1, MIB4 - 512, MIB4 + 512)], [(DISK, 0, MIB4), (shadow_path(1), 512, MIB4)]),
+        ("a volume of several chunks serves each at its place",
+         3 * MIB4, [(1, 0, 3 * MIB4)], [(shadow_path(1), place * MIB4, MIB4) for place in range(3)]),
+        ("the first and last chunks of a volume off the boundaries are read live",
+         3 * MIB4, [(1, 1048576, 3 * MIB4 - 2097152)],
+         [(DISK, 0, MIB4), (shadow_path(1), 3145728, MIB4), (DISK, 2 * MIB4, MIB4)]),
+        ("a volume smaller than a chunk is read live entirely",
+         MIB4 + 8192, [(1, 65536, MIB4 - 131072)], [(DISK, 0, MIB4), (DISK, MIB4, 8192)]),
+        ("also where it crosses from one chunk into the next",
+         2 * MIB4, [(1, MIB4 - 65536, 131072)], [(DISK, 0, MIB4), (DISK, MIB4, MIB4)]),
+        *[(f"a chunk across two adjacent volumes that meet at {border} is read live, its neighbours from their shadows",
+           3 * MIB4, [(1, 0, border), (2, border, 3 * MIB4 - border)],
+           [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4), (shadow_path(2), 2 * MIB4 - border, MIB4)])
+          for border in (MIB4 + 512, 2 * MIB4 - 512, MIB4 + 2097152)],
+        ("adjacent volumes on a chunk boundary leave nothing live",
+         2 * MIB4, [(1, 0, MIB4), (2, MIB4, MIB4)], [(shadow_path(1), 0, MIB4), (shadow_path(2), 0, MIB4)]),
+        *[(f"the short last chunk over {volume} follows the rule with its own length",
+           MIB4 + REST, [(1, *volume)], [(DISK, 0, MIB4), last]) for volume, last in (
+               ((MIB4, REST), (shadow_path(1), 0, REST)), ((MIB4, REST - 512), (DISK, MIB4, REST)),
+               ((MIB4 + 512, REST - 512), (DISK, MIB4, REST)),
+               ((MIB4 - 4096, REST + 4096), (shadow_path(1), 4096, REST)))],
+        ("the ranges count in the order of their starts whatever the enumeration",
+         2 * MIB4, [(2, MIB4, MIB4), (1, 0, MIB4)], [(shadow_path(2), 0, MIB4), (shadow_path(1), 0, MIB4)]),
+        # Volumes do not overlap in truth.
+        ("where they seem to overlap, the one that starts first serves",
+         2 * MIB4, [(2, MIB4, MIB4), (1, 0, 2 * MIB4)], [(shadow_path(2), 0, MIB4), (shadow_path(2), MIB4, MIB4)]))
 
-    def test_a_chunk_that_ends_one_sector_past_a_volume_is_read_live(self):
-        self.expect_reads(2 * MIB4, [(1, MIB4, MIB4 - 512)], [(DISK, 0, MIB4), (DISK, MIB4, MIB4)])
-
-    def test_a_chunk_that_ends_one_sector_before_the_volume_does_is_frozen(self):
-        self.expect_reads(2 * MIB4, [(1, 0, MIB4 + 512)], [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)])
-
-    def test_a_chunk_that_starts_one_sector_before_a_volume_is_read_live(self):
-        self.expect_reads(2 * MIB4, [(1, 512, 2 * MIB4 - 512)],
-                          [(DISK, 0, MIB4), (shadow_path(1), MIB4 - 512, MIB4)])
-
-    def test_a_chunk_that_starts_one_sector_behind_the_start_of_a_volume_is_frozen(self):
-        self.expect_reads(2 * MIB4, [(1, MIB4 - 512, MIB4 + 512)], [(DISK, 0, MIB4), (shadow_path(1), 512, MIB4)])
-
-    def test_a_volume_of_several_chunks_serves_each_at_its_place(self):
-        self.expect_reads(3 * MIB4, [(1, 0, 3 * MIB4)],
-                          [(shadow_path(1), place * MIB4, MIB4) for place in range(3)])
-
-    def test_the_first_and_last_chunks_of_a_volume_off_the_boundaries_are_read_live(self):
-        self.expect_reads(3 * MIB4, [(1, 1048576, 3 * MIB4 - 2097152)],
-                          [(DISK, 0, MIB4), (shadow_path(1), 3145728, MIB4), (DISK, 2 * MIB4, MIB4)])
-
-    def test_a_volume_smaller_than_a_chunk_is_read_live_entirely(self):
-        self.expect_reads(MIB4 + 8192, [(1, 65536, MIB4 - 131072)], [(DISK, 0, MIB4), (DISK, MIB4, 8192)])
-        # Nor does it help where it crosses from one chunk into the next.
-        self.expect_reads(2 * MIB4, [(1, MIB4 - 65536, 131072)], [(DISK, 0, MIB4), (DISK, MIB4, MIB4)])
-
-    def test_a_chunk_across_two_adjacent_volumes_is_read_live_and_its_neighbours_from_their_shadows(self):
-        for border in (MIB4 + 512, 2 * MIB4 - 512, MIB4 + 2097152):
-            self.expect_reads(3 * MIB4, [(1, 0, border), (2, border, 3 * MIB4 - border)],
-                              [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4),
-                               (shadow_path(2), 2 * MIB4 - border, MIB4)])
-
-    def test_adjacent_volumes_on_a_chunk_boundary_leave_nothing_live(self):
-        self.expect_reads(2 * MIB4, [(1, 0, MIB4), (2, MIB4, MIB4)],
-                          [(shadow_path(1), 0, MIB4), (shadow_path(2), 0, MIB4)])
-
-    def test_the_short_last_chunk_follows_the_rule_with_its_own_length(self):
-        rest = 12288
-        self.expect_reads(MIB4 + rest, [(1, MIB4, rest)], [(DISK, 0, MIB4), (shadow_path(1), 0, rest)])
-        self.expect_reads(MIB4 + rest, [(1, MIB4, rest - 512)], [(DISK, 0, MIB4), (DISK, MIB4, rest)])
-        self.expect_reads(MIB4 + rest, [(1, MIB4 + 512, rest - 512)], [(DISK, 0, MIB4), (DISK, MIB4, rest)])
-        self.expect_reads(MIB4 + rest, [(1, MIB4 - 4096, rest + 4096)], [(DISK, 0, MIB4), (shadow_path(1), 4096, rest)])
-
-    def test_the_ranges_count_in_the_order_of_their_starts_whatever_the_enumeration(self):
-        self.expect_reads(2 * MIB4, [(2, MIB4, MIB4), (1, 0, MIB4)],
-                          [(shadow_path(2), 0, MIB4), (shadow_path(1), 0, MIB4)])
-        # Volumes do not overlap in truth; where they seem to, the one that starts first serves.
-        self.expect_reads(2 * MIB4, [(2, MIB4, MIB4), (1, 0, 2 * MIB4)],
-                          [(shadow_path(2), 0, MIB4), (shadow_path(2), MIB4, MIB4)])
+    def test_each_chunk_wholly_inside_a_volume_is_frozen_and_each_other_live(self):
+        for case, size, volumes, sources in self.RULES:
+            with self.subTest(case):
+                result = self.expect_reads(size, volumes, sources)
+                # Both sources are read unbuffered.
+                for path in {path for path, _, _ in sources}:
+                    self.assertEqual([line["flags"] for line in result.calls("CreateFileW", path=path)],
+                                     [FLAG_NO_BUFFERING])
 
     def test_sectors_of_4096_bytes(self):
         self.expect_reads(2 * MIB4, [(1, 4096, 2 * MIB4 - 4096)],
                           [(DISK, 0, MIB4), (shadow_path(1), MIB4 - 4096, MIB4)], sector_size=4096)
-
-    def test_both_sources_are_read_unbuffered(self):
-        result = self.expect_reads(2 * MIB4, [(1, MIB4, MIB4)], [(DISK, 0, MIB4), (shadow_path(1), 0, MIB4)])
-        for path in (DISK, shadow_path(1)):
-            self.assertEqual([line["flags"] for line in result.calls("CreateFileW", path=path)], [FLAG_NO_BUFFERING])
 
     def test_without_vss_everything_is_read_live(self):
         machine = self.machine_with(2 * MIB4, (1, 0, 2 * MIB4))
@@ -167,7 +156,7 @@ class ChangingDisk(SnapshotReads):
         self.assertEqual(names[0], "CreateFileW")
         return names[1:-1]
 
-    def replay(self, names, vss=True):
+    def replay(self, names):
         """A change of the disk before each call; gives the machine, the image's bytes and the disk's at the end."""
         machine = self.machine_with(self.SIZE, (1, self.START, self.END - self.START), frozen=False)
         now, frozen, seen = bytearray(LIVE[:self.SIZE]), None, bytearray(self.SIZE)
@@ -184,7 +173,7 @@ class ChangingDisk(SnapshotReads):
                 frozen = bytes(now)
             if name == "ReadFile":
                 first, last = reads * MIB4, min((reads + 1) * MIB4, self.SIZE)
-                seen[first:last] = (frozen if vss and reads == 1 else now)[first:last]
+                seen[first:last] = (frozen if reads == 1 else now)[first:last]
                 reads += 1
         self.assertEqual(reads, 3)
         return machine, bytes(seen), bytes(now)
@@ -204,13 +193,6 @@ class ChangingDisk(SnapshotReads):
         self.assertNotEqual(seen[MIB4:2 * MIB4], at_the_end[MIB4:2 * MIB4])
         machine.clear_faults()
         self.expect(machine.run("verify", "--in", "a.vrnx"), 0, verify_text("a.vrnx", self.SIZE, MIB4))
-
-    def test_the_same_disk_without_vss_is_live_throughout(self):
-        machine = self.machine_with(self.SIZE, (1, self.START, self.END - self.START), frozen=False)
-        names = [line["call"] for line in machine.run("capture", "--disk", "1", "--out", "a.vrnx").log][1:-1]
-        machine, seen, _ = self.replay(names, vss=False)
-        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "a.vrnx").status, 0)
-        self.expect_good_image(machine, "a.vrnx", seen)
 
     def test_a_change_between_two_reads_shows_in_live_chunks_only(self):
         """The same three bytes of each chunk are written anew at every read."""
@@ -239,15 +221,6 @@ class ChangingDisk(SnapshotReads):
             after = LIVE[:1000] + b"\xc0\xff\xee" + LIVE[1003:MIB4]
             self.expect_good_image(machine, "a.vrnx", after if included else LIVE[:MIB4])
             self.expect_disk(machine, 1, after)
-
-    def test_a_session_that_fell_back_reads_the_changing_disk_live(self):
-        machine = self.machine_with(MIB4, (1, 0, MIB4), frozen=False)
-        machine.add_fault("IVssBackupComponents::DoSnapshotSet", status="0x8004230F")
-        machine.add_fault("ReadFile", poke={"disk": 1, "offset": 1000, "hex": "c0ffee"})
-        self.expect(self.capture(machine), 0, source_line(1, MIB4) + GATHERING + snapshotting(1, 0, MIB4) + FREEZING
-                    + fall_back("DoSnapshotSet failed", 0x8004230F) + NO_TRACKER + meter_run(MIB4, MIB4)
-                    + "\nCapture complete: a.vrnx\n")
-        self.expect_good_image(machine, "a.vrnx", LIVE[:1000] + b"\xc0\xff\xee" + LIVE[1003:MIB4])
 
 
 class Failures(SnapshotReads):
@@ -301,7 +274,6 @@ class Failures(SnapshotReads):
 class Incremental(SnapshotReads):
     SIZE = MIB4 + 8192
     VOLUMES = [(1, 0, MIB4), (2, MIB4, 8192)]
-    PASSWORD = b"correct horse"
 
     def over_base(self, plain, **tracked):
         """Both chunks are served by shadows; a base of these bytes; a tracker with a previous epoch of 5, if any."""
@@ -323,25 +295,17 @@ class Incremental(SnapshotReads):
         bitmap[8] = 1
         return bitmap.hex()
 
-    def test_a_chunk_that_the_tracker_proves_unchanged_is_read_from_nowhere(self):
-        base = LIVE[:MIB4] + bytes(8192)
-        machine = self.over_base(base, bitmap=self.marked())
-        result = self.capture(machine, "--base", "base.vrnx")
-        self.expect(result, 0, self.beginning(machine) + "  --base: base epoch 5 matches tracker; unchanged chunks will"
-                    " be copied from the base image.\n" + meter_run(self.SIZE, MIB4)
-                    + "\nCapture complete: a.vrnx (Read from disk: 1, Copied from base: 1 chunks)\n")
-        self.assertEqual(self.reads(result), [(shadow_path(2), 0, 8192)])
-        self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:self.SIZE])
-
-    def test_a_thin_capture_reads_only_what_the_tracker_marks_and_reads_it_frozen(self):
-        machine = self.over_base(LIVE[:MIB4] + bytes(8192), bitmap=self.marked())
-        result = self.capture(machine, "--base", "base.vrnx", "--thin")
-        self.expect(result, 0, self.beginning(machine) + "  --base: base epoch 5 matches tracker; unchanged chunks will"
-                    " be copied from the base image.\n" + meter_run(self.SIZE, MIB4)
-                    + "\nCapture complete (thin): a.vrnx  (stored 1 of 2 chunks, 1 are references to the base; read"
-                    " from disk: 1)\n")
-        self.assertEqual(self.reads(result), [(shadow_path(2), 0, 8192)])
-        self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:self.SIZE])
+    def test_a_chunk_that_the_tracker_proves_unchanged_is_read_from_nowhere_and_a_marked_one_frozen(self):
+        for options, complete in (
+                ((), "Capture complete: a.vrnx (Read from disk: 1, Copied from base: 1 chunks)\n"),
+                (("--thin",), "Capture complete (thin): a.vrnx  (stored 1 of 2 chunks, 1 are references to the base;"
+                 " read from disk: 1)\n")):
+            machine = self.over_base(LIVE[:MIB4] + bytes(8192), bitmap=self.marked())
+            result = self.capture(machine, "--base", "base.vrnx", *options)
+            self.expect(result, 0, self.beginning(machine) + "  --base: base epoch 5 matches tracker; unchanged chunks"
+                        " will be copied from the base image.\n" + meter_run(self.SIZE, MIB4) + "\n" + complete)
+            self.assertEqual(self.reads(result), [(shadow_path(2), 0, 8192)])
+            self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:self.SIZE])
 
     def test_a_thin_capture_compares_the_frozen_bytes_with_the_base(self):
         # The live disk has moved on in both chunks; at the moment of the snapshot only the second one had.
@@ -363,14 +327,6 @@ class Incremental(SnapshotReads):
                     " this disk) - doing a FULL capture (correct, just slower).\n" + meter_run(self.SIZE, MIB4)
                     + "\nCapture complete: a.vrnx\n")
         self.expect_good_image(machine, "a.vrnx", FROZEN[:self.SIZE])
-
-    def test_a_sealed_capture_seals_the_frozen_bytes(self):
-        machine = self.machine_with(self.SIZE, *self.VOLUMES)
-        machine.write("password.txt", self.PASSWORD + b"\n")
-        result = self.capture(machine, "--encrypt", "--password-file", "password.txt")
-        self.expect(result, 0, source_line(1, self.SIZE) + begun(self.VOLUMES) + NO_TRACKER + meter_run(self.SIZE, MIB4)
-                    + "\nCapture complete: a.vrnx\n")
-        self.expect_good_image(machine, "a.vrnx", FROZEN[:self.SIZE], self.PASSWORD)
 
     def test_the_image_carries_no_mark_of_how_it_was_read(self):
         machine = self.machine_with(self.SIZE, *self.VOLUMES)
