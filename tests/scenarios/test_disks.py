@@ -1,11 +1,11 @@
-"""Physical disks: list-disks, how disks are opened, their geometry, the system disk, aligned buffers, raw transfers."""
+"""Physical disks: what list-disks shows, which disk is the system's, how sources and targets are opened and asked, the
+alignment of buffers, and where transfers are placed."""
 
 import suite
-from console import (NO_TRACKER, capture_text, exclusive_failure, fatal, restore_text, restoring_line, source_line,
-                     system_disk_refusal, verify_text)
+from console import NO_TRACKER, capture_text, fatal, restore_text, source_line, system_disk_refusal, verify_text
 from image import build_image
 from machine import (ACCESS_READ, ACCESS_READ_WRITE, DRIVE_GEOMETRY_EX, FLAG_NO_BUFFERING, LENGTH_INFO,
-                     UPDATE_PROPERTIES, VOLUME_DISK_EXTENTS, pattern)
+                     VOLUME_DISK_EXTENTS, pattern)
 
 SMALL = 65536
 SYSTEM_MARK = "   <- currently booted system disk"
@@ -28,21 +28,24 @@ class Disks(suite.Scenario):
 
 class Listing(Disks):
     def test_the_disks_are_listed_with_size_and_sector_size(self):
-        machine = self.bare(0, 1, 2)
+        machine = self.bare(0, 1, 2, 10, 15)
         machine.disk(0)["length"] = 500107862016
         machine.disk(1).update(length=1048576, sector_size=4096)
         machine.disk(2).update(length=16000900661248, sector_size=520)
         self.expect(machine.run("list-disks"), 0,
                     "PhysicalDrive0     465.76 GiB  sector 512 bytes   <- currently booted system disk\n"
                     "PhysicalDrive1       0.00 GiB  sector 4096 bytes\n"
-                    "PhysicalDrive2   14902.00 GiB  sector 520 bytes\n")
-
-    def test_two_digit_numbers_keep_the_columns(self):
-        machine = self.bare(9, 10, 15)
-        self.expect(machine.run("list-disks"), 0,
-                    f"PhysicalDrive9       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n"
+                    "PhysicalDrive2   14902.00 GiB  sector 520 bytes\n"
                     "PhysicalDrive10      0.00 GiB  sector 512 bytes\n"
                     "PhysicalDrive15      0.00 GiB  sector 512 bytes\n")
+
+    def test_a_disk_in_use_is_listed_and_one_that_does_not_open_skipped_without_a_word(self):
+        machine = self.bare(0, 1, 2)
+        machine.disk(0)["in_use"] = True
+        machine.disk(1)["open_error"] = 5
+        self.expect(machine.run("list-disks"), 0,
+                    f"PhysicalDrive0       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n"
+                    "PhysicalDrive2       0.00 GiB  sector 512 bytes\n")
 
     def test_a_gap_is_skipped_and_disk_16_is_never_listed(self):
         machine = self.bare(1, 3, 16, 17)
@@ -67,31 +70,13 @@ class Listing(Disks):
         self.expect(machine.run("list-disks"), 0, "")
         self.expect(self.machine(default=False).run("list-disks"), 0, "")
 
-    def test_a_disk_that_does_not_open_is_skipped_without_a_word(self):
-        machine = self.bare(0, 1, 2)
-        machine.disk(1)["open_error"] = 5
-        self.expect(machine.run("list-disks"), 0,
-                    f"PhysicalDrive0       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n"
-                    "PhysicalDrive2       0.00 GiB  sector 512 bytes\n")
-
-    def test_a_disk_in_use_is_listed(self):
-        machine = self.bare(0)
-        machine.disk(0)["in_use"] = True
-        self.expect(machine.run("list-disks"), 0, f"PhysicalDrive0       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n")
-
-    def test_a_disk_that_does_not_tell_its_length_ends_the_listing(self):
-        machine = self.bare(0, 1, 2)
-        machine.add_fault("DeviceIoControl", path="PhysicalDrive1", error=1117)
-        self.expect(machine.run("list-disks"), 1,
-                    f"PhysicalDrive0       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n",
-                    fatal("IOCTL_DISK_GET_LENGTH_INFO failed", 1117))
-
-    def test_a_disk_that_does_not_tell_its_geometry_ends_the_listing(self):
-        machine = self.bare(0, 1, 2)
-        machine.add_fault("DeviceIoControl", path="PhysicalDrive1", skip=1, error=1117)
-        self.expect(machine.run("list-disks"), 1,
-                    f"PhysicalDrive0       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n",
-                    fatal("IOCTL_DISK_GET_DRIVE_GEOMETRY_EX failed", 1117))
+    def test_a_disk_that_does_not_tell_its_length_or_geometry_ends_the_listing(self):
+        for skip, name in enumerate(("LENGTH_INFO", "DRIVE_GEOMETRY_EX")):
+            machine = self.bare(0, 1, 2)
+            machine.add_fault("DeviceIoControl", path="PhysicalDrive1", skip=skip, error=1117)
+            self.expect(machine.run("list-disks"), 1,
+                        f"PhysicalDrive0       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n",
+                        fatal(f"IOCTL_DISK_GET_{name} failed", 1117))
 
     def test_how_a_disk_is_opened_asked_and_closed(self):
         machine = self.bare(0)
@@ -106,34 +91,18 @@ class Listing(Disks):
 
 
 class SystemDisk(Disks):
-    def test_the_disk_behind_c_is_marked_whichever_it_is(self):
-        machine = self.bare(0, 1)
-        machine.system_volume([(1, 4096, 8192)])
-        self.expect(machine.run("list-disks"), 0,
-                    "PhysicalDrive0       0.00 GiB  sector 512 bytes\n"
-                    f"PhysicalDrive1       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n")
-
-    def test_only_the_first_extent_of_c_counts(self):
-        machine = self.bare(0, 1, 2)
-        machine.system_volume([(2, 4096, 8192), (0, 4096, 8192), (1, 0, 512)])
-        self.expect(machine.run("list-disks"), 0,
-                    "PhysicalDrive0       0.00 GiB  sector 512 bytes\n"
-                    "PhysicalDrive1       0.00 GiB  sector 512 bytes\n"
-                    f"PhysicalDrive2       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n")
-
-    def test_c_without_extents_counts_as_disk_0(self):
-        machine = self.bare(0, 1)
-        machine.system_volume([])
-        self.expect(machine.run("list-disks"), 0,
-                    f"PhysicalDrive0       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n"
-                    "PhysicalDrive1       0.00 GiB  sector 512 bytes\n")
-
-    def test_c_with_nine_extents_fits(self):
-        machine = self.bare(0, 1)
-        machine.system_volume([(1, index * 512, 512) for index in range(9)])
-        self.expect(machine.run("list-disks"), 0,
-                    "PhysicalDrive0       0.00 GiB  sector 512 bytes\n"
-                    f"PhysicalDrive1       0.00 GiB  sector 512 bytes{SYSTEM_MARK}\n")
+    def test_the_disk_of_the_first_extent_of_c_is_marked_whichever_it_is(self):
+        for case, extents, marked in (("another", [(1, 4096, 8192)], 1),
+                                      ("several disks", [(2, 4096, 8192), (0, 4096, 8192), (1, 0, 512)], 2),
+                                      ("no extents", [], 0),
+                                      ("nine extents, which fit", [(1, index * 512, 512) for index in range(9)], 1)):
+            machine = self.bare(0, 1, 2)
+            machine.system_volume(extents)
+            with self.subTest(case):
+                result = self.expect(machine.run("list-disks"), 0, "".join(
+                    f"PhysicalDrive{number}       0.00 GiB  sector 512 bytes{SYSTEM_MARK * (number == marked)}\n"
+                    for number in range(3)))
+                self.assertEqual(len(result.calls("CreateFileW", path="C:")), 3, "asked for each disk shown")
 
     def test_c_with_ten_extents_is_fatal(self):
         machine = self.bare(0, 1)
@@ -151,19 +120,10 @@ class SystemDisk(Disks):
         self.expect(machine.run("restore", "--in", "x", "--disk", "2", "--confirm", "YES"), 1, "", message)
         self.assertEqual(machine.files(), [])
 
-    def test_without_c_and_without_disks_the_listing_is_empty(self):
-        machine = self.machine(default=False)
-        self.expect(machine.run("list-disks"), 0, "")
-
     def test_without_c_an_image_is_verified(self):
         machine = self.machine(default=False)
         build_image(machine.path("a.vrnx"), pattern(SMALL, "image"))
         self.expect(machine.run("verify", "--in", "a.vrnx"), 0, verify_text("a.vrnx", SMALL, 4096))
-
-    def test_the_answer_is_not_kept_but_asked_for_each_disk_shown(self):
-        machine = self.bare(0, 1, 2)
-        result = machine.run("list-disks")
-        self.assertEqual(len(result.calls("CreateFileW", path="C:")), 3)
 
     def test_how_c_is_opened_asked_and_closed(self):
         machine = self.bare(0)
@@ -180,18 +140,14 @@ class SystemDisk(Disks):
 
 
 class Opening(Disks):
-    def test_a_source_is_opened_shared_and_unbuffered(self):
+    def test_a_source_is_opened_shared_and_unbuffered_also_where_it_is_in_use(self):
         machine = self.bare(0, 1)
-        result = machine.run("capture", "--disk", "1", "--out", "x")
+        machine.disk(1)["in_use"] = True
+        result = self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 0, capture_text(1, SMALL, "x"))
         opened = result.calls("CreateFileW")[0]
         self.assertEqual({key: opened[key] for key in ("path", "access", "share", "flags")},
                          {"path": r"\\.\PhysicalDrive1", "access": ACCESS_READ, "share": "0x00000003",
                           "flags": FLAG_NO_BUFFERING})
-
-    def test_a_source_in_use_is_read(self):
-        machine = self.bare(0, 1)
-        machine.disk(1)["in_use"] = True
-        self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 0, capture_text(1, SMALL, "x"))
 
     def test_a_source_that_does_not_open_is_fatal(self):
         machine = self.bare(0, 1)
@@ -207,42 +163,28 @@ class Opening(Disks):
         self.assertEqual([{key: line[key] for key in ("access", "share", "flags")} for line in opened],
                          [{"access": ACCESS_READ_WRITE, "share": "0x00000000", "flags": FLAG_NO_BUFFERING}])
 
-    def test_a_target_in_use_is_refused_with_its_number_twice(self):
+    def test_a_target_that_does_not_open_is_refused_with_its_error_and_its_number_twice(self):
         machine = self.bare(0, 2)
-        machine.disk(2)["in_use"] = True
         before = machine.disk_bytes(2)
-        self.expect(self.restore(machine), 1, "",
-                    "Could not open disk 2 exclusively for writing (GetLastError=32).\n"
-                    "This almost always means a volume on it is still mounted/in use.\n"
-                    "Take it offline first: diskpart > select disk 2 > offline disk\n")
+        for disk, fields, error in ((2, {"in_use": True}, 32), (2, {"in_use": False, "open_error": 5}, 5), (9, {}, 2)):
+            machine.disk(2).update(fields)
+            self.expect(self.restore(machine, disk=disk), 1, "",
+                        f"Could not open disk {disk} exclusively for writing (GetLastError={error}).\n"
+                        "This almost always means a volume on it is still mounted/in use.\n"
+                        f"Take it offline first: diskpart > select disk {disk} > offline disk\n")
         self.expect_disk(machine, 2, before)
-
-    def test_a_target_that_does_not_open_is_refused_with_its_error(self):
-        machine = self.bare(0, 2)
-        machine.disk(2)["open_error"] = 5
-        self.expect(self.restore(machine), 1, "", exclusive_failure(2, 5))
-        self.expect(self.restore(machine, disk=9), 1, "", exclusive_failure(9, 2))
 
 
 class Geometry(Disks):
-    def test_a_source_that_does_not_tell_its_length_is_fatal(self):
-        machine = self.bare(0, 1)
-        machine.add_fault("DeviceIoControl", path="PhysicalDrive1", error=21)
-        self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 1, "",
-                    fatal("IOCTL_DISK_GET_LENGTH_INFO failed", 21))
-
-    def test_a_source_that_does_not_tell_its_geometry_is_fatal(self):
-        machine = self.bare(0, 1)
-        machine.add_fault("DeviceIoControl", path="PhysicalDrive1", skip=1, error=21)
-        self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 1, "",
-                    fatal("IOCTL_DISK_GET_DRIVE_GEOMETRY_EX failed", 21))
-
-    def test_a_target_that_does_not_tell_its_geometry_is_fatal(self):
-        for skip, name in ((0, "LENGTH_INFO"), (1, "DRIVE_GEOMETRY_EX")):
-            machine = self.bare(0, 2)
+    def test_a_source_or_target_that_does_not_tell_its_length_or_geometry_is_fatal(self):
+        for skip, name in enumerate(("LENGTH_INFO", "DRIVE_GEOMETRY_EX")):
+            machine = self.bare(0, 1, 2)
             before = machine.disk_bytes(2)
-            machine.add_fault("DeviceIoControl", path="PhysicalDrive2", skip=skip, error=21)
-            self.expect(self.restore(machine), 1, "", fatal(f"IOCTL_DISK_GET_{name} failed", 21))
+            for path in ("PhysicalDrive1", "PhysicalDrive2"):
+                machine.add_fault("DeviceIoControl", path=path, skip=skip, error=21)
+            report = fatal(f"IOCTL_DISK_GET_{name} failed", 21)
+            self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 1, "", report)
+            self.expect(self.restore(machine), 1, "", report)
             self.expect_disk(machine, 2, before)
 
     def test_the_length_is_what_the_disk_says_and_not_what_its_geometry_says(self):
@@ -278,25 +220,6 @@ class Buffers(Disks):
             self.expect(result, 0, restore_text("a.vrnx", 2, SMALL, 16384))
             self.assertEqual(self.alignments(result), [(16384, alignment)])
             self.expect_disk(machine, 2, pattern(SMALL, "image"))
-
-    def test_verify_takes_one_buffer_aligned_to_64(self):
-        machine = self.bare(0)
-        build_image(machine.path("a.vrnx"), pattern(SMALL, "image"), chunk_size=8192)
-        result = self.expect(machine.run("verify", "--in", "a.vrnx"), 0, verify_text("a.vrnx", SMALL, 8192))
-        self.assertEqual(self.alignments(result), [(8192, 64)])
-
-    def test_a_buffer_that_cannot_be_had_is_fatal(self):
-        message = fatal("out of memory allocating aligned I/O buffer")
-        for skip in (0, 1):
-            machine = self.bare(0, 1)
-            machine.add_fault("_aligned_malloc", skip=skip, null=True)
-            result = machine.run("capture", "--disk", "1", "--out", "x")
-            self.expect(result, 1, source_line(1, SMALL) + NO_TRACKER, message)
-        machine = self.bare(0, 2)
-        before = machine.disk_bytes(2)
-        machine.add_fault("_aligned_malloc", null=True)
-        self.expect(self.restore(machine), 1, restoring_line("a.vrnx", 2, 16, SMALL), message)
-        self.expect_disk(machine, 2, before)
 
     def test_sectors_of_520_bytes_get_the_next_chunk_size_and_no_buffer(self):
         # No allocator gives an alignment that is no power of two, so such a disk gets as far as its chunk size.
@@ -344,14 +267,6 @@ class Transfers(Disks):
                          fatal("WriteFile to target disk failed mid-restore - target disk left partially written, "
                                "do not boot it yet", 87))
         self.expect_disk(machine, 2, image_bytes[:8192] + bytes(SMALL - 8192))
-
-    def test_the_system_is_told_to_read_the_partition_table_again(self):
-        machine = self.bare(0, 2)
-        result = self.restore(machine)
-        last = result.calls("DeviceIoControl", path="PhysicalDrive2")[-1]
-        self.assertEqual((last["code"], last["in"], last["out"], last["ok"]), (UPDATE_PROPERTIES, 0, 0, True))
-        order = [line["call"] for line in result.log if line.get("path") == r"\\.\PhysicalDrive2"]
-        self.assertEqual(order[-3:], ["WriteFile", "DeviceIoControl", "CloseHandle"])
 
 
 if __name__ == "__main__":

@@ -6,8 +6,7 @@ The search prints nothing of its own; it shows in the volumes that the session t
 import suite
 from console import NO_TRACKER, meter_run, source_line
 from machine import ACCESS_READ, VOLUME_DISK_EXTENTS, pattern
-from snapshot import (FREEZING, GATHERING, begun, device_of, fall_back, shadow_path, snapshotted,
-                      volume_name, writers_reported)
+from snapshot import FREEZING, GATHERING, begun, device_of, fall_back, snapshotted, volume_name, writers_reported
 
 MIB4 = 0x400000
 SIZE = 64 * 1024
@@ -57,18 +56,10 @@ class VolumeExtents(suite.Scenario):
             ("FindFirstVolumeW", volume_name(1)), ("CreateFileW", device_of(1)), ("DeviceIoControl", device_of(1)),
             ("CloseHandle", device_of(1)), ("FindNextVolumeW", None), ("FindVolumeClose", None)])
 
-    def test_the_service_is_given_the_name_with_its_backslash_and_the_device_is_opened_without(self):
+    def test_a_volume_is_opened_for_reading_and_shared_without_its_backslash_and_asked_for_with_it(self):
         machine = self.machine_with((volume_name(1), [(1, 0, SIZE)]))
         result = self.capture(machine, begun([(1, 0, SIZE)]))
-        self.assertEqual(self.asked_for(result), [volume_name(1)])
-        self.assertEqual([line["path"] for line in result.calls("IVssBackupComponents::AddToSnapshotSet")],
-                         [volume_name(1)])
-        self.assertEqual(len(result.calls("CreateFileW", path="Volume{")), 1)
-
-    def test_a_volume_is_opened_for_reading_and_shared(self):
-        machine = self.machine_with((volume_name(1), [(1, 0, SIZE)]))
-        result = self.capture(machine, begun([(1, 0, SIZE)]))
-        opened = result.calls("CreateFileW", path="Volume{")[0]
+        opened, = result.calls("CreateFileW", path="Volume{")
         self.assertEqual({key: opened[key] for key in ("path", "access", "share", "disposition", "flags")},
                          {"path": device_of(1), "access": ACCESS_READ, "share": "0x00000003",
                           "disposition": 3, "flags": "0x00000000"})
@@ -76,20 +67,18 @@ class VolumeExtents(suite.Scenario):
         self.assertEqual((asked["code"], asked["in"], asked["out"], asked["handle"]),
                          (VOLUME_DISK_EXTENTS, 0, 224, opened["handle"]))
         self.assertEqual(result.calls("CloseHandle", path="Volume{")[0]["handle"], opened["handle"])
+        self.assertEqual(self.asked_for(result), [volume_name(1)])
+        self.assertEqual([line["path"] for line in result.calls("IVssBackupComponents::AddToSnapshotSet")],
+                         [volume_name(1)])
 
-    def test_a_name_without_a_backslash_is_kept_unchanged_in_both_places(self):
-        machine = self.machine_with(("\\\\?\\Volume{bare}", [(1, 0, SIZE)]))
-        result = self.capture(machine, GATHERING + "  --vss: snapshotting volume \\\\?\\Volume{bare} (disk offset 0,"
-                              " 0.00 GiB) ...\n" + FREEZING + writers_reported(0) + snapshotted(1))
-        self.assertEqual(self.asked_for(result), ["\\\\?\\Volume{bare}"])
-        self.assertEqual(result.calls("CreateFileW", path="Volume{")[0]["path"], "\\\\?\\Volume{bare}")
-
-    def test_only_one_backslash_is_taken_away(self):
-        machine = self.machine_with(("\\\\?\\Volume{two}\\\\", [(1, 0, SIZE)]))
-        result = self.capture(machine, GATHERING + "  --vss: snapshotting volume \\\\?\\Volume{two}\\ (disk offset 0,"
-                              " 0.00 GiB) ...\n" + FREEZING + writers_reported(0) + snapshotted(1))
-        self.assertEqual(self.asked_for(result), ["\\\\?\\Volume{two}\\\\"])
-        self.assertEqual(result.calls("CreateFileW", path="Volume{")[0]["path"], "\\\\?\\Volume{two}\\")
+    def test_a_name_without_a_backslash_is_kept_unchanged_and_only_one_is_taken_away(self):
+        for name, device in (("\\\\?\\Volume{bare}", "\\\\?\\Volume{bare}"),
+                             ("\\\\?\\Volume{two}\\\\", "\\\\?\\Volume{two}\\")):
+            machine = self.machine_with((name, [(1, 0, SIZE)]))
+            result = self.capture(machine, GATHERING + f"  --vss: snapshotting volume {device} (disk offset 0,"
+                                  " 0.00 GiB) ...\n" + FREEZING + writers_reported(0) + snapshotted(1))
+            self.assertEqual(self.asked_for(result), [name])
+            self.assertEqual(result.calls("CreateFileW", path="Volume{")[0]["path"], device)
 
     def test_volumes_are_listed_in_the_order_of_the_enumeration(self):
         machine = self.machine_with((volume_name(3), [(1, 49152, 8192)]), (volume_name(1), [(1, 4096, 8192)]),
@@ -123,11 +112,6 @@ class VolumeExtents(suite.Scenario):
                          ["FindFirstVolumeW", "CreateFileW", "DeviceIoControl", "CloseHandle", "FindNextVolumeW",
                           "CreateFileW", "DeviceIoControl", "CloseHandle", "FindNextVolumeW", "FindVolumeClose"])
 
-    def test_a_volume_on_another_disk_is_not_kept_even_if_it_is_the_first(self):
-        machine = self.machine_with((volume_name(1), [(2, 4096, 8192)]), (volume_name(2), [(1, 4096, 8192)]))
-        result = self.capture(machine, begun([(2, 4096, 8192)]))
-        self.assertEqual(self.asked_for(result), [volume_name(2)])
-
     def expect_passed_over(self, extents, **fields):
         """A volume like this is passed over without a word, its handle is closed, and the one behind it is found."""
         machine = self.machine_with((volume_name(1), extents, fields), (volume_name(2), [(1, 4096, 8192)]))
@@ -138,23 +122,18 @@ class VolumeExtents(suite.Scenario):
                          [line["handle"] for line in opened])
         return result
 
-    def test_a_volume_spanned_onto_another_disk_is_not_kept(self):
-        self.expect_passed_over([(1, 4096, 8192), (2, 4096, 8192)])
-        self.expect_passed_over([(2, 4096, 8192), (1, 4096, 8192)])
-
-    def test_a_striped_volume_is_not_kept(self):
-        self.expect_passed_over([(1, 4096, 8192), (2, 4096, 8192), (1, 16384, 8192), (2, 16384, 8192)])
-
-    def test_a_volume_in_two_pieces_of_this_disk_is_not_kept(self):
-        self.expect_passed_over([(1, 4096, 8192), (1, 16384, 8192)])
-
-    def test_a_volume_of_nine_pieces_is_not_kept(self):
-        result = self.expect_passed_over([(1, 4096 * piece, 4096) for piece in range(9)])
-        self.assertTrue(result.calls("DeviceIoControl", path=device_of(1))[0]["ok"])
-
-    def test_a_volume_of_more_than_nine_pieces_is_not_kept(self):
-        result = self.expect_passed_over([(1, 4096 * piece, 4096) for piece in range(10)])
-        self.assertEqual(result.calls("DeviceIoControl", path=device_of(1))[0]["error"], 234)
+    def test_a_volume_that_is_not_one_piece_of_this_disk_is_not_kept(self):
+        for case, extents, error in (
+                ("on another disk", [(2, 4096, 8192)], None),
+                ("spanned onto another disk", [(1, 4096, 8192), (2, 4096, 8192)], None),
+                ("spanned from another disk", [(2, 4096, 8192), (1, 4096, 8192)], None),
+                ("striped", [(1, 4096, 8192), (2, 4096, 8192), (1, 16384, 8192), (2, 16384, 8192)], None),
+                ("two pieces", [(1, 4096, 8192), (1, 16384, 8192)], None),
+                ("nine pieces", [(1, 4096 * piece, 4096) for piece in range(9)], None),
+                ("more than nine pieces", [(1, 4096 * piece, 4096) for piece in range(10)], 234)):
+            with self.subTest(case):
+                result = self.expect_passed_over(extents)
+                self.assertEqual(result.calls("DeviceIoControl", path=device_of(1))[0].get("error"), error)
 
     def test_a_volume_without_any_extent_is_not_kept(self):
         # The answer's first extent is zero then, which reads as disk 0.
@@ -215,16 +194,6 @@ class VolumeExtents(suite.Scenario):
                           or line["call"].startswith("Co")], [])
 
     # --- From the place to the reads ---
-
-    def test_the_range_of_a_volume_reaches_from_its_first_byte_to_just_past_its_last(self):
-        size = 2 * MIB4
-        machine = self.machine_with((volume_name(1), [(1, MIB4, MIB4)], {"shadow_contents": pattern(MIB4, "frozen")}),
-                                    size=size)
-        result = machine.run("capture", "--disk", "1", "--out", "a.vrnx", "--vss")
-        self.expect(result, 0, source_line(1, size) + begun([(1, MIB4, MIB4)]) + NO_TRACKER + meter_run(size, MIB4)
-                    + "\nCapture complete: a.vrnx\n")
-        self.assertEqual([(line["path"], line["offset"]) for line in result.calls("ReadFile")],
-                         [("\\\\.\\PhysicalDrive1", 0), (shadow_path(1), 0)])
 
 
 if __name__ == "__main__":
