@@ -261,18 +261,24 @@ class BroughtBack(bootable.Story, Story):
 
     def test_from_every_file_system_from_a_stick(self):
         disk = Disk(bootable.SIZE, "ahci", bytes(self.mbr_disk("home")))
-        drive = Disk(300 * MIB, "usb")
-        computer = self.rescued(disk, drive, drive="usb")
+        drive, other = Disk(300 * MIB, "usb"), Disk(600 * MIB, "usb")
+        computer = self.rescued(disk, drive, other, drive="usb")
         number, name = computer.number(disk), f"/dev/{computer.device(drive)}"
-        computer.succeed("printf 'label: gpt\\nsize=100MiB\\nsize=100MiB\\nsize=90MiB\\n' "
-                         f"| sfdisk -q {name}; udevadm settle; "
-                         f"mkfs.ext4 -q {name}1; mkfs.ntfs -q -Q {name}2; mkfs.exfat {name}3")
-        for partition in (1, 2, 3):
-            self.expect_success(computer.run(f"vornix-mount --write {name}{partition}"), "writable")
+        partitions = []
+        for place, makes in (
+                (name, ((100, "mkfs.ext4 -q"), (100, "mkfs.ntfs -q -Q"), (90, "mkfs.exfat"))),
+                (f"/dev/{computer.device(other)}", ((310, "mkfs.xfs -q"), (160, "mkfs.btrfs -q"), (100, "mkfs.vfat")))):
+            table = "".join(f"size={size}MiB\\n" for size, _ in makes)
+            computer.succeed(f"printf 'label: gpt\\n{table}' | sfdisk -q {place}; udevadm settle")
+            for partition, (_, make) in enumerate(makes, 1):
+                computer.succeed(f"{make} {place}{partition}")
+                partitions.append(f"{place}{partition}")
+        for partition in partitions:
+            self.expect_success(computer.run(f"vornix-mount --write {partition}"), "writable")
             self.expect_success(computer.run(f"vornix capture --disk {number} --out /mnt/images/disk.vrnx"),
                                 "Capture complete")
             computer.succeed("umount /mnt/images")
-            self.expect_success(computer.run(f"vornix-mount {name}{partition}"), "read-only")
+            self.expect_success(computer.run(f"vornix-mount {partition}"), "read-only")
             self.assertEqual(computer.run("touch /mnt/images/new").status, 1)
             self.expect_success(computer.run("vornix verify --in /mnt/images/disk.vrnx"), "Verify OK")
             self.restored(computer, disk, "/mnt/images/disk.vrnx")
