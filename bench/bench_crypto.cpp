@@ -4,6 +4,7 @@
 #include "call_record.h"
 #include "machine.h"
 #include "real_calls.h"
+#include "remembered_keys.h"
 #include "text.h"
 
 #include <cstddef>
@@ -127,8 +128,7 @@ NTSTATUS WINAPI BenchBCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR passwor
     call.Add("iterations", iterations);
     call.Add("length", keyLength);
     return Answer(call, [&] {
-        return RealBCryptDeriveKeyPBKDF2(prf, password, passwordLength, salt, saltLength, iterations, key, keyLength,
-                                         flags);
+        return DeriveKeyOnce(prf, password, passwordLength, salt, saltLength, iterations, key, keyLength, flags);
     });
 }
 

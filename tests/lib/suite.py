@@ -148,7 +148,7 @@ def disk_number(text):
     return int(re.match(r"\s*[+-]?\d+", text)[0])
 
 
-def trouble_with_made_image(machine, result):
+def trouble_with_made_image(machine, result, third_reader=True):
     """What the other readers hold against the image that a successful run has left, as a text; None where nothing.
 
     Every capture and every consolidation of every scenario goes through here. Where nothing changes the disk meanwhile
@@ -175,7 +175,7 @@ def trouble_with_made_image(machine, result):
             problems = image.check_image(path, password, file)
     if problems:
         return "; ".join(problems[:5])
-    return trouble_by_third_reader(machine, path, password_file)
+    return trouble_by_third_reader(machine, path, password_file) if third_reader else None
 
 
 def trouble_by_third_reader(machine, path, password_file):
@@ -363,6 +363,22 @@ class WineSession:
                 self.client.wait()
 
 
+class RememberedKeys:
+    """A folder in which the described machines of this suite keep the keys that they derive: see
+    bench/remembered_keys.h."""
+
+    def __init__(self, settings=SETTINGS):
+        self.windows, self.folder = settings.windows, tempfile.TemporaryDirectory(prefix="vornix-keys-")
+
+    def __enter__(self):
+        name = self.folder.name
+        os.environ["VORNIX_BENCH_KEYS"] = "Z:" + name.replace("/", "\\") if self.windows else name
+
+    def __exit__(self, *_):
+        del os.environ["VORNIX_BENCH_KEYS"]
+        self.folder.cleanup()
+
+
 # Where a run costs several times as much, under Wine and the sanitizers, one in so many tests of a long suite of
 # scenarios is run, unless VORNIX_LONG is set: all of them run natively, and neighbours differ in what they expect more
 # than in what they ask of the compiler and the system. What Windows itself has a say in runs under Wine all the same.
@@ -406,7 +422,7 @@ def main():
         skipped += 1
         print(f"skipped {test.id().removeprefix('__main__.')}: one scenario in three is run here, all with VORNIX_LONG",
               flush=True)
-    with WineSession(), concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+    with WineSession(), RememberedKeys(), concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         for test, result in pool.map(_run_one, tests):
             troubles = result.failures + result.errors
             if troubles or result.unexpectedSuccesses:

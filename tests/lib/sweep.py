@@ -221,10 +221,11 @@ def _run_all(test, items, body):
         test.fail(f"{len(texts)} of {len(items)} runs of the sweep went wrong; the first:\n{shown}")
 
 
-def _judge_image(machine, result):
-    """What the second reader holds against the image of a run that succeeded on a machine without faults, or None."""
-    trouble = suite.trouble_with_made_image(machine, result)
-    return f"the second reader on the image: {trouble}" if trouble else None
+def _judge_image(machine, result, third_reader=True):
+    """What the other readers hold against the image of a run that succeeded on a machine without faults, or None. The
+    third one looks at one image of a sweep and not at each: they are alike, and the second one looks at all."""
+    trouble = suite.trouble_with_made_image(machine, result, third_reader)
+    return f"the other readers on the image: {trouble}" if trouble else None
 
 
 def _judge_image_under_fault(machine, result):
@@ -235,14 +236,15 @@ def _judge_image_under_fault(machine, result):
     read_back = result.status != 0 and result.arguments[0] == "consolidate"
     if out is None or read_back or not os.path.exists(machine.host_path(out)):
         return None
+    trouble = "an image was left that every reader takes, although the run failed"
+    if result.status == 0:
+        trouble = _judge_image(machine, result, third_reader=False)
+    if trouble is None:
+        return None
     password_file, password = suite.option(result.arguments, "--password-file"), None
     if password_file is not None:
         password = image.trim_password(machine.read(password_file))
-    if image.check_image(machine.host_path(out), password):
-        return None
-    if result.status != 0:
-        return "an image was left that every reader takes, although the run failed"
-    return _judge_image(machine, result)
+    return None if image.check_image(machine.host_path(out), password) else trouble
 
 
 def clean_run(test, make, arguments, expected):
@@ -348,7 +350,7 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None
                     after(machine, result, call)
                 expected = clean if again is None else again(machine, call)
                 second = machine.run(*arguments)
-                problem = _judge(expected, machine, second) or _judge_image(machine, second)
+                problem = _judge(expected, machine, second) or _judge_image(machine, second, third_reader=False)
                 if problem:
                     raise AssertionError(f"the run after the kill:\n{problem}\n{second.describe()}")
             except AssertionError as error:
