@@ -1,4 +1,7 @@
-"""The command line: which words are commands, how options are found and converted, what is usage and what is not."""
+"""The command line: which words are commands, how options are found and converted, what gives the usage text before
+anything is touched, and how a run ends."""
+
+import shlex
 
 import suite
 from console import (RESTORE_UNCONFIRMED, USAGE, capture_text, fatal, restore_text, source_line, verify_text)
@@ -22,30 +25,25 @@ class CommandLine(suite.Scenario):
 
 
 class Words(CommandLine):
-    def test_no_arguments_give_the_usage_text(self):
-        self.expect_usage(self.small())
-
-    def test_an_unknown_word_gives_the_usage_text(self):
+    def test_what_is_no_command_gives_the_usage_text(self):
         machine = self.small()
-        for word in ("help", "--help", "-h", "", "listdisks", "capture ", "--disk"):
-            self.expect_usage(machine, word)
-
-    def test_command_words_match_with_case(self):
-        machine = self.small()
-        self.expect_usage(machine, "CAPTURE", "--disk", "0", "--out", "x")
-        for word in ("List-Disks", "Capture", "Verify", "Restore", "Clone", "Consolidate"):
-            self.expect_usage(machine, word, "--disk", "1", "--out", "x", "--in", "x", "--from", "1", "--to", "2")
+        options = ("--disk", "1", "--out", "x", "--in", "x", "--from", "1", "--to", "2")
+        for arguments in ((), *[(word,) for word in ("help", "--help", "-h", "", "listdisks", "capture ", "--disk")],
+                          # Words match with case, and come first.
+                          *[(word, *options) for word in ("CAPTURE", "List-Disks", "Capture", "Verify", "Restore",
+                                                          "Clone", "Consolidate")],
+                          ("--disk", "1", "capture", "--out", "x")):
+            with self.subTest(arguments=arguments):
+                self.expect_usage(machine, *arguments)
         self.assertEqual(machine.files(), [])
-
-    def test_the_command_word_must_come_first(self):
-        self.expect_usage(self.small(), "--disk", "1", "capture", "--out", "x")
 
     def test_option_names_match_without_case(self):
         machine = self.small()
-        result = machine.run("capture", "--DISK", "1", "--OUT", "x")
-        self.expect(result, 0, capture_text(1, SMALL, "x"))
-        result = machine.run("verify", "--In", "x")
-        self.expect(result, 0, verify_text("x", SMALL, 0x400000))
+        self.expect(machine.run("capture", "--DISK", "1", "--OUT", "x"), 0, capture_text(1, SMALL, "x"))
+        self.expect(machine.run("verify", "--In", "x"), 0, verify_text("x", SMALL, 0x400000))
+        build_image(machine.path("y"), pattern(SMALL, "image"))
+        self.expect(machine.run("restore", "--in", "y", "--disk", "2", "--CONFIRM", "YES"), 0,
+                    restore_text("y", 2, SMALL, 4096))
 
     def test_list_disks_reads_no_option(self):
         machine = self.small()
@@ -59,42 +57,19 @@ class Words(CommandLine):
 
 
 class Required(CommandLine):
-    def test_capture_without_disk_or_out_gives_the_usage_text(self):
+    def test_each_command_that_lacks_an_option_gives_the_usage_text(self):
         machine = self.small()
-        self.expect_usage(machine, "capture")
-        self.expect_usage(machine, "capture", "--disk", "1")
-        self.expect_usage(machine, "capture", "--out", "x")
-        self.expect_usage(machine, "capture", "--disk", "1", "--out", "")
-
-    def test_capture_with_encrypt_and_no_password_file_gives_the_usage_text(self):
-        machine = self.small()
-        self.expect_usage(machine, "capture", "--disk", "0", "--out", "x", "--encrypt")
-        self.expect_usage(machine, "capture", "--disk", "0", "--out", "x", "--encrypt", "--password-file")
-        self.expect_usage(machine, "capture", "--disk", "0", "--out", "x", "--encrypt", "--password-file", "")
-
-    def test_verify_without_in_gives_the_usage_text(self):
-        machine = self.small()
-        self.expect_usage(machine, "verify")
-        self.expect_usage(machine, "verify", "--password-file", "p")
-        self.expect_usage(machine, "verify", "--in", "")
-
-    def test_restore_without_in_or_disk_gives_the_usage_text(self):
-        machine = self.small()
-        self.expect_usage(machine, "restore", "--confirm", "YES")
-        self.expect_usage(machine, "restore", "--in", "x", "--confirm", "YES")
-        self.expect_usage(machine, "restore", "--disk", "2", "--confirm", "YES")
-
-    def test_clone_without_from_or_to_gives_the_usage_text(self):
-        machine = self.small()
-        self.expect_usage(machine, "clone", "--confirm", "YES")
-        self.expect_usage(machine, "clone", "--from", "1", "--confirm", "YES")
-        self.expect_usage(machine, "clone", "--to", "1", "--confirm", "YES")
-
-    def test_consolidate_without_in_or_out_gives_the_usage_text(self):
-        machine = self.small()
-        self.expect_usage(machine, "consolidate")
-        self.expect_usage(machine, "consolidate", "--in", "a")
-        self.expect_usage(machine, "consolidate", "--out", "b")
+        for command in (
+                "capture", "capture --disk 1", "capture --out x", "capture --disk 1 --out ''",
+                "capture --out x --disk", "capture --disk 0 --out x --encrypt",
+                "capture --disk 0 --out x --encrypt --password-file",
+                "capture --disk 0 --out x --encrypt --password-file ''",
+                "verify", "verify --password-file p", "verify --in ''", "verify --in",
+                "restore --confirm YES", "restore --in x --confirm YES", "restore --disk 2 --confirm YES",
+                "clone --confirm YES", "clone --from 1 --confirm YES", "clone --to 1 --confirm YES",
+                "consolidate", "consolidate --in a", "consolidate --out b"):
+            with self.subTest(command):
+                self.expect_usage(machine, *shlex.split(command))
 
     def test_consolidate_with_encrypt_and_no_password_file_reaches_the_command(self):
         result = self.small().run("consolidate", "--in", "a.vrnx", "--out", "b.vrnx", "--encrypt")
@@ -107,19 +82,10 @@ class Required(CommandLine):
             self.expect(result, 1, "", RESTORE_UNCONFIRMED)
         self.expect(machine.run("restore", "--in", "x", "--disk", "1"), 1, "", RESTORE_UNCONFIRMED)
 
-    def test_the_confirmation_option_matches_without_case(self):
-        machine = self.small()
-        build_image(machine.path("x"), pattern(SMALL, "image"))
-        result = machine.run("restore", "--in", "x", "--disk", "2", "--CONFIRM", "YES")
-        self.expect(result, 0, restore_text("x", 2, SMALL, 4096))
-
 
 class Values(CommandLine):
     def test_a_value_option_as_last_argument_is_not_seen(self):
-        machine = self.small()
-        self.expect_usage(machine, "capture", "--out", "x", "--disk")
-        self.expect_usage(machine, "verify", "--in")
-        self.expect(machine.run("restore", "--in", "x", "--disk", "2", "--confirm"), 1, "", RESTORE_UNCONFIRMED)
+        self.expect(self.small().run("restore", "--in", "x", "--disk", "2", "--confirm"), 1, "", RESTORE_UNCONFIRMED)
 
     def test_a_flag_as_last_argument_is_found(self):
         machine = self.small(target=bytes(SMALL))
@@ -158,21 +124,15 @@ class Values(CommandLine):
         self.assertTrue(text.endswith("\nCapture complete: --vss\n"))
         self.expect_good_image(machine, "--vss", machine.disk_bytes(0))
 
-    def test_incremental_is_another_name_of_base(self):
-        self._expect_base("--incremental", "base.vrnx")
-
-    def test_an_empty_base_gives_way_to_incremental(self):
-        self._expect_base("--base", "", "--incremental", "base.vrnx")
-
-    def test_base_wins_over_incremental(self):
-        self._expect_base("--incremental", "other.vrnx", "--base", "base.vrnx")
-
-    def _expect_base(self, *options):
-        result = self.small().run("capture", "--disk", "1", "--out", "x", *options)
-        self.assertEqual(result.status, 1)
-        self.assertTrue(result.stdout.decode().endswith("Incremental mode: base image base.vrnx\n"))
-        self.expect(result, 1, result.stdout,
-                    "could not open image file: base.vrnx\n" + fatal("could not open image file", 2))
+    def test_incremental_is_another_name_of_base_which_wins_unless_it_is_empty(self):
+        for options in (("--incremental", "base.vrnx"), ("--INCREMENTAL", "base.vrnx"),
+                        ("--base", "", "--incremental", "base.vrnx"),
+                        ("--incremental", "other.vrnx", "--base", "base.vrnx")):
+            result = self.small().run("capture", "--disk", "1", "--out", "x", *options)
+            with self.subTest(options=options):
+                self.assertTrue(result.stdout.decode().endswith("Incremental mode: base image base.vrnx\n"))
+                self.expect(result, 1, result.stdout,
+                            "could not open image file: base.vrnx\n" + fatal("could not open image file", 2))
 
 
 class Numbers(CommandLine):
@@ -229,15 +189,12 @@ class Numbers(CommandLine):
 
 
 class Ends(CommandLine):
-    def test_a_finished_command_ends_with_0(self):
+    def test_a_finished_command_ends_with_0_and_a_failed_one_with_1_through_the_ordinary_exit(self):
         machine = self.small()
-        result = self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 0, capture_text(1, SMALL, "x"))
-        self.assertEqual(result.log[-1], {"n": len(result.log), "call": "exit", "code": 0})
-
-    def test_a_failed_command_ends_with_1_through_the_ordinary_exit(self):
-        result = self.small().run("verify", "--in", "missing.vrnx")
-        self.expect(result, 1, "", "could not open image file: missing.vrnx\n" + fatal("could not open image file", 2))
-        self.assertEqual(result.log[-1], {"n": len(result.log), "call": "exit", "code": 1})
+        for arguments, status in ((("capture", "--disk", "1", "--out", "x"), 0), (("verify", "--in", "missing"), 1)):
+            result = machine.run(*arguments)
+            self.assertEqual(result.status, status)
+            self.assertEqual(result.log[-1], {"n": len(result.log), "call": "exit", "code": status})
 
     def test_a_fatal_end_closes_no_handle_and_deletes_no_file(self):
         machine = self.small()
