@@ -9,10 +9,9 @@ import suite
 from console import NO_TRACKER, SYSTEM_DISK_NOTE, capture_text, fatal, meter_run, source_line, verify_text
 from image import (Header, Image, ImageBuilder, build_image, digest_of, is_accepted, read_header, read_table,
                    write_sparse_image)
-from incremental import (MIB4, REASON_GAP, REASON_NO_EPOCH, REASON_NO_PREVIOUS, REASON_NO_TRACKER, REASON_NOT_LATEST,
-                         base_line, chunks_read, compared_line, copy_complete, data_reads, fallback_line, full_complete,
-                         hollow_disk, incremental_text, marked, missing_base, other_base, proof_line, thin_complete,
-                         thin_verify_text, tracker_line, write_hollow)
+from incremental import (MIB4, REASON_GAP, REASON_NO_TRACKER, base_line, chunks_read, compared_line, copy_complete,
+                         data_reads, fallback_line, full_complete, hollow_disk, incremental_text, marked, missing_base,
+                         other_base, proof_line, thin_complete, thin_verify_text, tracker_line, write_hollow)
 from machine import pattern
 
 SIZE = 2 * MIB4 + 1024  # three chunks, the last one short
@@ -194,24 +193,6 @@ class Proof(Incremental):
                     result = self.expect_mode(machine, settled, complete, *options, tracker=self.line(tracker, record))
                     self.assertEqual(chunks_read(result), [0, 1, 2])
                     self.assertEqual(data_reads(machine, result, "base.vrnx"), [])
-
-    def test_the_first_reason_that_applies_is_told(self):
-        everything = {"has_previous_epoch": 0, "previous_epoch": 0xF, "gap": 1, "other_gap": 1}
-        for reason, tracker, epoch, record in (
-                (REASON_NO_TRACKER, False, 0, everything), (REASON_NO_TRACKER, True, 0, {"active": 0, **everything}),
-                (REASON_NO_EPOCH, True, 0, everything), (REASON_NO_PREVIOUS, True, 0x10, everything),
-                (REASON_NOT_LATEST, True, 0x10, {**everything, "has_previous_epoch": 1}),
-                (REASON_GAP, True, 0x10, {**everything, "has_previous_epoch": 1, "previous_epoch": 0x10}),
-                # A base without an epoch is none though the driver holds 0.
-                (REASON_NO_EPOCH, True, 0, {"previous_epoch": 0})):
-            machine = self.prepare(tracker=tracker, epoch=epoch, **record)
-            shown = self.line(tracker and record.get("active") != 0, record)
-            with self.subTest(reason=reason, epoch=epoch, **record):
-                self.expect_mode(machine, fallback_line(reason), full_complete("new.vrnx"), tracker=shown)
-
-    def test_any_value_but_0_says_that_an_epoch_is_held(self):
-        machine = self.prepare(has_previous_epoch=0x80000000)
-        self.expect_mode(machine, proof_line(0x10), thin_complete("new.vrnx", 3, 2, 1), "--thin")
 
     def test_the_seven_bytes_of_an_epoch_are_read_least_significant_first(self):
         machine = self.prepare(epoch=0x77665544332211, previous_epoch=0x77665544332211)

@@ -325,10 +325,9 @@ class Bitmap(Tracked):
 
 class Gaps(Tracked):
     def test_both_gaps_break_the_proof_and_the_first_is_told(self):
-        for field, value, told in (("gap", 1, " (GAP - untracked write seen)"), ("other_gap", 1, ""),
-                                   ("gap", 0x80000000, " (GAP - untracked write seen)"), ("other_gap", 0x80000000, "")):
-            machine = self.incremental(changes=(0,), bitmap="00" * BITMAP, **{field: value})
-            with self.subTest(field=field, value=value):
+        for field, told in (("gap", " (GAP - untracked write seen)"), ("other_gap", "")):
+            machine = self.incremental(changes=(0,), bitmap="00" * BITMAP, **{field: 0x80000000})
+            with self.subTest(field=field):
                 result = self.expect_compared(machine, REASON_GAP, 2, f"Change tracker: disk 1 epoch 11{told}\n")
                 self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0x11)
                 self.assertEqual(tracker_calls(result)[-2][1], TRACKER_COMMIT)
@@ -387,15 +386,6 @@ class Epochs(Tracked):
             SIZE, "new.vrnx", fallback_line(REASON_NO_EPOCH), "Capture complete: next.vrnx\n",
             tracker=tracker_line(1, epoch + 1)))
         self.expect_good_image(machine, "next.vrnx", machine.disk_bytes(1))
-
-    def test_every_byte_of_an_epoch_is_compared_and_whether_it_is_held_at_all(self):
-        for byte in range(8):
-            machine = self.incremental(previous_epoch=0x10 ^ 1 << 8 * byte)
-            with self.subTest(byte=byte):
-                self.expect_compared(machine, REASON_NOT_LATEST, 3, tracker_line(1, 0x11))
-        # A driver that starts over with the same number holds none.
-        machine = self.incremental(has_previous_epoch=0, previous_epoch=0x10, changes=(0,), bitmap="00" * BITMAP)
-        self.expect_compared(machine, REASON_NO_PREVIOUS, 2, tracker_line(1, 0x11))
 
     def test_a_reload_of_the_driver_breaks_the_proof_once(self):
         machine = self.incremental(has_previous_epoch=0, previous_epoch=0, current_epoch=1, changes=(MIB4,),
