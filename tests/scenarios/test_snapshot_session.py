@@ -377,49 +377,40 @@ class Writers(Session):
         self.expect_report([("Schl\u00fcssel \u30e9\u30a4\u30bf\u30fc", 7, 0)],
                            writer_failed("Schl\u00fcssel \u30e9\u30a4\u30bf\u30fc", 7, 0) + writers_reported(1, 1))
 
-    def expect_faulty_report(self, faults, lines, calls, writers=(("Bad", 6, 0), ("Good", 1, 0), ("Worse", 7, 0))):
-        machine = self.machine_with(writers=writers)
-        for fault in faults:
-            machine.add_fault(**fault)
-        self.expect_captured(machine, GATHERING + snapshotting(*WHOLE) + FREEZING + lines + snapshotted(1),
-                             [*TAKEN, *calls, *OPENED[-2:], *COMPLETED])
-
-    def test_a_report_that_cannot_be_gathered_is_left_out_in_silence(self):
-        method = "IVssBackupComponents::GatherWriterStatus"
-        for effect in ({"status": "0x80042301"}, {"null_async": True}, {"status": 0}):
-            self.expect_faulty_report([{"call": method, **effect}], "", ["GatherWriterStatus"])
-
-    def test_a_report_that_does_not_complete_says_so_and_is_left_out(self):
-        calls = ["GatherWriterStatus", *WAIT]
-        self.expect_faulty_report([{"call": "IVssAsync::Wait", "skip": 3, "status": "0x80042316"},
-                                   {"call": "IVssAsync::QueryStatus", "skip": 3, "async_status": ASYNC_FINISHED}],
-                                  "    GatherWriterStatus did not complete successfully"
-                                  " (wait=0x80042316, status=0x0004230A)\n", calls)
-        self.expect_faulty_report([{"call": "IVssAsync::QueryStatus", "skip": 3, "async_status": ASYNC_CANCELLED}],
-                                  "    GatherWriterStatus did not complete successfully"
-                                  " (wait=0x00000000, status=0x0004230B)\n", calls)
-        self.expect_faulty_report([{"call": "IVssAsync::QueryStatus", "skip": 3, "status": "0x8000FFFF"}],
-                                  step_failed("GatherWriterStatus", status=E_FAIL), calls)
-
-    def test_a_count_that_cannot_be_had_ends_the_report_in_silence(self):
-        self.expect_faulty_report([{"call": "IVssBackupComponents::GetWriterStatusCount", "status": "0x80042301"}], "",
-                                  ["GatherWriterStatus", *WAIT, "GetWriterStatusCount"])
-
-    def test_a_writer_whose_status_cannot_be_had_is_passed_over_and_still_counted(self):
-        begin = ["GatherWriterStatus", *WAIT, "GetWriterStatusCount"]
-        self.expect_faulty_report([{"call": "IVssBackupComponents::GetWriterStatus", "status": "0x80042308"}],
-                                  writer_failed("Worse", 7, 0) + writers_reported(3, 1),
-                                  [*begin, "GetWriterStatus", *["GetWriterStatus", "SysFreeString"] * 2,
-                                   "FreeWriterStatus"])
-        self.expect_faulty_report([{"call": "IVssBackupComponents::GetWriterStatus", "times": 3,
-                                    "status": "0x80042308"}], writers_reported(3, 0),
-                                  [*begin, *["GetWriterStatus"] * 3, "FreeWriterStatus"])
-
-    def test_a_status_that_is_not_freed_changes_nothing(self):
-        self.expect_faulty_report([{"call": "IVssBackupComponents::FreeWriterStatus", "status": "0x80042301"}],
-                                  writer_failed("Bad", 6, 0) + writer_failed("Worse", 7, 0) + writers_reported(3, 2),
-                                  ["GatherWriterStatus", *WAIT, "GetWriterStatusCount",
-                                   *["GetWriterStatus", "SysFreeString"] * 3, "FreeWriterStatus"])
+    def test_each_way_in_which_the_report_fails_changes_nothing_but_the_report(self):
+        gather, status = "IVssBackupComponents::GatherWriterStatus", "IVssBackupComponents::GetWriterStatus"
+        query = {"call": "IVssAsync::QueryStatus", "skip": 3}
+        one = ["GetWriterStatus", "SysFreeString"]
+        waited = ["GatherWriterStatus", *WAIT]
+        counted = [*waited, "GetWriterStatusCount"]
+        for case, faults, lines, calls in (
+                # One that cannot be gathered is left out in silence, one that does not complete says so.
+                *[(f"not gathered: {effect}", [{"call": gather, **effect}], "", ["GatherWriterStatus"])
+                  for effect in ({"status": "0x80042301"}, {"null_async": True}, {"status": 0})],
+                ("a wait that fails", [{"call": "IVssAsync::Wait", "skip": 3, "status": "0x80042316"},
+                                       {**query, "async_status": ASYNC_FINISHED}],
+                 "    GatherWriterStatus did not complete successfully (wait=0x80042316, status=0x0004230A)\n", waited),
+                ("cancelled", [{**query, "async_status": ASYNC_CANCELLED}],
+                 "    GatherWriterStatus did not complete successfully (wait=0x00000000, status=0x0004230B)\n", waited),
+                ("no status of the wait", [{**query, "status": "0x8000FFFF"}],
+                 step_failed("GatherWriterStatus", status=E_FAIL), waited),
+                ("no count", [{"call": "IVssBackupComponents::GetWriterStatusCount", "status": "0x80042301"}], "",
+                 counted),
+                # A writer whose status cannot be had is passed over and still counted.
+                ("no status of the first", [{"call": status, "status": "0x80042308"}],
+                 writer_failed("Worse", 7, 0) + writers_reported(3, 1),
+                 [*counted, "GetWriterStatus", *one * 2, "FreeWriterStatus"]),
+                ("no status of any", [{"call": status, "times": 3, "status": "0x80042308"}], writers_reported(3, 0),
+                 [*counted, *["GetWriterStatus"] * 3, "FreeWriterStatus"]),
+                ("not freed", [{"call": "IVssBackupComponents::FreeWriterStatus", "status": "0x80042301"}],
+                 writer_failed("Bad", 6, 0) + writer_failed("Worse", 7, 0) + writers_reported(3, 2),
+                 [*counted, *one * 3, "FreeWriterStatus"])):
+            machine = self.machine_with(writers=(("Bad", 6, 0), ("Good", 1, 0), ("Worse", 7, 0)))
+            for fault in faults:
+                machine.add_fault(**fault)
+            with self.subTest(case):
+                self.expect_captured(machine, GATHERING + snapshotting(*WHOLE) + FREEZING + lines + snapshotted(1),
+                                     [*TAKEN, *calls, *OPENED[-2:], *COMPLETED])
 
 
 class ShadowDevices(Session):
@@ -455,23 +446,21 @@ class ShadowDevices(Session):
         for device_object in (None, ""):
             self.expect_device(device_object, "", opens=False)
 
-    def test_a_shadow_device_that_does_not_open_leaves_its_volume_live(self):
-        machine = self.machine_with()
-        machine.add_fault("CreateFileW", path="ShadowCopy", error=5)
-        self.expect_captured(
-            machine, GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0)
-            + "  --vss: could not open shadow device \\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy1"
-            " (GetLastError=5) - read live.\n"
-            "  --vss: 0 volume(s) snapshotted via IVssBackupComponents; anything outside those ranges"
-            " (partition tables, unpartitioned space) reads live.\n", [*OPENED, *COMPLETED], plain=LIVE)
-
-    def test_properties_that_cannot_be_had_leave_the_volume_live_and_are_not_freed(self):
-        machine = self.machine_with()
-        machine.add_fault("IVssBackupComponents::GetSnapshotProperties", status="0x80042308")
-        self.expect_captured(
-            machine, GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0)
-            + f"  --vss: GetSnapshotProperties failed for {device_of(1)} (0x80042308) - read live.\n" + snapshotted(0),
-            [*OPENED[:-1], *COMPLETED], plain=LIVE)
+    def test_a_shadow_device_that_does_not_open_or_is_not_told_of_leaves_its_volume_live(self):
+        for fault, line, calls in (
+                ({"call": "CreateFileW", "path": "ShadowCopy", "error": 5},
+                 "  --vss: could not open shadow device \\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy1"
+                 " (GetLastError=5) - read live.\n", OPENED),
+                ({"call": "IVssBackupComponents::GetSnapshotProperties", "status": "0x80042308"},
+                 f"  --vss: GetSnapshotProperties failed for {device_of(1)} (0x80042308) - read live.\n",
+                 OPENED[:-1])):  # properties that cannot be had are not freed
+            machine = self.machine_with()
+            machine.add_fault(**fault)
+            with self.subTest(fault["call"]):
+                self.expect_captured(
+                    machine, GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0) + line
+                    + "  --vss: 0 volume(s) snapshotted via IVssBackupComponents; anything outside those ranges"
+                    " (partition tables, unpartitioned space) reads live.\n", [*calls, *COMPLETED], plain=LIVE)
 
     def test_one_failed_device_leaves_the_others(self):
         for fault, line in (({"call": "CreateFileW", "path": "ShadowCopy1", "error": 21},
