@@ -410,11 +410,16 @@ class Depth(Chains):
             build_image(path, plain, chunk_size=chunk, base=base)
         return machine
 
-    def test_65_images_open(self):
+    def test_65_images_open_to_every_reader_and_stand_for_their_disk(self):
         machine = self.long_chain(65)
         result = self.expect_good(machine, "l64.vrnx", "l63.vrnx", size=1024, chunk=512)
         self.assertEqual([line["path"] for line in result.calls("CreateFileW")],
                          [f"l{place:02}.vrnx" for place in range(64, -1, -1)])
+        machine.add_disk(0, bytes(512))
+        machine.system_volume([(0, 0, 512)])
+        machine.add_disk(2, bytes(1024))
+        self.expect(self.restore(machine, "l64.vrnx"), 0, restore_text("l64.vrnx", 2, 1024, 512))
+        self.expect_disk(machine, 2, pattern(512, "l64") + pattern(1024, "disk")[512:])
 
     def test_the_66th_image_is_refused_before_its_file_is_touched(self):
         machine = self.long_chain(66)
