@@ -92,7 +92,7 @@ FILE_SYSTEMS = {made.name: made for made in (
                "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
     FileSystem("ext4 writeback", "mkfs.ext4 -q -F", "mount -t ext4 -o data=writeback", "ext4",
                "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
-    # Nothing but the sync of a folder brings a name to the disk, which the journal does with the sync of a file.
+    # There the sync of a folder brings a name to the disk, and leaves it in the disk's cache.
     FileSystem("ext4 without a journal", "mkfs.ext4 -q -F -O ^has_journal", "mount -t ext4", "ext4",
                "e2fsck -p $D", "mount -t ext4 $L $M", ("e2fsck",)),
     FileSystem("xfs", "mkfs.xfs -q -f", "mount -t xfs", "xfs", "", "mount -t xfs $L $M", (), size=300 * MIB),
