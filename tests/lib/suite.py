@@ -391,7 +391,7 @@ WINDOWS_HAS_A_SAY = re.compile(
 def of_this_build(tests, settings=SETTINGS, script=None):
     """The tests that this build runs, and those that it leaves out."""
     folder = os.path.basename(os.path.dirname(os.path.abspath(script or sys.argv[0])))
-    if not settings.sampled or folder != "scenarios" or len(tests) < LONG_SUITE:
+    if not settings.sampled or folder not in ("scenarios", "reader") or len(tests) < LONG_SUITE:
         return tests, []
     run, left_out = [], []
     for number, test in enumerate(tests):

@@ -149,33 +149,35 @@ class Routine(suite.Scenario):
 
     def test_months_of_days_with_nothing_wrong(self):
         """Each day an image; each week a new chain; nothing is deleted unless asked."""
-        for day in range(60):
+        days = 60 if self.settings.long else 23
+        for day in range(days):
             self.change_disk(day)
             self.backup()
             self.pass_days()
         images = self.names()
-        self.assertEqual(len(images), 60)
-        self.assertEqual(sum(name.endswith("-000.vrnx") for name in images), 9, "every seventh day a full image")
+        self.assertEqual(len(images), days)
+        self.assertEqual(sum(name.endswith("-000.vrnx") for name in images), (days + 6) // 7, "every seventh day a full image")
         for name in images:
             self.assertTrue(os.path.getsize(os.path.join(self.images, name + ".verified")) > 0)
         self.assertEqual(images[8], "data-20260111T013000Z-001.vrnx")
         self.expect_newest_is_the_disk()
 
     def test_a_chain_is_as_long_as_asked_at_most(self):
-        for day in range(70):
+        length = 65 if self.settings.long else 10  # as long as a chain can be at all, which takes its time
+        for day in range(length + 2):
             self.change_disk(day)
-            self.backup(CHAIN_DAYS=365, CHAIN_LENGTH=65)
+            self.backup(CHAIN_DAYS=365, CHAIN_LENGTH=length)
             self.pass_days()
         images = self.names()
         self.assertEqual(sum(name.endswith("-000.vrnx") for name in images), 2)
-        self.assertEqual(sum(name.startswith("data-20260104T") for name in images), 65)
+        self.assertEqual(sum(name.startswith("data-20260104T") for name in images), length)
         self.expect_newest_is_the_disk()
 
     def test_old_chains_go_when_asked_and_only_whole_ones(self):
         self.need_vrnx()
-        for day in range(45):
+        for day in range(20):
             self.change_disk(day)
-            line = self.backup(KEEP_CHAINS=3)
+            line = self.backup(KEEP_CHAINS=3, CHAIN_DAYS=3)
             self.pass_days()
         self.assertIn("deleted", "\n".join(self.log()))
         self.assertNotIn("kept", line)
