@@ -3,8 +3,8 @@
 The images hold all that the format has: plain and sealed chunks, thin references, a trailer, a base below. What the
 program still takes after a change the second reader takes for the very same disk, and it agrees on what is refused. The
 library is the third account: of every bit it says the same, and refuses with the program's words. What carried nothing
-is counted by field, and docs/image-format.md shows exactly these counts. Every bit is tried with VORNIX_LONG, and one of
-each byte without; under the sanitizers, where a run costs several times as much, fewer.
+is counted by field, and docs/image-format.md shows exactly these counts. All bits are tried with VORNIX_LONG, one of
+each byte without, and fewer under the sanitizers, where a run costs several times as much.
 
     tests/run tests/faults/test_every_bit.py --update      rewrites the table there
 """

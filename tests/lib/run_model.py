@@ -62,12 +62,12 @@ class Scene:
         at = index * self.chunk_size
         return (self.plains[name] if name else self.disk)[at:at + self.lengths[index]]
 
-    def reading(self, folder):
-        """A machine with the images and a target."""
+    def reading(self, folder, target=None):
+        """A machine with the images and a target, as large as the images' disk where nothing else is said."""
         machine = Machine(folder, default=False)
         machine.add_disk(0, bytes(4096))
         machine.system_volume([(0, 0, 512)])
-        machine.add_disk(2, self.target)
+        machine.add_disk(2, self.target if target is None else target)
         for name, data in self.files.items():
             write_hollow(machine.path(name), data)
         return machine
@@ -75,7 +75,7 @@ class Scene:
     def capturing(self, tracker=False):
         """What makes a machine with the images and the disk, and with the driver where it is wanted."""
         def make(folder):
-            machine = self.reading(folder)
+            machine = self.reading(folder, target=bytes(4096))
             machine.add_disk(1, 0)
             write_hollow(machine.disk_path(1), self.disk)
             if tracker:

@@ -156,7 +156,8 @@ class Routine(suite.Scenario):
             self.pass_days()
         images = self.names()
         self.assertEqual(len(images), days)
-        self.assertEqual(sum(name.endswith("-000.vrnx") for name in images), (days + 6) // 7, "every seventh day a full image")
+        self.assertEqual(sum(name.endswith("-000.vrnx") for name in images), (days + 6) // 7,
+                         "every seventh day a full image")
         for name in images:
             self.assertTrue(os.path.getsize(os.path.join(self.images, name + ".verified")) > 0)
         self.assertEqual(images[8], "data-20260111T013000Z-001.vrnx")
