@@ -171,14 +171,23 @@ class Lengths(Clone):
                 self.expect(result, 0, clone_text(1, 2, size, notes=note, verify=bool(options)))
                 self.expect_copied(machine)
 
-    def test_each_sector_size_onto_each_other(self):
-        for source, target in ((512, 512), (4096, 4096), (4096, 512), (512, 4096)):
-            sizes = [source, 3 * source, BLOCK - source, BLOCK, BLOCK + source, BLOCK + 3 * source, 2 * BLOCK]
-            if (source, target) == (512, 4096):
-                sizes += [4096, BLOCK - 4096, BLOCK + 8192, BLOCK + 3584, 2 * BLOCK + 1536]
-            for size in sizes:
-                with self.subTest(source=source, target=target, size=size):
-                    self.check(size, source, target)
+    def check_all(self, source, target, sizes=None):
+        for size in sizes or (source, 3 * source, BLOCK - source, BLOCK, BLOCK + source, BLOCK + 3 * source, 2 * BLOCK):
+            with self.subTest(source=source, target=target, size=size):
+                self.check(size, source, target)
+
+    def test_512_onto_512(self):
+        self.check_all(512, 512)
+
+    def test_4096_onto_4096(self):
+        self.check_all(4096, 4096)
+
+    def test_4096_onto_512(self):
+        self.check_all(4096, 512)
+
+    def test_512_onto_4096_where_the_rest_fits_and_where_it_does_not(self):
+        self.check_all(512, 4096, (4096, BLOCK - 4096, BLOCK, BLOCK + 8192, 512, BLOCK - 512, BLOCK + 512,
+                                   BLOCK + 3584, 2 * BLOCK + 1536))
 
     def test_sectors_of_520_bytes(self):
         machine = self.prepared(520 * 100, source_sector=520, target_sector=520)

@@ -260,11 +260,14 @@ class FailedBeginning(Session):
             self.expect_live([{"call": "IVssAsync::QueryStatus", "skip": nth, "async_status": status}],
                              said + step_failed(step, status=status) + fall_back(reason, 0), waited)
 
-    def test_each_asynchronous_step_that_fails(self):
-        said = GATHERING + snapshotting(*WHOLE) + FREEZING
+    def test_metadata_that_cannot_be_gathered(self):
         self.expect_failed_async_step("GatherWriterMetadata", 0, GATHERING, READY)
-        self.expect_failed_async_step("PrepareForBackup", 1, said, ADDED)
-        self.expect_failed_async_step("DoSnapshotSet", 2, said, PREPARED)
+
+    def test_a_preparation_that_fails(self):
+        self.expect_failed_async_step("PrepareForBackup", 1, GATHERING + snapshotting(*WHOLE) + FREEZING, ADDED)
+
+    def test_a_snapshot_that_fails(self):
+        self.expect_failed_async_step("DoSnapshotSet", 2, GATHERING + snapshotting(*WHOLE) + FREEZING, PREPARED)
 
     def test_a_failed_session_is_released_once_also_when_the_capture_dies_later(self):
         machine = self.machine_with()
