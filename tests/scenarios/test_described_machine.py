@@ -1,8 +1,8 @@
-"""The described machine itself: malformed descriptions, what a description says of disks, which fault of several hits
-which call, and the log.
+"""The described machine itself: what is malformed ends it in one line, what a description says of disks, what faults do
+to a transfer, a disk and the process, and the log.
 
-What a single call answers is the matter of the unit tests, and what each effect of a fault does to a run that of the
-suites which use it; here stands what shows through a run of the program and nowhere else.
+What a single call answers and which of several faults hits it is the matter of the unit tests; here stands what shows
+through a run of the program and nowhere else.
 """
 
 import json
