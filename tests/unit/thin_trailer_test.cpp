@@ -1,5 +1,5 @@
 // The thin trailer: its bytes, what a reader makes of them, and the proof that a base is the right one. What is refused
-// of a trailer, of the name in it and of the shape of a base is tried on whole images, by test_thin_chains.py.
+// of a trailer and of the name in it is tried on whole images, by test_thin_chains.py.
 #include "image/thin_trailer.h"
 
 #include <gtest/gtest.h>
@@ -159,6 +159,14 @@ TEST(ProveBaseImageDeathTest, RefusesEveryOtherDigest) {
                     testing::ExitedWithCode(1),
                     "Base image x/base is not the one this image was made against .it was modified or replaced..\n"
                     "FATAL: base image does not match the one pinned in the thin image .GetLastError=");
+    }
+}
+
+TEST(ProveBaseImageDeathTest, RefusesAnotherShape) {
+    const ImageHeader image = Shape(5000, 4096, 2);
+    for (const ImageHeader& base : {Shape(5001, 4096, 2), Shape(5000, 4608, 2), Shape(5000, 4096, 3)}) {
+        EXPECT_EXIT(ProveBaseImage("base", {"base", CountingDigest()}, CountingDigest(), base, image),
+                    testing::ExitedWithCode(1), "^FATAL: base image geometry differs from the thin image");
     }
 }
 
