@@ -380,8 +380,9 @@ class RememberedKeys:
 
 
 # Where a run costs several times as much, under Wine and the sanitizers, one in so many tests of a long suite of
-# scenarios is run, unless VORNIX_LONG is set: all of them run natively, and neighbours differ in what they expect more
-# than in what they ask of the compiler and the system. What Windows itself has a say in runs under Wine all the same.
+# scenarios, or of vrnx, is run, unless VORNIX_LONG is set: all of them run natively, and neighbours differ in what they
+# expect more than in what they ask of the compiler and the system. What Windows itself has a say in runs under Wine all
+# the same.
 SAMPLED_ONE_IN = 3
 LONG_SUITE = 12
 WINDOWS_HAS_A_SAY = re.compile(
