@@ -2,6 +2,8 @@
 // images in files, in tests/scenarios/test_chunk_retrieval.py.
 #include "image/chunk_retrieval.h"
 
+#include "unit/process_end.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -17,12 +19,12 @@ TEST(ReadChunkPlain, EndsTheProcessAtAReferenceIntoNoBase) {
     image.Header.ChunkCount = 1;
     image.Chunks.resize(1); // a stored length of 0, which is a reference to the base
     std::array<uint8_t, 512> plain{};
-    EXPECT_EXIT(
-        {
-            SetLastError(1234);
-            ReadChunkPlain(image, 0, plain.data());
-        },
-        testing::ExitedWithCode(1), "^FATAL: image has a thin chunk but no base image .GetLastError=1234.\r?\n$");
+    const ProcessEnd end = EndOf([&] {
+        SetLastError(1234);
+        ReadChunkPlain(image, 0, plain.data());
+    });
+    EXPECT_EQ(end.Status, 1);
+    EXPECT_EQ(end.Errors, "FATAL: image has a thin chunk but no base image (GetLastError=1234)\n");
 }
 
 } // namespace

@@ -2,14 +2,17 @@
 // of a trailer and of the name in it is tried on whole images, by test_thin_chains.py.
 #include "image/thin_trailer.h"
 
+#include "unit/process_end.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
+#include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -31,16 +34,13 @@ std::vector<uint8_t> Trailer(const std::string& baseName) {
 }
 
 // A file of `dataEnd` bytes and then these, open for reading; gone at the end of the test.
-//
-// On Windows the process that is to end runs the test anew up to that point, while the one that watches it still holds
-// the file. So the name follows from the content alone, and a file that cannot be written is one that is there already.
 class ThinFile {
 public:
     ThinFile(uint64_t dataEnd, const std::vector<uint8_t>& rest)
         : dataEnd_(dataEnd), size_(static_cast<int64_t>(dataEnd + rest.size())) {
         std::string content(dataEnd, 'Z');
         content.append(rest.begin(), rest.end());
-        path_ = testing::TempDir() + "vornix-thin-" + std::to_string(std::hash<std::string>{}(content));
+        path_ = testing::TempDir() + "vornix-thin-" + std::to_string(std::random_device()());
         if (std::FILE* const file = std::fopen(path_.c_str(), "wb")) {
             EXPECT_EQ(std::fwrite(content.data(), 1, content.size(), file), content.size());
             std::fclose(file);
@@ -116,7 +116,7 @@ TEST(ReadThinTrailer, BytesOfANameAreNotLookedAt) {
 
 TEST(FindBaseImage, LooksInTheFolderOfTheImage) {
     const std::string folder = testing::TempDir();
-    const std::string name = "vornix-base-image";
+    const std::string name = "vornix-base-" + std::to_string(std::random_device()());
     std::FILE* const file = std::fopen((folder + name).c_str(), "wb");
     ASSERT_NE(file, nullptr);
     std::fclose(file);
@@ -132,7 +132,7 @@ ImageHeader Shape(uint64_t diskSize, uint32_t chunkSize, uint64_t chunkCount) {
     return header;
 }
 
-TEST(ProveBaseImageDeathTest, TakesTheBaseThatIsPinnedWhateverTheOtherFieldsSay) {
+TEST(ProveBaseImage, TakesTheBaseThatIsPinnedWhateverTheOtherFieldsSay) {
     ImageHeader base = Shape(5000, 4096, 2);
     const ImageHeader image = Shape(5000, 4096, 2);
     base.SectorSize = 4096;
@@ -141,32 +141,37 @@ TEST(ProveBaseImageDeathTest, TakesTheBaseThatIsPinnedWhateverTheOtherFieldsSay)
     base.Epoch.fill(1);
     base.Salt.fill(2);
     base.KdfIterations = writtenKdfIterations;
-    constexpr int cameBack = 7;
-    EXPECT_EXIT(
-        {
-            ProveBaseImage("base", {"base", CountingDigest()}, CountingDigest(), base, image);
-            std::exit(cameBack);
-        },
-        testing::ExitedWithCode(cameBack), "^$");
+    const ProcessEnd end = EndOf([&] {
+        ProveBaseImage("base", {"base", CountingDigest()}, CountingDigest(), base, image);
+    });
+    EXPECT_EQ(end.Status, std::nullopt);
+    EXPECT_EQ(end.Errors, "");
 }
 
-TEST(ProveBaseImageDeathTest, RefusesEveryOtherDigest) {
+TEST(ProveBaseImage, RefusesEveryOtherDigest) {
     const ImageHeader header = Shape(5000, 4096, 2);
     for (const size_t byte : {0u, 15u, 31u}) {
         Sha256Digest other = CountingDigest();
         other[byte] ^= 1;
-        EXPECT_EXIT(ProveBaseImage("x/base", {"base", CountingDigest()}, other, header, header),
-                    testing::ExitedWithCode(1),
-                    "Base image x/base is not the one this image was made against .it was modified or replaced..\n"
-                    "FATAL: base image does not match the one pinned in the thin image .GetLastError=");
+        const ProcessEnd end = EndOf([&] {
+            ProveBaseImage("x/base", {"base", CountingDigest()}, other, header, header);
+        });
+        EXPECT_EQ(end.Status, 1);
+        EXPECT_THAT(end.Errors,
+                    testing::StartsWith(
+                        "Base image x/base is not the one this image was made against (it was modified or replaced).\n"
+                        "FATAL: base image does not match the one pinned in the thin image (GetLastError="));
     }
 }
 
-TEST(ProveBaseImageDeathTest, RefusesAnotherShape) {
+TEST(ProveBaseImage, RefusesAnotherShape) {
     const ImageHeader image = Shape(5000, 4096, 2);
     for (const ImageHeader& base : {Shape(5001, 4096, 2), Shape(5000, 4608, 2), Shape(5000, 4096, 3)}) {
-        EXPECT_EXIT(ProveBaseImage("base", {"base", CountingDigest()}, CountingDigest(), base, image),
-                    testing::ExitedWithCode(1), "^FATAL: base image geometry differs from the thin image");
+        const ProcessEnd end = EndOf([&] {
+            ProveBaseImage("base", {"base", CountingDigest()}, CountingDigest(), base, image);
+        });
+        EXPECT_EQ(end.Status, 1);
+        EXPECT_THAT(end.Errors, testing::StartsWith("FATAL: base image geometry differs from the thin image"));
     }
 }
 
