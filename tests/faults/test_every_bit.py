@@ -94,6 +94,10 @@ CASES = {
     "base of a plain thin image": Case(
         "base of a plain thin image, which stores its last chunk anew",
         lambda folder: (full(folder), thin(folder, "thin", "full", 1)), "full", "thin"),
+    "image amid a chain": Case(
+        "image amid a chain of thin images",
+        lambda folder: (full(folder), thin(folder, "thin", "full", 1), thin(folder, "top", "thin", 1)), "thin", "top",
+        (0,)),
 }
 
 
@@ -192,6 +196,9 @@ class EveryBit(suite.Scenario):
 
     def test_base_of_a_plain_thin_image(self):
         self.try_case("base of a plain thin image")
+
+    def test_image_amid_a_chain(self):
+        self.try_case("image amid a chain")
 
     def test_the_page_shows_these_rows_and_no_other(self):
         rows = section(read_page()).removeprefix(HEADINGS).splitlines()

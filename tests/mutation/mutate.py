@@ -73,19 +73,18 @@ SUITES = {
     "src/commands/restore.cpp": ["restore", "sealed_images"],
     "src/commands/verify.cpp": ["verify", "sealed_images", "thin_chains"],
     "src/crypto/": ["password_file", "releases", "sealed_images", "verify"],
-    "src/disk/": ["disks", "releases", "clone", "restore", "capture", "described_machine"],
+    "src/disk/": ["disks", "releases", "clone", "restore", "capture"],
     "src/image/": ["chunk_retrieval", "thin_chains", "verify", "image_open", "consolidate", "sealed_images", "restore"],
     "src/snapshot/": ["volume_extents", "releases", "snapshot_reads", "snapshot_session"],
     "src/tracker/": ["tracker", "incremental_capture"],
-    "platform/linux/": ["process", "block_devices", "product", "described_machine"],
+    "platform/linux/": ["process", "block_devices", "product"],
     "platform/linux/disks_tool/": ["disks_tool"],
 }
 # The suites of faults/ that are asked about survivors alone, since each test of theirs is hundreds of runs. And those
 # of scenarios/ that are not asked at all: they go at length where others have been, look at the optimised code, or need
 # a build that is not there.
 FAULTS = ("fault_sweep_", "fault_matrix", "no_write_", "hostile_")
-LEFT_OUT = {"interop", "sealed_interop", "generations_story", "folding_story", "chain_bit_changes", "page_commands",
-            "secret_wiping", "snapshot_interop"}
+LEFT_OUT = {"interop", "generations_story", "page_commands", "secret_wiping"}
 
 # What a test may take: time of a processor for each process, in multiples of what it took as it is and so much more,
 # and so many looks at it by whoever waits for it, likewise: a busy machine is slow, and one that somebody has stopped
