@@ -1,4 +1,5 @@
-"""Images of the Windows build and of the native build: each reads, folds and goes on with the other's, sealed and plain.
+"""Images of the Windows build and of the native build: each reads, folds and goes on with the other's, be it sealed or
+plain.
 
 That both make the same calls and the same files where nothing is random is told by compare_recordings.py, of every
 scenario. Needs both builds and Wine. The native one is in build/linux, the other in build/windows, or where

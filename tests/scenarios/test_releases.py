@@ -43,6 +43,9 @@ class Releases(suite.Scenario):
         build_image(self.computer.path("thin.vrnx"), DISK, chunk_size=CHUNK, password=password,
                     base=self.computer.path("base.vrnx"), seed="thin")
 
+    def forget_previous_epoch(self):
+        self.computer.tracker([{**self.computer.tracker_disk(1), "has_previous_epoch": 0}])
+
     def expect_all_given_back(self, *arguments, but=()):
         """The run succeeds and has nothing left save the files of these names; gives its result."""
         result = self.computer.run(*arguments)
@@ -75,12 +78,12 @@ class Releases(suite.Scenario):
 
     def test_capture_that_proves_nothing_by_its_base(self):
         self.base()
-        self.computer.tracker_disk(1)["has_previous_epoch"] = 0
+        self.forget_previous_epoch()
         self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--base", "base.vrnx")
 
     def test_thin_capture_that_compares(self):
         self.base()
-        self.computer.tracker_disk(1)["has_previous_epoch"] = 0
+        self.forget_previous_epoch()
         self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--base", "base.vrnx", "--thin")
 
     def test_keys_of_a_sealed_capture_end_before_the_device_of_the_tracker_is_closed(self):
