@@ -13,6 +13,7 @@
 #include <map>
 #include <sstream>
 
+#include "linux_host_calls.h"
 #include "linux_loop_disks.h"
 #include "linux_made_up_host.h"
 
@@ -174,6 +175,7 @@ TEST_F(LinuxNumbers, AreGivenAgainOnlyWhenSixteenAreUsedUpAndTheLongestGoneFirst
     Remove("loop23", "7:23");
     AddLoop(24, 24);
     EXPECT_EQ(numberOf("loop24"), 17);
+    EXPECT_NE(Read("run/vornix/disks").find("\ndisk 6 0 7:6,seq=7\ndisk 7 0 7:21,seq=21\ndisk 8 "), std::string::npos);
 }
 
 TEST_F(LinuxNumbers, KnowADiskBySizeAndSerialWhereTheKernelDoesNotCountDisks) {
@@ -259,6 +261,8 @@ TEST_F(LinuxNumbers, OfADamagedRegistryAreNotBelieved) {
         std::ofstream(Folder() / "run/vornix/disks", std::ios::binary) << text;
         const NumberedDisks numbered = NumberDisks(roots_);
         EXPECT_NE(numbered.Damage, "") << text.substr(0, 200);
+        EXPECT_EQ(numbered.Damage == "its first lines are not those of a registry",
+                  !text.starts_with("vornix disk numbers 1\nboot "));
         EXPECT_EQ(Describe(numbered), "0 loop0 1 loop1");
         const NumberedDisks again = NumberDisks(roots_);
         EXPECT_EQ(again.Damage, "") << "written anew";
@@ -292,13 +296,59 @@ TEST_F(LinuxNumbers, OfAFileThatOthersCanWriteAreNotBelieved) {
     // A pipe keeps nobody waiting.
     std::filesystem::remove(path);
     ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
-    EXPECT_NE(NumberDisks(roots_).Damage, "");
+    EXPECT_EQ(NumberDisks(roots_).Damage, "it is no file that root alone can write");
     // Of a folder not even the name can be taken back.
     std::filesystem::remove(path);
     std::filesystem::create_directories(path);
     const NumberedDisks numbered = NumberDisks(roots_);
     EXPECT_EQ(Describe(numbered), "0 loop0?");
     EXPECT_NE(numbered.WhyRanks, "");
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+    std::filesystem::remove(path);
+    std::filesystem::create_directories(path + ".new");
+    EXPECT_EQ(Look(), "0 loop0?");
+    std::filesystem::remove(path + ".new");
+    Write("run/vornix/disks.new", "of a run that was killed");
+    EXPECT_EQ(Look(), "0 loop0");
+}
+
+TEST_F(LinuxNumbers, AreWholeOrNotThereWhateverBecomesOfATransfer) {
+    const ScopedHostCalls scope;
+    HostCalls& calls = TheHostCalls();
+    AddLoop(0, 1);
+    AddLoop(1, 2);
+    calls.LongestTransfer = 10;
+    calls.InterruptTransfers = 1;
+    EXPECT_EQ(Look(), "0 loop0 1 loop1");
+    Remove("loop0", "7:0");
+    calls.InterruptTransfers = 1;
+    EXPECT_EQ(Look(), "1 loop1");
+    EXPECT_NE(Read("run/vornix/disks").find("\ndisk 0 1 7:0,seq=1\ndisk 1 0 7:1,seq=2\nend 2\n"), std::string::npos);
+    // Nothing is changed, so that nothing is written.
+    calls.TransferError = EIO;
+    calls.FailTransferAfter = 1;
+    EXPECT_EQ(NumberDisks(roots_).Damage, "it cannot be read");
+    // The writes behind what is read.
+    std::filesystem::remove(Path("run/vornix/disks"));
+    calls.TransferError = ENOSPC;
+    calls.FailTransferAfter = 2;
+    EXPECT_EQ(Look(), "0 loop1?");
+    EXPECT_FALSE(std::filesystem::exists(Path("run/vornix/disks")));
+    calls.LockError = EINTR;
+    EXPECT_EQ(Look(), "0 loop1");
+    calls.LockError = ENOLCK;
+    Remove("loop1", "7:1");
+    AddLoop(2, 3);
+    EXPECT_EQ(NumberDisks(roots_).WhyRanks, "the registry cannot be locked: No locks available");
+}
+
+TEST_F(LinuxNumbers, GoNoFurtherThanThereAreNumbers) {
+    for (int minor = 0; minor <= vornix::platform::endOfNumbers; minor++) {
+        AddLoop(minor, minor + 1);
+    }
+    const NumberedDisks numbered = NumberDisks(roots_);
+    ASSERT_EQ(numbered.Disks.size(), static_cast<size_t>(vornix::platform::endOfNumbers));
+    EXPECT_EQ(numbered.Disks.back().Number, vornix::platform::endOfNumbers - 1);
 }
 
 TEST_F(LinuxNumbers, AreRanksWhereTheFolderCannotBeBelieved) {

@@ -12,6 +12,7 @@
 #include <linux/blkpg.h>
 #include <linux/loop.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -26,6 +27,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -33,14 +35,21 @@
 
 #include "linux/disk_users.h"
 #include "linux/linux_disks.h"
+#include "linux/open_objects.h"
 #include "linux_host_calls.h"
 #include "linux_loop_disks.h"
+#include "linux_made_up_host.h"
 #include "temporary_folder.h"
 
 namespace {
 
+using vornix::platform::FindObject;
 using vornix::platform::HostDisk;
 using vornix::platform::HostDisks;
+using vornix::platform::HostRoots;
+using vornix::platform::OwnedDescriptor;
+using vornix::platform::ReadFirstLine;
+using vornix::platform::TheHostRoots;
 
 constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
@@ -167,6 +176,44 @@ TEST_F(LinuxDisks, LengthAndSectorSizeAreTheDevices) {
         EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
     }
 }
+
+TEST_F(LinuxDisks, NodeIsOpenedForWhatIsAskedAndLockedWhereItIsExclusive) {
+    const struct {
+        DWORD Access;
+        DWORD Share;
+        int Mode;
+    } cases[] = {{GENERIC_READ, shareAll, O_RDONLY}, {readWrite, 0, O_RDWR}, {GENERIC_WRITE, 0, O_WRONLY}};
+    for (const auto& oneCase : cases) {
+        const ScopedHandle handle(OpenNumber(Small().Number, oneCase.Access, oneCase.Share));
+        ASSERT_TRUE(handle.IsOpen()) << GetLastError();
+        EXPECT_EQ(fcntl(FindObject(handle.Get())->Descriptor, F_GETFL) & O_ACCMODE, oneCase.Mode);
+        const OwnedDescriptor other(open(("/dev/" + Small().Name).c_str(), O_RDONLY | O_CLOEXEC));
+        EXPECT_EQ(flock(other.Get(), LOCK_SH | LOCK_NB) == 0, oneCase.Share != 0) << "who names devices is kept away";
+        GET_LENGTH_INFORMATION length{};
+        DWORD returned = 0;
+        EXPECT_EQ(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof length,
+                                  &returned, nullptr),
+                  oneCase.Access != GENERIC_WRITE);
+    }
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+#ifdef STATX_DIOALIGN
+TEST_F(LinuxDisks, MemoryIsAlignedAsTheKernelSaysAndByWholeSectorsWhereItIsSilent) {
+    const ScopedHostCalls scope;
+    for (const bool tells : {true, false}) {
+        for (const uint32_t alignment : {64u, 0u}) {
+            TheHostCalls().ChangeStatx = [&](struct statx& status) {
+                status.stx_mask = tells ? STATX_DIOALIGN : 0;
+                status.stx_dio_mem_align = alignment;
+            };
+            const ScopedHandle handle(OpenNumber(Large().Number, GENERIC_READ, shareAll));
+            ASSERT_TRUE(handle.IsOpen()) << GetLastError();
+            EXPECT_EQ(FindObject(handle.Get())->MemoryAlignment, tells && alignment != 0 ? alignment : 4096);
+        }
+    }
+}
+#endif
 
 // ---------------------------------------------------------------------------------------------------------------
 // Transfers
@@ -319,6 +366,13 @@ void Resize(const LoopDisk& loop, uint64_t length) {
     (void)close(device);
 }
 
+TEST_F(LinuxDisks, DiskWithoutAMediumIsNotReady) {
+    Resize(Small(), 0);
+    EXPECT_EQ(OpenNumber(Small().Number, GENERIC_READ, shareAll), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_NOT_READY);
+    Resize(Small(), Small().Length);
+}
+
 TEST_F(LinuxDisksDeathTest, TransferBehindTheEndThatADiskHasByNowSaysWhatIsWrong) {
     const struct {
         uint64_t Length;
@@ -468,29 +522,39 @@ std::string PartitionOf(const LoopDisk& loop) {
     return loop.Name + "p1";
 }
 
-// Forgets the partition that AddPartition told of. One that is forgotten by nobody outlives a loop device without a
+blkpg_partition MakePartition(int number, uint64_t start, uint64_t end) {
+    blkpg_partition partition{};
+    partition.pno = number;
+    partition.start = static_cast<long long>(start);
+    partition.length = static_cast<long long>(end - start);
+    return partition;
+}
+
+bool ChangePartition(int device, int operation, blkpg_partition partition) {
+    blkpg_ioctl_arg argument{operation, 0, sizeof partition, &partition};
+    return ioctl(device, BLKPG, &argument) == 0;
+}
+
+// Forgets the partitions that AddPartition told of. One that is forgotten by nobody outlives a loop device without a
 // partition table, and stands in the way of whoever attaches it next.
-void RemovePartition(int device) {
-    blkpg_partition partition{};
-    partition.pno = 1;
-    blkpg_ioctl_arg argument{BLKPG_DEL_PARTITION, 0, sizeof partition, &partition};
-    (void)ioctl(device, BLKPG, &argument);
+void RemovePartitions(int device) {
+    for (const int number : {1, 2}) {
+        (void)ChangePartition(device, BLKPG_DEL_PARTITION, MakePartition(number, 0, 0));
+    }
 }
 
-// Tells the kernel of one partition behind partitionStart, without a partition table: not every kernel reads those.
-bool AddPartition(int device, uint64_t length) {
-    RemovePartition(device);
-    blkpg_partition partition{};
-    partition.pno = 1;
-    partition.start = static_cast<long long>(partitionStart);
-    partition.length = static_cast<long long>(length - partitionStart);
-    blkpg_ioctl_arg argument{BLKPG_ADD_PARTITION, 0, sizeof partition, &partition};
-    return device >= 0 && ioctl(device, BLKPG, &argument) == 0;
+// Tells the kernel of partition 1 behind partitionStart, or of partition 2 in front of it, without a partition table:
+// not every kernel reads those.
+bool AddPartition(int device, uint64_t length, int number = 1) {
+    const auto partition =
+        number == 1 ? MakePartition(1, partitionStart, length) : MakePartition(2, partitionStart / 2, partitionStart);
+    (void)ChangePartition(device, BLKPG_DEL_PARTITION, partition);
+    return ChangePartition(device, BLKPG_ADD_PARTITION, partition);
 }
 
-bool AddPartition(const LoopDisk& loop) {
+bool AddPartition(const LoopDisk& loop, int number = 1) {
     const int device = open(("/dev/" + loop.Name).c_str(), O_RDONLY | O_CLOEXEC);
-    const bool isAdded = AddPartition(device, loop.Length);
+    const bool isAdded = AddPartition(device, loop.Length, number);
     close(device);
     return isAdded;
 }
@@ -539,7 +603,7 @@ public:
     }
     ~ScopedLoop() {
         if (device_ >= 0) {
-            RemovePartition(device_);
+            RemovePartitions(device_);
             // Now, and not when another process that looked at it lets it go.
             (void)ioctl(device_, LOOP_CLR_FD, 0);
             close(device_);
@@ -552,8 +616,8 @@ public:
         return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(device_)).filename().string();
     }
     // Whether anything but the exclusive open of the asking itself uses it.
-    bool IsInUse(std::vector<vornix::platform::OwnedDescriptor>& claims) const {
-        const vornix::platform::OwnedDescriptor target(open(("/dev/" + Name()).c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
+    bool IsInUse(std::vector<OwnedDescriptor>& claims) const {
+        const OwnedDescriptor target(open(("/dev/" + Name()).c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
         struct stat status {};
         EXPECT_TRUE(target.IsOpen()) << std::strerror(errno);
         EXPECT_EQ(fstat(target.Get(), &status), 0);
@@ -580,9 +644,9 @@ TEST_F(LinuxDisks, ClaimedPartitionGuardsItsDisk) {
 }
 
 // Opens a partition as any program may, once the system has made its node.
-int OpenPartition(const std::string& disk) {
+int OpenPartition(const std::string& disk, int number = 1) {
     for (int attempt = 0; attempt < 200; attempt++) {
-        const int descriptor = open(("/dev/" + disk + "p1").c_str(), O_RDWR | O_CLOEXEC);
+        const int descriptor = open(("/dev/" + disk + "p" + std::to_string(number)).c_str(), O_RDWR | O_CLOEXEC);
         if (descriptor >= 0) {
             return descriptor;
         }
@@ -635,6 +699,42 @@ TEST_F(LinuxDisks, LoopDeviceGuardsTheDiskAndThePartitionThatItStandsFor) {
     EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
 }
 
+// Opens the disk in a process of its own, for which `mountRest` has mounted something. Gives the error, 0 for none.
+int ErrorOfOpenWhere(const LoopDisk& disk, DWORD access, DWORD share, const std::function<bool()>& mountRest) {
+    return InChild([&] {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            !mountRest()) {
+            return 255;
+        }
+        return OpenNumber(disk.Number, access, share) != INVALID_HANDLE_VALUE ? 0 : static_cast<int>(GetLastError());
+    });
+}
+
+TEST_F(LinuxDisks, WhatLiesUponADiskOrItsPartitionGuardsIt) {
+    ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+    for (const std::string& name : {Small().Name, PartitionOf(Small())}) {
+        const std::string holders = "/sys/class/block/" + name + "/holders";
+        for (const bool isHeld : {false, true}) {
+            const int error = ErrorOfOpenWhere(Small(), readWrite, 0, [&] {
+                return mount("none", holders.c_str(), "tmpfs", 0, nullptr) == 0 &&
+                       (!isHeld || mkdir((holders + "/dm-0").c_str(), 0755) == 0);
+            });
+            EXPECT_EQ(error, isHeld ? static_cast<int>(ERROR_SHARING_VIOLATION) : 0) << name;
+        }
+    }
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+TEST_F(LinuxDisks, NodeOfAnotherDeviceIsNoDisk) {
+    EXPECT_EQ(ErrorOfOpenWhere(Small(), GENERIC_READ, shareAll,
+                               [&] {
+                                   return mount(("/dev/" + Large().Name).c_str(), ("/dev/" + Small().Name).c_str(),
+                                                nullptr, MS_BIND, nullptr) == 0;
+                               }),
+              static_cast<int>(ERROR_FILE_NOT_FOUND));
+}
+
 TEST_F(LinuxDisks, LoopDeviceIsNotAskedByTheNodeOfAnother) {
     const int backing = open(("/dev/" + Small().Name).c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_GE(backing, 0);
@@ -642,17 +742,12 @@ TEST_F(LinuxDisks, LoopDeviceIsNotAskedByTheNodeOfAnother) {
     close(backing);
     ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
     const std::string other = "/dev/" + TheLoopDisks().ReadOnly.Name;
-    EXPECT_EQ(InChild([&] {
-                  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                      mount(other.c_str(), ("/dev/" + loop.Name()).c_str(), nullptr, MS_BIND, nullptr) != 0) {
-                      return 2;
-                  }
-                  return OpenNumber(Small().Number, readWrite, 0) == INVALID_HANDLE_VALUE &&
-                                 GetLastError() == ERROR_SHARING_VIOLATION
-                             ? 0
-                             : 1;
-              }),
-              0);
+    EXPECT_EQ(ErrorOfOpenWhere(Small(), readWrite, 0,
+                               [&] {
+                                   return mount(other.c_str(), ("/dev/" + loop.Name()).c_str(), nullptr, MS_BIND,
+                                                nullptr) == 0;
+                               }),
+              static_cast<int>(ERROR_SHARING_VIOLATION));
 }
 
 TEST_F(LinuxDisks, OpenPartitionOfADiskWhoseTableIsNotReadGuardsIt) {
@@ -661,16 +756,21 @@ TEST_F(LinuxDisks, OpenPartitionOfADiskWhoseTableIsNotReadGuardsIt) {
     close(file);
     ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
     EXPECT_NE(ioctl(loop.Get(), BLKRRPART), 0) << "the kernel reads its table after all";
-    ASSERT_TRUE(AddPartition(loop.Get(), Small().Length)) << std::strerror(errno);
-    const std::string partition = "/sys/class/block/" + loop.Name() + "p1";
-    std::vector<vornix::platform::OwnedDescriptor> claims;
-    const int user = OpenPartition(loop.Name());
-    ASSERT_GE(user, 0) << "no node for the partition";
-    EXPECT_TRUE(loop.IsInUse(claims));
-    EXPECT_TRUE(std::filesystem::exists(partition));
-    close(user);
+    std::vector<OwnedDescriptor> claims;
+    const auto areBothThere = [&loop] {
+        const std::string partition = "/sys/class/block/" + loop.Name() + "p";
+        return std::filesystem::exists(partition + "1") && std::filesystem::exists(partition + "2");
+    };
+    for (const int number : {1, 2}) {
+        ASSERT_TRUE(AddPartition(loop.Get(), Small().Length, number)) << std::strerror(errno);
+        const int user = OpenPartition(loop.Name(), number);
+        ASSERT_GE(user, 0) << "no node for the partition";
+        EXPECT_TRUE(loop.IsInUse(claims));
+        EXPECT_EQ(areBothThere(), number == 2) << "the other one was forgotten";
+        close(user);
+    }
     EXPECT_FALSE(loop.IsInUse(claims));
-    EXPECT_TRUE(std::filesystem::exists(partition));
+    EXPECT_TRUE(areBothThere());
 }
 
 TEST_F(LinuxDisks, WhatALoopDeviceStandsForGuardsIt) {
@@ -680,7 +780,7 @@ TEST_F(LinuxDisks, WhatALoopDeviceStandsForGuardsIt) {
     {
         const ScopedLoop loop(backing);
         ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
-        std::vector<vornix::platform::OwnedDescriptor> claims;
+        std::vector<OwnedDescriptor> claims;
         const int claim = ClaimPartition(Small());
         ASSERT_GE(claim, 0);
         EXPECT_TRUE(loop.IsInUse(claims));
@@ -699,6 +799,75 @@ TEST_F(LinuxDisks, WhatALoopDeviceStandsForGuardsIt) {
     close(backing);
     DWORD returned = 99;
     EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+TEST_F(LinuxDisks, WhatUsesTheRestOfItsDiskGuardsALoopDeviceUponAPartition) {
+    ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+    const int backing = OpenPartition(Small().Name);
+    const int whole = open(("/dev/" + Small().Name).c_str(), O_RDWR | O_CLOEXEC);
+    {
+        const ScopedLoop loop(backing);
+        const ScopedLoop other(whole);
+        ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
+        ASSERT_GE(other.Get(), 0) << std::strerror(errno);
+        std::vector<OwnedDescriptor> claims;
+        EXPECT_TRUE(loop.IsInUse(claims));
+    }
+    close(whole);
+    close(backing);
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+TEST_F(LinuxDisks, SixteenLoopDevicesUponEachOtherAreLookedThrough) {
+    std::vector<std::unique_ptr<ScopedLoop>> layers;
+    std::vector<OwnedDescriptor> claims;
+    OwnedDescriptor below(open(Small().File.c_str(), O_RDWR | O_CLOEXEC));
+    for (int layer = 0; layer < 17; layer++) {
+        layers.push_back(std::make_unique<ScopedLoop>(below.Get()));
+        ASSERT_GE(layers.back()->Get(), 0) << std::strerror(errno);
+        below = OwnedDescriptor(open(("/dev/" + layers.back()->Name()).c_str(), O_RDWR | O_CLOEXEC));
+        if (layer >= 15) {
+            EXPECT_EQ(layers.back()->IsInUse(claims), layer == 16) << layer;
+            claims.clear();
+        }
+    }
+    below = OwnedDescriptor(-1);
+    std::for_each(layers.rbegin(), layers.rend(), [](auto& layer) { layer.reset(); });
+}
+
+TEST_F(LinuxDisks, PartitionThatSomebodyLooksIntoForAMomentIsWaitedFor) {
+    ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
+    const int user = OpenPartition(Small().Name);
+    ASSERT_GE(user, 0) << "no node for the partition";
+    std::thread looker([user] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        close(user);
+    });
+    {
+        const ScopedHandle target(OpenNumber(Small().Number, readWrite, 0));
+        EXPECT_TRUE(target.IsOpen()) << GetLastError();
+    }
+    looker.join();
+    DWORD returned = 99;
+    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+}
+
+TEST_F(LinuxDisks, LoopDeviceWhosePathIsGoneGuardsItsDisk) {
+    const std::string path = (std::filesystem::temp_directory_path() / ("vornix-node-" + Small().Name)).string();
+    struct stat status {};
+    ASSERT_EQ(stat(("/dev/" + Small().Name).c_str(), &status), 0);
+    ASSERT_EQ(mknod(path.c_str(), S_IFBLK | 0600, status.st_rdev), 0) << std::strerror(errno);
+    const int backing = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    (void)unlink(path.c_str());
+    if (backing < 0) {
+        GTEST_SKIP() << "no devices in the temporary folder";
+    }
+    const ScopedLoop loop(backing);
+    close(backing);
+    ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
+    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
 }
 
 TEST_F(LinuxDisks, NobodyReadsOldBytesOfAPartitionBehindTheClose) {
@@ -802,8 +971,51 @@ TEST(LinuxSystemVolume, NeedsRoomForAnExtent) {
     EXPECT_FALSE(DeviceIoControl(volume.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buffer, 31, &returned,
                                  nullptr));
     EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(returned, 0u);
     EXPECT_FALSE(DeviceIoControl(volume.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, buffer, 32, &returned, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+}
+
+class LinuxSystemVolumeOfSeveralDisks : public MadeUpHostTest {};
+
+TEST_F(LinuxSystemVolumeOfSeveralDisks, IsToldAsFarAsThereIsRoom) {
+    const LoopDisks& loops = TheLoopDisks();
+    if (!loops.WhyNone.empty()) {
+        GTEST_SKIP() << loops.WhyNone;
+    }
+    const auto numberOf = [](const LoopDisk& loop) { return ReadFirstLine("/sys/block/" + loop.Name + "/dev"); };
+    for (const LoopDisk* loop : {&loops.Small, &loops.Large}) {
+        Add({loop->Name, numberOf(*loop), false, "", "100"});
+        Write("sys/class/block/" + loop->Name + "/dev", numberOf(*loop));
+    }
+    Write("proc/self/mountinfo",
+          "20 1 0:30 / / rw - bcachefs /dev/" + loops.Small.Name + ":/dev/" + loops.Large.Name + " rw");
+    HostRoots& roots = TheHostRoots();
+    const HostRoots before = roots;
+    roots_.Run = before.Run;
+    const ScopedHandle volume(CreateFileW(L"\\\\.\\C:", GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+    for (DWORD room = 32; room <= 56; room += 12) {
+        std::vector<unsigned char> buffer(room + 24, 0xEE);
+        DWORD returned = 99;
+        roots = roots_;
+        const BOOL isTold = DeviceIoControl(volume.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0,
+                                            buffer.data(), room, &returned, nullptr);
+        roots = before;
+        EXPECT_EQ(isTold, room == 56);
+        EXPECT_EQ(returned, room == 56 ? 56u : 32u);
+        EXPECT_EQ(isTold ? ERROR_MORE_DATA : GetLastError(), ERROR_MORE_DATA);
+        EXPECT_TRUE(std::all_of(buffer.begin() + returned, buffer.end(), [](unsigned char c) { return c == 0xEE; }));
+        DWORD count = 0;
+        std::memcpy(&count, buffer.data(), sizeof count);
+        EXPECT_EQ(count, 2u);
+        for (DWORD i = 0; i < (returned - 8) / 24; i++) {
+            DISK_EXTENT extent;
+            std::memcpy(&extent, buffer.data() + 8 + size_t{i} * 24, sizeof extent);
+            EXPECT_EQ(extent.DiskNumber, static_cast<DWORD>((i == 0 ? loops.Small : loops.Large).Number));
+            EXPECT_EQ(extent.StartingOffset.QuadPart, 0);
+            EXPECT_EQ(extent.ExtentLength.QuadPart, 100 * 512);
+        }
+    }
 }
 
 // Runs with another root folder, as process 1 of namespaces of its own: `mountRoot` mounts it at the path given. 0 if

@@ -25,12 +25,16 @@
 #include <thread>
 
 #include "linux/durable_writes.h"
+#include "linux/owned_descriptor.h"
+#include "linux/share_modes.h"
 #include "linux_host_calls.h"
 
 namespace {
 
 constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
+
+using vornix::platform::OwnedDescriptor;
 
 class LinuxFiles : public TemporaryFolderTest {
 protected:
@@ -643,6 +647,48 @@ TEST_F(LinuxFiles, NameThatAlwaysLeadsElsewhereIsInUse) {
     TheHostCalls().BeforeLock = [this] { std::filesystem::remove(Folder() / "file"); };
     EXPECT_EQ(Open(L"file", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+}
+
+TEST_F(LinuxFiles, OpenThatGivesWayLeavesNothingBehindAndTriesAgain) {
+    MakeFile(L"file", "x");
+    const HANDLE other = Open(L"file", readWrite, 0, OPEN_EXISTING);
+    const OwnedDescriptor looker(open(NarrowPath("file").c_str(), O_RDONLY | O_CLOEXEC));
+    const ScopedHostCalls scope;
+    // Four facts are stated, then taken back; the other goes just then.
+    int calls = 0;
+    bool isHeld = true;
+    TheHostCalls().BeforeLock = [&] {
+        calls++;
+        if (calls == 5) {
+            EXPECT_TRUE(CloseHandle(other));
+        } else if (calls == 6) {
+            isHeld = vornix::platform::IsHeldByAnother(looker.Get());
+        }
+    };
+    const ScopedHandle file(Open(L"file", readWrite, 0, OPEN_EXISTING));
+    EXPECT_TRUE(file.IsOpen());
+    EXPECT_EQ(calls, 9);
+    EXPECT_FALSE(isHeld);
+    TheHostCalls().BeforeLock = nullptr;
+    const int next = dup(looker.Get());
+    close(next);
+    EXPECT_EQ(Open(L"file", readWrite, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    const int nextBehind = dup(looker.Get());
+    close(nextBehind);
+    EXPECT_EQ(next, nextBehind) << "the refused one stayed open";
+}
+
+TEST_F(LinuxFiles, WhatNeverWasAHandleIsNone) {
+    MakeFile(L"file", "x");
+    const ScopedHandle file(Open(L"file", GENERIC_READ, shareAll, OPEN_EXISTING));
+    const auto value = reinterpret_cast<uintptr_t>(file.Get());
+    // Of no slot, of one far behind the last, with bits that none has, and of a generation to come.
+    for (const uintptr_t wrong :
+         {uintptr_t{0}, uintptr_t{3} << 20, value + 1, value + 2, value + (uintptr_t{1} << 22)}) {
+        SetLastError(0);
+        EXPECT_FALSE(CloseHandle(reinterpret_cast<HANDLE>(wrong))) << wrong;
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
 }
 
 TEST_F(LinuxFiles, FileSystemWithoutLocksStillOpens) {

@@ -5,8 +5,11 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/btrfs.h>
 #include <linux/magic.h>
 #include <pthread.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
@@ -20,6 +23,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 HostCalls& TheHostCalls() {
     static HostCalls& calls = *new HostCalls;
@@ -125,6 +129,12 @@ bool AdmitTransfer(size_t& length) {
     return true;
 }
 
+bool IsOfRegistry(int descriptor) {
+    char name[4096];
+    const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), name, sizeof name);
+    return length > 0 && std::string(name, static_cast<size_t>(length)).find("/vornix/disks") != std::string::npos;
+}
+
 } // namespace
 
 extern "C" {
@@ -148,6 +158,22 @@ ssize_t pwrite(int descriptor, const void* buffer, size_t length, off_t offset) 
         return WriteOfAnotherThread(descriptor, buffer, length, offset);
     }
     return AdmitTransfer(length) ? Next<decltype(pwrite)>("pwrite")(descriptor, buffer, length, offset) : -1;
+}
+
+ssize_t read(int descriptor, void* buffer, size_t length) {
+    return !IsOfRegistry(descriptor) || AdmitTransfer(length) ? syscall(SYS_read, descriptor, buffer, length) : -1;
+}
+
+ssize_t write(int descriptor, const void* buffer, size_t length) {
+    return !IsOfRegistry(descriptor) || AdmitTransfer(length) ? syscall(SYS_write, descriptor, buffer, length) : -1;
+}
+
+int flock(int descriptor, int operation) noexcept {
+    if (TheHostCalls().LockError != 0) {
+        errno = std::exchange(TheHostCalls().LockError, 0);
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_flock, descriptor, operation));
 }
 
 int sync_file_range(int descriptor, off_t offset, off_t length, unsigned flags) {
@@ -174,6 +200,28 @@ int fcntl(int descriptor, int command, ...) {
         TheHostCalls().BeforeLock();
     }
     return static_cast<int>(syscall(SYS_fcntl, descriptor, command, argument));
+}
+
+int ioctl(int descriptor, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (const std::string& id = TheHostCalls().BtrfsId; request == BTRFS_IOC_FS_INFO && !id.empty()) {
+        std::copy(id.begin(), id.end(), static_cast<btrfs_ioctl_fs_info_args*>(argument)->fsid);
+        return 0;
+    }
+    return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
+}
+
+int statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
+    if (syscall(SYS_statx, folder, path, flags, mask, status) != 0) {
+        return -1;
+    }
+    if (TheHostCalls().ChangeStatx) {
+        TheHostCalls().ChangeStatx(*status);
+    }
+    return 0;
 }
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) {

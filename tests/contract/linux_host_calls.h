@@ -12,10 +12,13 @@
 #include <vector>
 
 struct HostCalls {
+    // Transfers are those of files and disks at a position, and of the registry of disk numbers.
     int FailTransferAfter = -1; // so many transfers pass, the next one fails with TransferError; -1: none fails
     int TransferError = 0;
     size_t LongestTransfer = 0; // a transfer moves no more than this; 0: as much as it likes
     int InterruptTransfers = 0; // so many transfers are interrupted by a signal before they move anything
+
+    int LockError = 0; // the next flock fails with this, once
 
     bool HasLocks = true; // the file system has advisory locks
     bool HasRenameWithoutReplacing = true;
@@ -28,6 +31,10 @@ struct HostCalls {
     int WholeSyncError = 0;    // syncfs fails with this
     int CloseError = 0;        // the close of an ordinary file that was synced says this, once
     int OtherCloseError = 0;   // the next close says this, once
+
+    std::string BtrfsId; // 16 bytes: every folder lies on the btrfs file system of this name
+
+    std::function<void(struct statx&)> ChangeStatx; // what another kernel or file system would answer
 
     std::function<void()> BeforeLock; // what somebody else does between an open and its lock
 

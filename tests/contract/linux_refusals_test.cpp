@@ -62,6 +62,8 @@ TEST_F(RefusalDeathTest, DeviceControlNamesWhatItDoesNotSupport) {
     DWORD returned = 0;
     EXPECT_DEATH(DeviceIoControl(file.Get(), 0x8C7D2004u, nullptr, 0, nullptr, 0, &returned, nullptr),
                  "DeviceIoControl: control code 0x8C7D2004");
+    EXPECT_DEATH(DeviceIoControl(file.Get(), 0x8C7D2004u, &returned, 0, nullptr, 0, &returned, nullptr),
+                 "DeviceIoControl: input with control code 0x8C7D2004");
 }
 
 TEST_F(RefusalDeathTest, CryptographyNamesWhatItDoesNotSupport) {

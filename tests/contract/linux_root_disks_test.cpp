@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <functional>
 #include <sstream>
 
+#include "linux_host_calls.h"
 #include "linux_made_up_host.h"
 
 namespace {
@@ -50,12 +52,27 @@ protected:
         return text.str();
     }
 
+    // Devices upon each other, `count` of them upon the partition sda1. Gives the number of the topmost.
+    std::string AddLayers(int count) {
+        std::string below = "8:1";
+        for (int layer = 0; layer < count; layer++) {
+            const std::string name = "dm-" + std::to_string(++layers_);
+            const std::string device = "253:" + std::to_string(layers_);
+            Add({name, device, false});
+            AddSlave(name, "below", below);
+            below = device;
+        }
+        return below;
+    }
+
     // The device number that the made-up root folder really has.
     dev_t DeviceOfRoot() const {
         struct stat status {};
         EXPECT_EQ(stat(roots_.Root.c_str(), &status), 0);
         return status.st_dev;
     }
+
+    int layers_ = 0;
 };
 
 TEST_F(LinuxRootDisks, PartitionLiesInItsDiskAndADiskIsAllOfItself) {
@@ -100,6 +117,101 @@ TEST_F(LinuxRootDisks, BtrfsLiesOnAllItsMembers) {
     EXPECT_EQ(Find(), "8:0 51200+153600");
     Write("sys/class/block/sda2/dev", "8:2");
     EXPECT_EQ(Find(), "8:0 51200+153600 8:0 204800+256000");
+}
+
+TEST_F(LinuxRootDisks, BtrfsIsAskedForItsNameAndNotForItsSource) {
+    Write("sys/class/block/sdb1/dev", "8:17");
+    Write("sys/fs/btrfs/01234567-89ab-cdef-fedc-ba9876543210/devices/sda1/dev", "8:1");
+    const ScopedHostCalls scope;
+    TheHostCalls().BtrfsId = "\x01\x23\x45\x67\x89\xab\xcd\xef\xfe\xdc\xba\x98\x76\x54\x32\x10";
+    SetMounts(Mounted("0:30", "/", "btrfs", "/dev/sdb1"));
+    EXPECT_EQ(Find(), "8:0 51200+153600");
+    SetMounts(Mounted("0:30", "/", "ext4", "/dev/sdb1"));
+    EXPECT_EQ(Find(), "8:16 5120+512000") << "a name is only asked of btrfs";
+}
+
+TEST_F(LinuxRootDisks, SourcesAreWrittenWithOctalNumbersAndAreNodes) {
+    for (const char* name : {"a b", "a\\089", "a\\7 8", "a\\06"}) {
+        Write(std::string("sys/class/block/") + name + "/dev", "8:1");
+        SetMounts(Mounted("0:30", "/", "bcachefs", "/dev/x"));
+        EXPECT_EQ(Find(), "");
+    }
+    for (const char* source :
+         {"/dev/a\\040b", "/dev/\\141\\040\\142", "/dev/a\\089", "/dev/a\\7\\0408", "/dev/a\\06"}) {
+        SetMounts(Mounted("0:30", "/", "bcachefs", source));
+        EXPECT_EQ(Find(), "8:0 51200+153600") << source;
+    }
+    // The node says which device it is, where it is one.
+    Write("dev/a b", "");
+    SetMounts(Mounted("0:30", "/", "bcachefs", "/dev/a\\040b"));
+    EXPECT_EQ(Find(), "8:0 51200+153600");
+    std::filesystem::remove(Path("dev/a b"));
+    if (mknod(Path("dev/a b").c_str(), S_IFBLK | 0600, makedev(8, 17)) != 0) {
+        GTEST_SKIP() << "no nodes can be made here";
+    }
+    EXPECT_EQ(Find(), "8:16 5120+512000");
+}
+
+TEST_F(LinuxRootDisks, WhatIsNoDiskIsNotTold) {
+    Add({"ram0", "1:0"});
+    SetMounts(Mounted("1:0", "/", "ext2", "/dev/ram0"));
+    EXPECT_EQ(Find(), "");
+}
+
+TEST_F(LinuxRootDisks, SixteenLayersAreFollowedWhateverTheyAre) {
+    const ScopedHostCalls scope;
+    TheHostCalls().BtrfsId = std::string(16, '\x11');
+    Write("system.img", "");
+    AddLoop(0, 5);
+    Write("sys/block/loop0/loop/backing_file", Path("system.img"));
+    const std::string silent = Mounted("0:21", "/proc", "proc", "proc", "rw", 4000001);
+    // What is mounted, and how many layers may lie below that.
+    const struct {
+        const char* What;
+        int Layers;
+        std::function<void(const std::string& top)> Mount;
+    } cases[] = {
+        {"the device", 16, [&](const std::string& top) { SetMounts(Mounted(top, "/", "ext4", "none")); }},
+        {"of process 1", 16, [&](const std::string& top) { SetMounts("", Mounted(top, "/", "ext4", "none")); }},
+        {"a source", 15,
+         [&](const std::string& top) {
+             Write("sys/class/block/top/dev", top);
+             SetMounts(Mounted("0:30", "/", "bcachefs", "/dev/top"));
+         }},
+        {"a member of btrfs", 15,
+         [&](const std::string& top) {
+             Write("sys/fs/btrfs/11111111-1111-1111-1111-111111111111/devices/top/dev", top);
+             SetMounts(Mounted("0:30", "/", "btrfs", "none"));
+         }},
+        {"a layer of an overlay", 15,
+         [&](const std::string& top) {
+             SetMounts(Mounted("0:40", "/", "overlay", "none", "upperdir=" + Folder().string()) +
+                       Mounted(top, Folder().string(), "ext4", "none"));
+         }},
+        {"the file of a loop device", 15,
+         [&](const std::string& top) {
+             SetMounts(Mounted("7:0", "/", "ext4", "none") + Mounted(top, Folder().string(), "ext4", "none"));
+         }},
+        {"a folder in memory of a btrfs", 15, [&](const std::string& top) {
+             roots_.Root = "/dev/shm";
+             Write("sys/fs/btrfs/11111111-1111-1111-1111-111111111111/devices/top/dev", top);
+             SetMounts(silent);
+         }}};
+    for (const auto& oneCase : cases) {
+        oneCase.Mount(AddLayers(oneCase.Layers));
+        EXPECT_EQ(Find(), "8:0 51200+153600") << oneCase.What;
+        oneCase.Mount(AddLayers(oneCase.Layers + 1));
+        EXPECT_EQ(Find().find("8:0"), std::string::npos) << oneCase.What;
+    }
+}
+
+TEST_F(LinuxRootDisks, OverlayUponItselfHasAnEnd) {
+    std::string options = "upperdir=" + Path("root");
+    for (int layer = 0; layer < 8; layer++) {
+        options += ",lowerdir=" + Path("root");
+    }
+    SetMounts(Mounted("0:40", "/", "overlay", "overlay", options));
+    EXPECT_EQ(Find(), "");
 }
 
 TEST_F(LinuxRootDisks, OverlayLiesWhereItsLayersLie) {
