@@ -62,8 +62,3 @@ def verify_text(length, silent=(), upto=None):
 def clone_text(source, target, length, *, notes="", verify=False, silent=()):
     """A whole successful clone."""
     return (copy_text(source, target, length, notes) + (verify_text(length, silent) if verify else "") + COMPLETE)
-
-
-def smaller_refusal(target, target_length, source_length):
-    return (f"Refusing: target disk {target} is {gib(target_length)} GiB, smaller than the source's "
-            f"{gib(source_length)} GiB.\n")

@@ -15,6 +15,7 @@ import subprocess
 import time
 
 import loop_device
+import suite
 from machine import SETTINGS
 
 # Hides the host's list of block devices behind the folder given first, and /run behind the next, then becomes the
@@ -148,3 +149,39 @@ class LoopDisks:
     def _run(self, command):
         return subprocess.run(command, cwd=self.folder, capture_output=True, stdin=subprocess.DEVNULL,
                               env=SETTINGS.environment(), timeout=300, check=False)
+
+
+class LoopScenario(suite.Scenario):
+    """Scenarios on loop devices of their own, which are skipped where there can be none."""
+
+    recorded = False  # natively only
+
+    def setUp(self):
+        super().setUp()
+        reason = reason_to_skip()
+        if reason:
+            self.skipTest(reason)
+        self.disks = LoopDisks(self.folder)
+        self.addCleanup(self.disks.detach_all)
+
+    def attach(self, contents, sector_size=512, **options):
+        """A loop device over a file of these bytes; gives its path."""
+        try:
+            return self.disks.attach(contents, sector_size, **options)
+        except OSError as error:
+            self.skipTest(str(error))
+
+    def mount(self, device, *options, name="mounted"):
+        """Mounts a device in the folder of the test; gives the place."""
+        place = os.path.join(self.folder, name)
+        os.mkdir(place)
+        done = subprocess.run(["mount", *options, device, place], capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            self.skipTest(f"nothing can be mounted here: {done.stderr.strip()}")
+        return place
+
+    def expect_bytes(self, device, expected):
+        with open(device, "rb") as file:
+            actual = file.read()
+        if actual != expected:
+            self.fail(f"{device} differs: {suite.first_difference(actual, expected)}")

@@ -1,4 +1,5 @@
-"""The native program on real block devices: loop devices with sectors of 512 and 4096 bytes.
+"""The native program on real block devices, loop devices with sectors of 512 and 4096 bytes: their numbers, the way of
+a disk into an image and back, and clones.
 
 Needs Linux, root and loop devices that can be attached; otherwise each test is skipped. Whatever writes runs where the
 test's own devices are the only disks there are; the machine's own list is only looked at.
@@ -13,14 +14,16 @@ import subprocess
 import tempfile
 
 import suite
-from console import NO_TRACKER, exclusive_failure, fatal, gib
+from clone_runs import BLOCK, COMPLETE, WRITE_FAILED, cloning_line, pattern, sector_note
+from console import NO_TRACKER, exclusive_failure, fatal, restoring_line, source_line, verifying_line
 from image import check_image, reference_plain_bytes
-from loop_disks import LoopDisks, reason_to_skip
-from machine import SETTINGS, pattern
+from loop_disks import LoopScenario
+from machine import SETTINGS
 
 SIZE = 9 * 1048576 + 4096
 F_OFD_GETLK = 36
-METER = r"(\r  [ 0-9]{3}\.[0-9]{2}%  [0-9]+ / [0-9]+ MiB  \([0-9]+\.[0-9] MiB/s\)   )*"
+METER = r"(\r  [ 0-9]{3}\.[0-9]{2}%  [0-9]+ / [0-9]+ MiB  \([0-9]+\.[0-9] MiB/s\)   )"
+PIPE_SIZE = 4096
 
 
 def numbered_disks():
@@ -43,24 +46,7 @@ def numbered_disks():
     return [name for _, _, name in sorted(hardware)] + [name for _, _, name in sorted(attached)]
 
 
-class BlockDevices(suite.Scenario):
-    recorded = False  # natively only
-
-    def setUp(self):
-        super().setUp()
-        reason = reason_to_skip()
-        if reason:
-            self.skipTest(reason)
-        self.disks = LoopDisks(self.folder)
-        self.addCleanup(self.disks.detach_all)
-
-    def attach(self, contents, sector_size=512, **options):
-        """A loop device over a file of these bytes; gives its path."""
-        try:
-            return self.disks.attach(contents, sector_size, **options)
-        except OSError as error:
-            self.skipTest(str(error))
-
+class BlockDevices(LoopScenario):
     def number(self, device):
         return self.disks.number(device)
 
@@ -68,30 +54,20 @@ class BlockDevices(suite.Scenario):
         return self.disks.run(*arguments)
 
     def expect_run(self, done, status, stdout, stderr=""):
-        """`stdout` with METER for the meter lines, whose rate is that of the real clock."""
-        wanted = "".join(METER if part is None else re.escape(part) for part in stdout)
+        """`stdout` with numbers for so many meter lines, whose rate is that of the real clock."""
+        wanted = "".join(METER + f"{{{part}}}" if isinstance(part, int) else re.escape(part) for part in stdout)
         text = done.stdout.decode()
         self.assertEqual(done.returncode, status, (done.stdout, done.stderr))
         self.assertTrue(re.fullmatch(wanted, text), (stdout, text))
         self.assertTrue(suite.matches(done.stderr, stderr), (stderr, done.stderr))
 
-    def device_bytes(self, device):
-        with open(device, "rb") as file:
-            return file.read()
+    def capture(self, number, size, sector_size=512, out="a.vrnx"):
+        self.expect_run(self.program("capture", "--disk", number, "--out", out), 0, [
+            source_line(number, size, sector_size) + NO_TRACKER, min((size - 1) // 0x400000 + 1, 2),
+            f"\nCapture complete: {out}\n"])
 
-    def capture(self, number, size, sector_size, out="a.vrnx"):
-        chunks = (size - 1) // 0x400000 + 1
-        done = self.program("capture", "--disk", number, "--out", out)
-        self.expect_run(done, 0, [
-            f"Source: PhysicalDrive{number}  Size: {gib(size)} GiB  SectorSize: {sector_size}  Chunks: {chunks} "
-            f"(4194304 bytes each)\n" + NO_TRACKER, None, f"\nCapture complete: {out}\n"])
 
-    def restore(self, number, size, path="a.vrnx"):
-        chunks = (size - 1) // 0x400000 + 1
-        self.expect_run(self.program("restore", "--in", path, "--disk", number, "--confirm", "YES"), 0, [
-            f"Restoring {path} -> PhysicalDrive{number} ({chunks} chunks, {gib(size)} GiB)\n", None,
-            "\nRestore complete. Run 'diskpart > rescan' (or reboot) before relying on the target disk.\n"])
-
+class Numbers(BlockDevices):
     def test_attached_devices_are_listed_with_their_sector_sizes(self):
         small, large = self.attach(bytes(SIZE)), self.attach(bytes(3 * SIZE), 4096)
         lines = {self.number(small): f"PhysicalDrive{self.number(small):<2}      0.01 GiB  sector 512 bytes\n",
@@ -179,12 +155,12 @@ class BlockDevices(suite.Scenario):
         self.assertEqual(self.listed(), [kept, 2] if kept < 2 else [2, kept])
         self.expect_no_disk(gone)
         self.assertEqual(self.number(another), 2)
-        self.capture(kept, SIZE, 512)
+        self.capture(kept, SIZE)
         self.assertEqual(reference_plain_bytes(os.path.join(self.folder, "a.vrnx")), pattern(SIZE, "second"))
         done = self.program("restore", "--in", "a.vrnx", "--disk", gone, "--confirm", "YES")
         self.assertEqual((done.returncode, done.stdout), (1, b""))
         self.assertIn(b"(GetLastError=2)", done.stderr)
-        self.assertEqual(self.device_bytes(another), target)
+        self.expect_bytes(another, target)
 
     def test_a_device_that_gets_another_file_gets_another_number(self):
         device = self.attach(bytes(SIZE))
@@ -219,7 +195,7 @@ class BlockDevices(suite.Scenario):
             "the disk numbers of this boot in /run/vornix/disks are damaged (its end is missing) - look at the disks "
             "and their numbers anew before you go on", 2))
         self.assertFalse(os.path.exists(os.path.join(self.folder, "a.vrnx")))
-        self.capture(number, SIZE, 512)
+        self.capture(number, SIZE)
 
     def test_where_nothing_can_be_kept_numbers_are_ranks(self):
         first, second = self.attach(bytes(SIZE)), self.attach(pattern(SIZE, "second"))
@@ -233,118 +209,218 @@ class BlockDevices(suite.Scenario):
         self.disks.detach(min(first, second, key=lambda path: os.stat(path).st_rdev))
         self.assertEqual(self.listed(), [0])
 
-    def round_trip(self, sector_size):
-        contents = pattern(SIZE, f"real {sector_size}")
-        source, target = self.attach(contents, sector_size), self.attach(pattern(SIZE, "other"), sector_size)
-        self.capture(self.number(source), SIZE, sector_size)
-        path = os.path.join(self.folder, "a.vrnx")
-        self.assertEqual(check_image(path), [])
-        self.assertEqual(reference_plain_bytes(path), contents)
-        self.expect_run(self.program("verify", "--in", "a.vrnx"), 0, [
-            f"Verifying a.vrnx  (3 chunks, {gib(SIZE)} GiB source disk)\n", None,
-            "\nVerify OK - all 3 chunks match their recorded hash.\n"])
-        self.restore(self.number(target), SIZE)
-        subprocess.run(["cmp", source, target], check=True)
-        self.assertEqual(self.device_bytes(target), contents)
-        self.assertEqual(self.device_bytes(source), contents)
 
-    def test_a_device_of_512_byte_sectors_goes_round(self):
-        self.round_trip(512)
+class Transfers(BlockDevices):
+    def test_a_disk_goes_into_an_image_and_back(self):
+        for sector_size in (512, 4096):
+            contents = pattern(SIZE, f"real {sector_size}")
+            source, target = self.attach(contents, sector_size), self.attach(pattern(SIZE, "other"), sector_size)
+            out = f"{sector_size}.vrnx"
+            with self.subTest(sector_size=sector_size):
+                self.capture(self.number(source), SIZE, sector_size, out)
+                path = os.path.join(self.folder, out)
+                self.assertEqual(check_image(path), [])
+                self.assertEqual(reference_plain_bytes(path), contents)
+                self.expect_run(self.program("verify", "--in", out), 0, [
+                    verifying_line(out, 3, SIZE), 2, "\nVerify OK - all 3 chunks match their recorded hash.\n"])
+                number = self.number(target)
+                self.expect_run(self.program("restore", "--in", out, "--disk", number, "--confirm", "YES"), 0, [
+                    restoring_line(out, number, 3, SIZE), 2,
+                    "\nRestore complete. Run 'diskpart > rescan' (or reboot) before relying on the target disk.\n"])
+                subprocess.run(["cmp", source, target], check=True)
+                self.expect_bytes(target, contents)
+                self.expect_bytes(source, contents)
 
-    def test_a_device_of_4096_byte_sectors_goes_round(self):
-        self.round_trip(4096)
 
-    def test_the_image_is_that_of_the_described_machine(self):
-        contents = pattern(SIZE, "both")
-        source = self.attach(contents)
-        self.capture(self.number(source), SIZE, 512)
-        machine = self.machine(source=contents)
-        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "b.vrnx").status, 0)
-        with open(os.path.join(self.folder, "a.vrnx"), "rb") as file:
-            self.expect_file(machine, "b.vrnx", file.read())
+class Clone(BlockDevices):
+    def pair(self, size, target_size=None, sectors=(512, 512), **options):
+        """A source and a target with other bytes."""
+        source = self.attach(pattern(size, "source"), sectors[0])
+        target = self.attach(pattern(size if target_size is None else target_size, "target"), sectors[1], **options)
+        return source, target
 
-    def mounted(self):
-        device = self.attach(bytes(32 * 1048576))
-        if shutil.which("mke2fs") is None:
-            self.skipTest("there is no mke2fs here")
-        subprocess.run(["mke2fs", "-q", "-F", device], check=True, capture_output=True)
-        place = os.path.join(self.folder, "mounted")
-        os.mkdir(place)
-        done = subprocess.run(["mount", device, place], capture_output=True, text=True, check=False)
-        if done.returncode != 0:
-            self.skipTest(f"nothing can be mounted here: {done.stderr.strip()}")
-        return device
+    def clone(self, source, target, *options):
+        return self.disks.run("clone", "--from", self.disks.number(source), "--to", self.disks.number(target),
+                              "--confirm", "YES", *options)
 
-    def test_a_mounted_target_is_refused_with_error_32_and_stays_as_it_was(self):
-        source_bytes = pattern(SIZE, "source")
-        source = self.attach(source_bytes)
-        self.capture(self.number(source), SIZE, 512)
-        device = self.mounted()
-        before = self.device_bytes(device)
-        number = self.number(device)
-        self.expect_run(self.program("restore", "--in", "a.vrnx", "--disk", number, "--confirm", "YES"), 1, [""],
-                        exclusive_failure(number, 32))
-        # The file system may write on its own meanwhile; what the image has there comes from nobody else.
-        after = self.device_bytes(device)
-        changed = [start for start in range(0, SIZE, 512) if after[start:start + 512] != before[start:start + 512]]
-        self.assertEqual([start for start in changed if after[start:start + 512] == source_bytes[start:start + 512]],
-                         [])
-        self.assertLess(len(changed), 64)
+    def expect_clone(self, done, source, target, size, notes="", meters=None, status=0, stderr="", verify=False):
+        """`meters`: how many blocks were copied; all of them where not given."""
+        blocks = (size - 1) // BLOCK + 1
+        text = [notes + cloning_line(self.disks.number(source), self.disks.number(target), size),
+                blocks if meters is None else meters]
+        if meters is None:
+            text += ["\n", *(["Verifying the copy...\n", blocks, "\nVerify OK.\n"] if verify else []), COMPLETE]
+        self.expect_run(done, status, text, stderr)
 
-    def test_a_mounted_source_is_captured_live(self):
-        device = self.mounted()
-        size = 32 * 1048576
-        self.capture(self.number(device), size, 512)
-        self.assertEqual(check_image(os.path.join(self.folder, "a.vrnx")), [])
+    def expect_copied(self, source, target, size, target_size, count=None):
+        count = size if count is None else count
+        self.expect_bytes(target, pattern(size, "source")[:count] + pattern(target_size, "target")[count:])
+        self.expect_bytes(source, pattern(size, "source"))
 
-    def test_a_smaller_target_is_refused(self):
-        source, target = self.attach(pattern(SIZE, "source")), self.attach(bytes(SIZE - 4096))
-        self.capture(self.number(source), SIZE, 512)
-        number = self.number(target)
-        self.expect_run(self.program("restore", "--in", "a.vrnx", "--disk", number, "--confirm", "YES"), 1, [""],
-                        f"Refusing: target disk {number} is 0.01 GiB, smaller than the image's 0.01 GiB source.\n")
-        self.assertEqual(self.device_bytes(target), bytes(SIZE - 4096))
+    def test_a_disk_is_copied_whatever_the_sectors_and_the_rest_of_the_target_stays(self):
+        for size, target_size, sectors in (
+                (2 * BLOCK + 1536, 2 * BLOCK + 1536, (512, 512)), (512 * 1024, 512 * 1024 + 512, (512, 512)),
+                (2 * BLOCK + 12288, 2 * BLOCK + 12288, (4096, 4096)), (BLOCK + 4096, BLOCK + 8192, (4096, 512)),
+                (BLOCK + 8192, BLOCK + 12288, (512, 4096))):
+            notes = "" if sectors[0] == sectors[1] else sector_note(*sectors)
+            for verify in (False, True):
+                source, target = self.pair(size, target_size, sectors)
+                with self.subTest(size=size, sectors=sectors, verify=verify):
+                    done = self.clone(source, target, *(["--verify"] if verify else []))
+                    self.expect_clone(done, source, target, size, notes, verify=verify)
+                    self.expect_copied(source, target, size, target_size)
+                self.disks.detach(source)
+                self.disks.detach(target)
 
     def test_a_rest_that_is_no_whole_number_of_larger_sectors_fails(self):
-        source, target = self.attach(pattern(SIZE + 512, "source")), self.attach(bytes(SIZE + 4096), 4096)
-        self.capture(self.number(source), SIZE + 512, 512)
+        size, target_size = BLOCK + 512, BLOCK + 4096
+        source, target = self.pair(size, target_size, (512, 4096))
+        done = self.clone(source, target, "--verify")
+        self.expect_clone(done, source, target, size, sector_note(512, 4096), meters=1, status=1,
+                          stderr=fatal(WRITE_FAILED, 87))
+        self.expect_copied(source, target, size, target_size, BLOCK)
+
+    # --- Devices in use ---
+
+    def file_system(self, size):
+        """The bytes of a file system with one file in it."""
+        if shutil.which("mke2fs") is None:
+            self.skipTest("there is no mke2fs here")
+        path, root = os.path.join(self.folder, "fs.img"), os.path.join(self.folder, "root")
+        os.mkdir(root)
+        with open(os.path.join(root, "file"), "wb") as file:
+            file.write(pattern(100000, "in the file system"))
+        with open(path, "wb") as file:
+            file.truncate(size)
+        subprocess.run(["mke2fs", "-q", "-F", "-d", root, path], check=True, capture_output=True)
+        with open(path, "rb") as file:
+            return file.read()
+
+    def expect_file_in(self, place):
+        with open(os.path.join(place, "file"), "rb") as file:
+            self.assertEqual(file.read(), pattern(100000, "in the file system"))
+
+    def test_a_mounted_target_is_refused_and_stays_as_it_was(self):
+        size = 2 * BLOCK
+        source, target = self.attach(pattern(size, "source")), self.attach(self.file_system(size))
+        place = self.mount(target)
+        self.capture(self.number(source), size)
         number = self.number(target)
-        done = self.program("restore", "--in", "a.vrnx", "--disk", number, "--confirm", "YES")
-        self.assertEqual(done.returncode, 1)
-        self.assertEqual(done.stderr.decode(),
-                         fatal("WriteFile to target disk failed mid-restore - target disk left partially written, "
-                               "do not boot it yet", 87))
-        self.assertEqual(self.device_bytes(target)[:2 * 0x400000], pattern(SIZE + 512, "source")[:2 * 0x400000])
-        self.assertEqual(self.device_bytes(target)[2 * 0x400000:], bytes(SIZE + 4096 - 2 * 0x400000))
+        for done in (self.clone(source, target, "--verify"),
+                     self.program("restore", "--in", "a.vrnx", "--disk", number, "--confirm", "YES")):
+            self.expect_run(done, 1, [""], exclusive_failure(number, 32))
+            self.expect_file_in(place)
+        self.disks.unmount(place, target)
+        # The same target is taken as soon as nothing is mounted from it.
+        self.expect_clone(self.clone(source, target, "--verify"), source, target, size, verify=True)
+        self.expect_bytes(target, pattern(size, "source"))
 
-    def test_a_number_that_no_disk_has_is_refused(self):
-        message = "could not open source disk for raw read (run as Administrator?)"
-        self.expect_run(self.program("capture", "--disk", 4000, "--out", "a.vrnx"), 1, [""], fatal(message, 2))
+    def test_a_mounted_source_is_captured_and_cloned_live(self):
+        size = 2 * BLOCK
+        source, target = self.attach(self.file_system(size)), self.attach(pattern(size, "target"))
+        place = self.mount(source)
+        self.capture(self.number(source), size)
+        self.assertEqual(check_image(os.path.join(self.folder, "a.vrnx")), [])
+        self.expect_clone(self.clone(source, target, "--verify"), source, target, size, verify=True)
+        subprocess.run(["umount", place], check=True)
+        place = self.mount(target, "-o", "ro", name="copy")
+        self.expect_file_in(place)
+        subprocess.run(["umount", place], check=True)
 
-    def test_a_partition_table_is_read_again_after_a_restore(self):
+    def test_the_partitions_appear_behind_a_clone_and_a_restore(self):
         if shutil.which("sfdisk") is None:
             self.skipTest("there is no sfdisk here")
         path = os.path.join(self.folder, "table.img")
         with open(path, "wb") as file:
-            file.truncate(SIZE)
+            file.truncate(2 * BLOCK)
         # The older kind of table is the one that every kernel reads.
         subprocess.run(["sfdisk", "--quiet", path], input=b"label: dos\nstart=2048, size=4096\n", check=True,
                        capture_output=True)
         with open(path, "rb") as file:
-            contents = file.read()
-        source = self.attach(contents, scan_partitions=True)
+            source = self.attach(file.read(), scan_partitions=True)
         if not self.has_partition(source):
             self.skipTest("this kernel does not read such a partition table")
-        target = self.attach(bytes(SIZE), scan_partitions=True)
-        self.assertFalse(self.has_partition(target))
-        self.capture(self.number(source), SIZE, 512)
-        self.restore(self.number(target), SIZE)
-        self.assertEqual(self.device_bytes(target), contents)
-        self.assertTrue(self.has_partition(target))
+        first, second = [self.attach(bytes(2 * BLOCK), scan_partitions=True) for _ in range(2)]
+        self.assertFalse(self.has_partition(first) or self.has_partition(second))
+        self.expect_clone(self.clone(source, first), source, first, 2 * BLOCK)
+        self.assertTrue(self.has_partition(first))
+        self.capture(self.number(source), 2 * BLOCK)
+        done = self.program("restore", "--in", "a.vrnx", "--disk", self.number(second), "--confirm", "YES")
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        self.assertTrue(self.has_partition(second))
 
     @staticmethod
     def has_partition(device):
         return os.path.exists(f"/sys/class/block/{os.path.basename(device)}p1")
+
+    # --- A copy that changes before it is compared ---
+
+    def run_with_change_between_the_passes(self, source, target, size, change):
+        """A clone with comparison that is held at its first line of the verify pass until `change` is made.
+
+        The program's output goes into a pipe in which there is room for the lines of the copy pass and for no more.
+        """
+        read_end, write_end = os.pipe()
+        try:
+            fcntl.fcntl(write_end, fcntl.F_SETPIPE_SZ, PIPE_SIZE)
+            # A line of the meter is as long as its rate: of one digit before the point at least, and five at most.
+            blocks = (size - 1) // BLOCK + 1
+            longest = len(cloning_line(0, 1, size)) + blocks * (len("\r  100.00%  4 / 8 MiB  (0.0 MiB/s)   ") + 4)
+            os.write(write_end, bytes(PIPE_SIZE - longest))
+            process = subprocess.Popen(
+                self.disks.command("clone", "--from", self.disks.number(source), "--to", self.disks.number(target),
+                                   "--confirm", "YES", "--verify"),
+                cwd=self.folder, stdout=write_end, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                env=SETTINGS.environment())
+        finally:
+            os.close(write_end)
+        try:
+            self.wait_until_it_writes(process)
+            change()
+            with open(read_end, "rb") as file:
+                stdout = file.read()[PIPE_SIZE - longest:]
+            return subprocess.CompletedProcess(process.args, process.wait(timeout=60), stdout, process.stderr.read())
+        finally:
+            process.kill()
+            process.wait()
+            process.stderr.close()
+
+    def wait_until_it_writes(self, process):
+        """Until the process waits for room in the pipe."""
+        places = set()
+        for _ in range(6000):
+            self.assertIsNone(process.poll(), "the program was not held")
+            with open(f"/proc/{process.pid}/wchan", encoding="ascii") as file:
+                places.add(file.read())
+            if any("pipe" in place for place in places):
+                return
+            try:
+                process.wait(timeout=0.01)
+            except subprocess.TimeoutExpired:
+                pass
+        if places <= {"", "0"}:
+            self.skipTest("this kernel does not tell where a process waits")
+        self.fail("the program never came to the verify pass")
+
+    def test_a_copy_that_was_changed_is_found_out_and_one_that_was_only_held_is_good(self):
+        size = 2 * BLOCK + 1536
+        source, target = self.pair(size)
+
+        def change():
+            descriptor = os.open(target, os.O_WRONLY)
+            os.pwrite(descriptor, b"other", BLOCK + 70000)
+            os.fsync(descriptor)
+            os.close(descriptor)
+
+        done = self.run_with_change_between_the_passes(source, target, size, change)
+        self.expect_run(done, 1, [cloning_line(self.disks.number(source), self.disks.number(target), size), 3,
+                                  "\nVerifying the copy...\n", 1], "\nVERIFY FAILED at offset 4194304\n")
+        copied = bytearray(pattern(size, "source"))
+        copied[BLOCK + 70000:BLOCK + 70005] = b"other"
+        self.expect_bytes(target, bytes(copied))
+        done = self.run_with_change_between_the_passes(source, target, size, lambda: None)
+        self.expect_clone(done, source, target, size, verify=True)
+        self.expect_copied(source, target, size, size)
 
 
 if __name__ == "__main__":

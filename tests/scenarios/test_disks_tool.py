@@ -12,28 +12,20 @@ import time
 
 import suite
 from loop_device import LoopDevice
-from loop_disks import LoopDisks, reason_to_skip
+from loop_disks import LoopDisks, LoopScenario
 from machine import SETTINGS
 
 SIZE = 16 * 1048576
 
 
-class DisksTool(suite.Scenario):
-    recorded = False  # natively only
-
+class DisksTool(LoopScenario):
     def setUp(self):
         super().setUp()
-        reason = reason_to_skip() or (None if shutil.which("mke2fs") else "there is no mke2fs here")
-        if reason:
-            self.skipTest(reason)
-        self.disks = LoopDisks(self.folder)
-        self.addCleanup(self.disks.detach_all)
+        if shutil.which("mke2fs") is None:
+            self.skipTest("there is no mke2fs here")
 
     def attach(self, size=SIZE, sector_size=512):
-        try:
-            return self.disks.attach(bytes(size), sector_size)
-        except OSError as error:
-            self.skipTest(str(error))
+        return super().attach(bytes(size), sector_size)
 
     def report(self):
         """What --json says."""
@@ -84,13 +76,6 @@ class DisksTool(suite.Scenario):
         self.assertIn(f"Numbers of disks that are gone: {numbers[devices[0]]}.\n".encode(), self.table())
         self.assertIn(f"PhysicalDrive{numbers[devices[1]]} ".encode(), self.disks.run("list-disks").stdout)
 
-    def test_the_tool_gives_numbers_as_vornix_does(self):
-        device = self.attach()
-        self.assertEqual(self.disk(device)["number"], 0)
-        later = self.attach()
-        self.assertEqual(self.disks.number(later), 1)
-        self.assertEqual(self.disks.number(device), 0)
-
     def test_file_system_with_its_label_and_where_it_is_mounted(self):
         device = self.attach()
         self.make_file_system(device, "März".encode())
@@ -98,11 +83,7 @@ class DisksTool(suite.Scenario):
         content, = disk["contents"]
         self.assertEqual((content["type"], content["label"], content["size"]), ("ext2", "März", SIZE))
         self.expect_unused(device)
-        place = os.path.join(self.folder, "a place")
-        os.mkdir(place)
-        done = subprocess.run(["mount", device, place], capture_output=True, text=True, check=False)
-        if done.returncode != 0:
-            self.skipTest(f"nothing can be mounted here: {done.stderr.strip()}")
+        place = self.mount(device, name="a place")
         disk = self.disk(device)
         self.assertEqual(disk["contents"][0]["mount_points"], [place])
         self.assertTrue(disk["in_use"])
