@@ -72,13 +72,6 @@ class Image(Capture):
                              [(index * MIB4, length) for index, length in enumerate(lengths)])
             self.assertEqual(os.path.getsize(machine.path("a.vrnx")), 64 + 72 * len(lengths) + size)
 
-    def test_sectors_of_4096_bytes_stand_in_the_header(self):
-        machine = self.small(5 * 4096, sector_size=4096)
-        self.expect(self.capture(machine), 0, capture_text(1, 5 * 4096, "a.vrnx", sector_size=4096))
-        header, _ = read_table(machine.path("a.vrnx"))
-        self.assertEqual((header.sector_size, header.chunk_size), (4096, MIB4))
-        self.expect_good_image(machine, "a.vrnx", machine.disk_bytes(1))
-
     def test_sectors_above_4_mebibytes_are_chunks(self):
         machine = self.small(2 * 0x800000, sector_size=0x800000)
         self.expect(self.capture(machine), 0, capture_text(1, 2 * 0x800000, "a.vrnx", sector_size=0x800000))
@@ -99,11 +92,6 @@ class Image(Capture):
         self.assertEqual([line["length"] for line in result.calls("WriteFile")], [64, 0])
         self.expect(machine.run("verify", "--in", "a.vrnx"), 1, "",
                     fatal("image header has invalid disk/sector/chunk geometry"))
-
-    def test_an_unchanged_disk_gives_the_same_image_again(self):
-        machine, _ = self.expect_captured(SMALL)
-        self.expect(self.capture(machine, "b.vrnx"), 0, capture_text(1, SMALL, "b.vrnx"))
-        self.expect_file(machine, "b.vrnx", machine.read("a.vrnx"))
 
 
 class Run(Capture):
@@ -152,13 +140,6 @@ class SystemDisk(Capture):
         self.expect(self.capture(machine), 0, capture_text(1, SMALL, "a.vrnx"))
         self.expect(self.capture(machine, "b.vrnx", disk=2), 0, capture_text(2, 512, "b.vrnx", system=True))
 
-    def test_without_a_system_volume_even_a_data_disk_is_not_captured(self):
-        machine = self.small()
-        machine.system_volume(None)
-        self.expect(self.capture(machine), 1, source_line(1, SMALL),
-                    fatal("could not open C: to determine the system disk number", 2))
-        self.assertEqual(machine.files(), [])
-
 
 class Names(Capture):
     def test_a_work_path_is_written_in_place_over_what_is_there_and_not_renamed(self):
@@ -177,21 +158,6 @@ class Names(Capture):
             self.expect(result, 0, capture_text(1, SMALL, name))
             self.assertEqual(result.calls("MoveFileExW")[0]["from"], name + ".partial")
             self.assertEqual(machine.files(), [name])
-
-    def test_a_leftover_work_file_is_replaced_silently(self):
-        machine = self.small()
-        machine.write("a.vrnx.partial", pattern(300000, "leftover"))
-        self.expect(self.capture(machine), 0, capture_text(1, SMALL, "a.vrnx"))
-        self.assertEqual(machine.files(), ["a.vrnx"])
-        self.expect_good_image(machine, "a.vrnx", machine.disk_bytes(1))
-
-    def test_a_path_with_folders_is_taken_as_typed(self):
-        machine = self.small()
-        os.mkdir(machine.path("folder"))
-        self.expect(self.capture(machine, "folder/a.vrnx"), 0, capture_text(1, SMALL, "folder/a.vrnx"))
-        path = machine.absolute("b.vrnx")
-        self.expect(self.capture(machine, path), 0, capture_text(1, SMALL, path))
-        self.assertEqual(machine.files(), ["b.vrnx", "folder", os.path.join("folder", "a.vrnx")])
 
     def test_a_name_beyond_ascii_is_that_file_and_its_bytes_are_widened_one_by_one(self):
         if self.settings.windows:
@@ -252,13 +218,6 @@ class Failures(Capture):
         size = len(machine.disk_bytes(1))
         return source_line(1, size) + NO_TRACKER + meter_run(size, MIB4, upto=chunks)
 
-    def test_a_missing_source_is_fatal(self):
-        machine = self.small()
-        result = self.expect(self.capture(machine, disk=5), 1, "",
-                             fatal("could not open source disk for raw read (run as Administrator?)", 2))
-        self.assertEqual(result.sequence(), ["CreateFileW", "exit"])
-        self.assertEqual(machine.files(), [])
-
     def test_a_work_file_that_cannot_be_created_is_fatal(self):
         machine = self.small()
         self.expect(self.capture(machine, "nowhere/a.vrnx"), 1, self.begun(machine), fatal(NOT_CREATED, 3))
@@ -318,23 +277,6 @@ class Failures(Capture):
         # A leftover of any kind does not keep the next run from its work.
         self.expect(self.capture(machine), 0, capture_text(1, machine.SOURCE_SIZE, "a.vrnx"))
         self.assertEqual(machine.files(), ["a.vrnx"])
-
-    def test_random_bytes_that_cannot_be_had_are_fatal_with_their_status(self):
-        for call, step in (("BCryptOpenAlgorithmProvider", "BCryptOpenAlgorithmProvider(RNG)"),
-                           ("BCryptGenRandom", "BCryptGenRandom")):
-            machine = self.small()
-            machine.write("password.txt", b"secret\n")
-            machine.add_fault(call, status="0xC0000225")
-            self.expect(self.capture(machine, "a.vrnx", "--encrypt", "--password-file", "password.txt"), 1,
-                        self.begun(machine), f"FATAL: {step} (NTSTATUS 0xC0000225)\n")
-            self.assertEqual(machine.files(), ["password.txt"])
-
-    def test_a_failed_rename_leaves_a_finished_work_file(self):
-        machine = self.small()
-        machine.add_fault("MoveFileExW", error=5)
-        self.expect(self.capture(machine), 1, self.begun(machine, 1) + "\n", fatal(PUBLISH_FAILED, 5))
-        self.assertEqual(machine.files(), ["a.vrnx.partial"])
-        self.expect_good_image(machine, "a.vrnx.partial", machine.disk_bytes(1))
 
     def test_a_table_that_no_memory_holds_ends_the_run_abnormally_and_keeps_what_was_printed(self):
         if os.path.basename(self.settings.build) == "sanitize":
