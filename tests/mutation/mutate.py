@@ -68,7 +68,7 @@ SUITES = {
     "src/commands/capture.cpp": ["capture", "tracker", "releases", "snapshot_reads", "incremental_capture",
                                  "sealed_images", "snapshot_session"],
     "src/commands/clone.cpp": ["clone"],
-    "src/commands/consolidate.cpp": ["consolidate"],
+    "src/commands/consolidate.cpp": ["consolidate", "thin_chains"],
     "src/commands/incremental_capture.cpp": ["incremental_capture"],
     "src/commands/restore.cpp": ["restore", "sealed_images"],
     "src/commands/verify.cpp": ["verify", "sealed_images", "thin_chains"],

@@ -5,13 +5,11 @@ import os
 import shutil
 
 import suite
-from consolidate_runs import (ALREADY_THERE, BAD_HASH, BAD_TAG, NO_OUTPUT, NO_PATHS, SEALED_INPUT, UNREADABLE,
-                              WRITE_FAILED, consolidate_text, folded_text, plain_full_image, unfinished_image,
-                              verified_text)
-from console import fatal, meter_run, restore_text, verify_failed, verify_text
+from consolidate_runs import (ALREADY_THERE, BAD_HASH, BAD_TAG, NO_PATHS, SEALED_INPUT, UNREADABLE, consolidate_text,
+                              folded_text, plain_full_image, unfinished_image, verified_text)
+from console import fatal, meter_run
 from image import (Image, ImageBuilder, build_image, derive_key, digest_of, is_accepted, read_header, read_table,
                    unseal)
-from incremental import missing_base, other_base
 from machine import ACCESS_WRITE, pattern
 
 CHUNK = 4096
@@ -118,16 +116,6 @@ class FullInput(Consolidate):
             self.expect_folded(machine, plain, path="a.vrnx", chunk_size=chunk)
             self.expect_file(machine, "out.vrnx", plain_full_image(plain, chunk, sector))
 
-    def test_the_meter_comes_with_every_32nd_chunk_and_the_last(self):
-        machine = self.prepared()
-        plain = pattern(65 * 512, "disk")
-        self.full(machine, plain=plain, chunk_size=512)
-        self.expect(self.consolidate(machine), 0,
-                    "\r    1.54%  0 / 0 MiB  (0.0 MiB/s)   \r   50.77%  0 / 0 MiB  (0.0 MiB/s)   "
-                    "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n"
-                    "Consolidated: out.vrnx (self-contained full image, verifying...)\n"
-                    + verify_text("out.vrnx", 65 * 512, 512))
-
 
 class Chains(Consolidate):
     def test_every_image_of_a_chain_can_be_folded_and_the_chain_stays(self):
@@ -144,20 +132,6 @@ class Chains(Consolidate):
                 self.expect_file(machine, out, plain_full_image(disk, CHUNK))
             self.expect_good_image(machine, f"images/{name}.vrnx", disk)
 
-    def test_hashes_and_offsets_are_those_of_the_chain_and_every_chunk_is_stored(self):
-        for sealed, options in (((False, False, False), ()),
-                                ((True, False, True), ("--password-file", "password", "--encrypt"))):
-            machine = self.prepared()
-            plain = self.chain(machine, sealed)
-            self.expect_folded(machine, plain, *options)
-            _, chain = read_table(machine.path("c.vrnx"))
-            header, folded = read_table(machine.path("out.vrnx"))
-            self.assertEqual([record.hash for record in folded], [record.hash for record in chain])
-            self.assertEqual([record.disk_offset for record in folded], [record.disk_offset for record in chain])
-            self.assertEqual([record.stored_length for record in folded], [CHUNK] * 4 + [SIZE - 4 * CHUNK])
-            self.assertEqual(header.version, 2)
-            self.assertEqual(os.path.getsize(machine.path("out.vrnx")), 64 + 5 * 72 + SIZE)
-
     def test_the_sector_size_is_that_of_the_top(self):
         machine = self.prepared()
         plain, _ = self.full(machine, sector_size=512)
@@ -165,74 +139,6 @@ class Chains(Consolidate):
                     base=machine.path("a.vrnx"))
         self.expect_folded(machine, change(plain, 0), path="b.vrnx")
         self.assertEqual(read_header(machine.path("out.vrnx")).sector_size, 2048)
-
-    def test_a_thin_image_without_references_and_ones_of_nothing_else(self):
-        machine = self.prepared()
-        plain, _ = self.full(machine)
-        build_image(machine.path("b.vrnx"), plain, chunk_size=CHUNK, base=machine.path("a.vrnx"), references=())
-        result = self.expect_folded(machine, plain, path="b.vrnx")
-        self.assertEqual([line["offset"] for line in result.calls("ReadFile", path="a.vrnx")], [0, 64])
-        build_image(machine.path("b.vrnx"), plain, chunk_size=CHUNK, base=machine.path("a.vrnx"))
-        build_image(machine.path("c.vrnx"), plain, chunk_size=CHUNK, base=machine.path("b.vrnx"))
-        self.expect_folded(machine, plain, out="out2.vrnx")
-        self.expect_file(machine, "out2.vrnx", machine.read("a.vrnx"))
-
-    def test_the_longest_chain_is_folded_and_a_longer_one_refused(self):
-        machine = self.prepared()
-        plain = pattern(4 * 512, "disk")
-        self.full(machine, "0.vrnx", plain, chunk_size=512)
-        for place in range(1, 66):
-            plain = pattern(512, f"link {place}") + plain[512:]
-            build_image(machine.path(f"{place}.vrnx"), plain, chunk_size=512, base=machine.path(f"{place - 1}.vrnx"))
-            if place == 64:
-                self.expect_folded(machine, plain, path="64.vrnx", chunk_size=512)
-        self.expect(self.consolidate(machine, path="65.vrnx", out="x.vrnx"), 1, "",
-                    fatal("image chain is too deep (or loops back on itself)"))
-        self.assertFalse(machine.exists("x.vrnx"))
-
-    def test_the_result_needs_no_other_file(self):
-        machine = self.prepared()
-        plain = self.chain(machine, (True, False, True))
-        self.assertEqual(self.consolidate(machine, "--password-file", "password", path="c.vrnx").status, 0)
-        alone = self.prepared()
-        alone.write("moved.vrnx", machine.read("out.vrnx"))
-        os.remove(alone.path("password"))
-        alone.add_disk(2, pattern(SIZE, "target"))
-        self.expect(alone.run("verify", "--in", "moved.vrnx"), 0, verify_text("moved.vrnx", SIZE, CHUNK))
-        self.expect(alone.run("restore", "--in", "moved.vrnx", "--disk", "2", "--confirm", "YES"), 0,
-                    restore_text("moved.vrnx", 2, SIZE, CHUNK))
-        self.expect_disk(alone, 2, plain)
-
-    def test_a_thin_image_made_over_the_chain_does_not_open_over_its_fold(self):
-        machine = self.prepared()
-        plain = self.chain(machine)
-        build_image(machine.path("d.vrnx"), change(plain, 0), chunk_size=CHUNK, base=machine.path("c.vrnx"))
-        self.assertEqual(self.consolidate(machine, path="c.vrnx").status, 0)
-        os.replace(machine.path("out.vrnx"), machine.path("c.vrnx"))
-        self.expect(machine.run("verify", "--in", "d.vrnx"), 1, "",
-                    other_base("c.vrnx") + fatal("base image does not match the one pinned in the thin image"))
-
-    def test_a_thin_image_made_over_a_full_one_opens_over_its_copy(self):
-        machine = self.prepared()
-        plain, _ = self.full(machine)
-        build_image(machine.path("b.vrnx"), change(plain, 0), chunk_size=CHUNK, base=machine.path("a.vrnx"))
-        self.assertEqual(self.consolidate(machine).status, 0)
-        os.replace(machine.path("out.vrnx"), machine.path("a.vrnx"))
-        self.expect_folded(machine, change(plain, 0), path="b.vrnx")
-
-    def test_a_fold_is_no_base_that_the_tracker_can_prove(self):
-        machine = self.machine()
-        tracked = {"number": 1, "has_previous_epoch": 1, "previous_epoch": 5, "current_epoch": 6}
-        machine.tracker([tracked])
-        build_image(machine.path("a.vrnx"), machine.disk_bytes(1), chunk_size=0x400000, epoch=5)
-        self.assertEqual(self.consolidate(machine).status, 0)
-        result = machine.run("capture", "--disk", "1", "--out", "b.vrnx", "--base", "out.vrnx")
-        self.assertEqual(result.status, 0)
-        self.assertIn(b"  --base: cannot prove what changed (base image has no epoch (captured without the tracker)) - "
-                      b"doing a FULL capture (correct, just slower).\n", result.stdout)
-        machine.tracker([tracked])
-        result = machine.run("capture", "--disk", "1", "--out", "c.vrnx", "--base", "a.vrnx")
-        self.assertIn(b"  --base: base epoch 5 matches tracker; ", result.stdout)
 
 
 class Sealing(Consolidate):
@@ -349,39 +255,11 @@ class Writing(Consolidate):
         self.assertEqual([line["length"] for line in fold if line["call"] == "BCryptHashData"],
                          [CHUNK] * (3 + 1 + 1 + 3) + [3072] * 2)
 
-    def test_the_output_is_named_as_typed(self):
-        machine = self.prepared()
-        plain, _ = self.full(machine)
-        os.mkdir(machine.path("folder"))
-        for out in ("folder/x.vrnx", "./y.vrnx", machine.absolute("z")):
-            self.expect(self.consolidate(machine, out=out), 0, consolidate_text(out, SIZE, CHUNK))
-        for name in (os.path.join("folder", "x.vrnx"), "y.vrnx", "z"):
-            self.expect_file(machine, name, plain_full_image(plain, CHUNK))
-
-    def test_a_name_beyond_ascii_is_that_file(self):
-        if self.settings.windows:
-            self.skipTest("what a byte beyond ASCII of the command line becomes depends on the code page")
-        machine = self.prepared()
-        plain, _ = self.full(machine)
-        self.expect(self.consolidate(machine, out="\u00e9"), 0, consolidate_text("\u00e9", SIZE, CHUNK))
-        self.expect_file(machine, "\u00e9", plain_full_image(plain, CHUNK))
-        self.expect(self.consolidate(machine, out="\u00e9"), 1, "", fatal(ALREADY_THERE))
-
 
 class Refusals(Consolidate):
     def expect_nothing_done(self, machine, result, *files):
         self.assertEqual(result.calls("CreateFileW"), [])
         self.assertEqual(machine.files(), sorted([*files, "password"]))
-
-    def test_a_path_that_cannot_be_resolved_is_refused_first(self):
-        for skip in (0, 1):
-            machine = self.prepared()
-            self.full(machine)
-            machine.write("out.vrnx", b"")
-            machine.add_fault("_fullpath", skip=skip, null=True)
-            result = self.expect(self.consolidate(machine), 1, "", fatal(NO_PATHS))
-            self.assertEqual(result.sequence(), ["_fullpath"] * (skip + 1) + ["exit"])
-            self.expect_nothing_done(machine, result, "a.vrnx", "out.vrnx")
 
     def test_a_path_of_260_bytes_is_too_long_and_one_of_259_is_not(self):
         machine = self.prepared()
@@ -426,29 +304,6 @@ class Refusals(Consolidate):
         self.assertEqual(resolved, [machine.absolute("a.vrnx"), machine.absolute("out.vrnx")])
         self.assertEqual(result.calls("GetFileAttributesA")[0]["path"], resolved[1])
 
-    def test_an_input_that_does_not_open_leaves_no_output(self):
-        def exchange(machine):
-            build_image(machine.path("a.vrnx"), change(pattern(SIZE, "disk"), 0), chunk_size=CHUNK)
-
-        for case, damage, report in (
-                ("no input", lambda machine: os.remove(machine.path("c.vrnx")),
-                 "could not open image file: c.vrnx\n" + fatal("could not open image file", 2)),
-                ("cut", lambda machine: machine.write("c.vrnx", machine.read("c.vrnx")[:63]),
-                 fatal("could not read image header - file is truncated or not a .vrnx image")),
-                ("zeros", lambda machine: machine.write("c.vrnx", bytes(100)),
-                 fatal("not a recognized Vornix image (bad magic/version)")),
-                ("no base", lambda machine: os.remove(machine.path("a.vrnx")),
-                 missing_base("a.vrnx") + fatal("base image of a thin image not found", 2)),
-                ("another base", exchange, other_base("a.vrnx")
-                 + fatal("base image does not match the one pinned in the thin image"))):
-            for options in ((), ("--encrypt",)):
-                machine = self.prepared()
-                self.chain(machine)
-                damage(machine)
-                with self.subTest(case, options=options):
-                    self.expect(self.consolidate(machine, *options, path="c.vrnx"), 1, "", report)
-                    self.assertFalse(machine.exists("out.vrnx"))
-
     def test_a_sealed_chain_without_a_password_is_refused_before_encrypt_is_looked_at(self):
         for sealed in ((True, False, False), (False, False, True)):
             for options in ((), ("--encrypt",)):
@@ -477,12 +332,6 @@ class Refusals(Consolidate):
             result = self.expect(self.consolidate(machine, "--encrypt", "--password-file", name), 1, "", error)
             self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16])
             self.assertFalse(machine.exists("out.vrnx"))
-
-    def test_an_output_that_cannot_be_created_is_reported_behind_the_opening(self):
-        machine = self.prepared()
-        self.full(machine)
-        result = self.expect(self.consolidate(machine, out="nowhere/out.vrnx"), 1, "", fatal(NO_OUTPUT, 3))
-        self.assertEqual([line["path"] for line in result.calls("CreateFileW")], ["a.vrnx", "nowhere/out.vrnx"])
 
     def test_a_file_that_appears_at_the_last_moment_is_not_overwritten(self):
         machine = self.prepared()
@@ -533,27 +382,6 @@ class BrokenChunks(Consolidate):
                 self.expect_unfinished(machine, plain, index * CHUNK)
         self.expect_folded(machine, plain)
 
-    def test_a_damaged_chunk_that_the_top_replaced_is_not_read(self):
-        machine = self.prepared()
-        plain = self.chain(machine)
-        self.flip_chunk(machine, "a.vrnx", 1)
-        self.flip_chunk(machine, "b.vrnx", 1)
-        self.flip_chunk(machine, "a.vrnx", 4)
-        self.expect(self.consolidate(machine, path="c.vrnx"), 0, consolidate_text("out.vrnx", SIZE, CHUNK))
-        self.expect_good_image(machine, "out.vrnx", plain)
-
-    def test_a_full_disk_ends_the_run(self):
-        for effect, torn, error in (({"error": 112}, 0, fatal(WRITE_FAILED, 112)),
-                                    ({"error": 112, "transferred": 1000}, 1000, fatal(WRITE_FAILED, 112)),
-                                    ({"transferred": 1000}, 1000, fatal(WRITE_FAILED))):
-            machine = self.prepared()
-            plain = self.chain(machine)
-            machine.add_fault("WriteFile", skip=2, **effect)
-            self.expect(self.consolidate(machine, path="c.vrnx"), 1, meter_run(SIZE, CHUNK, upto=2), error)
-            machine.clear_faults()
-            self.expect_unfinished(machine, plain, 2 * CHUNK + torn)
-            self.expect_folded(machine, plain)
-
 
 class ClosingVerification(Consolidate):
     """The output is complete when it is read back; what is wrong with it is told, and it stays where it lies."""
@@ -568,18 +396,6 @@ class ClosingVerification(Consolidate):
                     "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n",
                     "Verify FAILED - 1 of 5 chunks did not match. Do not trust this image for restore.\n")
         self.expect_file(machine, "out.vrnx", plain_full_image(plain, CHUNK))
-
-    def test_a_sealed_chunk_that_reads_back_wrongly_fails_the_run(self):
-        machine = self.prepared()
-        plain, _ = self.full(machine)
-        machine.add_fault("ReadFile", path="out.vrnx", skip=2, times=2, flip=5)
-        self.expect(self.consolidate(machine, "--encrypt", "--password-file", "password"), 1,
-                    folded_text("out.vrnx", SIZE, CHUNK) + "Verifying out.vrnx  (5 chunks, 0.00 GiB source disk)\n"
-                    "\n  chunk 0 (disk offset 0): AUTHENTICATION FAILED (corrupt or tampered)\n"
-                    "\n  chunk 1 (disk offset 4096): AUTHENTICATION FAILED (corrupt or tampered)\n"
-                    "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n", verify_failed(2, 5))
-        machine.clear_faults()
-        self.expect_good_image(machine, "out.vrnx", plain, PASSWORD)
 
 
 if __name__ == "__main__":
