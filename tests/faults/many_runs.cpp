@@ -31,12 +31,7 @@
 #include "cli/command_line.h"
 #include "crypto/sha256.h"
 
-extern "C" {
-NTSTATUS __real_BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt,
-                                      ULONG saltLength, ULONGLONG iterations, PUCHAR key, ULONG keyLength, ULONG flags);
-NTSTATUS __wrap_BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt,
-                                      ULONG saltLength, ULONGLONG iterations, PUCHAR key, ULONG keyLength, ULONG flags);
-}
+extern "C" decltype(BCryptDeriveKeyPBKDF2) __real_BCryptDeriveKeyPBKDF2, __wrap_BCryptDeriveKeyPBKDF2;
 
 namespace {
 
@@ -199,13 +194,11 @@ void* operator new[](size_t size) {
 }
 
 // The library's own would do for these, but for the sanitizers, whose heap is told apart from this one.
-void* operator new(size_t size, const std::nothrow_t& tag) noexcept {
-    (void)tag;
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return TryToAllocate(size);
 }
 
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
-    (void)tag;
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
     return TryToAllocate(size);
 }
 
@@ -217,13 +210,11 @@ void operator delete[](void* block) noexcept {
     std::free(block);
 }
 
-void operator delete(void* block, size_t size) noexcept {
-    (void)size;
+void operator delete(void* block, size_t) noexcept {
     std::free(block);
 }
 
-void operator delete[](void* block, size_t size) noexcept {
-    (void)size;
+void operator delete[](void* block, size_t) noexcept {
     std::free(block);
 }
 

@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace vornix {
@@ -35,44 +36,27 @@ bool FlagIn(std::vector<std::string> words, const char* name) {
     return HasFlag(arguments.count(), arguments.values(), name);
 }
 
-TEST(Options, ValueIsTheArgumentBehindTheName) {
-    EXPECT_EQ(ValueOf({"vornix", "capture", "--out", "x"}, "--out"), "x");
+TEST(Options, AValueIsTheArgumentBehindTheFirstOfItsName) {
+    const std::vector<std::tuple<std::vector<std::string>, const char*, const char*>> rows{
+        {{"vornix", "capture", "--out", "x"}, "--out", "x"},
+        {{"vornix", "capture", "a", "b"}, "--out", "default"},
+        {{"vornix", "capture", "--OuT", "x"}, "--out", "x"},
+        {{"vornix", "capture", "--\xC4", "x"}, "--\xE4", "default"}, // only ASCII letters are folded
+        {{"vornix", "capture", "--disk"}, "--disk", "default"},
+        {{"vornix", "capture", "--disk", "1", "--disk", "2"}, "--disk", "1"},
+        {{"vornix", "capture", "--out", "--vss"}, "--out", "--vss"},
+        {{"vornix", "--out", "x"}, "--out", "x"}, // the scan begins at the command word
+        {{"--out", "x", "y"}, "--out", "default"},
+    };
+    for (const auto& [words, name, value] : rows) {
+        EXPECT_EQ(ValueOf(words, name), value) << testing::PrintToString(words);
+    }
 }
 
-TEST(Options, AbsentNameGivesTheDefault) {
-    EXPECT_EQ(ValueOf({"vornix", "capture", "a", "b"}, "--out"), "default");
-}
-
-TEST(Options, NamesMatchWithoutRegardToAsciiCase) {
-    EXPECT_EQ(ValueOf({"vornix", "capture", "--OuT", "x"}, "--out"), "x");
+TEST(Options, AFlagMayStandAnywhereFromTheCommandWordOn) {
     EXPECT_TRUE(FlagIn({"vornix", "capture", "--VSS"}, "--vss"));
-}
-
-TEST(Options, LettersBeyondAsciiAreNotFolded) {
-    EXPECT_EQ(ValueOf({"vornix", "capture", "--\xC4", "x"}, "--\xE4"), "default");
-}
-
-TEST(Options, NameAsLastArgumentHasNoValue) {
-    EXPECT_EQ(ValueOf({"vornix", "capture", "--disk"}, "--disk"), "default");
-}
-
-TEST(Options, FirstOfRepeatedNamesCounts) {
-    EXPECT_EQ(ValueOf({"vornix", "capture", "--disk", "1", "--disk", "2"}, "--disk"), "1");
-}
-
-TEST(Options, ValueMayLookLikeAnOptionAndIsAFlagAsWell) {
-    EXPECT_EQ(ValueOf({"vornix", "capture", "--out", "--vss"}, "--out"), "--vss");
     EXPECT_TRUE(FlagIn({"vornix", "capture", "--out", "--vss"}, "--vss"));
-}
-
-TEST(Options, ScanBeginsAtTheCommandWord) {
-    EXPECT_EQ(ValueOf({"vornix", "--out", "x"}, "--out"), "x");
-    EXPECT_EQ(ValueOf({"--out", "x", "y"}, "--out"), "default");
     EXPECT_FALSE(FlagIn({"--vss"}, "--vss"));
-}
-
-TEST(Options, FlagAsLastArgumentIsFound) {
-    EXPECT_TRUE(FlagIn({"vornix", "capture", "--thin"}, "--thin"));
 }
 
 TEST(Options, NoArgumentsAtAllGiveDefaultAndFalse) {
@@ -81,16 +65,16 @@ TEST(Options, NoArgumentsAtAllGiveDefaultAndFalse) {
 }
 
 TEST(ParseInt, ReadsUpToTheFirstCharacterThatIsNoDigit) {
-    EXPECT_EQ(ParseInt("12abc"), 12);
-    EXPECT_EQ(ParseInt(" 3"), 3);
-    EXPECT_EQ(ParseInt("\t\n+7 8"), 7);
-    EXPECT_EQ(ParseInt("-2"), -2);
-    EXPECT_EQ(ParseInt("0x10"), 0);
-}
-
-TEST(ParseInt, TakesTheWholeRangeOf32Bits) {
-    EXPECT_EQ(ParseInt("2147483647"), 2147483647);
-    EXPECT_EQ(ParseInt("-2147483648"), -2147483647 - 1);
+    const std::vector<std::pair<const char*, int>> rows{{"12abc", 12},
+                                                        {" 3", 3},
+                                                        {"\t\n+7 8", 7},
+                                                        {"-2", -2},
+                                                        {"0x10", 0},
+                                                        {"2147483647", 2147483647},
+                                                        {"-2147483648", -2147483647 - 1}};
+    for (const auto& [text, number] : rows) {
+        EXPECT_EQ(ParseInt(text), number) << text;
+    }
 }
 
 template <typename Exception>

@@ -5,57 +5,39 @@
 
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace vornix {
 namespace {
 
 TEST(WidenPath, SignExtendsEachByteToOneUnit) {
-    const std::wstring wide = WidenPath("a\x7F\x80\xC3\xFF");
-    ASSERT_EQ(wide.size(), 5U);
-    EXPECT_EQ(static_cast<unsigned>(wide[0]), 0x61U);
-    EXPECT_EQ(static_cast<unsigned>(wide[1]), 0x7FU);
-    EXPECT_EQ(static_cast<unsigned>(wide[2]), 0xFF80U);
-    EXPECT_EQ(static_cast<unsigned>(wide[3]), 0xFFC3U);
-    EXPECT_EQ(static_cast<unsigned>(wide[4]), 0xFFFFU);
-}
-
-TEST(WidenPath, EmptyStaysEmpty) {
+    EXPECT_EQ(WidenPath("a\x7F\x80\xC3\xFF"), (std::wstring{0x61, 0x7F, 0xFF80, 0xFFC3, 0xFFFF}));
     EXPECT_TRUE(WidenPath("").empty());
 }
 
-TEST(DirectoryOfPath, EndsBehindTheLastSeparatorOfEitherKind) {
-    EXPECT_EQ(DirectoryOfPath("a/b\\c"), "a/b\\");
-    EXPECT_EQ(DirectoryOfPath("a\\b/c"), "a\\b/");
-    EXPECT_EQ(DirectoryOfPath("/c"), "/");
-    EXPECT_EQ(DirectoryOfPath("a/"), "a/");
-}
-
-TEST(DirectoryOfPath, ColonIsNoSeparator) {
-    EXPECT_EQ(DirectoryOfPath("C:image.vrnx"), "");
-}
-
-TEST(DirectoryOfPath, DrivesSharesAndDevicesAreTextLikeAnyOther) {
-    EXPECT_EQ(DirectoryOfPath("C:\\image.vrnx"), "C:\\");
-    EXPECT_EQ(DirectoryOfPath("Z:/a folder/image.vrnx"), "Z:/a folder/");
-    EXPECT_EQ(DirectoryOfPath("C:folder\\image.vrnx"), "C:folder\\");
-    EXPECT_EQ(DirectoryOfPath("\\\\server\\share\\image.vrnx"), "\\\\server\\share\\");
-    EXPECT_EQ(DirectoryOfPath("\\\\?\\C:\\image.vrnx"), "\\\\?\\C:\\");
-}
-
-TEST(DirectoryOfPath, BytesBeyondAsciiAreNoSeparators) {
-    EXPECT_EQ(DirectoryOfPath("\xC3\xA4/\xDC\xAF\x5C\xFF"), "\xC3\xA4/\xDC\xAF\x5C");
-    EXPECT_EQ(DirectoryOfPath("\xDC\xAF"), "");
-}
-
-TEST(DirectoryOfPath, BareNameAndEmptyPathHaveNone) {
-    EXPECT_EQ(DirectoryOfPath("image.vrnx"), "");
-    EXPECT_EQ(DirectoryOfPath(""), "");
-}
-
-TEST(FileNameOfPath, IsWhatStandsBehindTheFolder) {
-    EXPECT_EQ(FileNameOfPath("a/b\\c"), "c");
-    EXPECT_EQ(FileNameOfPath("C:image.vrnx"), "C:image.vrnx");
-    EXPECT_EQ(FileNameOfPath("a/"), "");
+// A colon is no separator, nor is a byte beyond ASCII: drives, shares and devices are text like any other.
+TEST(Paths, AFolderEndsBehindTheLastSeparatorOfEitherKind) {
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {"a/b\\", "c"},
+        {"a\\b/", "c"},
+        {"/", "c"},
+        {"a/", ""},
+        {"", "C:image.vrnx"},
+        {"C:\\", "image.vrnx"},
+        {"Z:/a folder/", "image.vrnx"},
+        {"C:folder\\", "image.vrnx"},
+        {"\\\\server\\share\\", "image.vrnx"},
+        {"\\\\?\\C:\\", "image.vrnx"},
+        {"\xC3\xA4/\xDC\xAF\x5C", "\xFF"},
+        {"", "\xDC\xAF"},
+        {"", "image.vrnx"},
+        {"", ""},
+    };
+    for (const auto& [folder, name] : rows) {
+        EXPECT_EQ(DirectoryOfPath(folder + name), folder);
+        EXPECT_EQ(FileNameOfPath(folder + name), name);
+    }
 }
 
 TEST(ResolvePath, GivesNothingForAPathThatWouldBeTooLong) {

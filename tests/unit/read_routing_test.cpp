@@ -11,136 +11,83 @@ namespace vornix {
 namespace {
 
 constexpr uint32_t sector = 512;
-constexpr uint32_t chunk = 0x400000;
+constexpr uint64_t chunk = 0x400000;
 constexpr uint64_t start = 0x100000;
+constexpr uint64_t end = start + 3 * chunk;
+constexpr uint64_t largest = 0x4000000;
+constexpr uint64_t distant = uint64_t{5} << 40;
+constexpr uint64_t border = chunk + 3 * sector;
 
-HANDLE HandleOf(uintptr_t number) {
-    return reinterpret_cast<HANDLE>(number);
-}
-
-const HANDLE liveDisk = HandleOf(1);
-const HANDLE firstShadow = HandleOf(2);
-const HANDLE secondShadow = HandleOf(3);
-
-// A source as a text that a failed comparison shows: "live" or the shadow's number, and the offset.
-struct Routed {
-    uintptr_t Device;
-    uint64_t Offset;
-    bool operator==(const Routed&) const = default;
+// What stands for a handle.
+enum Device : uintptr_t {
+    live = 1,
+    first,
+    second
 };
 
-Routed Route(const std::vector<SnapshotRange>& ranges, uint64_t offset, uint32_t length, bool vss = true) {
-    const ReadSource source = SelectReadSource(ranges, vss, offset, length, liveDisk);
-    return {reinterpret_cast<uintptr_t>(source.Device), source.Offset};
+SnapshotRange Range(uint64_t from, uint64_t to, Device shadow) {
+    return {from, to, reinterpret_cast<HANDLE>(shadow)};
 }
 
-Routed Live(uint64_t offset) {
-    return {1, offset};
-}
+// Three chunks long, and off every chunk boundary of the disk; and two that meet.
+const SnapshotRange range = Range(start, end, first);
+const std::vector<SnapshotRange> twoRanges{Range(0, border, first), Range(border, 3 * chunk, second)};
 
-Routed First(uint64_t offset) {
-    return {2, offset};
-}
+struct Case {
+    const char* What;
+    std::vector<SnapshotRange> Ranges;
+    uint64_t Offset;
+    uint64_t Length;
+    Device Serves; // the live disk at the disk's own offset
+    uint64_t At = 0;
+};
 
-Routed Second(uint64_t offset) {
-    return {3, offset};
-}
+const std::vector<Case> cases{
+    {"no range", {}, 7 * chunk, sector, live},
+    {"at the start: byte zero of the shadow", {range}, start, chunk, first, 0},
+    {"inside: at its distance from the start", {range}, start + sector, chunk, first, sector},
+    {"one sector before the start", {range}, start - sector, chunk, live},
+    {"to the very end", {range}, start + 2 * chunk, chunk, first, 2 * chunk},
+    {"one sector past the end", {range}, start + 2 * chunk + sector, chunk, live},
+    {"the same with one sector less", {range}, start + 2 * chunk + sector, chunk - sector, first, 2 * chunk + sector},
+    {"the whole range", {Range(start, start + sector, first)}, start, sector, first, 0},
+    {"around the range", {Range(sector, chunk - sector, first)}, 0, chunk, live},
+    {"around the range from its start", {Range(0, chunk - sector, first)}, 0, chunk, live},
+    {"around the range to its end", {Range(sector, chunk, first)}, 0, chunk, live},
+    {"far before the range", {range}, 0, sector, live},
+    {"right before the range", {range}, start - chunk / 4, chunk / 4, live},
+    {"right behind the range", {range}, end, chunk, live},
+    {"across two ranges", twoRanges, chunk, chunk, live},
+    {"before their border", twoRanges, 0, chunk, first, 0},
+    {"behind their border", twoRanges, 2 * chunk, chunk, second, 2 * chunk - border},
+    {"in the last of three",
+     {range, Range(0, sector, first), Range(chunk, 8 * chunk, second)},
+     6 * chunk,
+     chunk,
+     second,
+     5 * chunk},
+    {"in two at once", {Range(0, 4 * chunk, first), Range(chunk, 2 * chunk, second)}, chunk, chunk, first, chunk},
+    {"a short last chunk", {Range(chunk, chunk + 7 * sector, first)}, chunk, 7 * sector, first, 0},
+    {"a sector more than that", {Range(chunk, chunk + 7 * sector, first)}, chunk, 8 * sector, live},
+    {"beyond 32 bits", {Range(sector, distant + chunk, first)}, distant, chunk, first, distant - sector},
+    {"past an end beyond 32 bits", {Range(sector, distant + chunk, first)}, distant + sector, chunk, live},
+    {"inside by the low halves alone", {Range(0, chunk, first)}, uint64_t{1} << 32, chunk, live},
+    {"64 MiB", {Range(0, largest, first)}, 0, largest, first, 0},
+    {"64 MiB in less", {Range(0, largest - sector, first)}, 0, largest, live},
+};
 
-// One range, three chunks long, that starts off every chunk boundary of the disk.
-const std::vector<SnapshotRange> oneRange{{start, start + 3 * uint64_t{chunk}, firstShadow}};
-
-TEST(ReadRouting, WithoutVssEverythingIsLiveAtItsDiskOffset) {
-    EXPECT_EQ(Route(oneRange, start, chunk, false), Live(start));
-    EXPECT_EQ(Route(oneRange, start + chunk, chunk, false), Live(start + chunk));
-    EXPECT_EQ(Route({}, 0, chunk, false), Live(0));
-}
-
-TEST(ReadRouting, AnEmptyListIsLive) {
-    EXPECT_EQ(Route({}, 0, chunk), Live(0));
-    EXPECT_EQ(Route({}, 7 * uint64_t{chunk}, sector), Live(7 * uint64_t{chunk}));
-}
-
-TEST(ReadRouting, AChunkAtTheStartReadsFromByteZeroOfTheShadow) {
-    EXPECT_EQ(Route(oneRange, start, chunk), First(0));
-}
-
-TEST(ReadRouting, AChunkInsideReadsAtItsDistanceFromTheStart) {
-    EXPECT_EQ(Route(oneRange, start + sector, chunk), First(sector));
-    EXPECT_EQ(Route(oneRange, start + chunk, chunk), First(chunk));
-}
-
-TEST(ReadRouting, AChunkOneSectorBeforeTheStartIsLive) {
-    EXPECT_EQ(Route(oneRange, start - sector, chunk), Live(start - sector));
-}
-
-TEST(ReadRouting, AChunkThatEndsExactlyAtTheEndMatches) {
-    EXPECT_EQ(Route(oneRange, start + 2 * uint64_t{chunk}, chunk), First(2 * uint64_t{chunk}));
-}
-
-TEST(ReadRouting, AChunkThatEndsOneSectorPastTheEndIsLive) {
-    const uint64_t offset = start + 2 * uint64_t{chunk} + sector;
-    EXPECT_EQ(Route(oneRange, offset, chunk), Live(offset));
-    // The same place with one sector less fits.
-    EXPECT_EQ(Route(oneRange, offset, chunk - sector), First(2 * uint64_t{chunk} + sector));
-}
-
-TEST(ReadRouting, AChunkThatIsTheWholeRangeMatches) {
-    EXPECT_EQ(Route({{start, start + sector, firstShadow}}, start, sector), First(0));
-}
-
-TEST(ReadRouting, ARangeInsideAChunkServesNothing) {
-    EXPECT_EQ(Route({{sector, chunk - sector, firstShadow}}, 0, chunk), Live(0));
-    EXPECT_EQ(Route({{0, chunk - sector, firstShadow}}, 0, chunk), Live(0));
-    EXPECT_EQ(Route({{sector, chunk, firstShadow}}, 0, chunk), Live(0));
-}
-
-TEST(ReadRouting, ChunksBeforeAndBehindARangeAreLive) {
-    EXPECT_EQ(Route(oneRange, 0, sector), Live(0));
-    EXPECT_EQ(Route(oneRange, start - chunk / 4, chunk / 4), Live(start - chunk / 4));
-    const uint64_t end = start + 3 * uint64_t{chunk};
-    EXPECT_EQ(Route(oneRange, end, chunk), Live(end));
-}
-
-TEST(ReadRouting, AChunkAcrossTwoAdjacentRangesIsLiveAndItsNeighboursAreNot) {
-    const uint64_t border = uint64_t{chunk} + 3 * sector;
-    const std::vector<SnapshotRange> ranges{{0, border, firstShadow}, {border, 3 * uint64_t{chunk}, secondShadow}};
-    EXPECT_EQ(Route(ranges, 0, chunk), First(0));
-    EXPECT_EQ(Route(ranges, chunk, chunk), Live(chunk));
-    EXPECT_EQ(Route(ranges, 2 * uint64_t{chunk}, chunk), Second(2 * uint64_t{chunk} - border));
-}
-
-TEST(ReadRouting, ARangeBehindOthersIsFound) {
-    const std::vector<SnapshotRange> ranges{
-        {0, sector, firstShadow}, {sector, 2 * sector, firstShadow}, {chunk, 2 * uint64_t{chunk}, secondShadow}};
-    EXPECT_EQ(Route(ranges, chunk, chunk), Second(0));
-}
-
-TEST(ReadRouting, TheFirstOfTwoMatchesServes) {
-    const std::vector<SnapshotRange> ranges{{0, 4 * uint64_t{chunk}, firstShadow},
-                                            {chunk, 2 * uint64_t{chunk}, secondShadow}};
-    EXPECT_EQ(Route(ranges, chunk, chunk), First(chunk));
-}
-
-TEST(ReadRouting, AShortLastChunkCountsWithItsOwnLength) {
-    const std::vector<SnapshotRange> ranges{{chunk, chunk + 7 * sector, firstShadow}};
-    EXPECT_EQ(Route(ranges, chunk, 7 * sector), First(0));
-    EXPECT_EQ(Route(ranges, chunk, 8 * sector), Live(chunk));
-    EXPECT_EQ(Route(ranges, chunk, chunk), Live(chunk));
-}
-
-TEST(ReadRouting, OffsetsBeyond32BitsAreKeptWhole) {
-    const uint64_t distant = uint64_t{5} << 40;
-    const std::vector<SnapshotRange> ranges{{sector, distant + chunk, firstShadow}};
-    EXPECT_EQ(Route(ranges, distant, chunk), First(distant - sector));
-    EXPECT_EQ(Route(ranges, distant + sector, chunk), Live(distant + sector));
-    // The low halves alone would match here.
-    EXPECT_EQ(Route({{0, chunk, firstShadow}}, uint64_t{1} << 32, chunk), Live(uint64_t{1} << 32));
-}
-
-TEST(ReadRouting, ALengthOf64MebibytesIsNoLessWhole) {
-    constexpr uint32_t largest = 0x4000000;
-    EXPECT_EQ(Route({{0, largest, firstShadow}}, 0, largest), First(0));
-    EXPECT_EQ(Route({{0, largest - sector, firstShadow}}, 0, largest), Live(0));
+TEST(ReadRouting, AChunkComesWholeFromTheFirstRangeThatHoldsItOrElseFromTheLiveDisk) {
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.What);
+        const auto expect = [&](bool vss, Device device, uint64_t offset) {
+            const ReadSource source = SelectReadSource(row.Ranges, vss, row.Offset, static_cast<uint32_t>(row.Length),
+                                                       reinterpret_cast<HANDLE>(live));
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(source.Device), device);
+            EXPECT_EQ(source.Offset, offset);
+        };
+        expect(true, row.Serves, row.Serves == live ? row.Offset : row.At);
+        expect(false, live, row.Offset);
+    }
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <string>
@@ -23,9 +24,7 @@ namespace {
 
 Sha256Digest CountingDigest() {
     Sha256Digest digest;
-    for (size_t i = 0; i < digest.size(); ++i) {
-        digest[i] = static_cast<uint8_t>(0xA0 + i);
-    }
+    std::iota(digest.begin(), digest.end(), uint8_t{0xA0});
     return digest;
 }
 
@@ -73,13 +72,6 @@ TEST(BuildThinTrailer, LaysOutItsFieldsOneBehindTheOther) {
     EXPECT_EQ(std::memcmp(bytes.data() + 51, "\x37\0\0\0", 4), 0);
 }
 
-TEST(BuildThinTrailer, TakesTheNameAsItIs) {
-    const std::string name("a\0b:/\\\xFF", 7);
-    const std::vector<uint8_t> bytes = Trailer(name);
-    ASSERT_EQ(bytes.size(), 48u + 7u);
-    EXPECT_EQ(std::string(bytes.begin() + 12, bytes.begin() + 19), name);
-}
-
 TEST(BuildThinTrailer, LengthsAreLittleEndian) {
     const std::vector<uint8_t> bytes = Trailer(std::string(0x102, 'n'));
     EXPECT_EQ(bytes[8], 0x02);
@@ -88,30 +80,20 @@ TEST(BuildThinTrailer, LengthsAreLittleEndian) {
     EXPECT_EQ(bytes[bytes.size() - 3], 0x01);
 }
 
+// The bytes of the name are not looked at, nor is what lies between the data and the trailer.
 TEST(ReadThinTrailer, GivesNameAndDigest) {
-    for (const size_t length : {1u, 2u, 7u, 255u, 4047u, 4048u}) {
-        const std::string name(length, 'n');
-        const ThinTrailer read = ThinFile(100, Trailer(name)).Read();
-        EXPECT_EQ(read.BaseName, name);
-        EXPECT_EQ(read.BaseDigest, CountingDigest());
+    for (const std::string& name : {std::string("n"), std::string("\0:/\\\xFF\n", 6), std::string(255, 'n'),
+                                    std::string(4047, 'n'), std::string(4048, 'n')}) {
+        for (const uint64_t dataEnd : {0u, 136u}) {
+            for (const size_t between : {0u, 1000u}) {
+                std::vector<uint8_t> rest = Trailer(name);
+                rest.insert(rest.begin(), between, 0xEE);
+                const ThinTrailer read = ThinFile(dataEnd, rest).Read();
+                EXPECT_EQ(read.BaseName, name);
+                EXPECT_EQ(read.BaseDigest, CountingDigest());
+            }
+        }
     }
-}
-
-TEST(ReadThinTrailer, TheTrailerMayBeginWhereTheDataEnd) {
-    EXPECT_EQ(ThinFile(0, Trailer("base")).Read().BaseName, "base");
-    EXPECT_EQ(ThinFile(136, Trailer("base")).Read().BaseName, "base");
-}
-
-TEST(ReadThinTrailer, WhatLiesBetweenDataAndTrailerIsIgnored) {
-    std::vector<uint8_t> rest(1000, 0xEE);
-    const std::vector<uint8_t> trailer = Trailer("base");
-    rest.insert(rest.end(), trailer.begin(), trailer.end());
-    EXPECT_EQ(ThinFile(100, rest).Read().BaseName, "base");
-}
-
-TEST(ReadThinTrailer, BytesOfANameAreNotLookedAt) {
-    const std::string name("\0:/\\\xFF\n", 6);
-    EXPECT_EQ(ThinFile(10, Trailer(name)).Read().BaseName, name);
 }
 
 TEST(FindBaseImage, LooksInTheFolderOfTheImage) {
@@ -132,30 +114,29 @@ ImageHeader Shape(uint64_t diskSize, uint32_t chunkSize, uint64_t chunkCount) {
     return header;
 }
 
+// How the proof ends for a base of this digest and shape.
+ProcessEnd EndOfProof(const Sha256Digest& digest, const ImageHeader& base) {
+    return EndOf([&] { ProveBaseImage("x/base", {"base", CountingDigest()}, digest, base, Shape(5000, 4096, 2)); });
+}
+
 TEST(ProveBaseImage, TakesTheBaseThatIsPinnedWhateverTheOtherFieldsSay) {
     ImageHeader base = Shape(5000, 4096, 2);
-    const ImageHeader image = Shape(5000, 4096, 2);
     base.SectorSize = 4096;
     base.Version = fullImageVersion;
     base.Encrypted = 1;
     base.Epoch.fill(1);
     base.Salt.fill(2);
     base.KdfIterations = writtenKdfIterations;
-    const ProcessEnd end = EndOf([&] {
-        ProveBaseImage("base", {"base", CountingDigest()}, CountingDigest(), base, image);
-    });
+    const ProcessEnd end = EndOfProof(CountingDigest(), base);
     EXPECT_EQ(end.Status, std::nullopt);
     EXPECT_EQ(end.Errors, "");
 }
 
 TEST(ProveBaseImage, RefusesEveryOtherDigest) {
-    const ImageHeader header = Shape(5000, 4096, 2);
     for (const size_t byte : {0u, 15u, 31u}) {
         Sha256Digest other = CountingDigest();
         other[byte] ^= 1;
-        const ProcessEnd end = EndOf([&] {
-            ProveBaseImage("x/base", {"base", CountingDigest()}, other, header, header);
-        });
+        const ProcessEnd end = EndOfProof(other, Shape(5000, 4096, 2));
         EXPECT_EQ(end.Status, 1);
         EXPECT_THAT(end.Errors,
                     testing::StartsWith(
@@ -165,11 +146,8 @@ TEST(ProveBaseImage, RefusesEveryOtherDigest) {
 }
 
 TEST(ProveBaseImage, RefusesAnotherShape) {
-    const ImageHeader image = Shape(5000, 4096, 2);
     for (const ImageHeader& base : {Shape(5001, 4096, 2), Shape(5000, 4608, 2), Shape(5000, 4096, 3)}) {
-        const ProcessEnd end = EndOf([&] {
-            ProveBaseImage("base", {"base", CountingDigest()}, CountingDigest(), base, image);
-        });
+        const ProcessEnd end = EndOfProof(CountingDigest(), base);
         EXPECT_EQ(end.Status, 1);
         EXPECT_THAT(end.Errors, testing::StartsWith("FATAL: base image geometry differs from the thin image"));
     }

@@ -25,26 +25,6 @@ std::vector<uint8_t> BitmapWith(size_t bytes, size_t bit) {
     return bitmap;
 }
 
-TEST(TrackerRangeChanged, AnEmptyBitmapMeansThatEverythingChanged) {
-    const TrackerState state = MakeState(16, {});
-    EXPECT_TRUE(TrackerRangeChanged(state, 0, 1));
-    EXPECT_TRUE(TrackerRangeChanged(state, 0x400000, 0x400000));
-}
-
-TEST(TrackerRangeChanged, TheFirstByteLooksAtExactlyBit0) {
-    EXPECT_TRUE(TrackerRangeChanged(MakeState(16, {0x01}), 0, 1));
-    EXPECT_FALSE(TrackerRangeChanged(MakeState(16, {0xFE}), 0, 1));
-}
-
-TEST(TrackerRangeChanged, TheLeastSignificantBitOfAByteComesFirst) {
-    for (uint64_t bit = 0; bit < 24; ++bit) {
-        const TrackerState state = MakeState(16, BitmapWith(3, bit));
-        for (uint64_t asked = 0; asked < 24; ++asked) {
-            EXPECT_EQ(TrackerRangeChanged(state, asked << 16, 0x10000), asked == bit) << bit << " asked " << asked;
-        }
-    }
-}
-
 TEST(TrackerRangeChanged, AChunkLooksAtAllItsBitsAndAtNoOther) {
     // 64 KiB a bit: the chunk at 0xC00000 is bits 192 to 255, all of the bitmap's bytes 24 to 31.
     for (size_t bit = 0; bit < 400; ++bit) {
@@ -53,37 +33,12 @@ TEST(TrackerRangeChanged, AChunkLooksAtAllItsBitsAndAtNoOther) {
     }
 }
 
-TEST(TrackerRangeChanged, AShortLastChunkLooksAtTheBitsOfItsTrueLength) {
-    const std::vector<uint8_t> secondBit = {0x02};
-    EXPECT_FALSE(TrackerRangeChanged(MakeState(16, secondBit), 0, 0x10000));
-    EXPECT_TRUE(TrackerRangeChanged(MakeState(16, secondBit), 0, 0x10001));
-    EXPECT_TRUE(TrackerRangeChanged(MakeState(16, secondBit), 0xFFFF, 2));
-    EXPECT_FALSE(TrackerRangeChanged(MakeState(16, secondBit), 0xFFFF, 1));
-}
-
 TEST(TrackerRangeChanged, ARangeThatEndsBehindTheBitmapCountsAsChanged) {
     const TrackerState clear = MakeState(16, std::vector<uint8_t>(8));
     EXPECT_FALSE(TrackerRangeChanged(clear, 0, 0x400000));
     EXPECT_TRUE(TrackerRangeChanged(clear, 0, 0x400001));
-    EXPECT_TRUE(TrackerRangeChanged(clear, 0x400000, 1));
     EXPECT_TRUE(TrackerRangeChanged(clear, uint64_t{1} << 40, 1));
-}
-
-TEST(TrackerRangeChanged, AShiftOf0HasABitForEachByte) {
-    const TrackerState state = MakeState(0, BitmapWith(4, 17));
-    EXPECT_FALSE(TrackerRangeChanged(state, 0, 17));
-    EXPECT_TRUE(TrackerRangeChanged(state, 0, 18));
-    EXPECT_TRUE(TrackerRangeChanged(state, 17, 1));
-    EXPECT_FALSE(TrackerRangeChanged(state, 18, 14));
-    EXPECT_TRUE(TrackerRangeChanged(state, 18, 15));
-}
-
-TEST(TrackerRangeChanged, OneBitMayCoverSeveralChunks) {
-    const TrackerState state = MakeState(24, {0x02});
-    EXPECT_FALSE(TrackerRangeChanged(state, 0xC00000, 0x400000));
-    EXPECT_TRUE(TrackerRangeChanged(state, 0x1000000, 0x400000));
-    EXPECT_TRUE(TrackerRangeChanged(state, 0x1C00000, 0x400000));
-    EXPECT_FALSE(TrackerRangeChanged(state, 0x2000000, 0x400000));
+    EXPECT_TRUE(TrackerRangeChanged(MakeState(16, {}), 0x400000, 0x400000));
 }
 
 TEST(TrackerRangeChanged, TheShiftCountsModulo64) {
@@ -103,9 +58,10 @@ TEST(TrackerRangeChanged, TheLargestShiftHasTwoBitsForAllDisks) {
 
 // Every range over a small disk, held against a look at each of its bytes.
 TEST(TrackerRangeChanged, AgreesWithALookAtEachByte) {
-    const std::vector<std::vector<uint8_t>> bitmaps = {{},     {0x00},       {0x01},       {0x80},
-                                                       {0x24}, {0x00, 0x00}, {0x80, 0x01}, {0x00, 0x40}};
-    uint32_t changedRanges = 0;
+    std::vector<std::vector<uint8_t>> bitmaps = {{}, {0x00}, {0xFE}, {0x24}, {0x00, 0x00}, {0x80, 0x01}};
+    for (size_t bit = 0; bit < 16; ++bit) {
+        bitmaps.push_back(BitmapWith(2, bit));
+    }
     for (uint32_t shift = 0; shift < 5; ++shift) {
         for (const std::vector<uint8_t>& bitmap : bitmaps) {
             const TrackerState state = MakeState(shift, bitmap);
@@ -116,12 +72,10 @@ TEST(TrackerRangeChanged, AgreesWithALookAtEachByte) {
                     expected = expected || bit / 8 >= bitmap.size() || (bitmap[bit / 8] >> bit % 8 & 1) != 0;
                     ASSERT_EQ(TrackerRangeChanged(state, offset, length), expected)
                         << "shift " << shift << ", " << length << " bytes at " << offset;
-                    changedRanges += expected ? 1 : 0;
                 }
             }
         }
     }
-    EXPECT_GT(changedRanges, 1000u);
 }
 
 TEST(TrackerOpen, WithoutADriverTheDeviceIsNotOpenedAndTheTrackerNotAvailable) {

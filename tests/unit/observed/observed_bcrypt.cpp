@@ -21,10 +21,15 @@ void Record(const char* name, const void* object) {
 
 extern "C" {
 
-NTSTATUS WINAPI __real_BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE* algorithm, LPCWSTR id, LPCWSTR implementation,
-                                                   ULONG flags);
-NTSTATUS WINAPI __wrap_BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE* algorithm, LPCWSTR id, LPCWSTR implementation,
-                                                   ULONG flags);
+// Both are of the type of the call that they stand for.
+#define OBSERVED(call) decltype(call) __real_##call, __wrap_##call
+OBSERVED(BCryptOpenAlgorithmProvider);
+OBSERVED(BCryptCloseAlgorithmProvider);
+OBSERVED(BCryptDeriveKeyPBKDF2);
+OBSERVED(BCryptGenerateSymmetricKey);
+OBSERVED(BCryptDestroyKey);
+#undef OBSERVED
+
 NTSTATUS WINAPI __wrap_BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE* algorithm, LPCWSTR id, LPCWSTR implementation,
                                                    ULONG flags) {
     const NTSTATUS status = __real_BCryptOpenAlgorithmProvider(algorithm, id, implementation, flags);
@@ -32,19 +37,11 @@ NTSTATUS WINAPI __wrap_BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE* algorithm,
     return status;
 }
 
-NTSTATUS WINAPI __real_BCryptCloseAlgorithmProvider(BCRYPT_ALG_HANDLE algorithm, ULONG flags);
-NTSTATUS WINAPI __wrap_BCryptCloseAlgorithmProvider(BCRYPT_ALG_HANDLE algorithm, ULONG flags);
 NTSTATUS WINAPI __wrap_BCryptCloseAlgorithmProvider(BCRYPT_ALG_HANDLE algorithm, ULONG flags) {
     Record("BCryptCloseAlgorithmProvider", algorithm);
     return __real_BCryptCloseAlgorithmProvider(algorithm, flags);
 }
 
-NTSTATUS WINAPI __real_BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt,
-                                             ULONG saltLength, ULONGLONG iterations, PUCHAR key, ULONG keyLength,
-                                             ULONG flags);
-NTSTATUS WINAPI __wrap_BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt,
-                                             ULONG saltLength, ULONGLONG iterations, PUCHAR key, ULONG keyLength,
-                                             ULONG flags);
 NTSTATUS WINAPI __wrap_BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt,
                                              ULONG saltLength, ULONGLONG iterations, PUCHAR key, ULONG keyLength,
                                              ULONG flags) {
@@ -59,10 +56,6 @@ NTSTATUS WINAPI __wrap_BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR passw
     return status;
 }
 
-NTSTATUS WINAPI __real_BCryptGenerateSymmetricKey(BCRYPT_ALG_HANDLE algorithm, BCRYPT_KEY_HANDLE* key, PUCHAR object,
-                                                  ULONG objectLength, PUCHAR secret, ULONG secretLength, ULONG flags);
-NTSTATUS WINAPI __wrap_BCryptGenerateSymmetricKey(BCRYPT_ALG_HANDLE algorithm, BCRYPT_KEY_HANDLE* key, PUCHAR object,
-                                                  ULONG objectLength, PUCHAR secret, ULONG secretLength, ULONG flags);
 NTSTATUS WINAPI __wrap_BCryptGenerateSymmetricKey(BCRYPT_ALG_HANDLE algorithm, BCRYPT_KEY_HANDLE* key, PUCHAR object,
                                                   ULONG objectLength, PUCHAR secret, ULONG secretLength, ULONG flags) {
     const NTSTATUS status =
@@ -76,8 +69,6 @@ NTSTATUS WINAPI __wrap_BCryptGenerateSymmetricKey(BCRYPT_ALG_HANDLE algorithm, B
     return status;
 }
 
-NTSTATUS WINAPI __real_BCryptDestroyKey(BCRYPT_KEY_HANDLE key);
-NTSTATUS WINAPI __wrap_BCryptDestroyKey(BCRYPT_KEY_HANDLE key);
 NTSTATUS WINAPI __wrap_BCryptDestroyKey(BCRYPT_KEY_HANDLE key) {
     Record("BCryptDestroyKey", key);
     return __real_BCryptDestroyKey(key);
