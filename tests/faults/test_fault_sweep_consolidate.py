@@ -9,7 +9,8 @@ from console import fatal
 from image import is_accepted
 from machine import SETTINGS
 from run_model import OUT, Consolidate, Scene, sweep_model
-from sweep import SAMPLE, Expected, sweep_kills
+from suite import require, require_equal
+from sweep import Expected, sweep_kills
 
 # What a digest alone calls. A run that derives keys takes long, so these are swept where there are none.
 DIGEST = {"BCryptCreateHash", "BCryptHashData", "BCryptFinishHash", "BCryptDestroyHash"}
@@ -77,18 +78,16 @@ class Kills(suite.Scenario):
                 return
             data = [line for line in lines if line["offset"] >= scene.table_end]
             starts = [line for line in lines if line["offset"] < scene.table_end]
-            if is_accepted(machine.path(OUT)) != (len(starts) == 2):
-                raise AssertionError("an unfinished file passes for an image, or a finished one does not")
+            require_equal(is_accepted(machine.path(OUT)), len(starts) == 2, "whether the file passes for an image")
             if not starts:
                 actual = machine.read(OUT)
                 half = actual[:scene.table_end] if call.line.get("offset") == 0 else b""
-                if any(actual[len(half):scene.table_end]):
-                    raise AssertionError("the start is not zero")
+                require(not any(actual[len(half):scene.table_end]), "the start is not zero")
                 count = sum(line["length"] for line in data)
-                if len(actual) < count or len(actual) > scene.table_end + count + torn:
-                    raise AssertionError(f"{len(actual)} bytes after {count} of chunk data")
-                if not seal and actual[scene.table_end:scene.table_end + count] != scene.disk[:count]:
-                    raise AssertionError("the chunk data differ")
+                require(count <= len(actual) <= scene.table_end + count + torn,
+                        f"{len(actual)} bytes after {count} of chunk data")
+                if not seal:
+                    require_equal(actual[scene.table_end:scene.table_end + count], scene.disk[:count], "chunk data")
 
         def again(machine, call):
             if not machine.exists(OUT):
@@ -96,20 +95,18 @@ class Kills(suite.Scenario):
             held = machine.read(OUT)
 
             def look(machine, result):
-                if machine.read(OUT) != held:
-                    raise AssertionError("the output was touched")
+                require_equal(machine.read(OUT), held, "the output")
                 if seal and not SETTINGS.long:
                     return
                 os.remove(machine.path(OUT))
                 third = machine.run(*arguments)
-                if third.status != clean.status or third.stdout != clean.stdout.encode():
-                    raise AssertionError(f"the run after the removal\n{third.describe()}")
+                require((third.status, third.stdout) == (clean.status, clean.stdout.encode()),
+                        f"the run after the removal\n{third.describe()}")
                 clean.check(machine, third)
             return Expected(1, "", fatal(ALREADY_THERE), look)
 
         clean, arguments = Consolidate(scene, seal=seal).run().expected(), arguments_of(scene, seal)
-        runs = sweep_kills(self, scene.reading, arguments, clean, after, again)
-        self.assertGreaterEqual(runs, SAMPLE if self.settings.sampled else 21)
+        sweep_kills(self, scene.reading, arguments, clean, after, again, least=21)
 
     def test_of_a_plain_chain(self):
         self.sweep(PAIR)

@@ -8,6 +8,7 @@ import suite
 from console import NO_TRACKER, capture_text, restore_text, source_line, verify_text
 from run_model import Capture, Restore, Scene, Verify, sweep_capture_kills, sweep_model
 from sealing import PASSWORD
+from suite import require
 
 DISK = Scene((), ("a",), ("b",))
 IMAGE = Scene(("a.vrnx",), ("a", "a"), ("b", "b"), ("c", "c"), chunk_size=4096, sealed=("a.vrnx",))
@@ -78,8 +79,8 @@ class KillSweep(suite.Scenario):
     def test_capture(self):
         def nothing_lies_open(machine, result, name, _finished):
             seen = json.dumps(result.log).encode() + result.stdout + machine.read(name)
-            if PASSWORD in seen or DISK.disk[100:132] in seen or DISK.disk[-100:-68] in seen:
-                raise AssertionError("password or disk lies open in what the run left")
+            for secret in (PASSWORD, DISK.disk[100:132], DISK.disk[-100:-68]):
+                require(secret not in seen, "password or disk lies open in what the run left")
 
         sweep_capture_kills(self, DISK, CAPTURE, TEXTS["capture"], 65, look=nothing_lies_open,
                             refused_text=source_line(1, DISK.size) + NO_TRACKER)

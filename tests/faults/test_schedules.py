@@ -25,7 +25,7 @@ import sys
 import image
 import suite
 from machine import SETTINGS, Machine, pattern
-from snapshot import OBJECT_NOT_FOUND, shadow_path, volume_name
+from snapshot import check_session, shadow_path, volume_name
 from sweep import LASTING, calls_of, effects_of
 
 CHUNK = 0x400000
@@ -36,7 +36,6 @@ PASSWORD = b"a password of the schedules"
 # none, the third is the rest of the disk as it is when the set is made.
 VOLUMES = [(CHUNK, CHUNK), (65536, 1048576), (2 * CHUNK, SIZE - 2 * CHUNK)]
 FROZEN = pattern(CHUNK, "frozen")
-SESSION = "IVssBackupComponents::"
 STEPS = 5
 STORIES = 2000 if SETTINGS.long and not SETTINGS.sampled else 4 if SETTINGS.sampled else 24
 KILLED = 137
@@ -164,38 +163,9 @@ class Story:
         self.images[name] = plain
         self.files[name] = self.machine.read(name)
 
-    def expect_session_ended(self, result, why):
-        """What the run began with the shadow service it has ended, in the order in which that may be done."""
-        def count(call, **fields):
-            return len(result.calls(call, **fields))
-
-        places = {line["call"]: place for place, line in enumerate(result.log)}  # the last of each
-        expect = self.test.assertEqual
-        for begin, end in (("CoInitializeEx", "CoUninitialize"), ("CreateVssBackupComponents", SESSION + "Release")):
-            expect(count(end), count(begin, status="0x00000000"), f"{why}: {begin}")
-        expect(count("IVssAsync::Release"), count("IVssAsync::Wait"), f"{why}: steps that were waited for")
-        shadows = [(place, line) for place, line in enumerate(result.log) if "ShadowCopy" in line.get("path", "")]
-        opened = [place for place, line in shadows if line["call"] == "CreateFileW" and line["ok"]]
-        closed = [place for place, line in shadows if line["call"] == "CloseHandle"]
-        expect(len(closed), len(opened), f"{why}: shadow devices that were closed")
-        has_set = count(SESSION + "GatherWriterStatus") == 1  # the first thing that is done with one
-        expect(count(SESSION + "DeleteSnapshots"), has_set, f"{why}: the set")
-        told = count(SESSION + "AbortBackup"), count(SESSION + "BackupComplete")
-        if not has_set:
-            expect((opened, told), ([], (0, 0)), f"{why}: no set was made")
-            return
-        self.test.assertLess(max(place for place, _ in shadows or [(-1, None)]),
-                             places[SESSION + "DeleteSnapshots"], f"{why}: a shadow device outlived its set")
-        deleted = int(result.calls(SESSION + "DeleteSnapshots")[0]["status"], 16)
-        expect(b"WARNING: could not delete the snapshot set" in result.stdout,
-               deleted & 0x80000000 != 0 and deleted != OBJECT_NOT_FOUND, f"{why}: a set that is left is told of")
-        # A capture is told of before its image gets its name, which may fail; and where its end fails, it is aborted.
-        may_be = {(0, 1), (1, 1)} if result.status == 0 or "MoveFileExW" in places else {(1, 0)}
-        self.test.assertIn(told, may_be, f"{why}: what the writers were told")
-
     def shown(self, result, disks):
         """The disks as a capture with snapshots may show them: the shadow of the first volume, where it was opened."""
-        added = [call["path"] for call in result.calls(SESSION + "AddToSnapshotSet", status="0x00000000")]
+        added = [call["path"] for call in result.calls("IVssBackupComponents::AddToSnapshotSet", status="0x00000000")]
         if volume_name(1) not in added:
             return disks
         opened = result.calls("CreateFileW", path=shadow_path(added.index(volume_name(1)) + 1), ok=True)
@@ -249,7 +219,7 @@ class Story:
         if "--vss" in arguments:
             stands_for = self.shown(result, stands_for)
             if result.status != KILLED:
-                self.expect_session_ended(result, why)
+                check_session(result, why)
                 self.sessions += 1
         if out:
             self.judge_output(kind, result, out, stands_for, why)
@@ -287,7 +257,7 @@ class Story:
         stands_for = self.images[read] if kind == "consolidate" else disk
         if "--vss" in arguments:
             stands_for = frozen(disk)
-            self.expect_session_ended(result, why)
+            check_session(result, why)
         if out:
             self.keep(out, self.expect_image(out, [stands_for], why))
         if kind == "restore":

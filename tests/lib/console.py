@@ -92,8 +92,13 @@ def exclusive_failure(disk, error):
             f"Take it offline first: diskpart > select disk {disk} > offline disk\n")
 
 
+def captured_chunk(sector_size):
+    """The chunk size of a capture: 4 MiB, up to the next whole sector."""
+    return -(-0x400000 // sector_size) * sector_size
+
+
 def source_line(disk, length, sector_size=512):
-    chunk = 0x400000 if 0x400000 % sector_size == 0 else (0x400000 // sector_size + 1) * sector_size
+    chunk = captured_chunk(sector_size)
     count = (length - 1) // chunk + 1 if length else 0
     return (f"Source: PhysicalDrive{disk}  Size: {gib(length)} GiB  SectorSize: {sector_size}"
             f"  Chunks: {count} ({chunk} bytes each)\n")
@@ -101,19 +106,19 @@ def source_line(disk, length, sector_size=512):
 
 def capture_text(disk, length, out, *, sector_size=512, system=False, tracker=NO_TRACKER, step=1.0):
     """A whole successful full capture without a base."""
-    chunk = 0x400000 if 0x400000 % sector_size == 0 else (0x400000 // sector_size + 1) * sector_size
     return (source_line(disk, length, sector_size) + (SYSTEM_DISK_NOTE if system else "") + tracker
-            + meter_run(length, chunk, step=step) + f"\nCapture complete: {out}\n")
+            + meter_run(length, captured_chunk(sector_size), step=step) + f"\nCapture complete: {out}\n")
 
 
 def verifying_line(path, chunks, disk_size):
     return f"Verifying {path}  ({chunks} chunks, {gib(disk_size)} GiB source disk)\n"
 
 
-def verify_text(path, disk_size, chunk_size, *, step=1.0):
-    """A whole verification of a good full image."""
+def verify_text(path, disk_size, chunk_size, *, step=1.0, base=None):
+    """A whole verification of a good image; of a thin one over `base`."""
     count = (disk_size - 1) // chunk_size + 1
-    return (verifying_line(path, count, disk_size) + meter_run(disk_size, chunk_size, step=step)
+    return (verifying_line(path, count, disk_size) + (f"  thin image: chain continues with {base}\n" if base else "")
+            + meter_run(disk_size, chunk_size, step=step)
             + f"\nVerify OK - all {count} chunks match their recorded hash.\n")
 
 

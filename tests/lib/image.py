@@ -44,7 +44,8 @@ _EVP_CTRL_AEAD_GET_TAG = 0x10
 _EVP_CTRL_AEAD_SET_TAG = 0x11
 
 
-def _load_libcrypto():
+@functools.cache
+def _crypto():
     library = ctypes.CDLL(ctypes.util.find_library("crypto") or "libcrypto.so.3")
     library.EVP_CIPHER_CTX_new.restype = ctypes.c_void_p
     library.EVP_CIPHER_CTX_free.argtypes = [ctypes.c_void_p]
@@ -60,55 +61,46 @@ def _load_libcrypto():
     return library
 
 
-_libcrypto = None
-
-
-def _crypto():
-    global _libcrypto
-    if _libcrypto is None:
-        _libcrypto = _load_libcrypto()
-    return _libcrypto
-
-
 def _require(result):
     if result != 1:
         raise RuntimeError("libcrypto call failed")
 
 
-def seal(key, nonce, plain):
-    """AES-256-GCM without additional data: (stored bytes, 16-byte tag)."""
+def _transform(way, key, nonce, data, finish):
+    """The data through one message of the cipher, and what `finish(library, context, final)` makes of its end."""
     library = _crypto()
+    init, update, final = (getattr(library, f"EVP_{way}{step}") for step in ("Init_ex", "Update", "Final_ex"))
     context = library.EVP_CIPHER_CTX_new()
     try:
-        out, count = ctypes.create_string_buffer(len(plain) + 16), ctypes.c_int()
-        _require(library.EVP_EncryptInit_ex(context, library.EVP_aes_256_gcm(), None, None, None))
+        out, count = ctypes.create_string_buffer(len(data) + 16), ctypes.c_int()
+        _require(init(context, library.EVP_aes_256_gcm(), None, None, None))
         _require(library.EVP_CIPHER_CTX_ctrl(context, _EVP_CTRL_AEAD_SET_IVLEN, len(nonce), None))
-        _require(library.EVP_EncryptInit_ex(context, None, None, key, nonce))
-        _require(library.EVP_EncryptUpdate(context, out, ctypes.byref(count), plain, len(plain)))
-        stored = out.raw[:count.value]
-        _require(library.EVP_EncryptFinal_ex(context, out, ctypes.byref(count)))
-        tag = ctypes.create_string_buffer(16)
-        _require(library.EVP_CIPHER_CTX_ctrl(context, _EVP_CTRL_AEAD_GET_TAG, 16, tag))
-        return stored, tag.raw
+        _require(init(context, None, None, key, nonce))
+        _require(update(context, out, ctypes.byref(count), data, len(data)))
+        done = out.raw[:count.value]
+        return done, finish(library, context, lambda: final(context, out, ctypes.byref(count)))
     finally:
         library.EVP_CIPHER_CTX_free(context)
+
+
+def seal(key, nonce, plain):
+    """AES-256-GCM without additional data: (stored bytes, 16-byte tag)."""
+    def take_tag(library, context, final):
+        tag = ctypes.create_string_buffer(16)
+        _require(final())
+        _require(library.EVP_CIPHER_CTX_ctrl(context, _EVP_CTRL_AEAD_GET_TAG, 16, tag))
+        return tag.raw
+    return _transform("Encrypt", key, nonce, plain, take_tag)
 
 
 def unseal(key, nonce, tag, stored):
     """The plain bytes, or None where the tag does not authenticate them."""
-    library = _crypto()
-    context = library.EVP_CIPHER_CTX_new()
-    try:
-        out, count = ctypes.create_string_buffer(len(stored) + 16), ctypes.c_int()
-        _require(library.EVP_DecryptInit_ex(context, library.EVP_aes_256_gcm(), None, None, None))
-        _require(library.EVP_CIPHER_CTX_ctrl(context, _EVP_CTRL_AEAD_SET_IVLEN, len(nonce), None))
-        _require(library.EVP_DecryptInit_ex(context, None, None, key, nonce))
-        _require(library.EVP_DecryptUpdate(context, out, ctypes.byref(count), stored, len(stored)))
-        plain = out.raw[:count.value]
-        _require(library.EVP_CIPHER_CTX_ctrl(context, _EVP_CTRL_AEAD_SET_TAG, 16, ctypes.create_string_buffer(tag, 16)))
-        return plain if library.EVP_DecryptFinal_ex(context, out, ctypes.byref(count)) == 1 else None
-    finally:
-        library.EVP_CIPHER_CTX_free(context)
+    def hold_against(library, context, final):
+        expected = ctypes.create_string_buffer(tag, 16)
+        _require(library.EVP_CIPHER_CTX_ctrl(context, _EVP_CTRL_AEAD_SET_TAG, 16, expected))
+        return final() == 1
+    plain, is_authentic = _transform("Decrypt", key, nonce, stored, hold_against)
+    return plain if is_authentic else None
 
 
 def trim_password(content):
@@ -290,13 +282,11 @@ def read_header(path):
 
 def read_table(path):
     """(header, records) as they stand, with no check but that the bytes are there."""
+    header = read_header(path)
+    if header.chunk_count > MAX_CHUNK_COUNT:
+        raise ImageError("impossible chunk count")
     with open(path, "rb") as file:
-        data = file.read(64)
-        if len(data) != 64:
-            raise ImageError("shorter than a header")
-        header = Header.unpack(data)
-        if header.chunk_count > MAX_CHUNK_COUNT:
-            raise ImageError("impossible chunk count")
+        file.seek(64)
         table = file.read(72 * header.chunk_count)
     if len(table) != 72 * header.chunk_count:
         raise ImageError("truncated before the end of its table")
@@ -491,13 +481,10 @@ def check_image(path, password=None, disk=None):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     commands = parser.add_subparsers(dest="command", required=True)
-    check = commands.add_parser("check")
-    check.add_argument("file")
-    check.add_argument("--password-file")
-    plain = commands.add_parser("plain")
-    plain.add_argument("file")
-    plain.add_argument("out")
-    plain.add_argument("--password-file")
+    for command, names in (("check", ["file"]), ("plain", ["file", "out"])):
+        added = commands.add_parser(command)
+        for name in [*names, "--password-file"]:
+            added.add_argument(name)
     arguments = parser.parse_args()
     password = None
     try:

@@ -7,7 +7,7 @@ here judges a run by itself.
 import hashlib
 import struct
 
-from console import NO_TRACKER, meter_run, source_line
+from console import NO_TRACKER, meter_run, source_line, verify_text
 from image import read_table
 from machine import pattern
 
@@ -84,18 +84,15 @@ def full_complete(out):
 
 
 def incremental_text(length, base, settled, complete, *, disk=1, tracker=NO_TRACKER, sector_size=512, chunk=MIB4,
-                     snapshot="", warning=""):
+                     warning=""):
     """A whole successful capture over a base: `settled` is the line on the mode, `complete` the last one."""
-    return (source_line(disk, length, sector_size) + snapshot + tracker + base_line(base) + settled
+    return (source_line(disk, length, sector_size) + tracker + base_line(base) + settled
             + meter_run(length, chunk) + "\n" + warning + complete)
 
 
-def thin_verify_text(path, base, disk_size, chunk_size, verdict=True):
+def thin_verify_text(path, base, disk_size, chunk_size):
     """A whole verification of a good thin image."""
-    count = (disk_size - 1) // chunk_size + 1
-    return (f"Verifying {path}  ({count} chunks, {disk_size * 2.0 ** -30:.2f} GiB source disk)\n"
-            f"  thin image: chain continues with {base}\n" + meter_run(disk_size, chunk_size) + "\n"
-            + (f"Verify OK - all {count} chunks match their recorded hash.\n" if verdict else ""))
+    return verify_text(path, disk_size, chunk_size, base=base)
 
 
 def missing_base(path):
@@ -143,9 +140,9 @@ def hollow_disk(size, seed):
     return b"".join(hollow(min(MIB4, size - at), f"{seed} {at}") for at in range(0, size, MIB4))
 
 
-def write_hollow(path, data, block=65536):
+def write_hollow(path, data):
     """Writes a file with holes for its zeros."""
-    zeros = bytes(block)
+    block, zeros = 65536, bytes(65536)
     with open(path, "wb") as file:
         for at in range(0, len(data), block):
             part = data[at:at + block]

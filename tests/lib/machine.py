@@ -40,9 +40,25 @@ TRACKER_ATTACH = "0x8C7D2004"
 TRACKER_QUERY = "0x8C7D2008"
 TRACKER_COMMIT = "0x8C7D200C"
 
-
 # How often a run is begun under Wine before it counts as one that does not start.
 WINE_STARTS = 4
+
+
+def run_to_files(run, gave_up):
+    """What `run(stdout, stderr)` gives, which prints to these files, and what they then hold. Files and not pipes: what
+    Wine starts in the background on the way inherits the streams and lives longer than the run, so that the end of a
+    pipe would be long in coming. Where Wine gave up before the first instruction of the program, as it does now and
+    then on a busy machine (status 1 and not a byte on either stream, and `gave_up()`), nothing was changed, and the run
+    is made again."""
+    for _ in range(WINE_STARTS):
+        with tempfile.TemporaryFile() as stdout, tempfile.TemporaryFile() as stderr:
+            status = run(stdout, stderr)
+            stdout.seek(0)
+            stderr.seek(0)
+            ended = status, stdout.read(), stderr.read()
+        if ended != (1, b"", b"") or not gave_up():
+            break
+    return ended
 
 
 class Settings:
@@ -373,11 +389,9 @@ class Machine:
         if log_path is not None and os.path.exists(log_path):
             os.remove(log_path)
         environment = self.settings.environment(leaks=self.leaks and not loses_memory(used))
-        done = self._start(command, timeout, environment)
-        for _ in range(WINE_STARTS - 1):
-            if not self._wine_did_not_start(done, log_path):
-                break
-            done = self._start(command, timeout, environment)
+        # The described machine makes the log's file before the program starts.
+        done = self._start(command, timeout, environment,
+                           lambda: log_path is not None and not os.path.exists(log_path))
         log = self._read_log(used)
         result = Result(list(arguments), done.returncode, done.stdout, done.stderr, log,
                         json.loads(json.dumps(used)) if isinstance(used, dict) else {"content": repr(used)},
@@ -387,25 +401,15 @@ class Machine:
             self.onlooker(self, result)
         return result
 
-    def _start(self, command, timeout, environment=None):
+    def _start(self, command, timeout, environment=None, did_not_begin=lambda: False):
         if not os.path.exists(self.settings.bench):
             raise FileNotFoundError(f"no such executable: {self.settings.bench} (VORNIX_BENCH, VORNIX_BUILD)")
-        # Into files and not pipes: what Wine starts in the background on the way inherits the streams and lives longer
-        # than the run, so that the end of a pipe would be long in coming.
-        with tempfile.TemporaryFile() as stdout, tempfile.TemporaryFile() as stderr:
-            process = subprocess.Popen(command, cwd=self.work, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr,
-                                       env=environment or self.settings.environment())
-            status = wait_for(process, timeout)
-            stdout.seek(0)
-            stderr.seek(0)
-            return subprocess.CompletedProcess(command, status, stdout.read(), stderr.read())
 
-    def _wine_did_not_start(self, done, log_path):
-        """Whether Wine gave up before the first instruction of the program, as it does now and then on a busy machine:
-        status 1 and nothing else. The described machine makes the log's file before the program starts, so that no run
-        of it ends like this; such a run has changed nothing and can be made again."""
-        return (self.settings.windows and log_path is not None and done.returncode == 1
-                and not done.stdout and not done.stderr and not os.path.exists(log_path))
+        def run(stdout, stderr):
+            return wait_for(subprocess.Popen(command, cwd=self.work, stdin=subprocess.DEVNULL, stdout=stdout,
+                                             stderr=stderr, env=environment or self.settings.environment()), timeout)
+        return subprocess.CompletedProcess(
+            command, *run_to_files(run, lambda: self.settings.windows and did_not_begin()))
 
     def _log_path(self, description):
         name = description.get("calls") if isinstance(description, dict) else None

@@ -7,27 +7,15 @@ Natively only.
 """
 
 import os
-import subprocess
 
-from machine import SETTINGS
+from many_runs import Answering
 
 
-class ManyReads:
-    def __init__(self, folder, settings=SETTINGS):
-        self.process = subprocess.Popen([os.path.join(settings.build, "tests", "vrnx-many-reads")], cwd=folder,
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.stdin.close()
-        self.process.stdout.close()
-        if self.process.wait(60) != 0:
-            raise RuntimeError(f"the process of many reads ended with {self.process.returncode}")
+class ManyReads(Answering):
+    def __init__(self, folder):
+        super().__init__("vrnx-many-reads", folder)
 
     def read(self, path, password=b"", flags=0):
-        self.process.stdin.write(b"%d\t%s\t%s\n" % (flags, os.fsencode(path), password))
-        self.process.stdin.flush()
-        code, bad, text = self.process.stdout.readline().rstrip(b"\n").split(b"\t")
+        answer = self.ask(b"%d\t%s\t%s" % (flags, os.fsencode(path), password))
+        code, bad, text = answer.rstrip(b"\n").split(b"\t")
         return int(code), dict(map(int, pair.split(b"=")) for pair in bad.split()), text

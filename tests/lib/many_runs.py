@@ -23,11 +23,12 @@ class ManyResult:
     meaningless: list = field(default_factory=list)  # as a Result has it
 
 
-class ManyRuns:
-    def __init__(self, folder, settings=SETTINGS):
-        self.process = subprocess.Popen(
-            [os.path.join(settings.build, "tests", "vornix-many-runs")], cwd=folder, stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, env=settings.environment())
+class Answering:
+    """A program of this build's tests that answers line by line."""
+
+    def __init__(self, name, folder, **options):
+        self.process = subprocess.Popen([os.path.join(SETTINGS.build, "tests", name)], cwd=folder,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options)
 
     def __enter__(self):
         return self
@@ -38,14 +39,23 @@ class ManyRuns:
     def close(self):
         self.process.stdin.close()
         self.process.stdout.close()
-        if self.process.wait(30) != 0:
-            raise RuntimeError(f"the process of many runs ended with {self.process.returncode}")
+        if self.process.wait(60) != 0:
+            raise RuntimeError(f"{self.process.args[0]} ended with {self.process.returncode}")
+
+    def ask(self, line):
+        self.process.stdin.write(line + b"\n")
+        self.process.stdin.flush()
+        return self.process.stdout.readline()
+
+
+class ManyRuns(Answering):
+    def __init__(self, folder):
+        super().__init__("vornix-many-runs", folder, env=SETTINGS.environment())
 
     def run(self, *arguments, allocation=0):
         """One run; the allocation of that number fails, and where it is negative all from there on."""
-        self.process.stdin.write("\t".join([str(allocation), *arguments]).encode() + b"\n")
-        self.process.stdin.flush()
-        status, allocations, out, err = map(int, self.process.stdout.readline().split())
+        answer = self.ask("\t".join([str(allocation), *arguments]).encode())
+        status, allocations, out, err = map(int, answer.split())
         return ManyResult(status, allocations, self.process.stdout.read(out), self.process.stdout.read(err))
 
 

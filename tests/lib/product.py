@@ -7,10 +7,9 @@ they came. No disk that the host may have is ever named: ABSENT and the numbers 
 
 import re
 import subprocess
-import tempfile
 
-from console import meter
-from machine import WINE_STARTS, Machine, Result
+from console import meter_run
+from machine import Machine, Result, run_to_files
 
 ABSENT = "9999"
 
@@ -23,9 +22,7 @@ def without_rates(data):
 
 def product_meter(disk_size, chunk_size, upto=None):
     """The meter lines of a loop over the chunks, as console.meter_run has them, at a rate of 0.0."""
-    count = (disk_size - 1) // chunk_size + 1
-    return "".join(meter(min((index + 1) * chunk_size, disk_size), disk_size, 0)
-                   for index in range(count if upto is None else upto) if index % 32 == 0 or index == count - 1)
+    return meter_run(disk_size, chunk_size, step=0, upto=upto)
 
 
 class Product(Machine):
@@ -42,16 +39,10 @@ class Product(Machine):
                               stdin=subprocess.DEVNULL, env=settled, timeout=timeout, check=False, **streams)
 
     def run(self, *arguments, timeout=300, description=None):
-        for _ in range(WINE_STARTS):
-            with tempfile.TemporaryFile() as stdout, tempfile.TemporaryFile() as stderr:
-                status = self.start(*arguments, timeout=timeout, stdout=stdout, stderr=stderr).returncode
-                stdout.seek(0)
-                stderr.seek(0)
-                raw = stdout.read(), stderr.read()
-            # No run of the program ends like this, but Wine does when it gives up before the program's first
-            # instruction.
-            if not (self.settings.windows and status == 1 and raw == (b"", b"")):
-                break
+        # No run of the program prints nothing and ends with 1.
+        status, *raw = run_to_files(
+            lambda stdout, stderr: self.start(*arguments, timeout=timeout, stdout=stdout, stderr=stderr).returncode,
+            lambda: self.settings.windows)
         result = Result(list(arguments), status, *map(without_rates, raw), [], {}, self.settings.windows, self.folder)
         result.raw = raw[0]
         self.runs.append(result)

@@ -3,6 +3,7 @@ program; those of one failure alone stand in the suite that provokes it.
 """
 
 from console import gib
+from suite import require, require_equal
 
 # The shadow copy service's own codes, and those of the platform that the session tells apart.
 ASYNC_PENDING = 0x00042309
@@ -64,11 +65,10 @@ def not_deleted(status):
             " - it is still listed under Win32_ShadowCopy and must be removed by hand.\n")
 
 
-def begun(volumes, *, writers="", reported=0, failed=0, ranges=None):
-    """All that a session prints at its beginning; `volumes` as (number, start, length) each, in their order. `writers`
-    are the lines of the failed ones."""
-    return (GATHERING + "".join(snapshotting(*volume) for volume in volumes) + FREEZING + writers
-            + writers_reported(reported, failed) + snapshotted(len(volumes) if ranges is None else ranges))
+def begun(volumes):
+    """All that a session prints at its beginning; `volumes` as (number, start, length) each, in their order."""
+    return (GATHERING + "".join(snapshotting(*volume) for volume in volumes) + FREEZING + writers_reported(0)
+            + snapshotted(len(volumes)))
 
 
 def session_calls(result):
@@ -79,3 +79,36 @@ def session_calls(result):
 def short_names(calls):
     """The same without the names of the interfaces, for lists that are to be read."""
     return [call.removeprefix("IVssBackupComponents::").replace("IVssAsync::", "async ") for call in calls]
+
+
+def check_session(result, why=""):
+    """Raises AssertionError unless what a run that came to its end began with the service was ended, in the order in
+    which that may be done, and nothing twice: whatever went wrong."""
+    def count(call, **fields):
+        return len(result.calls(call, **fields))
+
+    def expect(actual, expected, what):
+        require_equal(actual, expected, f"{why}: {what}")
+
+    components = "IVssBackupComponents::"
+    places = {line["call"]: place for place, line in enumerate(result.log)}  # the last of each
+    for begin, end in (("CoInitializeEx", "CoUninitialize"), ("CreateVssBackupComponents", components + "Release")):
+        expect(count(end), count(begin, status="0x00000000"), f"ends of {begin}")
+    expect(count("IVssAsync::Release"), count("IVssAsync::Wait"), "releases of steps that were waited for")
+    shadows = [(place, line) for place, line in enumerate(result.log) if "ShadowCopy" in line.get("path", "")]
+    opened = [place for place, line in shadows if line["call"] == "CreateFileW" and line["ok"]]
+    expect(sum(line["call"] == "CloseHandle" for _, line in shadows), len(opened), "shadow devices that were closed")
+    has_set = count(components + "GatherWriterStatus") == 1  # the first thing that is done with one
+    expect(count(components + "DeleteSnapshots"), has_set, "sets that were deleted")
+    told = count(components + "AbortBackup"), count(components + "BackupComplete")
+    if not has_set:
+        expect((opened, told), ([], (0, 0)), "shadows, and what the writers were told, without a set")
+        return
+    require(max([place for place, _ in shadows], default=-1) < places[components + "DeleteSnapshots"],
+            f"{why}: a shadow device outlived its set")
+    deleted = int(result.calls(components + "DeleteSnapshots")[0]["status"], 16)
+    expect(b"WARNING: could not delete the snapshot set" in result.stdout,
+           deleted & 0x80000000 != 0 and deleted != OBJECT_NOT_FOUND, "whether a set that is left is told of")
+    # A capture is told of before its image gets its name, which may fail; and where its end fails, it is aborted.
+    may_be = [(0, 1), (1, 1)] if result.status == 0 or "MoveFileExW" in places else [(1, 0)]
+    require(told in may_be, f"{why}: the writers were told {told}")

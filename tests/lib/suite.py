@@ -100,21 +100,15 @@ class Scenario(unittest.TestCase):
 
     def expect_disk(self, machine, number, expected):
         """The bytes of a disk, without a dump of them where they differ."""
-        actual = machine.disk_bytes(number)
-        if actual != expected:
-            self.fail(f"disk {number} differs: {first_difference(actual, expected)}")
+        require_equal(machine.disk_bytes(number), expected, f"disk {number}")
 
     def expect_file(self, machine, name, expected):
-        actual = machine.read(name)
-        if actual != expected:
-            self.fail(f"{name} differs: {first_difference(actual, expected)}")
+        require_equal(machine.read(name), expected, name)
 
     def expect_good_image(self, machine, name, plain, password=None):
         """The second reader finds nothing wrong with the image, and it stands for exactly these bytes."""
         self.assertEqual(image.check_image(machine.path(name), password), [], name)
-        actual = image.reference_plain_bytes(machine.path(name), password)
-        if actual != plain:
-            self.fail(f"{name} stands for another disk: {first_difference(actual, plain)}")
+        require_equal(image.reference_plain_bytes(machine.path(name), password), plain, f"what {name} stands for")
 
     @staticmethod
     def leave_unjudged(machine, why):
@@ -197,6 +191,19 @@ def first_difference(actual, expected):
         return f"{len(actual)} bytes where {len(expected)} were expected"
     at = next(index for index, pair in enumerate(zip(actual, expected)) if pair[0] != pair[1])
     return f"at {at}: {actual[at:at + 16].hex()} where {expected[at:at + 16].hex()} was expected"
+
+
+def require(holds, text):
+    if not holds:
+        raise AssertionError(text)
+
+
+def require_equal(actual, expected, what):
+    """Raises where they differ: bytes without a dump of them."""
+    if actual != expected:
+        is_data = isinstance(expected, (bytes, bytearray))
+        raise AssertionError(f"{what}: " + (first_difference(actual, expected) if is_data else
+                                            f"{actual}\n    where this was expected: {expected}"))
 
 
 # --- Recordings -----------------------------------------------------------------------------------------------------

@@ -30,6 +30,7 @@ import counts
 import image
 import suite
 from machine import SETTINGS
+from suite import require, require_equal
 
 # Last errors and statuses that nothing else in a run gives, so that a message which shows them shows this fault.
 INJECTED_ERROR = 1117
@@ -177,6 +178,11 @@ def _limit(limit=None):
     return SAMPLE if limit is None else min(limit, SAMPLE)
 
 
+def _count(test, kind, clean_result, tried, possible, least):
+    counts.count(test, kind, len(calls_of(clean_result.log)), len(tried), len(possible))
+    test.assertGreaterEqual(len(tried), min(least, SAMPLE) if SETTINGS.sampled else least)
+
+
 def _judge(expected, machine, result):
     """The text of what is wrong with the run, or None."""
     problems = []
@@ -258,9 +264,9 @@ def clean_run(test, make, arguments, expected):
     return _in_fresh_folder(make, body)
 
 
-def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None, made=None):
+def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None, made=None, least=0):
     """The fault sweep; `clean` is the Expected of the healthy machine, and `made` what `clean_run` gave where the
-    caller has asked it already. Gives the number of runs, at most `limit`."""
+    caller has asked it already. There are at most `limit` runs, and at least `least` unless they are sampled."""
     result, _ = made or clean_run(test, make, arguments, clean)
     possible = faults_of(result.log, kinds)
     faults = sample(possible, _limit(limit))
@@ -277,8 +283,7 @@ def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None, m
         return _in_fresh_folder(make, run)
 
     _run_all(test, faults, body)
-    counts.count(test, "faults", len(calls_of(result.log)), len(faults), len(possible))
-    return len(faults)
+    _count(test, "faults", result, faults, possible, least)
 
 
 def _expect_writes_as_logged(machine, result, initial, final, torn):
@@ -299,19 +304,17 @@ def _expect_writes_as_logged(machine, result, initial, final, torn):
         expected = bytearray(before)
         for offset, count in written[number]:
             expected[offset:offset + count] = final[number][offset:offset + count]
-        actual = machine.disk_bytes(number)
-        if actual != bytes(expected):
-            raise AssertionError(f"disk {number} after the kill: {suite.first_difference(actual, bytes(expected))}")
+        require_equal(machine.disk_bytes(number), expected, f"disk {number} after the kill")
 
 
-def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None, made=None):
+def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None, made=None, least=0):
     """The kill sweep: the process ends at each call of the clean run in turn; transfers also half-way.
 
     After each kill: status 137, nothing on standard error, standard output a beginning of the clean one, the log what
     the clean run had logged up to there, and on each disk exactly the logged writes. Then `after(machine, result,
     call)` looks at the files (the fault is gone from the machine by then), and `again(machine, call)` gives the
-    Expected of the same command run once more on the machine as the kill left it (absent: that of the clean run). Gives
-    the number of runs.
+    Expected of the same command run once more on the machine as the kill left it (absent: that of the clean run). The
+    rest is as of a fault sweep.
     """
     clean_result, final = made or clean_run(test, make, arguments, clean)
     initial = _in_fresh_folder(make, lambda machine: {
@@ -321,8 +324,7 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None
         kills.append((call, {"kill": True}))
         if call.kind in ("ReadFile", "WriteFile") and call.line["length"] > 1:
             kills.append((call, {"kill": True, "transferred": call.line["length"] // 2}))
-    possible = len(kills)
-    kills = sample(kills, _limit(limit))
+    possible, kills = kills, sample(kills, _limit(limit))
 
     def body(kill):
         call, effect = kill
@@ -336,14 +338,10 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None
                     if call.path.endswith(f"PhysicalDrive{number}"):
                         torn = (number, call.line["offset"], effect["transferred"])
             try:
-                if result.status != 137:
-                    raise AssertionError(f"status {result.status} where 137 was expected")
-                if result.stderr:
-                    raise AssertionError(f"stderr {result.stderr!r}")
-                if not clean_result.stdout.startswith(result.stdout):
-                    raise AssertionError("stdout is no beginning of the clean run's")
-                if result.sequence() != clean_result.sequence()[:call.index]:
-                    raise AssertionError("the log is not that of the clean run up to the kill")
+                require_equal(result.status, 137, "status")
+                require_equal(result.stderr, b"", "stderr")
+                require(clean_result.stdout.startswith(result.stdout), "stdout is no beginning of the clean run's")
+                require_equal(result.sequence(), clean_result.sequence()[:call.index], "the log up to the kill")
                 _expect_writes_as_logged(machine, result, initial, final, torn)
                 machine.clear_faults()
                 if after is not None:
@@ -351,8 +349,7 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None
                 expected = clean if again is None else again(machine, call)
                 second = machine.run(*arguments)
                 problem = _judge(expected, machine, second) or _judge_image(machine, second, third_reader=False)
-                if problem:
-                    raise AssertionError(f"the run after the kill:\n{problem}\n{second.describe()}")
+                require(not problem, f"the run after the kill:\n{problem}\n{second.describe()}")
             except AssertionError as error:
                 return f"killed at {call} {effect}\n{error}\n{result.describe()}"
             return None
@@ -360,5 +357,4 @@ def sweep_kills(test, make, arguments, clean, after=None, again=None, limit=None
         return _in_fresh_folder(make, run)
 
     _run_all(test, kills, body)
-    counts.count(test, "kills", len(calls_of(clean_result.log)), len(kills), possible)
-    return len(kills)
+    _count(test, "kills", clean_result, kills, possible, least)

@@ -6,8 +6,7 @@ The library is that of the build under test; it needs one for this system, so no
 import ctypes
 import os
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-BUILD = os.environ.get("VORNIX_BUILD", os.path.join(ROOT, "build", "linux"))
+from machine import SETTINGS
 
 NO_LEVEL = 2**32 - 1
 NO_PASSWORD, LENIENT, ALONE, EXAMINE = 1, 2, 4, 8
@@ -58,7 +57,7 @@ class Chunk(ctypes.Structure):
 
 
 def _load():
-    library = ctypes.CDLL(os.path.join(BUILD, "libvrnx.so.0"))
+    library = ctypes.CDLL(os.path.join(SETTINGS.build, "libvrnx.so.0"))
     pointer, size, error = ctypes.c_void_p, ctypes.c_size_t, ctypes.POINTER(Error)
     for name, result, arguments in (
             ("vrnx_library_version", ctypes.c_char_p, []),

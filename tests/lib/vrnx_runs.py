@@ -3,10 +3,9 @@
 import json
 import os
 import subprocess
-import tempfile
 
 import suite
-from machine import WINE_STARTS, Machine, Result
+from machine import Machine, Result, run_to_files
 
 GOOD, DAMAGED, USAGE, FAILED = 0, 1, 2, 3
 
@@ -78,15 +77,11 @@ class Vrnx(Machine):
 
     def run(self, *arguments, timeout=600, description=None, **options):
         """Runs vrnx; gives the Result."""
-        for _ in range(WINE_STARTS):
-            with tempfile.TemporaryFile() as stdout, tempfile.TemporaryFile() as stderr:
-                status = self.start(*arguments, timeout=timeout, stdout=stdout, stderr=stderr, **options).returncode
-                stdout.seek(0)
-                stderr.seek(0)
-                streams = stdout.read(), stderr.read()
-            # No run of vrnx ends like this, but Wine does when it gives up before the first instruction.
-            if not (self.settings.windows and status == 1 and streams == (b"", b"")):
-                break
+        # No run of vrnx prints nothing and ends with 1.
+        status, *streams = run_to_files(
+            lambda stdout, stderr: self.start(*arguments, timeout=timeout, stdout=stdout, stderr=stderr,
+                                              **options).returncode,
+            lambda: self.settings.windows)
         result = Result(list(arguments), status, *streams, [], {}, self.settings.windows, self.folder)
         self.runs.append(result)
         return result
