@@ -36,6 +36,7 @@
 #include "linux/disk_users.h"
 #include "linux/linux_disks.h"
 #include "linux/open_objects.h"
+#include "linux/work_account.h"
 #include "linux_host_calls.h"
 #include "linux_loop_disks.h"
 #include "linux_made_up_host.h"
@@ -138,6 +139,26 @@ TEST_F(LinuxDisks, NumberIsSpeltAsWindowsSpellsIt) {
              L"\\\\.\\PhysicalDrive" + number + L"x", L"\\\\.\\PhysicalDrive99999999999999999999"}) {
         EXPECT_FALSE(opens(path));
         EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    }
+}
+
+TEST_F(LinuxDisks, NumbersOfAllLengthsAreNumbers) {
+    auto& disks = const_cast<std::vector<HostDisk>&>(HostDisks());
+    const auto small =
+        std::find_if(disks.begin(), disks.end(), [](const HostDisk& disk) { return disk.Name == Small().Name; });
+    const int before = small->Number;
+    for (const int number : {0, 10, 1023}) {
+        const auto other =
+            std::find_if(disks.begin(), disks.end(), [&](const HostDisk& disk) { return disk.Number == number; });
+        if (other != disks.end()) {
+            other->Number = before;
+        }
+        small->Number = number;
+        EXPECT_TRUE(ScopedHandle(OpenNumber(number, GENERIC_READ, shareAll)).IsOpen()) << number;
+        if (other != disks.end()) {
+            other->Number = number;
+        }
+        small->Number = before;
     }
 }
 
@@ -418,6 +439,27 @@ BOOL ReadSector(HANDLE handle, const LoopDisk& disk) {
 BOOL UpdateProperties(HANDLE handle) {
     DWORD returned = 0;
     return DeviceIoControl(handle, IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0, &returned, nullptr);
+}
+
+TEST_F(LinuxDisks, DiskThatIsOpenToBeWrittenIsInTheAccountOfTheRun) {
+    vornix::platform::WorkAccount& account = vornix::platform::AccountOfRun();
+    account.HasOtherWork = false;
+    {
+        SetLastError(ERROR_GEN_FAILURE);
+        const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        EXPECT_FALSE(account.HasOtherWork);
+        EXPECT_EQ(account.Disk, "");
+    }
+    ScopedHandle target(OpenNumber(Small().Number, readWrite, 0));
+    EXPECT_TRUE(account.HasOtherWork);
+    EXPECT_EQ(account.Disk, "PhysicalDrive" + std::to_string(Small().Number) + " (/dev/" + Small().Name + ")");
+    EXPECT_FALSE(account.IsDiskWritten);
+    EXPECT_TRUE(WriteSector(target.Get(), Small()));
+    EXPECT_TRUE(account.IsDiskWritten);
+    target.Close();
+    EXPECT_EQ(account.Disk, "");
+    EXPECT_FALSE(account.IsDiskWritten);
 }
 
 TEST_F(LinuxDisks, WrittenDiskIsFlushedBeforeItIsReadAtItsPropertiesAndAtItsClose) {

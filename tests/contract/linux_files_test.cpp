@@ -6,6 +6,7 @@
 #include <malloc.h>
 #include <stdio.h>
 
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -23,10 +24,12 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "linux/durable_writes.h"
-#include "linux/owned_descriptor.h"
+#include "linux/open_objects.h"
 #include "linux/share_modes.h"
+#include "linux/work_account.h"
 #include "linux_host_calls.h"
 
 namespace {
@@ -34,6 +37,8 @@ namespace {
 constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
 
+using vornix::platform::FindObject;
+using vornix::platform::OpenObject;
 using vornix::platform::OwnedDescriptor;
 
 class LinuxFiles : public TemporaryFolderTest {
@@ -110,8 +115,12 @@ TEST_F(LinuxFiles, LinkToAFolderIsAFolder) {
 
 TEST_F(LinuxFiles, PipeAndDeviceAreNoFiles) {
     ASSERT_EQ(mkfifo((Folder() / "pipe").c_str(), 0666), 0);
+    const OwnedDescriptor watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(inotify_add_watch(watch.Get(), NarrowPath("pipe").c_str(), IN_OPEN), 0);
     EXPECT_EQ(Open(L"pipe", GENERIC_READ, shareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    inotify_event event;
+    EXPECT_LT(read(watch.Get(), &event, sizeof event), 0) << "it was opened all the same";
     EXPECT_EQ(CreateFileW(L"/dev/null", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr),
               INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
@@ -629,17 +638,28 @@ TEST_F(LinuxFiles, OneOfManyThatWantAFileAloneGetsIt) {
 }
 
 TEST_F(LinuxFiles, FileThatGotAnotherNameBeforeItWasClaimedIsNotCutOff) {
-    MakeFile(L"file", "content");
-    const ScopedHostCalls scope;
-    TheHostCalls().BeforeLock = [this] {
-        TheHostCalls().BeforeLock = nullptr;
-        std::filesystem::rename(Folder() / "file", Folder() / "finished");
-    };
-    const ScopedHandle file(Open(L"file", GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS));
-    ASSERT_TRUE(file.IsOpen());
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS); // a new one
-    EXPECT_EQ(ContentOf(L"finished"), "content");
-    EXPECT_EQ(std::filesystem::file_size(Folder() / "file"), 0U);
+    for (const bool isNameTakenAgain : {false, true}) {
+        const std::wstring finished = isNameTakenAgain ? L"finished2" : L"finished1";
+        MakeFile(L"file", "content");
+        const ScopedHostCalls scope;
+        bool isFirst = true;
+        TheHostCalls().BeforeLock = [&] {
+            if (!std::exchange(isFirst, false)) {
+                return;
+            }
+            std::filesystem::rename(Folder() / "file", Folder() / finished);
+            if (isNameTakenAgain) {
+                std::ofstream(Folder() / "file") << "another";
+            }
+        };
+        ScopedHandle file(Open(L"file", GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS));
+        ASSERT_TRUE(file.IsOpen());
+        EXPECT_EQ(GetLastError(), isNameTakenAgain ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+        EXPECT_EQ(ContentOf(finished), "content");
+        EXPECT_EQ(std::filesystem::file_size(Folder() / "file"), 0U);
+        file.Close();
+        std::filesystem::remove(Folder() / "file");
+    }
 }
 
 TEST_F(LinuxFiles, NameThatAlwaysLeadsElsewhereIsInUse) {
@@ -739,10 +759,84 @@ TEST_F(LinuxFiles, UnbufferedTransfersAreWholeSectors) {
     EXPECT_EQ(count, block + 100);
     EXPECT_EQ(std::string(aligned, count), content.substr(block, count));
     // Memory of any alignment serves.
+    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(block), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(ReadFile(file.Get(), aligned + 1, 2 * block, &count, nullptr));
+    EXPECT_EQ(std::string(aligned + 1, count), content.substr(block, block + 100));
     EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
     EXPECT_TRUE(ReadFile(file.Get(), aligned + 1, 2 * block, &count, nullptr));
     EXPECT_EQ(count, 2 * block);
     EXPECT_EQ(std::string(aligned + 1, count), content.substr(0, count));
+    _aligned_free(aligned);
+}
+
+TEST_F(LinuxFiles, FileIsOpenedForWhatIsAsked) {
+    MakeFile(L"file", "x");
+    for (const auto& [access, mode] :
+         {std::pair<DWORD, int>{GENERIC_READ, O_RDONLY}, {GENERIC_WRITE, O_WRONLY}, {readWrite, O_RDWR}}) {
+        const ScopedHandle file(Open(L"file", access, shareAll, OPEN_EXISTING));
+        EXPECT_EQ(fcntl(FindObject(file.Get())->Descriptor, F_GETFL) & O_ACCMODE, mode);
+    }
+}
+
+TEST_F(LinuxFiles, UnbufferedTransfersFollowTheRulesOfTheFileSystem) {
+    MakeFile(L"file", "x");
+    const ScopedHostCalls scope;
+#ifdef STATX_DIOALIGN
+    const struct {
+        bool Tells;
+        uint32_t OffsetAlignment;
+        uint32_t MemoryAlignment;
+        uint32_t ExpectedSector;
+        uint32_t ExpectedMemory;
+    } cases[] = {{true, 4096, 64, 4096, 64}, {true, 1, 4, 512, 4}, {true, 0, 64, 512, 1}, {false, 4096, 64, 512, 512}};
+    for (const auto& oneCase : cases) {
+        TheHostCalls().ChangeStatx = [&](struct statx& status) {
+            status.stx_mask = oneCase.Tells ? STATX_DIOALIGN : 0;
+            status.stx_dio_offset_align = oneCase.OffsetAlignment;
+            status.stx_dio_mem_align = oneCase.MemoryAlignment;
+        };
+        const ScopedHandle file(Open(L"file", GENERIC_READ, shareAll, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING));
+        const OpenObject& object = *FindObject(file.Get());
+        EXPECT_EQ(object.SectorSize, oneCase.ExpectedSector);
+        EXPECT_EQ(object.MemoryAlignment, oneCase.ExpectedMemory);
+        EXPECT_EQ((fcntl(object.Descriptor, F_GETFL) & O_DIRECT) != 0, oneCase.ExpectedMemory != 1);
+    }
+#endif
+    // One that is made up as it is read.
+    const ScopedHandle file(
+        CreateFileW(L"/proc/version", GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr));
+    ASSERT_TRUE(file.IsOpen()) << GetLastError();
+    EXPECT_EQ(FindObject(file.Get())->SectorSize, 512u);
+    EXPECT_EQ(FindObject(file.Get())->MemoryAlignment, 1u);
+}
+
+TEST_F(LinuxFiles, RunThatOpenedAFileHasOtherWorkThanItsOutput) {
+    vornix::platform::WorkAccount& account = vornix::platform::AccountOfRun();
+    account.HasOtherWork = false;
+    EXPECT_EQ(Open(L"file", GENERIC_READ, shareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_FALSE(account.HasOtherWork);
+    MakeFile(L"file", "x");
+    EXPECT_TRUE(account.HasOtherWork);
+    EXPECT_EQ(account.File, NarrowPath("file"));
+    account.HasOtherWork = false;
+    EXPECT_EQ(ContentOf(L"file"), "x");
+    EXPECT_TRUE(account.HasOtherWork);
+    EXPECT_EQ(account.File, NarrowPath("file"));
+    EXPECT_TRUE(Move(L"file", L"named")) << GetLastError();
+    EXPECT_EQ(account.File, "");
+}
+
+TEST_F(LinuxFiles, ClosedFileLeavesNoMemoryBehind) {
+    MakeFile(L"file", std::string(8192, 'x'));
+    auto* const aligned = static_cast<char*>(_aligned_malloc(8192, 4096));
+    size_t before = 0;
+    for (int time = 0; time < 3; time++) {
+        const ScopedHandle file(Open(L"file", GENERIC_READ, shareAll, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING));
+        DWORD count = 0;
+        EXPECT_EQ(mallinfo2().hblkhd, time == 0 ? mallinfo2().hblkhd : before);
+        before = mallinfo2().hblkhd;
+        EXPECT_TRUE(ReadFile(file.Get(), aligned + 1, 4096, &count, nullptr));
+    }
     _aligned_free(aligned);
 }
 

@@ -129,6 +129,23 @@ TEST_F(LinuxReadAhead, OtherReadsBringNothing) {
     EXPECT_EQ(TheOtherThreads().ReadTo, 0u);
 }
 
+TEST_F(LinuxReadAhead, LengthsBetweenTheTwoLimitsAreFollowedByAnother) {
+    constexpr DWORD shortest = 64 << 10;
+    constexpr DWORD longest = 32 << 20;
+    std::vector<char> buffer(longest + 4096);
+    for (const DWORD size : {shortest - 1, shortest, longest, longest + 1}) {
+        std::ofstream(Folder() / "file") << "";
+        std::filesystem::resize_file(Folder() / "file", 3ull * size);
+        const ScopedHostCalls scope;
+        const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+        DWORD count = 0;
+        for (int i = 0; i < 3; i++) {
+            ASSERT_TRUE(ReadFile(file.Get(), buffer.data(), size, &count, nullptr));
+        }
+        EXPECT_EQ(TheOtherThreads().ReadTo, size >= shortest && size <= longest ? uint64_t{3} * size : 0) << size;
+    }
+}
+
 TEST_F(LinuxReadAhead, ReaderThatGoesElsewhereFindsWhatIsThere) {
     MakeFileToRead(6);
     const ScopedHostCalls scope;

@@ -38,6 +38,12 @@ TEST_F(RefusalDeathTest, OpenNamesWhatItDoesNotSupport) {
     SECURITY_ATTRIBUTES security{};
     EXPECT_DEATH(CreateFileW(L"/none", GENERIC_READ, 0, &security, OPEN_EXISTING, 0, nullptr),
                  "CreateFileW: a security descriptor");
+    MakeFile(L"file", "x");
+    const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+    EXPECT_DEATH(CreateFileW(L"/none", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, file.Get()),
+                 "CreateFileW: a template");
+    EXPECT_DEATH(CreateFileW(L"\\\\.\\C:", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr),
+                 "CreateFileW: access to the system volume 0x40000000");
 }
 
 TEST_F(RefusalDeathTest, TransferNamesWhatItDoesNotSupport) {
@@ -62,6 +68,11 @@ TEST_F(RefusalDeathTest, DeviceControlNamesWhatItDoesNotSupport) {
     DWORD returned = 0;
     EXPECT_DEATH(DeviceIoControl(file.Get(), 0x8C7D2004u, nullptr, 0, nullptr, 0, &returned, nullptr),
                  "DeviceIoControl: control code 0x8C7D2004");
+    OVERLAPPED overlapped{};
+    EXPECT_DEATH(DeviceIoControl(file.Get(), 0x8C7D2004u, nullptr, 0, nullptr, 0, &returned, &overlapped),
+                 "DeviceIoControl: an overlapped request");
+    EXPECT_DEATH(DeviceIoControl(file.Get(), 0x8C7D2004u, nullptr, 0, nullptr, 0, nullptr, nullptr),
+                 "DeviceIoControl: a request without a count");
     EXPECT_DEATH(DeviceIoControl(file.Get(), 0x8C7D2004u, &returned, 0, nullptr, 0, &returned, nullptr),
                  "DeviceIoControl: input with control code 0x8C7D2004");
 }
