@@ -4,8 +4,7 @@ anything is touched, and how a run ends."""
 import shlex
 
 import suite
-from console import (RESTORE_UNCONFIRMED, USAGE, capture_text, fatal, restore_text, source_line, verify_text)
-from image import build_image
+from console import RESTORE_UNCONFIRMED, USAGE, capture_text, fatal, source_line
 from machine import pattern
 
 SMALL = 4096
@@ -36,14 +35,6 @@ class Words(CommandLine):
             with self.subTest(arguments=arguments):
                 self.expect_usage(machine, *arguments)
         self.assertEqual(machine.files(), [])
-
-    def test_option_names_match_without_case(self):
-        machine = self.small()
-        self.expect(machine.run("capture", "--DISK", "1", "--OUT", "x"), 0, capture_text(1, SMALL, "x"))
-        self.expect(machine.run("verify", "--In", "x"), 0, verify_text("x", SMALL, 0x400000))
-        build_image(machine.path("y"), pattern(SMALL, "image"))
-        self.expect(machine.run("restore", "--in", "y", "--disk", "2", "--CONFIRM", "YES"), 0,
-                    restore_text("y", 2, SMALL, 4096))
 
     def test_list_disks_reads_no_option(self):
         machine = self.small()
@@ -84,34 +75,6 @@ class Required(CommandLine):
 
 
 class Values(CommandLine):
-    def test_a_value_option_as_last_argument_is_not_seen(self):
-        self.expect(self.small().run("restore", "--in", "x", "--disk", "2", "--confirm"), 1, "", RESTORE_UNCONFIRMED)
-
-    def test_a_flag_as_last_argument_is_found(self):
-        machine = self.small(target=bytes(SMALL))
-        build_image(machine.path("zero.vrnx"), bytes(SMALL))
-        result = machine.run("restore", "--in", "zero.vrnx", "--disk", "2", "--confirm", "YES", "--skip-zero")
-        self.expect(result, 0, restore_text("zero.vrnx", 2, SMALL, 4096))
-        self.assertEqual(result.calls("WriteFile"), [])
-
-    def test_the_first_of_two_equal_options_counts(self):
-        machine = self.small()
-        result = machine.run("capture", "--disk", "1", "--disk", "2", "--out", "x", "--out", "y")
-        self.expect(result, 0, capture_text(1, SMALL, "x"))
-        self.assertEqual(machine.files(), ["x"])
-        self.expect_good_image(machine, "x", machine.disk_bytes(1))
-
-    def test_a_value_may_look_like_an_option(self):
-        result = self.small().run("verify", "--in", "--password-file", "p")
-        self.expect(result, 1, "",
-                    "could not open image file: --password-file\n" + fatal("could not open image file", 2))
-
-    def test_a_flag_is_found_as_the_value_of_another_option(self):
-        machine = self.small(target=bytes(SMALL))
-        build_image(machine.path("--skip-zero"), bytes(SMALL))
-        result = machine.run("restore", "--in", "--skip-zero", "--disk", "2", "--confirm", "YES")
-        self.expect(result, 0, restore_text("--skip-zero", 2, SMALL, 4096))
-        self.assertEqual(result.calls("WriteFile"), [])
 
     def test_an_output_path_that_reads_vss_is_a_path_and_turns_the_flag_on(self):
         machine = self.small()
@@ -164,37 +127,8 @@ class Numbers(CommandLine):
             self.expect_usage(machine, "restore", "--in", "x", "--disk", text)
             self.expect_usage(machine, "clone", "--from", "1", "--to", text)
 
-    def test_the_largest_number_is_a_disk_like_any_other(self):
-        result = self.small().run("capture", "--out", "x", "--disk", "2147483647")
-        self.expect(result, 1, "", fatal("could not open source disk for raw read (run as Administrator?)", 2))
-        self.assertEqual(result.calls("CreateFileW")[0]["path"], r"\\.\PhysicalDrive2147483647")
-
-    def test_what_follows_the_digits_is_ignored(self):
-        machine = self.small()
-        machine.add_disk(12, pattern(SMALL, "twelve"))
-        self.expect(machine.run("capture", "--disk", "12abc", "--out", "x"), 0, capture_text(12, SMALL, "x"))
-        self.expect_good_image(machine, "x", machine.disk_bytes(12))
-
-    def test_white_space_and_a_sign_before_the_digits_are_taken(self):
-        machine = self.small()
-        machine.add_disk(3, pattern(SMALL, "three"))
-        for place, text in enumerate((" 3", "+3", "\t 3", "03", "3.9", "3 4")):
-            result = machine.run("capture", "--disk", text, "--out", f"x{place}")
-            self.expect(result, 0, capture_text(3, SMALL, f"x{place}"))
-
-    def test_a_hexadecimal_number_reads_as_its_leading_zero(self):
-        machine = self.small()
-        size = len(machine.disk_bytes(0))
-        self.expect(machine.run("capture", "--disk", "0x1", "--out", "x"), 0, capture_text(0, size, "x", system=True))
-
 
 class Ends(CommandLine):
-    def test_a_finished_command_ends_with_0_and_a_failed_one_with_1_through_the_ordinary_exit(self):
-        machine = self.small()
-        for arguments, status in ((("capture", "--disk", "1", "--out", "x"), 0), (("verify", "--in", "missing"), 1)):
-            result = machine.run(*arguments)
-            self.assertEqual(result.status, status)
-            self.assertEqual(result.log[-1], {"n": len(result.log), "call": "exit", "code": status})
 
     def test_a_fatal_end_closes_no_handle_and_deletes_no_file(self):
         machine = self.small()

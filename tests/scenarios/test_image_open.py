@@ -8,7 +8,7 @@ import os
 
 import suite
 from console import ANY_NUMBER, exclusive_failure, fatal, verify_text
-from image import Header, ImageBuilder, MAX_CHUNK_COUNT, Trailer, build_image, write_sparse_image
+from image import Header, ImageBuilder, MAX_CHUNK_COUNT, build_image, write_sparse_image
 from machine import ACCESS_READ, pattern
 
 HEADER_SHORT = "could not read image header - file is truncated or not a .vrnx image"
@@ -21,7 +21,6 @@ TABLE_SHORT = "could not read chunk table - image is truncated"
 BAD_RECORD = "image chunk table has an invalid offset or length"
 DATA_SHORT = "image chunk data extends past end of file"
 NEEDS_PASSWORD = "this image is encrypted - pass --password-file"
-TOO_DEEP = "image chain is too deep (or loops back on itself)"
 UNOPENED = "could not open image file"
 
 SIZE = 10000  # three chunks of 4096, the last one short
@@ -51,23 +50,12 @@ class Opening(suite.Scenario):
 
 
 class File(Opening):
-    def test_a_missing_file_is_named_and_fatal(self):
-        machine = self.machine(default=False)
-        self.expect(machine.run("verify", "--in", "missing.vrnx"), 1, "",
-                    "could not open image file: missing.vrnx\nFATAL: could not open image file (GetLastError=2)\n")
-
-    def test_a_folder_is_no_image_file_and_a_missing_one_told_by_its_error(self):
+    def test_a_file_that_does_not_open_is_named_and_told_with_its_error(self):
         machine = self.machine(default=False)
         os.mkdir(machine.path("folder"))
-        for path, error in (("folder", 5), ("nowhere/a.vrnx", 3)):
-            self.expect(machine.run("verify", "--in", path), 1, "",
-                        f"could not open image file: {path}\n" + fatal(UNOPENED, error))
-
-    def test_any_path_and_name_is_taken_and_printed_as_typed(self):
-        machine = self.machine(default=False)
-        build_image(machine.path("image.txt"), pattern(SIZE, "image"))
-        for path in ("image.txt", machine.absolute("image.txt")):
-            self.expect(machine.run("verify", "--in", path), 0, verify_text(path, SIZE, 4096))
+        for path, error in (("missing.vrnx", 2), ("folder", 5), ("nowhere/a.vrnx", 3)):
+            self.expect(machine.run("verify", "--in", path), 1, "", f"could not open image file: {path}\n"
+                        f"FATAL: could not open image file (GetLastError={error})\n")
 
     def test_header_and_table_are_read_and_hashed_in_one_call_each_with_no_seek(self):
         result = self.expect_good(self.builder())
@@ -144,13 +132,6 @@ class HeaderFields(Opening):
             builder.tail = tail
             self.expect_good(builder)
 
-    def test_a_sealed_image_without_a_password_file_is_refused(self):
-        self.expect_refused(self.builder(password=b"secret"), NEEDS_PASSWORD)
-        self.expect_refused(self.builder(password=b"secret"), NEEDS_PASSWORD, "--password-file", "")
-
-    def test_a_plain_image_does_not_look_at_the_password_file(self):
-        self.expect_good(self.builder(), "--password-file", "missing.txt")
-
 
 class ChunkCount(Opening):
     def test_a_count_above_the_limit_is_refused_though_it_follows_and_the_limit_passes(self):
@@ -212,41 +193,19 @@ class Records(Opening):
             with self.subTest(index=index, version=version, **fields):
                 self.expect_refused(builder, BAD_RECORD)
 
-    def test_two_records_exchanged_are_refused(self):
-        builder = self.builder()
-        builder.records[0], builder.records[1] = builder.records[1], builder.records[0]
-        self.expect_refused(builder, BAD_RECORD)
-
 
 class Order(Opening):
     """Of two faults in one file the earlier check speaks."""
 
-    def broken(self, *faults):
-        builder = self.builder()
-        for fault in faults:
-            fault(builder)
-        return builder
-
     def test_the_earlier_check_speaks(self):
-        def magic(builder):
-            builder.header.magic = b"VRNXDSKX"
-
-        def geometry(builder):
-            builder.header.sector_size = 768
-
-        def key(builder):
-            builder.header.kdf_iterations = 5
-
-        def count(builder):
-            builder.header.chunk_count = 4
-
-        def record(builder):
-            builder.records[1].disk_offset = 1
-
-        faults = [(magic, BAD_MAGIC), (geometry, GEOMETRY), (key, KEY_PARAMETERS), (count, CHUNK_COUNT),
-                  (record, BAD_RECORD)]
-        for first, (_, message) in enumerate(faults):
-            self.expect_refused(self.broken(*[fault for fault, _ in faults[first:]]), message)
+        wrong = [("header", "magic", b"VRNXDSKX", BAD_MAGIC), ("header", "sector_size", 768, GEOMETRY),
+                 ("header", "kdf_iterations", 5, KEY_PARAMETERS), ("header", "chunk_count", 4, CHUNK_COUNT),
+                 ("record", "disk_offset", 1, BAD_RECORD)]
+        for first, (*_, message) in enumerate(wrong):
+            builder = self.builder()
+            for place, name, value, _ in wrong[first:]:
+                setattr(builder.header if place == "header" else builder.records[1], name, value)
+            self.expect_refused(builder, message)
 
     def test_what_the_file_lacks_is_told_in_the_order_of_its_parts(self):
         def record(index):
@@ -265,15 +224,6 @@ class Order(Opening):
                 ("bad parameters before the password file", key, ("--password-file", "missing.txt"), KEY_PARAMETERS)):
             with self.subTest(case):
                 self.expect_refused(data, message, *options)
-
-
-class Chain(Opening):
-    def test_an_image_that_names_itself_as_its_base_runs_into_the_limit(self):
-        builder = self.builder()
-        builder.header.version = 3
-        builder.trailer = Trailer(b"a.vrnx", bytes(32))
-        result = self.expect_refused(builder, TOO_DEEP)
-        self.assertEqual(len(result.calls("CreateFileW", ok=True)), 65)
 
 
 if __name__ == "__main__":

@@ -7,9 +7,9 @@ in the log.
 
 import suite
 from console import NO_TRACKER, fatal, meter_run, source_line, verify_text
-from image import ImageBuilder, build_image, read_table
+from image import build_image, read_table
 from machine import FLAG_NO_BUFFERING, pattern
-from snapshot import begun, shadow_path, session_calls, short_names, volume_name, snapshotted
+from snapshot import begun, shadow_path, session_calls, short_names, volume_name
 
 MIB4 = 0x400000
 DISK = "\\\\.\\PhysicalDrive1"
@@ -112,33 +112,6 @@ class Rule(SnapshotReads):
         self.expect_reads(2 * MIB4, [(1, 4096, 2 * MIB4 - 4096)],
                           [(DISK, 0, MIB4), (shadow_path(1), MIB4 - 4096, MIB4)], sector_size=4096)
 
-    def test_without_vss_everything_is_read_live(self):
-        machine = self.machine_with(2 * MIB4, (1, 0, 2 * MIB4))
-        result = machine.run("capture", "--disk", "1", "--out", "a.vrnx")
-        self.assertEqual((result.status, self.reads(result)), (0, [(DISK, 0, MIB4), (DISK, MIB4, MIB4)]))
-        self.expect_good_image(machine, "a.vrnx", LIVE[:2 * MIB4])
-
-    def test_with_an_empty_list_everything_is_read_live(self):
-        machine = self.machine_with(2 * MIB4, (1, 0, 2 * MIB4))
-        machine.add_fault("CreateFileW", path="ShadowCopy", error=2)
-        result = self.capture(machine)
-        self.assertEqual((result.status, self.reads(result)), (0, [(DISK, 0, MIB4), (DISK, MIB4, MIB4)]))
-        self.expect_good_image(machine, "a.vrnx", LIVE[:2 * MIB4])
-        self.assertIn(snapshotted(0).encode(), result.stdout)
-
-    def test_the_stretch_of_a_volume_that_was_passed_over_is_read_live(self):
-        machine = self.machine_with(2 * MIB4, (1, 0, MIB4), (2, MIB4, MIB4))
-        machine.description["volumes"][0]["supported"] = False
-        result = self.capture(machine)
-        self.assertEqual((result.status, self.reads(result)), (0, [(DISK, 0, MIB4), (shadow_path(1), 0, MIB4)]))
-        self.expect_good_image(machine, "a.vrnx", LIVE[:MIB4] + FROZEN[MIB4:2 * MIB4])
-
-    def test_a_spanned_volume_is_read_live(self):
-        machine = self.machine_with(2 * MIB4, (1, 0, MIB4))
-        machine.add_volume(volume_name(2), [(1, MIB4, MIB4), (2, 0, 512)])
-        result = self.capture(machine)
-        self.assertEqual((result.status, self.reads(result)), (0, [(shadow_path(1), 0, MIB4), (DISK, MIB4, MIB4)]))
-
 
 class ChangingDisk(SnapshotReads):
     """A disk that is written to before every single call of the session and of the loop."""
@@ -194,34 +167,6 @@ class ChangingDisk(SnapshotReads):
         machine.clear_faults()
         self.expect(machine.run("verify", "--in", "a.vrnx"), 0, verify_text("a.vrnx", self.SIZE, MIB4))
 
-    def test_a_change_between_two_reads_shows_in_live_chunks_only(self):
-        """The same three bytes of each chunk are written anew at every read."""
-        def changed(turn):
-            return bytes([0xA0 + turn]) * 3
-
-        machine = self.machine_with(self.SIZE, (1, self.START, self.END - self.START), frozen=False)
-        for turn in range(3):
-            machine.add_fault("ReadFile", poke={"disk": 1, "offset": turn * MIB4 + 65536, "hex": changed(turn).hex()})
-        self.assertEqual(self.capture(machine).status, 0)
-        expected = bytearray(LIVE[:self.SIZE])
-        for turn in (0, 2):
-            expected[turn * MIB4 + 65536:turn * MIB4 + 65539] = changed(turn)
-        self.expect_good_image(machine, "a.vrnx", bytes(expected))
-        expected[MIB4 + 65536:MIB4 + 65539] = changed(1)
-        self.expect_disk(machine, 1, bytes(expected))
-
-    def test_a_change_before_the_snapshot_is_in_it_and_one_behind_it_is_not(self):
-        for call, included in (("IVssBackupComponents::PrepareForBackup", True),
-                               ("IVssBackupComponents::DoSnapshotSet", True),
-                               ("IVssBackupComponents::GatherWriterStatus", False),
-                               ("BCryptOpenAlgorithmProvider", False)):
-            machine = self.machine_with(MIB4, (1, 0, MIB4), frozen=False)
-            machine.add_fault(call, poke={"disk": 1, "offset": 1000, "hex": "c0ffee"})
-            self.assertEqual(self.capture(machine).status, 0)
-            after = LIVE[:1000] + b"\xc0\xff\xee" + LIVE[1003:MIB4]
-            self.expect_good_image(machine, "a.vrnx", after if included else LIVE[:MIB4])
-            self.expect_disk(machine, 1, after)
-
 
 class Failures(SnapshotReads):
     SIZE = MIB4 + 8192
@@ -232,9 +177,9 @@ class Failures(SnapshotReads):
         machine.add_fault(**fault)
         result = self.capture(machine)
         self.expect(result, 1, source_line(1, self.SIZE) + begun([self.VOLUME]) + NO_TRACKER
-                    + meter_run(self.SIZE, MIB4, upto=1), fatal(message, last_error) if last_error else fatal(message))
-        self.assertEqual(short_names(session_calls(result))[-4:], ["AbortBackup", "DeleteSnapshots", "Release",
-                                                                    "CoUninitialize"])
+                    + meter_run(self.SIZE, MIB4, upto=1), fatal(message, last_error))
+        self.assertEqual(short_names(session_calls(result))[-4:],
+                         ["AbortBackup", "DeleteSnapshots", "Release", "CoUninitialize"])
         self.assertEqual(machine.files(), ["a.vrnx.partial"])
         return result
 
@@ -243,26 +188,9 @@ class Failures(SnapshotReads):
         self.assertEqual([(line["path"], line["ok"]) for line in result.calls("ReadFile")],
                          [(DISK, True), (shadow_path(1), False)])
 
-    def test_a_read_that_is_short_on_a_shadow_device_is_fatal(self):
-        for transferred in (0, 512, 8192 - 512):
-            result = self.expect_fatal(READ_FAILED, None, call="ReadFile", path="ShadowCopy", transferred=transferred)
-            self.assertEqual(len(result.calls("ReadFile")), 2)
-
     def test_a_seek_that_fails_on_a_shadow_device_is_fatal(self):
         result = self.expect_fatal(SEEK_FAILED, 131, call="SetFilePointerEx", path="ShadowCopy", error=131)
         self.assertEqual([line["path"] for line in result.calls("ReadFile")], [DISK])
-
-    def test_a_shadow_device_that_holds_less_than_its_volume_is_fatal(self):
-        machine = self.machine_with(self.SIZE, self.VOLUME)
-        machine.write_home("shadow1.img", bytes(4096))
-        self.expect(self.capture(machine), 1, source_line(1, self.SIZE) + begun([self.VOLUME]) + NO_TRACKER
-                    + meter_run(self.SIZE, MIB4, upto=1), fatal(READ_FAILED))
-
-    def test_a_live_read_that_fails_beside_a_good_shadow_is_fatal(self):
-        machine = self.machine_with(self.SIZE, self.VOLUME)
-        machine.add_fault("ReadFile", path="PhysicalDrive1", error=23)
-        self.expect(self.capture(machine), 1, source_line(1, self.SIZE) + begun([self.VOLUME]) + NO_TRACKER,
-                    fatal(READ_FAILED, 23))
 
     def test_an_unreadable_stretch_of_the_live_disk_does_not_matter_where_a_shadow_serves(self):
         machine = self.machine_with(self.SIZE, self.VOLUME)
@@ -319,22 +247,6 @@ class Incremental(SnapshotReads):
         self.assertEqual([path for path, _, _ in self.reads(result)], [shadow_path(1), shadow_path(2)])
         self.assertEqual([record.stored_length for record in read_table(machine.path("a.vrnx"))[1]], [0, 8192])
         self.expect_good_image(machine, "a.vrnx", FROZEN[:self.SIZE])
-
-    def test_a_fallback_to_a_full_capture_still_reads_frozen(self):
-        machine = self.over_base(bytes(self.SIZE))
-        result = self.capture(machine, "--base", "base.vrnx")
-        self.expect(result, 0, self.beginning(machine) + "  --base: cannot prove what changed (no change tracker for"
-                    " this disk) - doing a FULL capture (correct, just slower).\n" + meter_run(self.SIZE, MIB4)
-                    + "\nCapture complete: a.vrnx\n")
-        self.expect_good_image(machine, "a.vrnx", FROZEN[:self.SIZE])
-
-    def test_the_image_carries_no_mark_of_how_it_was_read(self):
-        machine = self.machine_with(self.SIZE, *self.VOLUMES)
-        machine.set_disk_bytes(1, FROZEN[:self.SIZE])
-        self.assertEqual(self.capture(machine).status, 0)
-        self.assertEqual(machine.run("capture", "--disk", "1", "--out", "live.vrnx").status, 0)
-        self.expect_file(machine, "a.vrnx", machine.read("live.vrnx"))
-        self.expect_file(machine, "a.vrnx", ImageBuilder(FROZEN[:self.SIZE], chunk_size=MIB4).to_bytes())
 
 
 if __name__ == "__main__":

@@ -6,8 +6,8 @@ and that no driver which keeps its contract, however odd its replies, makes an i
 import os
 
 import suite
-from console import NO_TRACKER, capture_text, meter_run, restore_text, source_line
-from image import ImageBuilder, build_image, read_header
+from console import NO_TRACKER, capture_text, meter_run, source_line
+from image import ImageBuilder, read_header
 from incremental import (DEVICE, MIB4, REASON_GAP, REASON_NO_EPOCH, REASON_NO_PREVIOUS, REASON_NO_TRACKER,
                          REASON_NOT_LATEST, bitmap_bytes, chunks_read, compared_line, copy_complete, fallback_line,
                          hollow_disk, incremental_text, marked, proof_line, set_bits, thin_complete, tracker_calls,
@@ -116,27 +116,6 @@ class Requests(Tracked):
         self.assertEqual((machine.tracker_disk(2)["previous_epoch"], machine.tracker_disk(2)["current_epoch"]),
                          (0x77, 0x78))
 
-    def test_disk_0_is_a_disk_like_any_other(self):
-        machine = self.machine(source=pattern(1024, "source"), target=bytes(512))
-        machine.add_disk(0, pattern(1024, "system"))
-        machine.system_volume([(3, 0, 512)])
-        machine.tracker([{"number": 0, "current_epoch": 9}])
-        self.expect_full(machine, tracker_line(0, 9), disk=0)
-
-    def test_no_other_command_has_dealings_with_the_driver(self):
-        machine = self.incremental(changes=(MIB4,))
-        self.expect_thin(machine, 2, [1])
-        machine.add_disk(2, bytes(SIZE))
-        before = machine.tracker_disk(1)
-        for arguments in (("verify", "--in", "new.vrnx"), ("list-disks",),
-                          ("restore", "--in", "new.vrnx", "--disk", "2", "--confirm", "YES"),
-                          ("clone", "--from", "1", "--to", "2", "--confirm", "YES"),
-                          ("consolidate", "--in", "new.vrnx", "--out", "whole.vrnx")):
-            result = machine.run(*arguments)
-            with self.subTest(command=arguments[0]):
-                self.assertEqual((result.status, result.calls(path="Wendrel")), (0, []))
-        self.assertEqual(machine.tracker_disk(1), before)
-
 
 class Unavailable(Tracked):
     def expect_unavailable(self, machine, calls):
@@ -158,12 +137,6 @@ class Unavailable(Tracked):
         os.remove(machine.path("new.vrnx"))
         self.expect_unavailable(machine, [self.OPEN])
 
-    def test_a_device_in_use_makes_an_ordinary_capture(self):
-        machine = self.small(current_epoch=7)
-        machine.tracker([{"number": 1, "current_epoch": 7}], open_error=32)
-        self.expect_unavailable(machine, [self.OPEN])
-        self.assertEqual(machine.tracker_disk(1), {"number": 1, "current_epoch": 7})
-
     def test_the_first_answer_that_is_none_is_the_last_question(self):
         attached = [self.OPEN, self.ATTACH]
         for case, record, fault, calls in (
@@ -180,21 +153,6 @@ class Unavailable(Tracked):
                 machine.add_fault("DeviceIoControl", path="Wendrel", skip=fault, error=1117)
             with self.subTest(case):
                 self.expect_unavailable(machine, [*calls, self.CLOSE])
-
-    def test_an_unavailable_tracker_proves_nothing_with_or_without_thin(self):
-        for case, record, faults in (("not listed", {"number": 0}, ()), ("inactive", {"active": 0}, ()),
-                                     ("attach", {}, (0,)), ("query", {}, (2,))):
-            machine = self.incremental(changes=(0,), **record)
-            for skip in faults:
-                machine.add_fault("DeviceIoControl", path="Wendrel", skip=skip, error=1117)
-            with self.subTest(case=case):
-                before = machine.tracker_disk(record.get("number", 1))
-                self.expect_compared(machine, REASON_NO_TRACKER, 2, NO_TRACKER)
-                self.assertEqual(machine.tracker_disk(record.get("number", 1)), before)
-                result = self.expect(self.capture(machine, "--base", "base.vrnx", out="full.vrnx"), 0, incremental_text(
-                    SIZE, "base.vrnx", fallback_line(REASON_NO_TRACKER), "Capture complete: full.vrnx\n"))
-                self.assertEqual(chunks_read(result), [0, 1, 2])
-                self.expect_good_image(machine, "full.vrnx", machine.disk_bytes(1))
 
 
 class Replies(Tracked):
@@ -256,12 +214,6 @@ class Bitmap(Tracked):
             with self.subTest(changes=changes):
                 self.expect_thin(self.incremental(changes=changes), 3 - len(read), read)
 
-    def test_the_first_and_the_last_bit_of_a_chunk_belong_to_it_alone(self):
-        for bit, read in ((0, 0), (63, 0), (64, 1), (127, 1), (128, 2)):
-            machine = self.incremental(bitmap=set_bits(BITMAP, bit), changes=(bit << SHIFT,))
-            with self.subTest(bit=bit):
-                self.expect_thin(machine, 2, [read])
-
     def test_bits_behind_the_end_of_the_disk_mean_nothing(self):
         self.expect_thin(self.incremental(bitmap=set_bits(BITMAP, *range(129, 136))), 3, [])
         self.expect_thin(self.incremental(bitmap=set_bits(500, 3000)), 3, [])
@@ -282,72 +234,11 @@ class Bitmap(Tracked):
             with self.subTest(bytes=clear):
                 self.expect_thin(self.incremental(bitmap="00" * clear, changes=changes), references, read)
 
-    def test_one_bit_may_cover_several_chunks(self):
-        machine = self.incremental(granularity_shift=23, bitmap="01", changes=(MIB4,))  # 8 MiB: chunks 0 and 1
-        self.expect_thin(machine, 2, [0, 1])
-        machine = self.incremental(granularity_shift=23, bitmap="02", changes=(2 * MIB4,))
-        self.expect_thin(machine, 2, [2])
-
-    def test_every_granularity_gives_the_same_image(self):
-        for shift in (9, 12, 20, 22, 24, 31, 32, 40, 63):
-            offset = MIB4 + 1024
-            machine = self.incremental(granularity_shift=shift, bitmap=marked(SIZE, shift, (offset, 512)),
-                                       changes=(offset,))
-            read = [1] if shift <= 22 else [0, 1] if shift == 23 else [0, 1, 2]
-            with self.subTest(shift=shift):
-                self.expect_thin(machine, 2, read)
-
-    def test_the_shift_counts_modulo_64(self):
-        machine = self.incremental(granularity_shift=64 + SHIFT, changes=(MIB4,))
-        self.expect_thin(machine, 2, [1])
-        machine = self.incremental(granularity_shift=64 * 7 + 63, bitmap="00")
-        self.expect_thin(machine, 3, [])
-
-    def test_a_shift_of_0_has_a_bit_for_each_byte(self):
-        plain = pattern(MIB4 + 512, "source")
-        for at, read in ((0, [0]), (MIB4 - 1, [0]), (MIB4, [1]), (MIB4 + 511, [1])):
-            machine = self.machine(source=plain, target=bytes(512))
-            build_image(machine.path("base.vrnx"), plain, chunk_size=MIB4, epoch=0x10)
-            machine.poke_disk(1, at, bytes([plain[at] ^ 0xFF]))
-            machine.tracker([{"number": 1, "has_previous_epoch": 1, "previous_epoch": 0x10, "current_epoch": 0x11,
-                              "granularity_shift": 0, "bitmap": marked(len(plain), 0, (at, 1))}])
-            with self.subTest(at=at):
-                result = self.thin(machine)
-                self.assertEqual(chunks_read(result), read)
-                self.expect_good_image(machine, "new.vrnx", machine.disk_bytes(1))
-
     def test_the_tracked_extent_means_nothing_as_long_as_it_is_not_0(self):
         for extent in (1, SIZE - 1, SIZE, 0xFFFFFFFFFFFFFFFF):
             machine = self.incremental(changes=(MIB4,), tracked_extent=extent)
             with self.subTest(extent=extent):
                 self.expect_thin(machine, 2, [1])
-
-
-class Gaps(Tracked):
-    def test_both_gaps_break_the_proof_and_the_first_is_told(self):
-        for field, told in (("gap", " (GAP - untracked write seen)"), ("other_gap", "")):
-            machine = self.incremental(changes=(0,), bitmap="00" * BITMAP, **{field: 0x80000000})
-            with self.subTest(field=field):
-                result = self.expect_compared(machine, REASON_GAP, 2, f"Change tracker: disk 1 epoch 11{told}\n")
-                self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0x11)
-                self.assertEqual(tracker_calls(result)[-2][1], TRACKER_COMMIT)
-
-    def test_a_gap_is_over_with_the_image_that_it_made_read_everything(self):
-        machine = self.incremental(gap=1, other_gap=1)
-        self.expect_compared(machine, REASON_GAP, 3, tracker_line(1, 0x11, gap=True))
-        machine.poke_disk(1, MIB4, b"more")
-        record = machine.tracker_disk(1)
-        machine.tracker([{**record, "bitmap": marked(SIZE, SHIFT, (MIB4, 4))}])
-        result = self.expect(self.thin_over(machine, "new.vrnx", "next.vrnx"), 0, incremental_text(
-            SIZE, "new.vrnx", proof_line(0x11), thin_complete("next.vrnx", 3, 2, 1), tracker=tracker_line(1, 0x12)))
-        self.assertEqual(chunks_read(result), [1])
-        self.expect_good_image(machine, "next.vrnx", machine.disk_bytes(1))
-
-    def test_a_gap_does_not_keep_a_full_image_from_its_epoch(self):
-        machine = self.small(gap=1, current_epoch=9)
-        self.expect_full(machine, tracker_line(1, 9, gap=True))
-        self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 9)
-        self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 9)
 
 
 class Epochs(Tracked):
@@ -367,15 +258,6 @@ class Epochs(Tracked):
         self.assertEqual(chunks_read(result), [0, 1, 2])
         self.expect_good_image(machine, "next.vrnx", machine.disk_bytes(1))
 
-    def test_the_largest_epoch_of_56_bits_still_proves(self):
-        epoch = 0xFFFFFFFFFFFFFF
-        machine = self.incremental(current_epoch=epoch)
-        self.expect_thin(machine, 3, [], epoch=epoch)
-        result = self.expect(self.thin_over(machine, "new.vrnx", "next.vrnx"), 0, incremental_text(
-            SIZE, "new.vrnx", proof_line(epoch), thin_complete("next.vrnx", 3, 3, 0),
-            tracker="Change tracker: disk 1 epoch 100000000000000\n"))
-        self.assertEqual(chunks_read(result), [])
-
     def test_an_epoch_whose_low_56_bits_are_0_is_none_to_the_next_run(self):
         epoch = 0x0100000000000000
         machine = self.incremental(current_epoch=epoch)
@@ -386,22 +268,6 @@ class Epochs(Tracked):
             SIZE, "new.vrnx", fallback_line(REASON_NO_EPOCH), "Capture complete: next.vrnx\n",
             tracker=tracker_line(1, epoch + 1)))
         self.expect_good_image(machine, "next.vrnx", machine.disk_bytes(1))
-
-    def test_a_reload_of_the_driver_breaks_the_proof_once(self):
-        machine = self.incremental(has_previous_epoch=0, previous_epoch=0, current_epoch=1, changes=(MIB4,),
-                                   bitmap="00" * BITMAP)
-        self.expect_compared(machine, REASON_NO_PREVIOUS, 2, tracker_line(1, 1))
-        result = self.expect(self.thin_over(machine, "new.vrnx", "next.vrnx"), 0, incremental_text(
-            SIZE, "new.vrnx", proof_line(1), thin_complete("next.vrnx", 3, 3, 0), tracker=tracker_line(1, 2)))
-        self.assertEqual(chunks_read(result), [])
-
-    def test_an_older_image_proves_nothing_even_on_an_unchanged_disk(self):
-        machine = self.incremental()
-        self.expect_thin(machine, 3, [])
-        result = self.expect(self.thin_over(machine, "base.vrnx", "next.vrnx"), 0, incremental_text(
-            SIZE, "base.vrnx", compared_line(REASON_NOT_LATEST), thin_complete("next.vrnx", 3, 3, 3),
-            tracker=tracker_line(1, 0x12)))
-        self.assertEqual(chunks_read(result), [0, 1, 2])
 
 
 class Commit(Tracked):
@@ -428,72 +294,6 @@ class Commit(Tracked):
         self.expect(self.thin_over(machine, "new.vrnx", "b.vrnx.partial"), 0, incremental_text(
             SIZE, "new.vrnx", compared_line(REASON_NOT_LATEST), thin_complete("b.vrnx.partial", 3, 3, 3),
             tracker=tracker_line(1, 0x11)))
-
-    def test_every_mode_commits(self):
-        for case, record, options, complete in (
-                ("tracked thin", {}, ("--thin",), thin_complete("new.vrnx", 3, 3, 0)),
-                ("tracked copy", {}, (), copy_complete("new.vrnx", 0, 3)),
-                ("compared thin", {"gap": 1}, ("--thin",), thin_complete("new.vrnx", 3, 3, 3)),
-                ("full fallback", {"gap": 1}, (), "Capture complete: new.vrnx\n")):
-            machine = self.incremental(**record)
-            settled = (compared_line if options else fallback_line)(REASON_GAP) if record else proof_line(0x10)
-            with self.subTest(case=case):
-                self.expect(self.capture(machine, "--base", "base.vrnx", *options), 0, incremental_text(
-                    SIZE, "base.vrnx", settled, complete, tracker=tracker_line(1, 0x11, gap=bool(record))))
-                self.assertEqual(read_header(machine.path("new.vrnx")).epoch, 0x11)
-                self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 0x11)
-
-    def test_a_run_killed_behind_the_commit_costs_the_proof_and_no_more(self):
-        machine = self.incremental(changes=(MIB4,))
-        machine.add_fault("MoveFileExW", kill=True)
-        self.assertEqual(self.thin(machine).status, 137)
-        self.assertEqual(machine.files(), ["base.vrnx", "new.vrnx.partial"])
-        self.expect_good_image(machine, "new.vrnx.partial", machine.disk_bytes(1))
-        self.assertEqual(machine.tracker_disk(1)["previous_epoch"], 0x11)
-        machine.clear_faults()
-        self.expect_compared(machine, REASON_NOT_LATEST, 2, tracker_line(1, 0x12))
-
-
-class Story(Tracked):
-    def test_captures_follow_each_other_as_with_a_driver(self):
-        """Full, thin, thin over thin; between them the disk changes, once through the program's own restore."""
-        machine = self.machine(source=0, target=bytes(512))
-        write_hollow(machine.disk_path(1), SOURCE)
-        machine.tracker([{"number": 1, "bitmap": "00" * BITMAP}])
-        self.expect_full(machine, tracker_line(1, 1), out="0.vrnx", size=SIZE)
-
-        def change(*offsets):
-            record = machine.tracker_disk(1)
-            for offset in offsets:
-                machine.poke_disk(1, offset, pattern(700, f"{offset}"))
-            machine.tracker([{**record, "bitmap": marked(SIZE, SHIFT, *[(offset, 700) for offset in offsets])}])
-
-        def step(epoch, read, references):
-            name, base = f"{epoch - 1}.vrnx", f"{epoch - 2}.vrnx"
-            result = self.expect(self.capture(machine, "--base", base, "--thin", out=name), 0, incremental_text(
-                SIZE, base, proof_line(epoch - 1), thin_complete(name, 3, references, len(read)),
-                tracker=tracker_line(1, epoch)))
-            self.assertEqual(chunks_read(result), read)
-            self.expect_good_image(machine, name, machine.disk_bytes(1))
-
-        change(100, 5000)
-        step(2, [0], 2)
-        step(3, [], 3)
-        change(MIB4 - 200)
-        step(4, [0, 1], 1)
-        self.expect(machine.run("restore", "--in", "0.vrnx", "--disk", "1", "--confirm", "YES"), 0,
-                    restore_text("0.vrnx", 1, SIZE, MIB4))
-        self.assertEqual(machine.tracker_disk(1)["bitmap"], marked(SIZE, SHIFT, (0, SIZE)))
-        # All of it was written, and what is as the base has it becomes a reference all the same.
-        step(5, [0, 1, 2], 1)
-        step(6, [], 3)
-        self.expect_disk(machine, 1, SOURCE)
-
-    def test_a_write_of_the_program_to_the_tracked_disk_is_marked(self):
-        machine = self.incremental()
-        machine.add_disk(2, pattern(MIB4 + 512, "target"))
-        self.assertEqual(machine.run("clone", "--from", "2", "--to", "1", "--confirm", "YES").status, 0)
-        self.expect_thin(machine, 1, [0, 1])
 
 
 if __name__ == "__main__":
