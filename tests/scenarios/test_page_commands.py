@@ -12,7 +12,6 @@ A command line that has to fail is followed by a look at its status; any other h
     tests/run tests/scenarios/test_page_commands.py --update      writes what the program prints into the guide
 """
 
-import json
 import os
 import re
 import shlex

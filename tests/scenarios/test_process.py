@@ -22,7 +22,7 @@ import time
 import suite
 from console import fatal
 from consolidate_runs import plain_full_image
-from image import build_image, check_image
+from image import build_image
 from loop_disks import LoopDisks, reason_to_skip
 from machine import CHECKOUT, SETTINGS, pattern
 from product import ABSENT, Product
@@ -161,22 +161,6 @@ class StandardStreams(Native):
             with open(f"/proc/{process.pid}/fdinfo/{stream}", encoding="ascii") as file:
                 flags = int(re.search(r"flags:\s*([0-7]+)", file.read()).group(1), 8)
             self.assertEqual(flags & os.O_ACCMODE, access)
-
-    def test_no_closed_stream_ends_up_in_a_captured_image_or_on_a_disk(self):
-        disks = self.disks()
-        self.attach(disks, PLAIN)
-        device = self.attach(disks, bytes(len(PLAIN)))
-        for closed in ("<&- >&-", "<&- >&- 2>&-"):
-            for arguments in (("capture", "--disk", "0", "--out", "a.vrnx"),
-                              ("restore", "--in", "a.vrnx", "--disk", "1", "--confirm", "YES")):
-                done = subprocess.run(["sh", "-c", f'exec "$@" {closed}', "sh", *disks.command(*arguments)],
-                                      cwd=self.folder, check=False)
-                self.assertEqual(done.returncode, 0)
-            path = os.path.join(self.folder, "a.vrnx")
-            self.assertEqual(check_image(path), [], closed)
-            with open(device, "rb") as file:
-                self.assertEqual(file.read(), PLAIN, closed)
-            os.remove(path)
 
 
 class DevicesInPlaceOfFiles(Native):

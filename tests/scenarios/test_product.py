@@ -11,13 +11,13 @@ import subprocess
 import tempfile
 
 import suite
-from console import (RESTORE_UNCONFIRMED, USAGE, fatal, verify_failed, verifying_line)
+from console import USAGE, fatal, verifying_line
 from consolidate_runs import consolidated_line, plain_full_image
 from image import build_image
-from incremental import missing_base, other_base
+from incremental import missing_base
 from machine import pattern
 from product import ABSENT, Product, product_meter
-from sealing import NEEDS_PASSWORD, PASSWORD, PASSWORD_EMPTY, PASSWORD_UNREADABLE, verify_mismatch, verify_unauthentic
+from sealing import NEEDS_PASSWORD, PASSWORD, PASSWORD_EMPTY, PASSWORD_UNREADABLE
 
 CHUNK = 4096
 SIZE = 2 * CHUNK + 512
@@ -25,9 +25,7 @@ PLAIN = pattern(SIZE, "plain")
 NEWER = PLAIN[:CHUNK] + pattern(SIZE - CHUNK, "newer")
 COUNT = 3
 
-UNOPENED = fatal("could not open image file", 2)
 SAME_FILE = fatal("--out must differ from --in")
-NO_PATHS = fatal("could not resolve image paths")
 ALREADY_THERE = fatal("--out already exists - refusing to overwrite an image")
 NO_SOURCE = fatal("could not open source disk for raw read (run as Administrator?)", 2)
 
@@ -121,23 +119,6 @@ class NoDisk(ProductRuns):
                         f"Could not open source PhysicalDrive{source} (GetLastError=2)\n")
         self.assertEqual(product.files(), before)
 
-    def test_what_is_refused_before_any_disk_is_opened(self):
-        product = self.prepared()
-        for word in ("yes", "YES ", ""):
-            self.expect(product.run("restore", "--in", "full.vrnx", "--disk", ABSENT, "--confirm", word), 1, "",
-                        RESTORE_UNCONFIRMED)
-        self.expect(product.run("clone", "--from", ABSENT, "--to", ABSENT, "--confirm", "YES"), 1, "",
-                    fatal("source and target are the same disk"))
-
-    def test_a_restore_looks_at_its_image_before_its_target(self):
-        product = self.prepared()
-        product.write("bad.vrnx", bytes(4096))
-        restore = ("restore", "--disk", ABSENT, "--confirm", "YES", "--in")
-        self.expect(product.run(*restore, "no.vrnx"), 1, "", unopened("no.vrnx"))
-        self.expect(product.run(*restore, "bad.vrnx"), 1, "",
-                    fatal("not a recognized Vornix image (bad magic/version)"))
-        self.expect(product.run(*restore, "sealed.vrnx"), 1, "", fatal(NEEDS_PASSWORD))
-
     def test_a_restore_without_its_target_ends_with_the_program_s_own_words(self):
         product = self.prepared()
         before = {name: product.read(name) for name in product.files()}
@@ -157,18 +138,6 @@ class Images(ProductRuns):
                     verify_text("sealed.vrnx"))
         self.expect(product.run("verify", "--in", "both.vrnx", "--password-file", "password"), 0,
                     verify_text("both.vrnx", "sealed.vrnx"))
-
-    def test_damage_is_found_and_told(self):
-        product = self.prepared()
-        product.flip("full.vrnx", 64 + COUNT * 72 + CHUNK)
-        head = verifying_line("full.vrnx", COUNT, SIZE) + product_meter(SIZE, CHUNK, upto=1)
-        self.expect(product.run("verify", "--in", "full.vrnx"), 1, head + verify_mismatch(1)
-                    + product_meter(SIZE, CHUNK).removeprefix(product_meter(SIZE, CHUNK, upto=1)) + "\n",
-                    verify_failed(1, COUNT))
-        product.write("wrong", PASSWORD + b"?")
-        self.expect(product.run("verify", "--in", "sealed.vrnx", "--password-file", "wrong"), 1,
-                    verifying_line("sealed.vrnx", COUNT, SIZE) + "".join(map(verify_unauthentic, range(COUNT))) + "\n",
-                    verify_failed(COUNT, COUNT))
 
     def test_what_is_no_image_is_refused(self):
         product = self.prepared()
@@ -191,15 +160,6 @@ class Images(ProductRuns):
             with self.subTest(arguments=arguments):
                 self.expect(product.run("verify", *arguments), 1, "", error)
 
-    def test_a_chain_is_held_together_by_names_and_digests(self):
-        product = self.prepared()
-        build_image(product.path("full.vrnx"), NEWER)
-        self.expect(product.run("verify", "--in", "thin.vrnx"), 1, "", other_base("full.vrnx")
-                    + fatal("base image does not match the one pinned in the thin image"))
-        os.remove(product.path("full.vrnx"))
-        self.expect(product.run("verify", "--in", "thin.vrnx"), 1, "", missing_base("full.vrnx")
-                    + fatal("base image of a thin image not found"))
-
     def test_chains_fold_into_full_images(self):
         product = self.prepared()
         self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "a.vrnx"), 0, consolidate_text("a.vrnx"))
@@ -212,19 +172,6 @@ class Images(ProductRuns):
                                 "--encrypt"), 0, consolidate_text("c.vrnx"))
         self.expect_good_image(product, "c.vrnx", NEWER, PASSWORD)
 
-    def test_consolidate_refuses_what_it_must(self):
-        product = self.prepared()
-        before = product.files()
-        for arguments, error in (
-                (("thin.vrnx", "full.vrnx"), ALREADY_THERE), (("missing.vrnx", "a.vrnx"), unopened("missing.vrnx")),
-                (("both.vrnx", "a.vrnx"), fatal(NEEDS_PASSWORD)),
-                (("thin.vrnx", "missing/a.vrnx"), fatal("could not create output image file", 3))):
-            with self.subTest(arguments=arguments):
-                self.expect(product.run("consolidate", "--in", arguments[0], "--out", arguments[1]), 1, "", error)
-        self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "a.vrnx", "--encrypt"), 1, "",
-                    fatal("--encrypt needs --password-file"))
-        self.assertEqual(product.files(), before)
-
 
 class Paths(ProductRuns):
     def test_ways_to_an_image(self):
@@ -233,16 +180,6 @@ class Paths(ProductRuns):
         for path in ("./thin.vrnx", "sub/../thin.vrnx", "sub/.././thin.vrnx", product.absolute("thin.vrnx")):
             with self.subTest(path=path):
                 self.expect(product.run("verify", "--in", path), 0, verify_text(path, "full.vrnx"))
-
-    def test_ways_to_the_same_file(self):
-        product = self.prepared()
-        before = product.files()
-        for path, out in (("thin.vrnx", "thin.vrnx"), ("thin.vrnx", "THIN.vrnX"), ("thin.vrnx", "./thin.vrnx"),
-                          ("thin.vrnx", product.absolute("Thin.vrnx")), (product.absolute("thin.vrnx"), "thin.vrnx"),
-                          ("folder/../thin.vrnx", "thin.vrnx"), ("missing", "Missing")):
-            with self.subTest(path=path, out=out):
-                self.expect(product.run("consolidate", "--in", path, "--out", out), 1, "", SAME_FILE)
-        self.assertEqual(product.files(), before)
 
 
 class HostPaths(ProductRuns):
@@ -260,15 +197,6 @@ class HostPaths(ProductRuns):
         if self.settings.windows:
             self.skipTest("paths of Linux")
         return self.prepared()
-
-    def test_259_bytes_of_a_whole_path_are_the_most(self):
-        product = self.prepared()
-        room = 259 - len(product.absolute(""))
-        self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "x" * (room + 1)), 1, "", NO_PATHS)
-        self.expect(product.run("consolidate", "--in", "x" * (room + 1), "--out", "y"), 1, "", NO_PATHS)
-        self.expect(product.run("consolidate", "--in", "thin.vrnx", "--out", "x" * room), 0,
-                    consolidate_text("x" * room))
-        self.expect_file(product, "x" * room, plain_full_image(NEWER, CHUNK))
 
     def test_the_limit_is_that_of_the_whole_path_and_not_of_what_was_typed(self):
         product = self.linux()
