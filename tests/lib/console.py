@@ -76,12 +76,6 @@ LARGER_TARGET_NOTE = (
 RESTORE_COMPLETE = "Restore complete. Run 'diskpart > rescan' (or reboot) before relying on the target disk.\n"
 
 
-def system_disk_refusal(disk):
-    return (f"Refusing: PhysicalDrive{disk} is the disk this copy of Windows is currently running from.\n"
-            "A live raw write to your own booted system disk cannot be made safe - boot from\n"
-            "separate media (Windows Recovery/PE) and run vornix restore from there instead.\n")
-
-
 RESTORE_UNCONFIRMED = "Refusing: restore is destructive (overwrites the ENTIRE target disk). Pass --confirm YES.\n"
 
 

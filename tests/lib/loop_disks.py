@@ -141,10 +141,13 @@ class LoopDisks:
         """Runs vornix with these devices as its disks; gives what subprocess.run gives."""
         return self._run(self.command(*arguments))
 
+    def tool_command(self, *arguments):
+        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
+        return [tool if word == SETTINGS.program else word for word in self.command(*arguments)]
+
     def run_tool(self, *arguments):
         """The same with vornix-disks."""
-        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
-        return self._run([tool if word == SETTINGS.program else word for word in self.command(*arguments)])
+        return self._run(self.tool_command(*arguments))
 
     def _run(self, command):
         return subprocess.run(command, cwd=self.folder, capture_output=True, stdin=subprocess.DEVNULL,

@@ -193,21 +193,6 @@ class Sealing(Consolidate):
                        if line["call"] == "CreateFileW" and line["path"] == "out.vrnx")
         self.assertEqual([line["call"] for line in result.log[:created]].count("BCryptGenerateSymmetricKey"), 3)
 
-    def test_the_random_provider_is_opened_for_the_salt_and_for_every_nonce(self):
-        machine = self.prepared()
-        self.full(machine)
-        result = self.consolidate(machine, *self.SEALED)
-        self.assertEqual(len(result.calls("BCryptOpenAlgorithmProvider", algorithm="RNG")), 6)
-        self.assertEqual([line["length"] for line in result.calls("BCryptGenRandom")], [16] + [12] * 5)
-        names = result.sequence()
-        for place, name in enumerate(names):
-            if name == "BCryptGenRandom":
-                self.assertEqual(names[place - 1:place + 2], ["BCryptOpenAlgorithmProvider", "BCryptGenRandom",
-                                                              "BCryptCloseAlgorithmProvider"])
-        _, records = read_table(machine.path("out.vrnx"))
-        self.assertEqual([line["nonce"] for line in result.calls("BCryptEncrypt")],
-                         [record.nonce.hex() for record in records])
-
     def test_a_password_for_a_plain_chain_is_not_even_read(self):
         machine = self.prepared()
         plain = self.chain(machine)

@@ -2,7 +2,7 @@
 alignment of buffers, and where transfers are placed."""
 
 import suite
-from console import NO_TRACKER, capture_text, fatal, restore_text, source_line, system_disk_refusal, verify_text
+from console import NO_TRACKER, capture_text, fatal, restore_text, source_line
 from image import build_image
 from machine import (ACCESS_READ, ACCESS_READ_WRITE, DRIVE_GEOMETRY_EX, FLAG_NO_BUFFERING, LENGTH_INFO,
                      VOLUME_DISK_EXTENTS, pattern)
@@ -120,11 +120,6 @@ class SystemDisk(Disks):
         self.expect(machine.run("restore", "--in", "x", "--disk", "2", "--confirm", "YES"), 1, "", message)
         self.assertEqual(machine.files(), [])
 
-    def test_without_c_an_image_is_verified(self):
-        machine = self.machine(default=False)
-        build_image(machine.path("a.vrnx"), pattern(SMALL, "image"))
-        self.expect(machine.run("verify", "--in", "a.vrnx"), 0, verify_text("a.vrnx", SMALL, 4096))
-
     def test_how_c_is_opened_asked_and_closed(self):
         machine = self.bare(0)
         steps = [line for line in machine.run("list-disks").log if line.get("path") == r"\\.\C:"]
@@ -132,11 +127,6 @@ class SystemDisk(Disks):
         self.assertEqual({key: steps[0][key] for key in ("access", "share", "flags")},
                          {"access": ACCESS_READ, "share": "0x00000003", "flags": "0x00000000"})
         self.assertEqual((steps[1]["code"], steps[1]["in"], steps[1]["out"]), (VOLUME_DISK_EXTENTS, 0, 224))
-
-    def test_the_disk_of_c_is_refused_as_a_target_whatever_its_number(self):
-        machine = self.bare(0, 1)
-        machine.system_volume([(1, 4096, 8192)])
-        self.expect(self.restore(machine, disk=1), 1, "", system_disk_refusal(1))
 
 
 class Opening(Disks):
@@ -176,16 +166,6 @@ class Opening(Disks):
 
 
 class Geometry(Disks):
-    def test_a_source_or_target_that_does_not_tell_its_length_or_geometry_is_fatal(self):
-        for skip, name in enumerate(("LENGTH_INFO", "DRIVE_GEOMETRY_EX")):
-            machine = self.bare(0, 1, 2)
-            before = machine.disk_bytes(2)
-            for path in ("PhysicalDrive1", "PhysicalDrive2"):
-                machine.add_fault("DeviceIoControl", path=path, skip=skip, error=21)
-            report = fatal(f"IOCTL_DISK_GET_{name} failed", 21)
-            self.expect(machine.run("capture", "--disk", "1", "--out", "x"), 1, "", report)
-            self.expect(self.restore(machine), 1, "", report)
-            self.expect_disk(machine, 2, before)
 
     def test_the_length_is_what_the_disk_says_and_not_what_its_geometry_says(self):
         machine = self.bare(0, 1)
@@ -244,17 +224,6 @@ class Transfers(Disks):
             ("SetFilePointerEx", 0, None), ("ReadFile", 0, 4194304),
             ("SetFilePointerEx", 4194304, None), ("ReadFile", 4194304, 4194304),
             ("SetFilePointerEx", 8388608, None), ("ReadFile", 8388608, 1049088)])
-
-    def test_each_write_of_a_target_is_placed_and_the_last_is_cut(self):
-        machine = self.bare(0)
-        machine.add_disk(2, bytes(10240))
-        result = self.restore(machine, 10240)
-        steps = [(line["call"], line["offset"], line.get("length")) for line in result.log
-                 if line.get("path") == r"\\.\PhysicalDrive2" and line["call"] in ("SetFilePointerEx", "WriteFile")]
-        self.assertEqual(steps, [
-            ("SetFilePointerEx", 0, None), ("WriteFile", 0, 4096),
-            ("SetFilePointerEx", 4096, None), ("WriteFile", 4096, 4096),
-            ("SetFilePointerEx", 8192, None), ("WriteFile", 8192, 2048)])
 
     def test_a_rest_that_is_no_whole_number_of_the_targets_sectors_fails_as_a_write(self):
         machine = self.bare(0)

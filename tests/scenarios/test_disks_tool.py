@@ -116,8 +116,7 @@ class DisksTool(LoopScenario):
     def test_claim_that_nobody_is_seen_to_hold_counts_as_use(self):
         """The tool runs among processes of its own, where it sees none of those that have the device open."""
         device = self.attach()
-        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
-        command = [tool if word == SETTINGS.program else word for word in self.disks.command("--json")]
+        command = self.disks.tool_command("--json")
 
         def look():
             done = subprocess.run(["unshare", "--pid", "--fork", "--mount-proc", *command], capture_output=True,
@@ -144,10 +143,8 @@ class DisksTool(LoopScenario):
         os.mkdir(nodes)
         with open(os.path.join(nodes, os.path.basename(device)), "wb"):
             pass
-        command = self.disks.command("--json")
-        at = command.index(SETTINGS.program)
-        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
-        command[at:at + 1] = ["sh", "-c", 'mount --bind "$0" /dev && exec "$@"', nodes, tool]
+        command = self.disks.tool_command("--json")
+        command[-2:-2] = ["sh", "-c", 'mount --bind "$0" /dev && exec "$@"', nodes]
         done = subprocess.run(command, capture_output=True, env=SETTINGS.environment(), check=False)
         disks = {disk["node"]: disk for disk in json.loads(done.stdout)["disks"]}
         self.assertEqual((disks[device]["number"], disks[device]["listed"]), (number, False))
@@ -185,11 +182,9 @@ class DisksTool(LoopScenario):
             self.assertEqual(done.stderr.startswith(b"usage: vornix-disks"), status == 2)
 
     def test_lost_output_is_a_failure(self):
-        command = self.disks.command("--version")
-        tool = os.path.join(os.path.dirname(SETTINGS.program), "vornix-disks")
         with open("/dev/full", "wb") as full:
-            done = subprocess.run([tool if word == SETTINGS.program else word for word in command], stdout=full,
-                                  stderr=subprocess.PIPE, check=False)
+            done = subprocess.run(self.disks.tool_command("--version"), stdout=full, stderr=subprocess.PIPE,
+                                  check=False)
         self.assertEqual(done.returncode, 1)
         self.assertIn(b"the output was lost", done.stderr)
 

@@ -20,10 +20,10 @@ PAIRS = {"BCryptOpenAlgorithmProvider": "BCryptCloseAlgorithmProvider", "BCryptC
 
 
 class Releases(suite.Scenario):
-    def setUp(self):
-        super().setUp()
-        self.computer = self.machine(default=False)
-        machine = self.computer
+    def computer(self, password=None):
+        """A disk with a volume and a tracker, base.vrnx of what it held before, and thin.vrnx over that of what it
+        holds."""
+        machine = self.machine(default=False)
         machine.add_disk(0, bytes(65536))
         machine.add_disk(1, DISK)
         machine.add_disk(2, bytes(len(DISK)))
@@ -34,21 +34,14 @@ class Releases(suite.Scenario):
         machine.add_volume(volume_name(2), [(0, 0, 512)])
         machine.shadow_service()
         machine.write("password", PASSWORD)
+        base = machine.path("base.vrnx")
+        build_image(base, BEFORE, chunk_size=CHUNK, epoch=EPOCH, password=password)
+        build_image(machine.path("thin.vrnx"), DISK, chunk_size=CHUNK, password=password, base=base, seed="thin")
+        return machine
 
-    def base(self, password=None):
-        build_image(self.computer.path("base.vrnx"), BEFORE, chunk_size=CHUNK, epoch=EPOCH, password=password)
-
-    def chain(self, password=None):
-        self.base(password)
-        build_image(self.computer.path("thin.vrnx"), DISK, chunk_size=CHUNK, password=password,
-                    base=self.computer.path("base.vrnx"), seed="thin")
-
-    def forget_previous_epoch(self):
-        self.computer.tracker([{**self.computer.tracker_disk(1), "has_previous_epoch": 0}])
-
-    def expect_all_given_back(self, *arguments, but=()):
+    def expect_all_given_back(self, machine, *arguments, but=()):
         """The run succeeds and has nothing left save the files of these names; gives its result."""
-        result = self.computer.run(*arguments)
+        result = machine.run(*arguments)
         self.assertEqual((result.status, result.stderr), (0, b""), result.describe())
         made = 0
         for begin, end in PAIRS.items():
@@ -60,58 +53,43 @@ class Releases(suite.Scenario):
         self.assertGreater(made + len(opened), 0)
         return result
 
-    def test_full_capture(self):
-        self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx")
+    CAPTURE = ("capture", "--disk", "1", "--out", "new.vrnx")
+    OVER = (*CAPTURE, "--base", "base.vrnx")
+    RUNS = (
+        # (case, the password of the images, whether the tracker proves nothing, the command, what stays open)
+        ("full capture", None, False, CAPTURE, ()),
+        ("sealed capture with snapshots", None, False, (*CAPTURE, "--vss", "--encrypt", *KEY), ()),
+        ("capture that copies from its base", None, False, OVER, ()),
+        ("capture that proves nothing by its base", None, True, OVER, ()),
+        ("thin capture that compares", None, True, (*OVER, "--thin"), ()),
+        ("verify of a sealed chain", PASSWORD, False, ("verify", "--in", "thin.vrnx", *KEY), ("base.vrnx",)),
+        ("restore of a chain", None, False, ("restore", "--in", "thin.vrnx", "--disk", "2", "--confirm", "YES"),
+         ("base.vrnx",)),
+        ("consolidation sealed anew", PASSWORD, False,
+         ("consolidate", "--in", "thin.vrnx", "--out", "new.vrnx", "--encrypt", *KEY), ("base.vrnx",)),
+        ("clone", None, False, ("clone", "--from", "1", "--to", "2", "--confirm", "YES", "--verify"), ()),
+        ("list", None, False, ("list-disks",), ()))
 
-    def test_full_capture_sealed_with_snapshots(self):
-        self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--vss", "--encrypt", *KEY)
+    def test_every_command_gives_back_what_it_opened_or_made(self):
+        for case, password, is_unproved, arguments, but in self.RUNS:
+            machine = self.computer(password)
+            if is_unproved:
+                machine.tracker([{**machine.tracker_disk(1), "has_previous_epoch": 0}])
+            with self.subTest(case):
+                self.expect_all_given_back(machine, *arguments, but=but)
 
-    def test_session_that_came_to_nothing_ends_before_the_disk_is_read(self):
-        self.computer.add_fault("IVssBackupComponents::StartSnapshotSet", status="0x80004005")
-        result = self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--vss")
+    def test_a_session_that_came_to_nothing_ends_before_the_disk_is_read(self):
+        machine = self.computer()
+        machine.add_fault("IVssBackupComponents::StartSnapshotSet", status="0x80004005")
+        result = self.expect_all_given_back(machine, *self.CAPTURE, "--vss")
         calls = result.sequence("IVssBackupComponents::Release", "CoUninitialize", "ReadFile")
         self.assertEqual(calls[:3], ["IVssBackupComponents::Release", "CoUninitialize", "ReadFile"], result.describe())
 
-    def test_capture_that_copies_from_its_base(self):
-        self.base()
-        self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--base", "base.vrnx")
-
-    def test_capture_that_proves_nothing_by_its_base(self):
-        self.base()
-        self.forget_previous_epoch()
-        self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--base", "base.vrnx")
-
-    def test_thin_capture_that_compares(self):
-        self.base()
-        self.forget_previous_epoch()
-        self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--base", "base.vrnx", "--thin")
-
     def test_keys_of_a_sealed_capture_end_before_the_device_of_the_tracker_is_closed(self):
-        self.base(PASSWORD)
-        result = self.expect_all_given_back("capture", "--disk", "1", "--out", "new.vrnx", "--base", "base.vrnx",
-                                            "--thin", "--encrypt", *KEY)
+        result = self.expect_all_given_back(self.computer(PASSWORD), *self.OVER, "--thin", "--encrypt", *KEY)
         ends = [call["call"] for call in result.log
                 if call["call"] == "BCryptDestroyKey" or call["call"] == "CloseHandle" and "Wendrel" in call["path"]]
         self.assertEqual(ends, ["BCryptDestroyKey", "BCryptDestroyKey", "CloseHandle"], result.describe())
-
-    def test_verify_of_a_sealed_chain(self):
-        self.chain(PASSWORD)
-        self.expect_all_given_back("verify", "--in", "thin.vrnx", *KEY, but=["base.vrnx"])
-
-    def test_restore_of_a_chain(self):
-        self.chain()
-        self.expect_all_given_back("restore", "--in", "thin.vrnx", "--disk", "2", "--confirm", "YES", but=["base.vrnx"])
-
-    def test_consolidate_sealed_anew(self):
-        self.chain(PASSWORD)
-        self.expect_all_given_back("consolidate", "--in", "thin.vrnx", "--out", "new.vrnx", "--encrypt", *KEY,
-                                   but=["base.vrnx"])
-
-    def test_clone(self):
-        self.expect_all_given_back("clone", "--from", "1", "--to", "2", "--confirm", "YES", "--verify")
-
-    def test_list(self):
-        self.expect_all_given_back("list-disks")
 
 
 if __name__ == "__main__":

@@ -240,15 +240,6 @@ class Restore(Sealed):
     def begun(self, chunks, size=SIZE):
         return restoring_line("a.vrnx", 2, (size - 1) // 4096 + 1, size) + meter_run(size, 4096, upto=chunks)
 
-    def test_opened_chunks_are_written_from_memory_that_every_sector_size_takes(self):
-        # The machine's disks refuse memory that is not aligned to their sectors.
-        for sector_size in (512, 4096, 8192, 65536):
-            machine, _ = self.sealed(2 * 65536, chunk_size=65536, sector_size=sector_size)
-            result = self.expect(self.restore(machine), 0, restore_text("a.vrnx", 2, 2 * 65536, 65536))
-            self.expect_disk(machine, 2, pattern(2 * 65536, "image"))
-            self.assertEqual([(line["size"], line["alignment"]) for line in result.calls("_aligned_malloc")],
-                             [(65536, max(sector_size, 4096))])
-
     def test_each_chunk_is_opened_before_it_is_written_and_not_hashed(self):
         machine, builder = self.sealed(3 * 4096 - 1024)
         result = self.restore(machine)

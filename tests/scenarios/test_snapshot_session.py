@@ -40,7 +40,7 @@ RELEASED = ["Release", "CoUninitialize"]
 
 
 class Session(suite.Scenario):
-    def machine_with(self, *volumes, writers=()):
+    def machine_with(self, *volumes, writers=(), faults=()):
         """A disk with volume 1 all over it, or with these volumes: (number, start, length, further fields) each."""
         machine = self.machine(source=LIVE, target=bytes(512))
         machine.shadow_service(writers)
@@ -48,6 +48,8 @@ class Session(suite.Scenario):
             machine.add_volume(volume_name(1), [(1, 0, SIZE)], shadow_contents=FROZEN)
         for number, start, length, *fields in volumes:
             machine.add_volume(volume_name(number), [(1, start, length)], **(fields[0] if fields else {}))
+        for fault in faults:
+            machine.add_fault(**fault)
         return machine
 
     def capture(self, machine, *options, out="a.vrnx"):
@@ -65,10 +67,7 @@ class Session(suite.Scenario):
 
     def expect_live(self, faults, session, calls):
         """With these faults the session falls back, and the disk is read live."""
-        machine = self.machine_with()
-        for fault in faults:
-            machine.add_fault(**fault)
-        return self.expect_captured(machine, session, calls, plain=LIVE)
+        return self.expect_captured(self.machine_with(faults=faults), session, calls, plain=LIVE)
 
 
 class GoodSession(Session):
@@ -388,9 +387,7 @@ class Writers(Session):
                 ("not freed", [{"call": "IVssBackupComponents::FreeWriterStatus", "status": "0x80042301"}],
                  writer_failed("Bad", 6, 0) + writer_failed("Worse", 7, 0) + writers_reported(3, 2),
                  [*counted, *one * 3, "FreeWriterStatus"])):
-            machine = self.machine_with(writers=(("Bad", 6, 0), ("Good", 1, 0), ("Worse", 7, 0)))
-            for fault in faults:
-                machine.add_fault(**fault)
+            machine = self.machine_with(writers=(("Bad", 6, 0), ("Good", 1, 0), ("Worse", 7, 0)), faults=faults)
             with self.subTest(case):
                 self.expect_captured(machine, GATHERING + snapshotting(*WHOLE) + FREEZING + lines + snapshotted(1),
                                      [*TAKEN, *calls, *OPENED[-2:], *COMPLETED])
@@ -437,8 +434,7 @@ class ShadowDevices(Session):
                 ({"call": "IVssBackupComponents::GetSnapshotProperties", "status": "0x80042308"},
                  f"  --vss: GetSnapshotProperties failed for {device_of(1)} (0x80042308) - read live.\n",
                  OPENED[:-1])):  # properties that cannot be had are not freed
-            machine = self.machine_with()
-            machine.add_fault(**fault)
+            machine = self.machine_with(faults=[fault])
             with self.subTest(fault["call"]):
                 self.expect_captured(
                     machine, GATHERING + snapshotting(*WHOLE) + FREEZING + writers_reported(0) + line
@@ -472,9 +468,7 @@ class Ending(Session):
                  "    BackupComplete did not complete successfully (wait=0x80042316, status=0x0004230A)\n"),
                 ([{"call": "IVssAsync::QueryStatus", "skip": 4, "status": "0x80070006"}],
                  "    BackupComplete did not complete successfully (wait=0x00000000, status=0x80004005)\n")):
-            machine = self.machine_with()
-            for fault in faults:
-                machine.add_fault(**fault)
+            machine = self.machine_with(faults=faults)
             self.expect_captured(machine, begun([WHOLE]), [*OPENED, *COMPLETED], at_the_end=line)
 
     def test_what_fails_at_the_end_in_silence(self):
@@ -491,9 +485,7 @@ class Ending(Session):
                 ("a set that is gone already", [{"call": delete, "status": OBJECT_NOT_FOUND}], COMPLETED),
                 ("a shadow device that does not close", [{"call": "CloseHandle", "path": "ShadowCopy", "error": 6}],
                  COMPLETED)):
-            machine = self.machine_with()
-            for fault in faults:
-                machine.add_fault(**fault)
+            machine = self.machine_with(faults=faults)
             with self.subTest(case):
                 self.expect_captured(machine, begun([WHOLE]), [*OPENED, *ending])
 
@@ -549,13 +541,11 @@ class FatalEnd(Session):
                 ("a set that cannot be deleted", [
                     read_shadow, {"call": "IVssBackupComponents::DeleteSnapshots", **refused}], [],
                  fatal(READ_FAILED, 23), "", not_deleted(0x80042301))):
-            machine = self.machine_with()
+            machine = self.machine_with(faults=faults)
             build_image(machine.path("base.vrnx"), FROZEN, chunk_size=MIB4)
             build_image(machine.path("other.vrnx"), bytes(SIZE + 512), chunk_size=MIB4)
             machine.write("empty.txt", b"\n")
             os.mkdir(machine.path("folder.partial"))
-            for fault in faults:
-                machine.add_fault(**fault)
             with self.subTest(case):
                 self.expect_fatal(machine, report, *options, printed=printed, at_the_end=at_the_end)
 

@@ -104,14 +104,6 @@ class VolumeExtents(suite.Scenario):
         self.assertEqual(self.searched(result), [("FindFirstVolumeW", None)])
         self.assertEqual(result.calls("FindFirstVolumeW")[0]["error"], 18)
 
-    def test_no_volume_on_this_disk_is_an_empty_list(self):
-        result = self.capture(self.machine_with((volume_name(1), [(0, 0, SIZE)]), (volume_name(2), [(2, 0, SIZE)])),
-                              NOTHING_FOUND)
-        self.assertEqual(self.asked_for(result), [])
-        self.assertEqual([call for call, _ in self.searched(result)],
-                         ["FindFirstVolumeW", "CreateFileW", "DeviceIoControl", "CloseHandle", "FindNextVolumeW",
-                          "CreateFileW", "DeviceIoControl", "CloseHandle", "FindNextVolumeW", "FindVolumeClose"])
-
     def expect_passed_over(self, extents, **fields):
         """A volume like this is passed over without a word, its handle is closed, and the one behind it is found."""
         machine = self.machine_with((volume_name(1), extents, fields), (volume_name(2), [(1, 4096, 8192)]))
@@ -192,8 +184,6 @@ class VolumeExtents(suite.Scenario):
         self.assertEqual(result.status, 0)
         self.assertEqual([line for line in result.log if line["call"] in SEARCH or "Vss" in line["call"]
                           or line["call"].startswith("Co")], [])
-
-    # --- From the place to the reads ---
 
 
 if __name__ == "__main__":
