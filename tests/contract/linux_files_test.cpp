@@ -27,6 +27,7 @@
 #include <utility>
 
 #include "linux/durable_writes.h"
+#include "linux/host_paths.h"
 #include "linux/open_objects.h"
 #include "linux/share_modes.h"
 #include "linux/work_account.h"
@@ -78,6 +79,39 @@ TEST_F(LinuxFiles, WidenedByteIsThatByteAgain) {
     // The unit in front of them is a character.
     MakeFile(std::wstring(1, static_cast<wchar_t>(0xFF7F)), "x");
     EXPECT_TRUE(std::filesystem::exists(Folder() / "\xEF\xBD\xBF"));
+}
+
+TEST(LinuxPaths, UnitsAreWrittenInUtf8AndInPairsWhereTheyArePairs) {
+    const struct {
+        std::wstring Units;
+        std::string Bytes;
+    } cases[] = {{L"\x7F", "\x7F"},
+                 {L"\x80", "\xC2\x80"},
+                 {L"\x7FF", "\xDF\xBF"},
+                 {L"\x800", "\xE0\xA0\x80"},
+                 {L"\xFF7F", "\xEF\xBD\xBF"},
+                 {L"\xFF80", "\x80"},
+                 {L"\xFFFF", "\xFF"},
+                 {L"\xD800\xDC00", "\xF0\x90\x80\x80"},
+                 {L"\xDBFF\xDFFF", "\xF4\x8F\xBF\xBF"},
+                 {L"\xD7FF\xDC00", "\xED\x9F\xBF\xED\xB0\x80"},
+                 {L"\xDC00\xDC00", "\xED\xB0\x80\xED\xB0\x80"},
+                 {L"\xD800\xDBFF", "\xED\xA0\x80\xED\xAF\xBF"},
+                 {L"\xD800\xE000", "\xED\xA0\x80\xEE\x80\x80"},
+                 {L"\xD800", "\xED\xA0\x80"}};
+    for (const auto& oneCase : cases) {
+        EXPECT_EQ(vornix::platform::HostPath(oneCase.Units.c_str()), oneCase.Bytes);
+    }
+}
+
+TEST(LinuxPaths, CaseIsIgnoredOfLettersAlone) {
+    using vornix::platform::EqualsIgnoringCase;
+    EXPECT_TRUE(EqualsIgnoringCase("AZaz@[", "azAZ@["));
+    EXPECT_FALSE(EqualsIgnoringCase("@", "`"));
+    EXPECT_FALSE(EqualsIgnoringCase("[", "{"));
+    EXPECT_FALSE(EqualsIgnoringCase("ab", "bb"));
+    EXPECT_FALSE(EqualsIgnoringCase("ab", "aa"));
+    EXPECT_FALSE(EqualsIgnoringCase("a", "ab"));
 }
 
 TEST_F(LinuxFiles, MoveNamesBytesAsTheyWere) {

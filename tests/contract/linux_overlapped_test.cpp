@@ -230,9 +230,30 @@ TEST_F(LinuxReadAhead, CloseWaitsForWhatIsBeingRead) {
     EXPECT_TRUE(again.IsOpen()) << "still held after the close, error " << GetLastError();
 }
 
+TEST_F(LinuxReadAhead, ClosedFileLeavesNoMemoryBehind) {
+    MakeFileToRead(3);
+    size_t before = 0;
+    for (int time = 0; time < 3; time++) {
+        {
+            const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
+            for (int i = 0; i < 3; i++) {
+                Read(file);
+            }
+        }
+        const size_t used = mallinfo2().hblkhd + mallinfo2().uordblks;
+        EXPECT_LT(used, time == 0 ? SIZE_MAX : before + length / 2);
+        before = used;
+    }
+}
+
 TEST_F(LinuxReadAhead, MoreFilesThanItServesAreReadAllTheSame) {
     MakeFileToRead(3);
     const ScopedHostCalls scope;
+    const auto countThreads = [] {
+        const std::filesystem::directory_iterator threads("/proc/self/task");
+        return std::distance(begin(threads), end(threads));
+    };
+    const auto threadsBefore = countThreads();
     std::vector<std::unique_ptr<ScopedHandle>> files(20);
     for (auto& file : files) {
         file = std::make_unique<ScopedHandle>(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
@@ -242,6 +263,7 @@ TEST_F(LinuxReadAhead, MoreFilesThanItServesAreReadAllTheSame) {
             Read(*file);
         }
     }
+    EXPECT_EQ(countThreads() - threadsBefore, 8);
 }
 
 TEST_F(LinuxReadAhead, FileThatShrinksMeanwhileEndsWhereItEnds) {

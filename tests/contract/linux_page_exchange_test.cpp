@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -68,6 +69,23 @@ TEST_F(LinuxPageExchange, WholeLargePagesChangePlacesAndNothingBesideThem) {
     EXPECT_TRUE(Holds(memory_.get(), length, length + hugePage, 1)) << "behind it";
     EXPECT_TRUE(Holds(block_.get(), length, length + hugePage, 2)) << "behind the block";
     EXPECT_TRUE(Holds(block_.get(), 0, length, 1)) << "copied, where this kernel can do better";
+    exchange_.Take(memory_.get(), block_.get(), length);
+    EXPECT_TRUE(Holds(block_.get(), 0, length, 2)) << "copied the second time";
+}
+
+TEST_F(LinuxPageExchange, PlaceWhereTheOnesPagesWaitIsGivenBack) {
+    const auto mapped = [] {
+        size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        return pages * 4096;
+    };
+    const size_t before = mapped();
+    for (int time = 0; time < 20; time++) {
+        PageExchange exchange;
+        exchange.Take(memory_.get(), block_.get(), hugePage);
+        exchange.Take(memory_.get(), block_.get(), length);
+    }
+    EXPECT_LT(mapped(), before + 8 * hugePage);
 }
 
 TEST_F(LinuxPageExchange, PagesGoBackAndForthAndStayTheOwnersOwn) {

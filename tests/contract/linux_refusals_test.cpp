@@ -6,6 +6,7 @@
 
 #include <bcrypt.h>
 #include <objbase.h>
+#include <oleauto.h>
 
 #include <vss.h>
 #include <vswriter.h>
@@ -17,6 +18,7 @@
 #include <stdlib.h>
 
 #include <cerrno>
+#include <string>
 
 #include "snapshot/create_components_guarded.h"
 
@@ -102,6 +104,58 @@ TEST_F(RefusalDeathTest, RuntimeNamesWhatItDoesNotSupport) {
     EXPECT_DEATH(fopen_s(&stream, "file", "w"), "fopen_s: mode \"w\"");
     EXPECT_DEATH(_fullpath(nullptr, "file", 260), "_fullpath: a result without a buffer");
     EXPECT_DEATH(CoInitializeEx(nullptr, 0x10), "CoInitializeEx: flags 0x10");
+}
+
+struct Security {
+    PSECURITY_DESCRIPTOR Descriptor = nullptr;
+    LONG ServiceCount = -1;
+    SOLE_AUTHENTICATION_SERVICE* Services = nullptr;
+    void* Reserved1 = nullptr;
+    DWORD Authentication = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
+    DWORD Impersonation = RPC_C_IMP_LEVEL_IMPERSONATE;
+    void* List = nullptr;
+    DWORD Capabilities = EOAC_NONE;
+    void* Reserved3 = nullptr;
+};
+
+HRESULT Initialise(const Security& security) {
+    return CoInitializeSecurity(security.Descriptor, security.ServiceCount, security.Services, security.Reserved1,
+                                security.Authentication, security.Impersonation, security.List, security.Capabilities,
+                                security.Reserved3);
+}
+
+TEST_F(RefusalDeathTest, SecurityNamesWhatItDoesNotSupport) {
+    int something = 0;
+    void* const pointer = &something;
+    for (const Security& security : {Security{.Descriptor = pointer}, Security{.ServiceCount = 0},
+                                     Security{.Services = static_cast<SOLE_AUTHENTICATION_SERVICE*>(pointer)},
+                                     Security{.List = pointer}, Security{.Capabilities = 2}}) {
+        EXPECT_DEATH((void)Initialise(security), "CoInitializeSecurity: security of one's own, capabilities 0x");
+    }
+    for (const Security& security : {Security{.Authentication = 1}, Security{.Impersonation = 1}}) {
+        EXPECT_DEATH((void)Initialise(security), "CoInitializeSecurity: authentication level 0x");
+    }
+    EXPECT_EQ(Initialise({.Reserved1 = pointer}), E_INVALIDARG);
+    EXPECT_EQ(Initialise({.Reserved3 = pointer}), E_INVALIDARG);
+}
+
+TEST(SecurityOnLinux, IsSettledOnceAsLongAsThereIsAnApartment) {
+    EXPECT_EQ(Initialise({}), CO_E_NOTINITIALIZED);
+    for (int time = 0; time < 2; time++) {
+        ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
+        ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_FALSE);
+        EXPECT_EQ(Initialise({}), S_OK);
+        CoUninitialize();
+        EXPECT_EQ(Initialise({}), RPC_E_TOO_LATE);
+        CoUninitialize();
+    }
+}
+
+TEST(SecurityOnLinux, FreedStringLeavesNoMemoryBehind) {
+    const std::wstring text(1 << 20, L'x');
+    const size_t before = mallinfo2().hblkhd;
+    SysFreeString(SysAllocString(text.c_str()));
+    EXPECT_EQ(mallinfo2().hblkhd, before);
 }
 
 TEST(AbsenceOnLinux, ChangeTrackerDoesNotOpen) {
