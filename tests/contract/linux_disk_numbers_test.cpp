@@ -79,6 +79,12 @@ TEST_F(LinuxWholeDisks, HiddenPathsOfADiskAreNone) {
     EXPECT_EQ(Find(), Names{"nvme0n1"});
 }
 
+TEST_F(LinuxWholeDisks, ExclamationMarkOfANameIsAFolderOfItsNode) {
+    HostDisk disk;
+    disk.Name = "cciss!c0d0";
+    EXPECT_EQ(vornix::platform::NodeOf(roots_, disk), Path("dev/cciss/c0d0"));
+}
+
 TEST_F(LinuxWholeDisks, NodeOfAnotherDeviceIsNotOpened) {
     const LoopDisks& loops = TheLoopDisks();
     if (!loops.WhyNone.empty()) {
@@ -180,10 +186,10 @@ TEST_F(LinuxNumbers, AreGivenAgainOnlyWhenSixteenAreUsedUpAndTheLongestGoneFirst
 
 TEST_F(LinuxNumbers, KnowADiskBySizeAndSerialWhereTheKernelDoesNotCountDisks) {
     Add({"sda", "8:0"});
-    Write("sys/block/sda/device/serial", "S, 1%");
+    Write("sys/block/sda/device/serial", "S, 1%\x7F");
     Add({"sdb", "8:16"});
     EXPECT_EQ(Look(), "0 sda 1 sdb");
-    EXPECT_NE(Read("run/vornix/disks").find("\ndisk 0 0 8:0,size=2048,serial=S%2C%201%25\n"), std::string::npos);
+    EXPECT_NE(Read("run/vornix/disks").find("\ndisk 0 0 8:0,size=2048,serial=S%2C%201%25%7F\n"), std::string::npos);
     EXPECT_EQ(Look(), "0 sda 1 sdb");
     Write("sys/block/sda/device/serial", "S2");
     EXPECT_EQ(Look(), "1 sdb 2 sda");

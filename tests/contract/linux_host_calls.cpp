@@ -312,6 +312,7 @@ int posix_fadvise(int descriptor, off_t offset, off_t length, int advice) noexce
 int close(int descriptor) {
     const auto status = static_cast<int>(syscall(SYS_close, descriptor));
     HostCalls& calls = TheHostCalls();
+    calls.HasClosedUnderWay |= TheOtherThreads().UnderWay != 0;
     if (!IsOtherThread() && calls.CloseError != 0 && descriptor == calls.LastSynced) {
         errno = calls.CloseError;
         calls.CloseError = 0;

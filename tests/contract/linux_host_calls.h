@@ -34,6 +34,8 @@ struct HostCalls {
 
     std::string BtrfsId; // 16 bytes: every folder lies on the btrfs file system of this name
 
+    bool HasClosedUnderWay = false; // the program closed something while a transfer of another thread was under way
+
     std::function<void(struct statx&)> ChangeStatx; // what another kernel or file system would answer
 
     std::function<void()> BeforeLock; // what somebody else does between an open and its lock

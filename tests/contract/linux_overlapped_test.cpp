@@ -34,12 +34,14 @@ void ExpectCloseToWait(ScopedHandle& file) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     EXPECT_EQ(TheOtherThreads().UnderWay, 1);
+    TheHostCalls().HasClosedUnderWay = false;
     std::thread later([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         TheOtherThreads().AreHeld = false;
     });
     file.Close();
     EXPECT_EQ(TheOtherThreads().UnderWay, 0);
+    EXPECT_FALSE(TheHostCalls().HasClosedUnderWay);
     later.join();
 }
 

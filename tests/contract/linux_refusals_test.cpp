@@ -18,6 +18,8 @@
 #include <stdlib.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <ctime>
 #include <string>
 
 #include "snapshot/create_components_guarded.h"
@@ -151,11 +153,30 @@ TEST(SecurityOnLinux, IsSettledOnceAsLongAsThereIsAnApartment) {
     }
 }
 
-TEST(SecurityOnLinux, FreedStringLeavesNoMemoryBehind) {
+TEST(RuntimeOnLinux, FreedMemoryIsGivenBack) {
     const std::wstring text(1 << 20, L'x');
     const size_t before = mallinfo2().hblkhd;
     SysFreeString(SysAllocString(text.c_str()));
+    _aligned_free(_aligned_malloc(4 << 20, 4096));
     EXPECT_EQ(mallinfo2().hblkhd, before);
+}
+
+TEST(RuntimeOnLinux, CallsTellWhatIsWrongAndWriteNoFurtherThanTheirResult) {
+    FILE* stream = nullptr;
+    EXPECT_EQ(fopen_s(nullptr, "file", "rb"), EINVAL);
+    EXPECT_EQ(fopen_s(&stream, nullptr, "rb"), EINVAL);
+    EXPECT_EQ(fopen_s(&stream, "file", nullptr), EINVAL);
+    errno = 0;
+    EXPECT_EQ(_aligned_malloc(SIZE_MAX / 2, 4096), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    char buffer[] = "????";
+    EXPECT_STREQ(_fullpath(buffer, "/a", 4), "/a");
+    EXPECT_EQ(buffer[3], '?');
+    EXPECT_EQ(_stricmp("AZ", "az"), 0);
+    EXPECT_LT(_stricmp("[", "{"), 0);
+    timespec now{};
+    ASSERT_EQ(clock_gettime(CLOCK_BOOTTIME, &now), 0);
+    EXPECT_LT(GetTickCount64() - static_cast<ULONGLONG>(now.tv_sec) * 1000, 60'000u);
 }
 
 TEST(AbsenceOnLinux, ChangeTrackerDoesNotOpen) {
