@@ -14,8 +14,7 @@ HANDLE OpenDevice(LPCWSTR path) {
 }
 
 TEST(DeviceContract, MissingDiskIsNotFound) {
-    EXPECT_EQ(OpenDevice(L"\\\\.\\PhysicalDrive987654"), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(OpenDevice(L"\\\\.\\PhysicalDrive987654")), ERROR_FILE_NOT_FOUND);
 }
 
 TEST(DeviceContract, MissingDeviceIsNotFound) {
@@ -62,8 +61,8 @@ TEST_F(DeviceFileContract, ClosedHandleIsInvalid) {
     ASSERT_TRUE(CloseHandle(file));
     unsigned char buffer[8] = {};
     DWORD returned = 0;
-    EXPECT_FALSE(DeviceIoControl(file, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, buffer, 8, &returned, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(DeviceIoControl(file, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, buffer, 8, &returned, nullptr)),
+              ERROR_INVALID_HANDLE);
 }
 
 TEST(VolumeContract, EnumerationEndsWithNoMoreFiles) {

@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
 constexpr DWORD untouched = 0x1234;
 
 class FileContract : public TemporaryFolderTest {};
@@ -23,8 +21,7 @@ TEST_F(FileContract, CreateNewMakesAnEmptyFile) {
 
 TEST_F(FileContract, CreateNewRefusesAnExistingFileAndLeavesItAlone) {
     MakeFile(L"there", "content");
-    EXPECT_EQ(Open(L"there", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
+    EXPECT_EQ(ErrorOf(Open(L"there", GENERIC_WRITE, 0, CREATE_NEW)), ERROR_FILE_EXISTS);
     EXPECT_EQ(ContentOf(L"there"), "content");
 }
 
@@ -59,14 +56,10 @@ TEST_F(FileContract, OtherSuccessfulOpensClearTheLastError) {
 }
 
 TEST_F(FileContract, OpenNamesWhatIsMissing) {
-    EXPECT_EQ(Open(L"none", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(Open(L"none/none", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(Open(L"none/none", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(Open(L"none/none", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Open(L"none", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Open(L"none/none", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Open(L"none/none", GENERIC_WRITE, 0, CREATE_ALWAYS)), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Open(L"none/none", GENERIC_WRITE, 0, CREATE_NEW)), ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(CreateFileW(L"", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr),
               INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
@@ -74,26 +67,20 @@ TEST_F(FileContract, OpenNamesWhatIsMissing) {
 
 TEST_F(FileContract, FileInTheMiddleOfAPathIsAMissingFolder) {
     MakeFile(L"file", "x");
-    EXPECT_EQ(Open(L"file/name", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Open(L"file/name", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(FileContract, SeparatorEndsNoFileName) {
     MakeFile(L"file", "x");
-    EXPECT_EQ(Open(L"file/", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
-    EXPECT_EQ(Open(L"new/", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
+    EXPECT_EQ(ErrorOf(Open(L"file/", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_INVALID_NAME);
+    EXPECT_EQ(ErrorOf(Open(L"new/", GENERIC_WRITE, 0, CREATE_NEW)), ERROR_INVALID_NAME);
 }
 
 TEST_F(FileContract, FolderIsNotOpened) {
     std::filesystem::create_directory(Folder() / "folder");
-    EXPECT_EQ(Open(L"folder", GENERIC_READ, shareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    EXPECT_EQ(Open(L"folder", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    EXPECT_EQ(Open(L"folder", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
+    EXPECT_EQ(ErrorOf(Open(L"folder", GENERIC_READ, shareAll, OPEN_EXISTING)), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(ErrorOf(Open(L"folder", GENERIC_WRITE, 0, CREATE_ALWAYS)), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(ErrorOf(Open(L"folder", GENERIC_WRITE, 0, CREATE_NEW)), ERROR_FILE_EXISTS);
 }
 
 TEST_F(FileContract, UnitsOfAPathAreUtf16) {
@@ -137,13 +124,11 @@ TEST_F(FileContract, TransferWithoutItsAccessIsDenied) {
     char byte = 0;
     {
         const ScopedHandle file(Open(L"file", GENERIC_READ, shareAll, OPEN_EXISTING));
-        EXPECT_FALSE(WriteFile(file.Get(), "y", 1, &count, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+        EXPECT_EQ(ErrorOf(WriteFile(file.Get(), "y", 1, &count, nullptr)), ERROR_ACCESS_DENIED);
         EXPECT_EQ(count, 0u);
     }
     const ScopedHandle file(Open(L"file", GENERIC_WRITE, shareAll, OPEN_EXISTING));
-    EXPECT_FALSE(ReadFile(file.Get(), &byte, 1, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(ErrorOf(ReadFile(file.Get(), &byte, 1, &count, nullptr)), ERROR_ACCESS_DENIED);
     EXPECT_EQ(count, 0u);
 }
 
@@ -161,7 +146,7 @@ TEST_F(FileContract, PointerMovesFromEachOrigin) {
     EXPECT_EQ(byte, '5');
     EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(-1), &position, FILE_END));
     EXPECT_EQ(position.QuadPart, 9);
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(3), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), 3));
     EXPECT_TRUE(ReadFile(file.Get(), &byte, 1, &read, nullptr));
     EXPECT_EQ(byte, '3');
 }
@@ -169,9 +154,8 @@ TEST_F(FileContract, PointerMovesFromEachOrigin) {
 TEST_F(FileContract, PointerCannotPrecedeTheFile) {
     MakeFile(L"file", "0123456789");
     const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(4), nullptr, FILE_BEGIN));
-    EXPECT_FALSE(SetFilePointerEx(file.Get(), LargeInteger(-5), nullptr, FILE_CURRENT));
-    EXPECT_EQ(GetLastError(), ERROR_NEGATIVE_SEEK);
+    EXPECT_TRUE(Seek(file.Get(), 4));
+    EXPECT_EQ(ErrorOf(SetFilePointerEx(file.Get(), LargeInteger(-5), nullptr, FILE_CURRENT)), ERROR_NEGATIVE_SEEK);
     char byte = 0;
     DWORD read = 0;
     EXPECT_TRUE(ReadFile(file.Get(), &byte, 1, &read, nullptr));
@@ -182,7 +166,7 @@ TEST_F(FileContract, WriteBehindTheEndLeavesZerosBetween) {
     const ScopedHandle file(Open(L"file", readWrite, 0, CREATE_NEW));
     constexpr long long start = 5'000'000'000; // more than 32 bits hold
     DWORD count = 0;
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(start), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), start));
     LARGE_INTEGER size = LargeInteger(-1);
     EXPECT_TRUE(GetFileSizeEx(file.Get(), &size));
     EXPECT_EQ(size.QuadPart, 0) << "moving the pointer alone does not lengthen the file";
@@ -193,7 +177,7 @@ TEST_F(FileContract, WriteBehindTheEndLeavesZerosBetween) {
 
     std::array<char, 8> buffer{};
     buffer.fill('?');
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(start - 4), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), start - 4));
     EXPECT_TRUE(ReadFile(file.Get(), buffer.data(), 8, &count, nullptr));
     EXPECT_EQ(count, 7u);
     EXPECT_EQ(std::string(buffer.data(), 7), std::string("\0\0\0\0end", 7));
@@ -214,14 +198,14 @@ TEST_F(FileContract, SequentialRunsOfManyTransfersKeepEveryByte) {
     DWORD count = 0;
     {
         const ScopedHandle file(Open(L"file", GENERIC_WRITE, 0, CREATE_NEW));
-        EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(stretch), nullptr, FILE_BEGIN));
+        EXPECT_TRUE(Seek(file.Get(), stretch));
         for (unsigned i = 1; i < stretches; i++) {
             fill(i);
             ASSERT_TRUE(WriteFile(file.Get(), buffer.data(), stretch, &count, nullptr));
             ASSERT_EQ(count, stretch);
         }
         fill(0);
-        EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
+        EXPECT_TRUE(Seek(file.Get(), 0));
         ASSERT_TRUE(WriteFile(file.Get(), buffer.data(), stretch, &count, nullptr));
     }
     const ScopedHandle file(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
@@ -232,7 +216,7 @@ TEST_F(FileContract, SequentialRunsOfManyTransfersKeepEveryByte) {
         ASSERT_EQ(count, stretch);
         ASSERT_EQ(read, buffer) << "stretch " << i;
     }
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(7LL * stretch), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), 7LL * stretch));
     fill(7);
     ASSERT_TRUE(ReadFile(file.Get(), read.data(), stretch, &count, nullptr));
     EXPECT_EQ(read, buffer);
@@ -247,11 +231,11 @@ TEST_F(FileContract, SuccessfulCallsLeaveTheLastErrorAlone) {
     DWORD count = 0;
     LARGE_INTEGER size;
     EXPECT_TRUE(ReadFile(file.Get(), buffer.data(), 4, &count, nullptr));
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), 0));
     EXPECT_TRUE(WriteFile(file.Get(), "abcd", 4, &count, nullptr));
     EXPECT_TRUE(GetFileSizeEx(file.Get(), &size));
     file.Close();
-    EXPECT_NE(GetFileAttributesA(NarrowPath("file").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_NE(AttributesOf("file"), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetLastError(), untouched);
 }
 
@@ -263,37 +247,31 @@ TEST_F(FileContract, ClosedHandleIsInvalid) {
     DWORD count = 0;
     LARGE_INTEGER size;
     SetLastError(untouched);
-    EXPECT_FALSE(CloseHandle(file));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(CloseHandle(file)), ERROR_INVALID_HANDLE);
     SetLastError(untouched);
-    EXPECT_FALSE(ReadFile(file, &byte, 1, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(ReadFile(file, &byte, 1, &count, nullptr)), ERROR_INVALID_HANDLE);
     SetLastError(untouched);
-    EXPECT_FALSE(WriteFile(file, &byte, 1, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(WriteFile(file, &byte, 1, &count, nullptr)), ERROR_INVALID_HANDLE);
     SetLastError(untouched);
-    EXPECT_FALSE(SetFilePointerEx(file, LargeInteger(0), nullptr, FILE_BEGIN));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(Seek(file, 0)), ERROR_INVALID_HANDLE);
     SetLastError(untouched);
-    EXPECT_FALSE(GetFileSizeEx(file, &size));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(GetFileSizeEx(file, &size)), ERROR_INVALID_HANDLE);
     SetLastError(untouched);
-    EXPECT_FALSE(ReadFile(INVALID_HANDLE_VALUE, &byte, 1, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(ReadFile(INVALID_HANDLE_VALUE, &byte, 1, &count, nullptr)), ERROR_INVALID_HANDLE);
 }
 
 TEST_F(FileContract, AttributesTellWhatHasTheName) {
     MakeFile(L"file", "x");
     std::filesystem::create_directory(Folder() / "folder");
-    const DWORD file = GetFileAttributesA(NarrowPath("file").c_str());
+    const DWORD file = AttributesOf("file");
     ASSERT_NE(file, INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(file & FILE_ATTRIBUTE_DIRECTORY, 0u);
-    const DWORD folder = GetFileAttributesA(NarrowPath("folder").c_str());
+    const DWORD folder = AttributesOf("folder");
     ASSERT_NE(folder, INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(folder & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
-    EXPECT_EQ(GetFileAttributesA(NarrowPath("none").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(AttributesOf("none"), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(GetFileAttributesA(NarrowPath("none/none").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(AttributesOf("none/none"), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(GetFileAttributesA(""), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
@@ -337,8 +315,7 @@ TEST_F(FileContract, ManyHandlesThatAgreeAreOpenAtOnce) {
         handles.push_back(std::make_unique<ScopedHandle>(Open(L"file", access, shareAll, OPEN_EXISTING)));
         ASSERT_TRUE(handles.back()->IsOpen()) << GetLastError();
     }
-    EXPECT_EQ(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING)), ERROR_SHARING_VIOLATION);
     handles.clear();
     const ScopedHandle after(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
     EXPECT_TRUE(after.IsOpen());
@@ -347,8 +324,7 @@ TEST_F(FileContract, ManyHandlesThatAgreeAreOpenAtOnce) {
 TEST_F(FileContract, RefusedTruncatingOpenChangesNothing) {
     MakeFile(L"file", "content");
     const ScopedHandle reader(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
-    EXPECT_EQ(Open(L"file", GENERIC_WRITE, shareAll, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(Open(L"file", GENERIC_WRITE, shareAll, CREATE_ALWAYS)), ERROR_SHARING_VIOLATION);
     std::array<char, 16> buffer{};
     DWORD read = 0;
     EXPECT_TRUE(ReadFile(reader.Get(), buffer.data(), 16, &read, nullptr));
@@ -369,16 +345,16 @@ TEST_F(FileContract, RefusedOpenLeavesNoTrace) {
 TEST_F(FileContract, MoveGivesTheFileItsNewName) {
     MakeFile(L"from", "content");
     SetLastError(untouched);
-    EXPECT_TRUE(MoveFileExW(WidePath(L"from").c_str(), WidePath(L"to").c_str(), MOVEFILE_WRITE_THROUGH));
+    EXPECT_TRUE(Move(L"from", L"to"));
     EXPECT_EQ(GetLastError(), untouched);
-    EXPECT_EQ(GetFileAttributesA(NarrowPath("from").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(AttributesOf("from"), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(ContentOf(L"to"), "content");
 }
 
 TEST_F(FileContract, MoveReachesAnotherFolder) {
     MakeFile(L"from", "content");
     std::filesystem::create_directory(Folder() / "folder");
-    EXPECT_TRUE(MoveFileExW(WidePath(L"from").c_str(), WidePath(L"folder/to").c_str(), MOVEFILE_WRITE_THROUGH));
+    EXPECT_TRUE(Move(L"from", L"folder/to"));
     EXPECT_EQ(ContentOf(L"folder/to"), "content");
 }
 
@@ -386,22 +362,17 @@ TEST_F(FileContract, MoveNeverReplaces) {
     MakeFile(L"from", "new");
     MakeFile(L"to", "old");
     std::filesystem::create_directory(Folder() / "folder");
-    EXPECT_FALSE(MoveFileExW(WidePath(L"from").c_str(), WidePath(L"to").c_str(), MOVEFILE_WRITE_THROUGH));
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-    EXPECT_FALSE(MoveFileExW(WidePath(L"from").c_str(), WidePath(L"folder").c_str(), MOVEFILE_WRITE_THROUGH));
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(ErrorOf(Move(L"from", L"to")), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(ErrorOf(Move(L"from", L"folder")), ERROR_ALREADY_EXISTS);
     EXPECT_EQ(ContentOf(L"from"), "new");
     EXPECT_EQ(ContentOf(L"to"), "old");
 }
 
 TEST_F(FileContract, MoveNamesWhatIsMissing) {
     MakeFile(L"from", "content");
-    EXPECT_FALSE(MoveFileExW(WidePath(L"none").c_str(), WidePath(L"to").c_str(), MOVEFILE_WRITE_THROUGH));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_FALSE(MoveFileExW(WidePath(L"none/none").c_str(), WidePath(L"to").c_str(), MOVEFILE_WRITE_THROUGH));
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
-    EXPECT_FALSE(MoveFileExW(WidePath(L"from").c_str(), WidePath(L"none/to").c_str(), MOVEFILE_WRITE_THROUGH));
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Move(L"none", L"to")), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Move(L"none/none", L"to")), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Move(L"from", L"none/to")), ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(ContentOf(L"from"), "content");
 }
 
@@ -409,10 +380,9 @@ TEST_F(FileContract, MoveOfAnOpenFileIsASharingViolation) {
     MakeFile(L"from", "content");
     {
         const ScopedHandle reader(Open(L"from", GENERIC_READ, shareAll, OPEN_EXISTING));
-        EXPECT_FALSE(MoveFileExW(WidePath(L"from").c_str(), WidePath(L"to").c_str(), MOVEFILE_WRITE_THROUGH));
-        EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+        EXPECT_EQ(ErrorOf(Move(L"from", L"to")), ERROR_SHARING_VIOLATION);
     }
-    EXPECT_TRUE(MoveFileExW(WidePath(L"from").c_str(), WidePath(L"to").c_str(), MOVEFILE_WRITE_THROUGH));
+    EXPECT_TRUE(Move(L"from", L"to"));
     EXPECT_EQ(ContentOf(L"to"), "content");
 }
 

@@ -407,12 +407,7 @@ TEST_F(LinuxNumbers, AreReadByOthersForWhomRanksFollow) {
             _exit(write(channel[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
         }
         close(channel[1]);
-        std::string text;
-        char block[256];
-        for (ssize_t count = 0; (count = read(channel[0], block, sizeof block)) > 0;) {
-            text.append(block, static_cast<size_t>(count));
-        }
-        close(channel[0]);
+        const std::string text = ReadToTheEnd(channel[0]);
         int status = 0;
         waitpid(child, &status, 0);
         EXPECT_EQ(status, 0);
@@ -456,12 +451,7 @@ TEST_F(LinuxNumbers, AreTheSameForAllThatLookAtOnce) {
             }
         }
         close(channel[1]);
-        std::string text;
-        char block[256];
-        for (ssize_t count = 0; (count = read(channel[0], block, sizeof block)) > 0;) {
-            text.append(block, static_cast<size_t>(count));
-        }
-        close(channel[0]);
+        const std::string text = ReadToTheEnd(channel[0]);
         for (const pid_t child : children) {
             int status = 0;
             waitpid(child, &status, 0);

@@ -52,14 +52,6 @@ using vornix::platform::OwnedDescriptor;
 using vornix::platform::ReadFirstLine;
 using vornix::platform::TheHostRoots;
 
-constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
-
-HANDLE OpenNumber(int number, DWORD access, DWORD share, DWORD flags = FILE_FLAG_NO_BUFFERING) {
-    const std::wstring path = L"\\\\.\\PhysicalDrive" + std::to_wstring(number);
-    return CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING, flags, nullptr);
-}
-
 struct FreeAligned {
     void operator()(char* block) const { _aligned_free(block); }
 };
@@ -76,11 +68,6 @@ void FillWithPattern(char* bytes, size_t size, uint32_t seed) {
         state = state * 1664525u + 1013904223u;
         bytes[i] = static_cast<char>(state >> 24);
     }
-}
-
-// What a command does before each of its transfers.
-BOOL Seek(HANDLE disk, uint64_t offset) {
-    return SetFilePointerEx(disk, LargeInteger(static_cast<long long>(offset)), nullptr, FILE_BEGIN);
 }
 
 class LinuxDisks : public testing::Test {
@@ -137,8 +124,7 @@ TEST_F(LinuxDisks, NumberIsSpeltAsWindowsSpellsIt) {
     for (const std::wstring& path : std::vector<std::wstring>{
              L"\\\\.\\PhysicalDrive0" + number, L"\\\\.\\PhysicalDrive", L"\\\\.\\PhysicalDrive-1",
              L"\\\\.\\PhysicalDrive" + number + L"x", L"\\\\.\\PhysicalDrive99999999999999999999"}) {
-        EXPECT_FALSE(opens(path));
-        EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+        EXPECT_EQ(ErrorOf(opens(path)), ERROR_FILE_NOT_FOUND);
     }
 }
 
@@ -182,19 +168,18 @@ TEST_F(LinuxDisks, LengthAndSectorSizeAreTheDevices) {
         EXPECT_EQ(geometry.Geometry.BytesPerSector, disk->SectorSize);
         EXPECT_EQ(geometry.Geometry.MediaType, FixedMedia);
 
-        EXPECT_FALSE(
-            DeviceIoControl(handle.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, 7, &returned, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
-        EXPECT_FALSE(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, 39,
-                                     &returned, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_EQ(ErrorOf(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, 7, &returned,
+                                          nullptr)),
+                  ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_EQ(ErrorOf(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, 39,
+                                          &returned, nullptr)),
+                  ERROR_INSUFFICIENT_BUFFER);
         unsigned char extents[224];
-        EXPECT_FALSE(DeviceIoControl(handle.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, extents,
-                                     sizeof extents, &returned, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+        EXPECT_EQ(ErrorOf(DeviceIoControl(handle.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, extents,
+                                          sizeof extents, &returned, nullptr)),
+                  ERROR_INVALID_FUNCTION);
         LARGE_INTEGER size;
-        EXPECT_FALSE(GetFileSizeEx(handle.Get(), &size));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+        EXPECT_EQ(ErrorOf(GetFileSizeEx(handle.Get(), &size)), ERROR_INVALID_FUNCTION);
     }
 }
 
@@ -296,14 +281,14 @@ TEST_F(LinuxDisks, TransfersAreWholeSectors) {
             AlignedBytes buffer = MakeAligned(8192);
             FillWithPattern(buffer.get(), 8192, 1);
             DWORD count = 99;
-            EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize - 1, &count, nullptr));
-            EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(ErrorOf(ReadFile(handle.Get(), buffer.get(), disk->SectorSize - 1, &count, nullptr)),
+                      ERROR_INVALID_PARAMETER);
             EXPECT_EQ(count, 0u);
-            EXPECT_FALSE(WriteFile(handle.Get(), buffer.get(), disk->SectorSize + 1, &count, nullptr));
-            EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(ErrorOf(WriteFile(handle.Get(), buffer.get(), disk->SectorSize + 1, &count, nullptr)),
+                      ERROR_INVALID_PARAMETER);
             ASSERT_TRUE(Seek(handle.Get(), disk->SectorSize / 2));
-            EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
-            EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(ErrorOf(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr)),
+                      ERROR_INVALID_PARAMETER);
         }
     }
 }
@@ -332,14 +317,14 @@ TEST_F(LinuxDisks, TransferAtTheEndIsRefusedAndAcrossItIsCut) {
         FillWithPattern(buffer.get(), 16 * 4096, 5);
         DWORD count = 99;
         ASSERT_TRUE(Seek(handle.Get(), disk->Length));
-        EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_SECTOR_NOT_FOUND);
+        EXPECT_EQ(ErrorOf(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr)),
+                  ERROR_SECTOR_NOT_FOUND);
         EXPECT_EQ(count, 0u);
-        EXPECT_FALSE(WriteFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_SECTOR_NOT_FOUND);
+        EXPECT_EQ(ErrorOf(WriteFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr)),
+                  ERROR_SECTOR_NOT_FOUND);
         ASSERT_TRUE(Seek(handle.Get(), disk->Length + 4096));
-        EXPECT_FALSE(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_SECTOR_NOT_FOUND);
+        EXPECT_EQ(ErrorOf(ReadFile(handle.Get(), buffer.get(), disk->SectorSize, &count, nullptr)),
+                  ERROR_SECTOR_NOT_FOUND);
         ASSERT_TRUE(Seek(handle.Get(), disk->Length - 2 * disk->SectorSize));
         EXPECT_TRUE(WriteFile(handle.Get(), buffer.get(), 8 * disk->SectorSize, &count, nullptr));
         EXPECT_EQ(count, 2 * disk->SectorSize);
@@ -389,8 +374,7 @@ void Resize(const LoopDisk& loop, uint64_t length) {
 
 TEST_F(LinuxDisks, DiskWithoutAMediumIsNotReady) {
     Resize(Small(), 0);
-    EXPECT_EQ(OpenNumber(Small().Number, GENERIC_READ, shareAll), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_NOT_READY);
+    EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, GENERIC_READ, shareAll)), ERROR_NOT_READY);
     Resize(Small(), Small().Length);
 }
 
@@ -434,11 +418,6 @@ BOOL ReadSector(HANDLE handle, const LoopDisk& disk) {
     const AlignedBytes buffer = MakeAligned(disk.SectorSize);
     DWORD count = 0;
     return Seek(handle, 0) && ReadFile(handle, buffer.get(), disk.SectorSize, &count, nullptr);
-}
-
-BOOL UpdateProperties(HANDLE handle) {
-    DWORD returned = 0;
-    return DeviceIoControl(handle, IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0, &returned, nullptr);
 }
 
 TEST_F(LinuxDisks, DiskThatIsOpenToBeWrittenIsInTheAccountOfTheRun) {
@@ -508,9 +487,8 @@ TEST_F(LinuxDisksDeathTest, FlushThatFailedOnceIsToldByEachCallAndEndsTheProcess
         }
         (void)CloseHandle(handle);
     };
-    const std::string report = "FATAL: PhysicalDrive" + std::to_string(Small().Number) + " \\(/dev/" + Small().Name +
-                               "\\): not everything that was written reached the medium - do not trust it "
-                               "\\(GetLastError=1117\\)\n$";
+    const std::string report = MediumReport(
+        "PhysicalDrive" + std::to_string(Small().Number) + " \\(/dev/" + Small().Name + "\\)", ERROR_IO_DEVICE);
     EXPECT_EXIT(run(false, false), testing::ExitedWithCode(1), report);
     EXPECT_EXIT(run(true, false), testing::ExitedWithCode(1), report);
     EXPECT_EXIT(run(false, true), testing::ExitedWithCode(1), report);
@@ -525,23 +503,19 @@ TEST_F(LinuxDisks, HandlesHonourEachOthersShareModes) {
         ASSERT_TRUE(reader.IsOpen());
         const ScopedHandle second(OpenNumber(Small().Number, GENERIC_READ, shareAll));
         EXPECT_TRUE(second.IsOpen());
-        EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
-        EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+        EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, readWrite, 0)), ERROR_SHARING_VIOLATION);
     }
     const ScopedHandle target(OpenNumber(Small().Number, readWrite, 0));
     ASSERT_TRUE(target.IsOpen());
-    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
-    EXPECT_EQ(OpenNumber(Small().Number, GENERIC_READ, shareAll), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, readWrite, 0)), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, GENERIC_READ, shareAll)), ERROR_SHARING_VIOLATION);
 }
 
 TEST_F(LinuxDisks, ClaimOfTheKernelKeepsADiskInUseFromBeingWritten) {
     // What mounting does with a whole disk.
     const int claim = open(("/dev/" + Small().Name).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
     ASSERT_GE(claim, 0);
-    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, readWrite, 0)), ERROR_SHARING_VIOLATION);
     {
         const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
         EXPECT_TRUE(reader.IsOpen()) << "a disk in use can be read";
@@ -554,8 +528,7 @@ TEST_F(LinuxDisks, ClaimOfTheKernelKeepsADiskInUseFromBeingWritten) {
 TEST_F(LinuxDisks, WriteProtectedDiskIsReadAndNotOpenedForWriting) {
     const ScopedHandle reader(OpenNumber(ReadOnly().Number, GENERIC_READ, shareAll));
     EXPECT_TRUE(reader.IsOpen());
-    EXPECT_EQ(OpenNumber(ReadOnly().Number, readWrite, shareAll), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
+    EXPECT_EQ(ErrorOf(OpenNumber(ReadOnly().Number, readWrite, shareAll)), ERROR_WRITE_PROTECT);
 }
 
 constexpr uint64_t partitionStart = 8 << 20;
@@ -601,27 +574,33 @@ bool AddPartition(const LoopDisk& loop, int number = 1) {
     return isAdded;
 }
 
-// Makes the system look at the partition table of a disk, which is what a command does after it wrote one.
-BOOL UpdateProperties(const LoopDisk& loop, DWORD& returned) {
+// Makes the system look at the partition table of a disk, which is what a command does after it wrote one, so that it
+// forgets what AddPartition told.
+void ForgetPartition(const LoopDisk& loop) {
     const ScopedHandle target(OpenNumber(loop.Number, readWrite, 0));
     AlignedBytes sector = MakeAligned(loop.SectorSize);
     std::memset(sector.get(), 0, loop.SectorSize);
     DWORD count = 0;
     EXPECT_TRUE(Seek(target.Get(), 0));
     EXPECT_TRUE(WriteFile(target.Get(), sector.get(), loop.SectorSize, &count, nullptr)) << GetLastError();
-    return DeviceIoControl(target.Get(), IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0, &returned, nullptr);
+    EXPECT_TRUE(UpdateProperties(target.Get(), &count)) << GetLastError();
+    EXPECT_EQ(count, 0u);
 }
 
-// Opens a partition exclusively, once the system has made its node.
-int ClaimPartition(const LoopDisk& loop) {
+// Opens a partition of a disk, once the system has made its node: as any program may, or exclusively.
+int OpenPartition(const std::string& disk, int number = 1, int flags = O_RDWR) {
     for (int attempt = 0; attempt < 200; attempt++) {
-        const int claim = open(("/dev/" + PartitionOf(loop)).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
-        if (claim >= 0) {
-            return claim;
+        const int descriptor = open(("/dev/" + disk + "p" + std::to_string(number)).c_str(), flags | O_CLOEXEC);
+        if (descriptor >= 0) {
+            return descriptor;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return -1;
+}
+
+int ClaimPartition(const LoopDisk& loop) {
+    return OpenPartition(loop.Name, 1, O_RDONLY | O_EXCL);
 }
 
 // A loop device over an open file or device, for as long as this lives.
@@ -674,27 +653,13 @@ TEST_F(LinuxDisks, ClaimedPartitionGuardsItsDisk) {
     ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
     const int claim = ClaimPartition(Small());
     ASSERT_GE(claim, 0) << "no node for the partition";
-    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, readWrite, 0)), ERROR_SHARING_VIOLATION);
     {
         const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
         EXPECT_TRUE(reader.IsOpen());
     }
     close(claim);
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
-}
-
-// Opens a partition as any program may, once the system has made its node.
-int OpenPartition(const std::string& disk, int number = 1) {
-    for (int attempt = 0; attempt < 200; attempt++) {
-        const int descriptor = open(("/dev/" + disk + "p" + std::to_string(number)).c_str(), O_RDWR | O_CLOEXEC);
-        if (descriptor >= 0) {
-            return descriptor;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return -1;
+    ForgetPartition(Small());
 }
 
 bool IsPartitionThere(const LoopDisk& loop) {
@@ -706,8 +671,7 @@ TEST_F(LinuxDisks, OpenPartitionGuardsItsDiskAndStaysAPartition) {
         ASSERT_TRUE(AddPartition(*disk)) << std::strerror(errno);
         const int user = OpenPartition(disk->Name);
         ASSERT_GE(user, 0) << "no node for the partition";
-        EXPECT_EQ(OpenNumber(disk->Number, readWrite, 0), INVALID_HANDLE_VALUE);
-        EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+        EXPECT_EQ(ErrorOf(OpenNumber(disk->Number, readWrite, 0)), ERROR_SHARING_VIOLATION);
         EXPECT_TRUE(IsPartitionThere(*disk));
         close(user);
         {
@@ -716,8 +680,7 @@ TEST_F(LinuxDisks, OpenPartitionGuardsItsDiskAndStaysAPartition) {
         }
         // An open that writes nothing changes nothing, although the disk has no partition table.
         EXPECT_TRUE(IsPartitionThere(*disk));
-        DWORD returned = 99;
-        EXPECT_TRUE(UpdateProperties(*disk, returned)) << GetLastError();
+        ForgetPartition(*disk);
     }
 }
 
@@ -731,14 +694,12 @@ TEST_F(LinuxDisks, LoopDeviceGuardsTheDiskAndThePartitionThatItStandsFor) {
             const ScopedLoop loop(backing);
             ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
             close(backing);
-            EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE) << name;
-            EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+            EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, readWrite, 0)), ERROR_SHARING_VIOLATION) << name;
             const ScopedHandle reader(OpenNumber(Small().Number, GENERIC_READ, shareAll));
             EXPECT_TRUE(reader.IsOpen()) << "a disk in use can be read";
         }
     }
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+    ForgetPartition(Small());
 }
 
 // Opens the disk in a process of its own, for which `mountRest` has mounted something. Gives the error, 0 for none.
@@ -764,8 +725,7 @@ TEST_F(LinuxDisks, WhatLiesUponADiskOrItsPartitionGuardsIt) {
             EXPECT_EQ(error, isHeld ? static_cast<int>(ERROR_SHARING_VIOLATION) : 0) << name;
         }
     }
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+    ForgetPartition(Small());
 }
 
 TEST_F(LinuxDisks, NodeOfAnotherDeviceIsNoDisk) {
@@ -839,8 +799,7 @@ TEST_F(LinuxDisks, WhatALoopDeviceStandsForGuardsIt) {
             << "not claimed while the loop device is the target";
     }
     close(backing);
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+    ForgetPartition(Small());
 }
 
 TEST_F(LinuxDisks, WhatUsesTheRestOfItsDiskGuardsALoopDeviceUponAPartition) {
@@ -857,8 +816,7 @@ TEST_F(LinuxDisks, WhatUsesTheRestOfItsDiskGuardsALoopDeviceUponAPartition) {
     }
     close(whole);
     close(backing);
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+    ForgetPartition(Small());
 }
 
 TEST_F(LinuxDisks, SixteenLoopDevicesUponEachOtherAreLookedThrough) {
@@ -891,8 +849,7 @@ TEST_F(LinuxDisks, PartitionThatSomebodyLooksIntoForAMomentIsWaitedFor) {
         EXPECT_TRUE(target.IsOpen()) << GetLastError();
     }
     looker.join();
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+    ForgetPartition(Small());
 }
 
 TEST_F(LinuxDisks, LoopDeviceWhosePathIsGoneGuardsItsDisk) {
@@ -908,8 +865,7 @@ TEST_F(LinuxDisks, LoopDeviceWhosePathIsGoneGuardsItsDisk) {
     const ScopedLoop loop(backing);
     close(backing);
     ASSERT_GE(loop.Get(), 0) << std::strerror(errno);
-    EXPECT_EQ(OpenNumber(Small().Number, readWrite, 0), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(OpenNumber(Small().Number, readWrite, 0)), ERROR_SHARING_VIOLATION);
 }
 
 TEST_F(LinuxDisks, NobodyReadsOldBytesOfAPartitionBehindTheClose) {
@@ -939,18 +895,14 @@ TEST_F(LinuxDisks, NobodyReadsOldBytesOfAPartitionBehindTheClose) {
     ASSERT_EQ(pread(partition, seen.data(), length, 0), static_cast<ssize_t>(length));
     EXPECT_EQ(std::memcmp(seen.data(), bytes.get(), length), 0);
     close(partition);
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
+    ForgetPartition(Small());
 }
 
 TEST_F(LinuxDisks, UpdatedPropertiesForgetWhatIsNotInTheTable) {
     ASSERT_TRUE(AddPartition(Small())) << std::strerror(errno);
-    const std::string partition = "/sys/block/" + Small().Name + "/" + PartitionOf(Small());
-    ASSERT_TRUE(std::filesystem::exists(partition));
-    DWORD returned = 99;
-    EXPECT_TRUE(UpdateProperties(Small(), returned)) << GetLastError();
-    EXPECT_EQ(returned, 0u);
-    EXPECT_FALSE(std::filesystem::exists(partition));
+    ASSERT_TRUE(IsPartitionThere(Small()));
+    ForgetPartition(Small());
+    EXPECT_FALSE(IsPartitionThere(Small()));
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -1010,12 +962,13 @@ TEST(LinuxSystemVolume, NeedsRoomForAnExtent) {
     const ScopedHandle volume(CreateFileW(L"\\\\.\\C:", GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
     unsigned char buffer[32] = {};
     DWORD returned = 99;
-    EXPECT_FALSE(DeviceIoControl(volume.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buffer, 31, &returned,
-                                 nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(ErrorOf(DeviceIoControl(volume.Get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buffer, 31,
+                                      &returned, nullptr)),
+              ERROR_INSUFFICIENT_BUFFER);
     EXPECT_EQ(returned, 0u);
-    EXPECT_FALSE(DeviceIoControl(volume.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, buffer, 32, &returned, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+    EXPECT_EQ(
+        ErrorOf(DeviceIoControl(volume.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, buffer, 32, &returned, nullptr)),
+        ERROR_INVALID_FUNCTION);
 }
 
 class LinuxSystemVolumeOfSeveralDisks : public MadeUpHostTest {};
@@ -1168,8 +1121,7 @@ TEST_F(LinuxOtherRoots, RootOnAPartitionLiesOnItsStretchOfTheDisk) {
             return mount(partition.c_str(), point.c_str(), "ext2", 0, nullptr) == 0;
         },
         answer);
-    DWORD returned = 0;
-    EXPECT_TRUE(UpdateProperties(loop, returned)) << GetLastError();
+    ForgetPartition(loop);
     if (status == 77) {
         GTEST_SKIP() << "no such file system in mount namespaces here";
     }

@@ -35,19 +35,11 @@
 
 namespace {
 
-constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
-
 using vornix::platform::FindObject;
 using vornix::platform::OpenObject;
 using vornix::platform::OwnedDescriptor;
 
-class LinuxFiles : public TemporaryFolderTest {
-protected:
-    BOOL Move(const std::wstring& from, const std::wstring& to) const {
-        return MoveFileExW(WidePath(from).c_str(), WidePath(to).c_str(), MOVEFILE_WRITE_THROUGH);
-    }
-};
+using LinuxFiles = TemporaryFolderTest;
 
 // ---------------------------------------------------------------------------------------------------------------
 // Names
@@ -121,29 +113,24 @@ TEST_F(LinuxFiles, MoveNamesBytesAsTheyWere) {
 }
 
 TEST_F(LinuxFiles, NameThatIsTooLongSaysSo) {
-    EXPECT_EQ(Open(std::wstring(256, L'a'), GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
-    EXPECT_EQ(Open(std::wstring(256, L'a'), GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(ErrorOf(Open(std::wstring(256, L'a'), GENERIC_READ, 0, OPEN_EXISTING)), ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(ErrorOf(Open(std::wstring(256, L'a'), GENERIC_WRITE, 0, CREATE_NEW)), ERROR_FILENAME_EXCED_RANGE);
 }
 
 TEST_F(LinuxFiles, LinksThatLeadNowhereAreNames) {
     std::filesystem::create_symlink("none", Folder() / "dangling");
     std::filesystem::create_symlink("loop", Folder() / "loop");
-    EXPECT_NE(GetFileAttributesA(NarrowPath("dangling").c_str()), INVALID_FILE_ATTRIBUTES);
-    EXPECT_EQ(Open(L"dangling", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(Open(L"loop", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_CANT_RESOLVE_FILENAME);
+    EXPECT_NE(AttributesOf("dangling"), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(ErrorOf(Open(L"dangling", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(Open(L"loop", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_CANT_RESOLVE_FILENAME);
     MakeFile(L"from", "x");
-    EXPECT_FALSE(Move(L"from", L"dangling"));
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(ErrorOf(Move(L"from", L"dangling")), ERROR_ALREADY_EXISTS);
 }
 
 TEST_F(LinuxFiles, LinkToAFolderIsAFolder) {
     std::filesystem::create_directory(Folder() / "folder");
     std::filesystem::create_symlink("folder", Folder() / "link");
-    const DWORD attributes = GetFileAttributesA(NarrowPath("link").c_str());
+    const DWORD attributes = AttributesOf("link");
     EXPECT_EQ(attributes & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
 }
 
@@ -151,8 +138,7 @@ TEST_F(LinuxFiles, PipeAndDeviceAreNoFiles) {
     ASSERT_EQ(mkfifo((Folder() / "pipe").c_str(), 0666), 0);
     const OwnedDescriptor watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     ASSERT_GE(inotify_add_watch(watch.Get(), NarrowPath("pipe").c_str(), IN_OPEN), 0);
-    EXPECT_EQ(Open(L"pipe", GENERIC_READ, shareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(ErrorOf(Open(L"pipe", GENERIC_READ, shareAll, OPEN_EXISTING)), ERROR_ACCESS_DENIED);
     inotify_event event;
     EXPECT_LT(read(watch.Get(), &event, sizeof event), 0) << "it was opened all the same";
     EXPECT_EQ(CreateFileW(L"/dev/null", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr),
@@ -194,16 +180,14 @@ TEST_F(LinuxFiles, SystemVolumeHasNoBytes) {
     ASSERT_NE(volume.Get(), INVALID_HANDLE_VALUE);
     std::array<char, 512> sector{};
     DWORD count = 0;
-    EXPECT_FALSE(ReadFile(volume.Get(), sector.data(), 64, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_FALSE(ReadFile(volume.Get(), sector.data(), 512, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
+    EXPECT_EQ(ErrorOf(ReadFile(volume.Get(), sector.data(), 64, &count, nullptr)), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(ErrorOf(ReadFile(volume.Get(), sector.data(), 512, &count, nullptr)), ERROR_INVALID_FUNCTION);
 }
 
 TEST_F(LinuxFiles, ReadOnlyFileHasItsAttribute) {
     MakeFile(L"file", "x");
     ASSERT_EQ(chmod((Folder() / "file").c_str(), 0444), 0);
-    EXPECT_EQ(GetFileAttributesA(NarrowPath("file").c_str()), FILE_ATTRIBUTE_READONLY);
+    EXPECT_EQ(AttributesOf("file"), FILE_ATTRIBUTE_READONLY);
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -221,15 +205,13 @@ TEST_F(LinuxFiles, LackOfRightsIsAccessDenied) {
                   if (setegid(nobody) != 0 || seteuid(nobody) != 0) {
                       return 100;
                   }
-                  if (Open(L"file", GENERIC_READ, 0, OPEN_EXISTING) != INVALID_HANDLE_VALUE ||
-                      GetLastError() != ERROR_ACCESS_DENIED) {
+                  if (ErrorOf(Open(L"file", GENERIC_READ, 0, OPEN_EXISTING)) != ERROR_ACCESS_DENIED) {
                       return 1;
                   }
-                  if (Open(L"new", GENERIC_WRITE, 0, CREATE_ALWAYS) != INVALID_HANDLE_VALUE ||
-                      GetLastError() != ERROR_ACCESS_DENIED) {
+                  if (ErrorOf(Open(L"new", GENERIC_WRITE, 0, CREATE_ALWAYS)) != ERROR_ACCESS_DENIED) {
                       return 2;
                   }
-                  if (Move(L"file", L"other") || GetLastError() != ERROR_ACCESS_DENIED) {
+                  if (ErrorOf(Move(L"file", L"other")) != ERROR_ACCESS_DENIED) {
                       return 3;
                   }
                   FILE* stream = nullptr;
@@ -250,10 +232,7 @@ TEST_F(LinuxFiles, TooManyOpenFilesSaySo) {
                   if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
                       return 100;
                   }
-                  return Open(L"file", GENERIC_READ, 0, OPEN_EXISTING) == INVALID_HANDLE_VALUE &&
-                                 GetLastError() == ERROR_TOO_MANY_OPEN_FILES
-                             ? 0
-                             : 1;
+                  return ErrorOf(Open(L"file", GENERIC_READ, 0, OPEN_EXISTING)) == ERROR_TOO_MANY_OPEN_FILES ? 0 : 1;
               }),
               0);
 }
@@ -291,11 +270,9 @@ TEST_F(LinuxFiles, FullDiskTellsHowFarTheWriteCame) {
               }),
               0);
     EXPECT_EQ(mount("none", point.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    EXPECT_EQ(Open(L"small/other", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
+    EXPECT_EQ(ErrorOf(Open(L"small/other", GENERIC_WRITE, 0, CREATE_NEW)), ERROR_WRITE_PROTECT);
     MakeFile(L"from", "x");
-    EXPECT_FALSE(Move(L"from", L"small/to"));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SAME_DEVICE);
+    EXPECT_EQ(ErrorOf(Move(L"from", L"small/to")), ERROR_NOT_SAME_DEVICE);
     EXPECT_EQ(umount(point.c_str()), 0);
 }
 
@@ -359,8 +336,7 @@ protected:
 
     static BOOL Write(HANDLE file, uint64_t offset, const std::string& bytes) {
         DWORD count = 0;
-        return SetFilePointerEx(file, LargeInteger(static_cast<LONGLONG>(offset)), nullptr, FILE_BEGIN) &&
-               WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr) &&
+        return Seek(file, offset) && WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr) &&
                count == bytes.size();
     }
 
@@ -371,12 +347,7 @@ protected:
         return static_cast<uint64_t>(status.st_blocks) * 512;
     }
 
-    // What the end of a process at the close of this file says.
-    std::string Report(const std::string& name, DWORD error) const {
-        return "FATAL: " + NarrowPath(name) +
-               ": not everything that was written reached the medium - do not trust it " +
-               "\\(GetLastError=" + std::to_string(error) + "\\)\n$";
-    }
+    std::string Report(const std::string& name, DWORD error) const { return MediumReport(NarrowPath(name), error); }
 };
 
 TEST_F(LinuxDurableFiles, GapInFrontOfAWriteHasItsRoom) {
@@ -554,13 +525,11 @@ TEST_F(LinuxDurableFiles, FileSystemThatSyncsNoFolderIsSyncedWhole) {
     }
     MakeFile(L"file", "content");
     calls.WholeSyncError = EIO;
-    EXPECT_FALSE(Move(L"file", L"other"));
-    EXPECT_EQ(GetLastError(), ERROR_CRC);
+    EXPECT_EQ(ErrorOf(Move(L"file", L"other")), ERROR_CRC);
     // A folder that cannot be brought to the disk is another matter, and nothing else is tried.
     calls.FolderSyncError = ENOSPC;
     calls.Order.clear();
-    EXPECT_FALSE(Move(L"other", L"file"));
-    EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+    EXPECT_EQ(ErrorOf(Move(L"other", L"file")), ERROR_DISK_FULL);
     EXPECT_EQ(calls.Order, (Names{"sync file", "rename", "sync file", "sync folder"}));
 }
 
@@ -594,8 +563,7 @@ TEST_F(LinuxFiles, CloseOfAFileThatWasOnlyReadTellsItsError) {
     MakeFile(L"file", "content");
     const HANDLE file = Open(L"file", GENERIC_READ, 0, OPEN_EXISTING);
     TheHostCalls().OtherCloseError = EIO;
-    EXPECT_FALSE(CloseHandle(file));
-    EXPECT_EQ(GetLastError(), ERROR_CRC);
+    EXPECT_EQ(ErrorOf(CloseHandle(file)), ERROR_CRC);
     const HANDLE again = Open(L"file", GENERIC_READ, 0, OPEN_EXISTING); // the one before is gone all the same
     ASSERT_NE(again, INVALID_HANDLE_VALUE);
     TheHostCalls().OtherCloseError = EINTR;
@@ -610,15 +578,14 @@ TEST_F(LinuxFiles, ShareModesHoldBetweenProcesses) {
     {
         const ScopedHandle writer(Open(L"file", GENERIC_WRITE, FILE_SHARE_READ, OPEN_EXISTING));
         EXPECT_EQ(InChild([this] {
-                      if (Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING) != INVALID_HANDLE_VALUE ||
-                          GetLastError() != ERROR_SHARING_VIOLATION) {
+                      if (ErrorOf(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING)) !=
+                          ERROR_SHARING_VIOLATION) {
                           return 1;
                       }
-                      if (Open(L"file", GENERIC_WRITE, shareAll, CREATE_ALWAYS) != INVALID_HANDLE_VALUE ||
-                          GetLastError() != ERROR_SHARING_VIOLATION) {
+                      if (ErrorOf(Open(L"file", GENERIC_WRITE, shareAll, CREATE_ALWAYS)) != ERROR_SHARING_VIOLATION) {
                           return 2;
                       }
-                      if (Move(L"file", L"other") || GetLastError() != ERROR_SHARING_VIOLATION) {
+                      if (ErrorOf(Move(L"file", L"other")) != ERROR_SHARING_VIOLATION) {
                           return 3;
                       }
                       return Open(L"file", GENERIC_READ, shareAll, OPEN_EXISTING) != INVALID_HANDLE_VALUE ? 0 : 4;
@@ -699,8 +666,7 @@ TEST_F(LinuxFiles, FileThatGotAnotherNameBeforeItWasClaimedIsNotCutOff) {
 TEST_F(LinuxFiles, NameThatAlwaysLeadsElsewhereIsInUse) {
     const ScopedHostCalls scope;
     TheHostCalls().BeforeLock = [this] { std::filesystem::remove(Folder() / "file"); };
-    EXPECT_EQ(Open(L"file", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(Open(L"file", GENERIC_WRITE, 0, CREATE_ALWAYS)), ERROR_SHARING_VIOLATION);
 }
 
 TEST_F(LinuxFiles, OpenThatGivesWayLeavesNothingBehindAndTriesAgain) {
@@ -740,8 +706,7 @@ TEST_F(LinuxFiles, WhatNeverWasAHandleIsNone) {
     for (const uintptr_t wrong :
          {uintptr_t{0}, uintptr_t{3} << 20, value + 1, value + 2, value + (uintptr_t{1} << 22)}) {
         SetLastError(0);
-        EXPECT_FALSE(CloseHandle(reinterpret_cast<HANDLE>(wrong))) << wrong;
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        EXPECT_EQ(ErrorOf(CloseHandle(reinterpret_cast<HANDLE>(wrong))), ERROR_INVALID_HANDLE) << wrong;
     }
 }
 
@@ -757,8 +722,7 @@ TEST_F(LinuxFiles, StreamHoldsItsFileAgainstWriters) {
     MakeFile(L"file", "x");
     FILE* stream = nullptr;
     ASSERT_EQ(fopen_s(&stream, NarrowPath("file").c_str(), "rb"), 0);
-    EXPECT_EQ(Open(L"file", GENERIC_WRITE, shareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(Open(L"file", GENERIC_WRITE, shareAll, OPEN_EXISTING)), ERROR_SHARING_VIOLATION);
     fclose(stream);
     const ScopedHandle writer(Open(L"file", GENERIC_WRITE, 0, OPEN_EXISTING));
     ASSERT_TRUE(writer.IsOpen());
@@ -781,22 +745,20 @@ TEST_F(LinuxFiles, UnbufferedTransfersAreWholeSectors) {
     ASSERT_TRUE(file.IsOpen()) << GetLastError();
     auto* const aligned = static_cast<char*>(_aligned_malloc(4 * block, block));
     DWORD count = 99;
-    EXPECT_FALSE(ReadFile(file.Get(), aligned, 100, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(ErrorOf(ReadFile(file.Get(), aligned, 100, &count, nullptr)), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(count, 0u);
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(100), nullptr, FILE_BEGIN));
-    EXPECT_FALSE(ReadFile(file.Get(), aligned, block, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(Seek(file.Get(), 100));
+    EXPECT_EQ(ErrorOf(ReadFile(file.Get(), aligned, block, &count, nullptr)), ERROR_INVALID_PARAMETER);
     // The end of the file cuts a transfer anywhere.
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(block), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), block));
     EXPECT_TRUE(ReadFile(file.Get(), aligned, 2 * block, &count, nullptr));
     EXPECT_EQ(count, block + 100);
     EXPECT_EQ(std::string(aligned, count), content.substr(block, count));
     // Memory of any alignment serves.
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(block), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), block));
     EXPECT_TRUE(ReadFile(file.Get(), aligned + 1, 2 * block, &count, nullptr));
     EXPECT_EQ(std::string(aligned + 1, count), content.substr(block, block + 100));
-    EXPECT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
+    EXPECT_TRUE(Seek(file.Get(), 0));
     EXPECT_TRUE(ReadFile(file.Get(), aligned + 1, 2 * block, &count, nullptr));
     EXPECT_EQ(count, 2 * block);
     EXPECT_EQ(std::string(aligned + 1, count), content.substr(0, count));
@@ -875,7 +837,7 @@ TEST_F(LinuxFiles, ClosedFileLeavesNoMemoryBehind) {
 }
 
 // ---------------------------------------------------------------------------------------------------------------
-// The rename
+// The rename: MoveFileExW
 
 TEST_F(LinuxFiles, MoveBringsBytesAndNamesToTheDisk) {
     MakeFile(L"from", "content");
@@ -903,16 +865,14 @@ TEST_F(LinuxFiles, MoveOnExtHasWhatTheFolderWroteFlushed) {
     EXPECT_EQ(status.st_mode & 07777, 0640u);
     calls.FailSyncAfter = 2;
     calls.SyncError = EIO;
-    EXPECT_FALSE(Move(L"to", L"from"));
-    EXPECT_EQ(GetLastError(), ERROR_CRC);
+    EXPECT_EQ(ErrorOf(Move(L"to", L"from")), ERROR_CRC);
 }
 
 TEST_F(LinuxFiles, MoveOfBytesThatDoNotReachTheDiskFails) {
     MakeFile(L"from", "content");
     const ScopedHostCalls scope;
     TheHostCalls().SyncError = ENOSPC;
-    EXPECT_FALSE(Move(L"from", L"to"));
-    EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+    EXPECT_EQ(ErrorOf(Move(L"from", L"to")), ERROR_DISK_FULL);
     EXPECT_EQ(TheHostCalls().Order, std::vector<std::string>{"sync file"});
     EXPECT_TRUE(std::filesystem::exists(Folder() / "from"));
     EXPECT_FALSE(std::filesystem::exists(Folder() / "to"));
@@ -925,11 +885,9 @@ TEST_F(LinuxFiles, MoveNeverReplacesOnAnyFileSystem) {
         const ScopedHostCalls scope;
         TheHostCalls().HasRenameWithoutReplacing = false;
         TheHostCalls().HasHardLinks = hasHardLinks;
-        EXPECT_FALSE(Move(L"from", L"taken"));
-        EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+        EXPECT_EQ(ErrorOf(Move(L"from", L"taken")), ERROR_ALREADY_EXISTS);
         EXPECT_EQ(ContentOf(L"taken"), "old");
-        EXPECT_FALSE(Move(L"from", L"none/to"));
-        EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+        EXPECT_EQ(ErrorOf(Move(L"from", L"none/to")), ERROR_PATH_NOT_FOUND);
         EXPECT_TRUE(Move(L"from", L"to"));
         EXPECT_EQ(ContentOf(L"to"), "new");
         EXPECT_FALSE(std::filesystem::exists(Folder() / "from"));

@@ -343,6 +343,21 @@ int posix_memalign(void** block, size_t alignment, size_t size) noexcept {
 
 } // extern "C"
 
+std::string MediumReport(const std::string& name, unsigned error) {
+    return "FATAL: " + name + ": not everything that was written reached the medium - do not trust it " +
+           "\\(GetLastError=" + std::to_string(error) + "\\)\n$";
+}
+
+std::string ReadToTheEnd(int descriptor) {
+    std::string text;
+    char block[256];
+    for (ssize_t count = 0; (count = read(descriptor, block, sizeof block)) > 0;) {
+        text.append(block, static_cast<size_t>(count));
+    }
+    close(descriptor);
+    return text;
+}
+
 int InChild(const std::function<int()>& body) {
     fflush(nullptr);
     const pid_t child = fork();

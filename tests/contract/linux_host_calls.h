@@ -96,5 +96,11 @@ public:
     ScopedHostCalls& operator=(const ScopedHostCalls&) = delete;
 };
 
+// What a process says that ends at the close of what did not reach its medium, as a regular expression.
+std::string MediumReport(const std::string& name, unsigned error);
+
+// All that comes out of a pipe until its other ends are closed; closes this one.
+std::string ReadToTheEnd(int descriptor);
+
 // Runs `body` in a process of its own and gives what it returned, 0 to 255.
 int InChild(const std::function<int()>& body);

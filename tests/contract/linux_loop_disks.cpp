@@ -18,6 +18,8 @@
 
 #include <windows.h>
 
+#include <winioctl.h>
+
 #include "linux/linux_disks.h"
 
 namespace {
@@ -85,8 +87,7 @@ int CountDescriptors(const std::string& name) {
 // Whether the platform opens this device, and no other, under its number.
 bool IsFoundByItsNumber(const LoopDisk& disk) {
     const int before = CountDescriptors(disk.Name);
-    const HANDLE handle = CreateFileW((L"\\\\.\\PhysicalDrive" + std::to_wstring(disk.Number)).c_str(), GENERIC_READ,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    const HANDLE handle = OpenNumber(disk.Number, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, 0);
     const int opened = CountDescriptors(disk.Name);
     return handle != INVALID_HANDLE_VALUE && CloseHandle(handle) && opened == before + 1;
 }
@@ -138,4 +139,18 @@ private:
 
 const LoopDisks& TheLoopDisks() {
     return Disks();
+}
+
+HANDLE OpenNumber(int number, DWORD access, DWORD share, DWORD flags) {
+    const std::wstring path = L"\\\\.\\PhysicalDrive" + std::to_wstring(number);
+    return CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING, flags, nullptr);
+}
+
+BOOL UpdateProperties(HANDLE disk, DWORD* returned) {
+    DWORD count = 99;
+    const BOOL isUpdated = DeviceIoControl(disk, IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0, &count, nullptr);
+    if (returned != nullptr) {
+        *returned = count;
+    }
+    return isUpdated;
 }

@@ -2,6 +2,8 @@
 // platform numbers the disks once in a run.
 #pragma once
 
+#include <windows.h>
+
 #include <sys/types.h>
 
 #include <cstdint>
@@ -25,3 +27,7 @@ struct LoopDisks {
 
 // Empty, with the reason, where this user or machine has no loop devices.
 const LoopDisks& TheLoopDisks();
+
+HANDLE OpenNumber(int number, DWORD access, DWORD share, DWORD flags = FILE_FLAG_NO_BUFFERING);
+
+BOOL UpdateProperties(HANDLE disk, DWORD* returned = nullptr);

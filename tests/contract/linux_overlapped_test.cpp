@@ -23,8 +23,6 @@
 
 namespace {
 
-constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
-
 using LinuxFiles = TemporaryFolderTest;
 
 // Closes a file of which another thread's transfer is held under way, and lets that go on a little later.
@@ -121,7 +119,7 @@ TEST_F(LinuxReadAhead, OtherReadsBringNothing) {
         const ScopedHandle once(Open(L"file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
         Read(once);
         // Elsewhere, and then in sequence but short.
-        ASSERT_TRUE(SetFilePointerEx(once.Get(), LargeInteger(3 * length), nullptr, FILE_BEGIN));
+        ASSERT_TRUE(Seek(once.Get(), 3 * length));
         Read(once);
         DWORD count = 0;
         for (int i = 0; i < 4; i++) {
@@ -158,9 +156,9 @@ TEST_F(LinuxReadAhead, ReaderThatGoesElsewhereFindsWhatIsThere) {
     // Past the rules of sharing, so that an old byte is seen.
     std::fill_n(content_.begin() + 2 * length, length, 'n');
     std::ofstream(Folder() / "file", std::ios::binary | std::ios::in | std::ios::out) << content_;
-    ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(4 * length), nullptr, FILE_BEGIN));
+    ASSERT_TRUE(Seek(file.Get(), 4 * length));
     Read(file);
-    ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(2 * length), nullptr, FILE_BEGIN));
+    ASSERT_TRUE(Seek(file.Get(), 2 * length));
     Read(file);
 }
 
@@ -187,7 +185,7 @@ TEST_F(LinuxReadAhead, LargeReadsBringWhatSmallOnesDo) {
     };
     const std::unique_ptr<char, Free> block(static_cast<char*>(_aligned_malloc(factor * length, 4096)));
     for (const size_t start : {size_t{0}, size_t{12345}}) {
-        ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(static_cast<int64_t>(start)), nullptr, FILE_BEGIN));
+        ASSERT_TRUE(Seek(file.Get(), start));
         for (size_t position = start; position < content_.size();) {
             const size_t expected = std::min<size_t>(factor * length, content_.size() - position);
             std::memset(block.get(), 0, factor * length);
@@ -213,8 +211,7 @@ TEST_F(LinuxReadAhead, FailureAheadIsForgottenUntilTheProgramMeetsIt) {
     TheHostCalls().FailTransferAfter = 0;
     TheHostCalls().TransferError = ENODATA;
     DWORD count = 99;
-    EXPECT_FALSE(ReadFile(file.Get(), buffer_.data(), length, &count, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_CRC);
+    EXPECT_EQ(ErrorOf(ReadFile(file.Get(), buffer_.data(), length, &count, nullptr)), ERROR_CRC);
     EXPECT_EQ(count, 0u);
     Read(file);
 }
@@ -345,11 +342,6 @@ class LinuxWriteBehind : public LinuxFiles {
 protected:
     HANDLE Create(const std::wstring& name = L"file") const { return Open(name, readWrite, 0, CREATE_NEW); }
     std::string Blocks(const std::string& name = "file") const { return BlocksAt(NarrowPath(name)); }
-
-    std::string Report(const std::string& name, DWORD error) const {
-        return "FATAL: " + name + ": not everything that was written reached the medium - do not trust it " +
-               "\\(GetLastError=" + std::to_string(error) + "\\)\n$";
-    }
 };
 
 using LinuxWriteBehindDeathTest = LinuxWriteBehind;
@@ -425,14 +417,14 @@ TEST_F(LinuxWriteBehind, WhoLooksAtTheFileWaits) {
             EXPECT_EQ(size.QuadPart, end);
             break;
         case 2:
-            ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(end - block), nullptr, FILE_BEGIN));
+            ASSERT_TRUE(Seek(file.Get(), end - block));
             ASSERT_TRUE(ReadFile(file.Get(), back.data(), block, &count, nullptr));
             EXPECT_EQ(count, block);
             EXPECT_EQ(std::string(back.begin(), back.end()), std::string(block, 'd'));
             break;
         default:
             // A write elsewhere is done when it comes back, behind those in front of it.
-            ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(end - 1), nullptr, FILE_BEGIN));
+            ASSERT_TRUE(Seek(file.Get(), end - 1));
             ASSERT_TRUE(WriteFile(file.Get(), "!", 1, &count, nullptr));
             EXPECT_EQ(Blocks(), "abcd?");
             break;
@@ -446,11 +438,11 @@ TEST_F(LinuxWriteBehind, HeaderThatIsWrittenLastIsWrittenBehindTheRest) {
     {
         const ScopedHandle file(Create());
         SequentialWriter writer(file.Get());
-        ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(block), nullptr, FILE_BEGIN));
+        ASSERT_TRUE(Seek(file.Get(), block));
         for (int i = 0; i < 5; i++) {
             ASSERT_TRUE(writer.Write());
         }
-        ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
+        ASSERT_TRUE(Seek(file.Get(), 0));
         ASSERT_TRUE(writer.Write());
     }
     EXPECT_EQ(Blocks(), "fabcde");
@@ -468,7 +460,7 @@ TEST_F(LinuxWriteBehind, WithoutAThreadOrMemoryTheProgramWritesAndReadsItself) {
             for (int i = 0; i < 4; i++) {
                 ASSERT_TRUE(writer.Write());
             }
-            ASSERT_TRUE(SetFilePointerEx(file.Get(), LargeInteger(0), nullptr, FILE_BEGIN));
+            ASSERT_TRUE(Seek(file.Get(), 0));
             std::vector<char> back(block);
             for (int i = 0; i < 4; i++) {
                 DWORD count = 0;
@@ -599,11 +591,12 @@ TEST_F(LinuxWriteBehindDeathTest, FailureIsToldByEachCallThatCanFailAndNothingIs
         (void)CloseHandle(file);
     };
     for (int failing = 0; failing < 4; failing++) {
-        EXPECT_EXIT(run(failing, 0), testing::ExitedWithCode(1), Report(NarrowPath("file"), ERROR_DISK_FULL));
+        EXPECT_EXIT(run(failing, 0), testing::ExitedWithCode(1), MediumReport(NarrowPath("file"), ERROR_DISK_FULL));
         std::filesystem::remove(Folder() / "file");
     }
     for (int asking = 1; asking < 5; asking++) {
-        EXPECT_EXIT(run(0, asking), testing::ExitedWithCode(1), Report(NarrowPath("file"), ERROR_DISK_FULL)) << asking;
+        EXPECT_EXIT(run(0, asking), testing::ExitedWithCode(1), MediumReport(NarrowPath("file"), ERROR_DISK_FULL))
+            << asking;
         std::filesystem::remove(Folder() / "file");
     }
 }
@@ -629,7 +622,7 @@ TEST_F(LinuxWriteBehindDeathTest, WhatWaitsBehindAFailedWriteIsNotWritten) {
         }
         (void)CloseHandle(file);
     };
-    EXPECT_EXIT(run(), testing::ExitedWithCode(1), Report(NarrowPath("file"), ERROR_DISK_FULL));
+    EXPECT_EXIT(run(), testing::ExitedWithCode(1), MediumReport(NarrowPath("file"), ERROR_DISK_FULL));
 }
 
 TEST_F(LinuxWriteBehindDeathTest, FailureThatNoCallCanTellEndsTheProcessAtTheClose) {
@@ -648,7 +641,7 @@ TEST_F(LinuxWriteBehindDeathTest, FailureThatNoCallCanTellEndsTheProcessAtTheClo
         }).detach();
         (void)CloseHandle(file);
     };
-    EXPECT_EXIT(run(), testing::ExitedWithCode(1), Report(NarrowPath("file"), ERROR_CRC));
+    EXPECT_EXIT(run(), testing::ExitedWithCode(1), MediumReport(NarrowPath("file"), ERROR_CRC));
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -667,11 +660,7 @@ protected:
     static const LoopDisk& Small() { return TheLoopDisks().Small; }
     static const LoopDisk& Large() { return TheLoopDisks().Large; }
     static HANDLE OpenDisk(const LoopDisk& disk, DWORD flags = FILE_FLAG_NO_BUFFERING) {
-        const std::wstring path = L"\\\\.\\PhysicalDrive" + std::to_wstring(disk.Number);
-        return CreateFileW(path.c_str(), readWrite, 0, nullptr, OPEN_EXISTING, flags, nullptr);
-    }
-    static BOOL Seek(HANDLE disk, uint64_t offset) {
-        return SetFilePointerEx(disk, LargeInteger(static_cast<long long>(offset)), nullptr, FILE_BEGIN);
+        return OpenNumber(disk.Number, readWrite, 0, flags);
     }
     static BOOL Read(HANDLE disk, uint64_t offset, DWORD length, char& first) {
         std::vector<char> bytes(length);
@@ -679,10 +668,6 @@ protected:
         const BOOL isRead = Seek(disk, offset) && ReadFile(disk, bytes.data(), length, &count, nullptr);
         first = bytes[0];
         return isRead && count == length;
-    }
-    static BOOL UpdateProperties(HANDLE disk) {
-        DWORD returned = 0;
-        return DeviceIoControl(disk, IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0, &returned, nullptr);
     }
 };
 
@@ -779,7 +764,7 @@ TEST_F(LinuxOverlappedDisksDeathTest, FailureIsToldByEachCallAndEndsTheProcessAt
     };
     const std::string disk = "PhysicalDrive" + std::to_string(Small().Number) + " \\(/dev/" + Small().Name + "\\)";
     for (int asking = 0; asking < 5; asking++) {
-        EXPECT_EXIT(run(asking), testing::ExitedWithCode(1), Report(disk, ERROR_IO_DEVICE)) << asking;
+        EXPECT_EXIT(run(asking), testing::ExitedWithCode(1), MediumReport(disk, ERROR_IO_DEVICE)) << asking;
     }
 }
 
@@ -812,7 +797,7 @@ public:
         const unsigned kind = Number(16);
         if (kind < 3) {
             position_ = Number(kind == 0 ? 2 : static_cast<unsigned>(limit_ / sector_)) * sector_;
-            ASSERT_TRUE(SetFilePointerEx(handle_, LargeInteger(static_cast<LONGLONG>(position_)), nullptr, FILE_BEGIN));
+            ASSERT_TRUE(Seek(handle_, position_));
             return;
         }
         if (kind < 5) {
@@ -826,7 +811,7 @@ public:
         const uint64_t length = std::min(length_, position_ < limit_ ? limit_ - position_ : 0);
         if (length == 0) {
             position_ = 0;
-            ASSERT_TRUE(SetFilePointerEx(handle_, LargeInteger(0), nullptr, FILE_BEGIN));
+            ASSERT_TRUE(Seek(handle_, 0));
             return;
         }
         std::vector<char> memory(length + 1);

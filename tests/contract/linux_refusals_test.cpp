@@ -187,12 +187,9 @@ TEST(AbsenceOnLinux, ChangeTrackerDoesNotOpen) {
 
 TEST(AbsenceOnLinux, NoVolumesAreEnumerated) {
     WCHAR name[260] = {};
-    EXPECT_EQ(FindFirstVolumeW(name, 260), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_NO_MORE_FILES);
-    EXPECT_FALSE(FindNextVolumeW(INVALID_HANDLE_VALUE, name, 260));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(FindVolumeClose(INVALID_HANDLE_VALUE));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(FindFirstVolumeW(name, 260)), ERROR_NO_MORE_FILES);
+    EXPECT_EQ(ErrorOf(FindNextVolumeW(INVALID_HANDLE_VALUE, name, 260)), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ErrorOf(FindVolumeClose(INVALID_HANDLE_VALUE)), ERROR_INVALID_HANDLE);
 }
 
 TEST(AbsenceOnLinux, ShadowCopyLibraryIsMissing) {

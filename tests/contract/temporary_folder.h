@@ -13,6 +13,29 @@
 #include <string>
 #include <vector>
 
+constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
+
+inline LARGE_INTEGER LargeInteger(long long value) {
+    LARGE_INTEGER result;
+    result.QuadPart = value;
+    return result;
+}
+
+template <typename Offset>
+BOOL Seek(HANDLE handle, Offset offset) {
+    return SetFilePointerEx(handle, LargeInteger(static_cast<long long>(offset)), nullptr, FILE_BEGIN);
+}
+
+// The last error of a call that has to fail; 0 where it did not.
+inline DWORD ErrorOf(BOOL succeeded) {
+    return succeeded ? 0 : GetLastError();
+}
+
+inline DWORD ErrorOf(HANDLE handle) {
+    return handle != INVALID_HANDLE_VALUE ? 0 : GetLastError();
+}
+
 // A handle that is closed with its scope, unless the test closed it before.
 class ScopedHandle {
 public:
@@ -68,6 +91,12 @@ protected:
         return CreateFileW(WidePath(name).c_str(), access, share, nullptr, disposition, flags, nullptr);
     }
 
+    BOOL Move(const std::wstring& from, const std::wstring& to) const {
+        return MoveFileExW(WidePath(from).c_str(), WidePath(to).c_str(), MOVEFILE_WRITE_THROUGH);
+    }
+
+    DWORD AttributesOf(const std::string& name) const { return GetFileAttributesA(NarrowPath(name).c_str()); }
+
     // Makes a file with this content.
     void MakeFile(const std::wstring& name, const std::string& content) const {
         const ScopedHandle file(Open(name, GENERIC_WRITE, 0, CREATE_NEW));
@@ -91,9 +120,3 @@ protected:
 private:
     std::filesystem::path folder_;
 };
-
-inline LARGE_INTEGER LargeInteger(long long value) {
-    LARGE_INTEGER result;
-    result.QuadPart = value;
-    return result;
-}
