@@ -18,10 +18,9 @@ TEST(DeviceContract, MissingDiskIsNotFound) {
 }
 
 TEST(DeviceContract, MissingDeviceIsNotFound) {
-    EXPECT_EQ(
-        CreateFileW(L"\\\\.\\NoSuchVornixDevice", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr),
-        INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(CreateFileW(L"\\\\.\\NoSuchVornixDevice", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                  0, nullptr)),
+              ERROR_FILE_NOT_FOUND);
 }
 
 TEST(DeviceContract, SystemVolumeTellsWhereItLies) {

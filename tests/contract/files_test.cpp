@@ -60,9 +60,8 @@ TEST_F(FileContract, OpenNamesWhatIsMissing) {
     EXPECT_EQ(ErrorOf(Open(L"none/none", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(ErrorOf(Open(L"none/none", GENERIC_WRITE, 0, CREATE_ALWAYS)), ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(ErrorOf(Open(L"none/none", GENERIC_WRITE, 0, CREATE_NEW)), ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(CreateFileW(L"", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr),
-              INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(CreateFileW(L"", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)),
+              ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(FileContract, FileInTheMiddleOfAPathIsAMissingFolder) {

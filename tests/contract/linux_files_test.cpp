@@ -141,9 +141,9 @@ TEST_F(LinuxFiles, PipeAndDeviceAreNoFiles) {
     EXPECT_EQ(ErrorOf(Open(L"pipe", GENERIC_READ, shareAll, OPEN_EXISTING)), ERROR_ACCESS_DENIED);
     inotify_event event;
     EXPECT_LT(read(watch.Get(), &event, sizeof event), 0) << "it was opened all the same";
-    EXPECT_EQ(CreateFileW(L"/dev/null", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr),
-              INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(
+        ErrorOf(CreateFileW(L"/dev/null", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)),
+        ERROR_ACCESS_DENIED);
 }
 
 TEST_F(LinuxFiles, WhatIsMadeIsItsOwnersAlone) {
@@ -167,9 +167,10 @@ TEST_F(LinuxFiles, DeviceIsNotMadeByOpeningIt) {
                                           {L"\\\\?\\x", ERROR_FILE_NOT_FOUND},
                                           {L"\\\\.\\PhysicalDrive999999", ERROR_FILE_NOT_FOUND},
                                           {L"\\\\.\\C:", ERROR_INVALID_PARAMETER}}) {
-            EXPECT_EQ(CreateFileW(path, GENERIC_WRITE, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr),
-                      INVALID_HANDLE_VALUE);
-            EXPECT_EQ(GetLastError(), static_cast<DWORD>(error)) << path;
+            EXPECT_EQ(
+                ErrorOf(CreateFileW(path, GENERIC_WRITE, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr)),
+                static_cast<DWORD>(error))
+                << path;
         }
     }
 }
