@@ -34,6 +34,9 @@ import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 LEFT_OUT = re.compile(r"_test\.cpp$|/gtest_main\.cpp$|/(host|port)_windows\.cpp$")
+# How many sources of a room are looked at in one go, where not all: the analyzer follows calls from one source into the
+# next, of which the described machine has so many that all of it in one takes twice as long as in pieces.
+AT_MOST = {"bench": 5}
 # Functions of which each program has one.
 ENTRY = re.compile(r'^(?:extern "C" )?int (main|LLVMFuzzerTestOneInput)\(', re.M)
 
@@ -132,7 +135,7 @@ class Room:
         """The texts on what is wrong."""
         # In a folder of its own, with the rules of the sources.
         tests = self.name.startswith("tests")
-        place = os.path.join(self.folder, "together", self.name.replace("/", "-") + str(len(self.sources)))
+        place = os.path.join(self.folder, "together", os.path.splitext(self.sources[0].replace("/", "-"))[0])
         shutil.rmtree(place, ignore_errors=True)
         os.makedirs(place)
         shutil.copy(os.path.join(ROOT, "tests" if tests else "", ".clang-tidy"), place)
@@ -168,7 +171,10 @@ def main():
     for source in sorted(found):
         name, declarations = room(source, found[source][0])
         in_rooms[(name, declarations, source) if arguments.each else (name, declarations)].append(source)
-    rooms = [Room(key[0], sources, found, folder) for key, sources in in_rooms.items()]
+    rooms = []
+    for key, sources in in_rooms.items():
+        count = AT_MOST.get(key[0], len(sources))
+        rooms += [Room(key[0], sources[i:i + count], found, folder) for i in range(0, len(sources), count)]
     rooms.sort(key=lambda one: -one.size)  # the longest first, so that none is left alone at the end
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
         work = Room.look_at_each if arguments.each else Room.look_at_all
