@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <string>
+
 #include <nlohmann/json.hpp>
 
 #include "linux/disks_tool/clean_text.h"
@@ -37,6 +40,40 @@ TEST(LinuxCleanText, NothingThatATerminalObeysIsShown) {
     EXPECT_EQ(MakePrintable("M\xC3\xA4rz", true), "M\xC3\xA4rz");
     EXPECT_EQ(MakePrintable("M\xC3\xA4rz", false), "M?rz");
     EXPECT_EQ(CountCharacters("M\xC3\xA4rz"), 4u);
+}
+
+std::string Encode(uint32_t point) {
+    const auto tail = [point](int shift) { return static_cast<char>(0x80 | (point >> shift & 0x3F)); };
+    if (point < 0x80) {
+        return {static_cast<char>(point)};
+    }
+    if (point < 0x800) {
+        return {static_cast<char>(0xC0 | point >> 6), tail(0)};
+    }
+    if (point < 0x10000) {
+        return {static_cast<char>(0xE0 | point >> 12), tail(6), tail(0)};
+    }
+    return {static_cast<char>(0xF0 | point >> 18), tail(12), tail(6), tail(0)};
+}
+
+TEST(LinuxCleanText, EveryRangeEndsWhereItEnds) {
+    for (const uint32_t point : {0x0u, 0x7Fu, 0x80u, 0x7FFu, 0x800u, 0xFFFu, 0x1000u, 0xD7FFu, 0xE000u, 0xFFFFu,
+                                 0x10000u, 0x3FFFFu, 0x40000u, 0xFFFFFu, 0x100000u, 0x10FFFFu}) {
+        EXPECT_EQ(RepairUtf8(Encode(point)), Encode(point)) << point;
+    }
+    for (const char* text :
+         {"\xC1\xBF", "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF", "\xF5\x80\x80\x80", "\xC2\xC0", "\xE1\x80\x7F"}) {
+        EXPECT_NE(RepairUtf8(text), text);
+    }
+    // The first and the last of each range that is not shown.
+    const uint32_t ranges[][2] = {{0x0, 0x1F},      {0x7F, 0x9F},     {0x61C, 0x61C},
+                                  {0x200B, 0x200F}, {0x2028, 0x202E}, {0x2060, 0x2069},
+                                  {0xFEFF, 0xFEFF}, {0xFFF9, 0xFFFB}, {0xE0000, 0xE007F}};
+    for (const auto& [first, last] : ranges) {
+        EXPECT_EQ(MakePrintable(Encode(first) + Encode(last), true), "??") << first;
+        const std::string beside = (first == 0 ? "" : Encode(first - 1)) + Encode(last + 1);
+        EXPECT_EQ(MakePrintable(beside, true), beside) << first;
+    }
 }
 
 TEST(LinuxLsblk, TreeIsReadWithWhateverTheDisksCallThemselves) {

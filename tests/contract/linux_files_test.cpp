@@ -187,6 +187,8 @@ TEST_F(LinuxFiles, SystemVolumeHasNoBytes) {
 
 TEST_F(LinuxFiles, ReadOnlyFileHasItsAttribute) {
     MakeFile(L"file", "x");
+    EXPECT_EQ(GetFileAttributesA(NarrowPath("file").c_str()), FILE_ATTRIBUTE_NORMAL);
+    EXPECT_EQ(GetFileAttributesA(Folder().c_str()), FILE_ATTRIBUTE_DIRECTORY);
     ASSERT_EQ(chmod((Folder() / "file").c_str(), 0444), 0);
     EXPECT_EQ(AttributesOf("file"), FILE_ATTRIBUTE_READONLY);
 }
