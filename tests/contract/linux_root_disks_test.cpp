@@ -52,9 +52,8 @@ protected:
         return text.str();
     }
 
-    // Devices upon each other, `count` of them upon the partition sda1. Gives the number of the topmost.
-    std::string AddLayers(int count) {
-        std::string below = "8:1";
+    // Devices upon each other, `count` of them upon the partition sda1 or another. Gives the number of the topmost.
+    std::string AddLayers(int count, std::string below = "8:1") {
         for (int layer = 0; layer < count; layer++) {
             const std::string name = "dm-" + std::to_string(++layers_);
             const std::string device = "253:" + std::to_string(layers_);
@@ -165,6 +164,7 @@ TEST_F(LinuxRootDisks, SixteenLayersAreFollowedWhateverTheyAre) {
     AddLoop(0, 5);
     Write("sys/block/loop0/loop/backing_file", Path("system.img"));
     const std::string silent = Mounted("0:21", "/proc", "proc", "proc", "rw", 4000001);
+    Add({"dm-root", std::to_string(major(DeviceOfRoot())) + ":" + std::to_string(minor(DeviceOfRoot())), false});
     // What is mounted, and how many layers may lie below that.
     const struct {
         const char* What;
@@ -192,16 +192,35 @@ TEST_F(LinuxRootDisks, SixteenLayersAreFollowedWhateverTheyAre) {
          [&](const std::string& top) {
              SetMounts(Mounted("7:0", "/", "ext4", "none") + Mounted(top, Folder().string(), "ext4", "none"));
          }},
+        {"the mount of process 1 with the number of the folder's", 16,
+         [&](const std::string& top) {
+             struct statx status {};
+             ASSERT_EQ(statx(AT_FDCWD, roots_.Root.c_str(), 0, STATX_MNT_ID, &status), 0);
+             SetMounts(silent, Mounted(top, "/srv", "ext4", "none", "rw", static_cast<int>(status.stx_mnt_id)));
+         }},
+        {"the device of the folder", 15,
+         [&](const std::string& top) {
+             AddSlave("dm-root", "below", top);
+             SetMounts(silent);
+         }},
         {"a folder in memory of a btrfs", 15, [&](const std::string& top) {
              roots_.Root = "/dev/shm";
              Write("sys/fs/btrfs/11111111-1111-1111-1111-111111111111/devices/top/dev", top);
              SetMounts(silent);
          }}};
     for (const auto& oneCase : cases) {
+        if (std::string(oneCase.What) == "the device of the folder" && major(DeviceOfRoot()) == 0) {
+            continue; // it lies on no block device of its own
+        }
         oneCase.Mount(AddLayers(oneCase.Layers));
         EXPECT_EQ(Find(), "8:0 51200+153600") << oneCase.What;
         oneCase.Mount(AddLayers(oneCase.Layers + 1));
         EXPECT_EQ(Find().find("8:0"), std::string::npos) << oneCase.What;
+    }
+    for (const int layers : {15, 16}) {
+        SetMounts(Mounted(AddLayers(layers, "7:0"), "/", "ext4", "none") +
+                  Mounted("8:1", Folder().string(), "ext4", "none"));
+        EXPECT_EQ(Find(), layers == 15 ? "8:0 51200+153600" : "7:0 0+1048576") << "upon a loop device";
     }
 }
 
