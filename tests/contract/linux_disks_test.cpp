@@ -167,6 +167,10 @@ TEST_F(LinuxDisks, LengthAndSectorSizeAreTheDevices) {
         EXPECT_EQ(returned, 40u);
         EXPECT_EQ(geometry.Geometry.BytesPerSector, disk->SectorSize);
         EXPECT_EQ(geometry.Geometry.MediaType, FixedMedia);
+        EXPECT_EQ(geometry.Geometry.TracksPerCylinder, 255u);
+        EXPECT_EQ(geometry.Geometry.SectorsPerTrack, 63u);
+        EXPECT_EQ(geometry.Geometry.Cylinders.QuadPart,
+                  static_cast<LONGLONG>(disk->Length / disk->SectorSize / (255 * 63)));
 
         EXPECT_EQ(ErrorOf(DeviceIoControl(handle.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, 7, &returned,
                                           nullptr)),

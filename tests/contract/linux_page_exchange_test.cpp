@@ -86,6 +86,7 @@ TEST_F(LinuxPageExchange, PlaceWhereTheOnesPagesWaitIsGivenBack) {
         exchange.Take(memory_.get(), block_.get(), length);
     }
     EXPECT_LT(mapped(), before + 8 * hugePage);
+    EXPECT_NE(msync(nullptr, hugePage, MS_ASYNC), 0) << "at the address of nothing, which root may use";
 }
 
 TEST_F(LinuxPageExchange, PagesGoBackAndForthAndStayTheOwnersOwn) {
