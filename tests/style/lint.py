@@ -7,11 +7,12 @@ FOLDER has the compile commands of the presets fuzz and linux in folders of thes
 
 clang-tidy spends nine tenths of its time on headers of the system. So the sources of one room (src/, platform/,
 bench/, reader/, tests/), which include much the same, are given to it as one source that includes them all; its name
-makes the analyzer take them for sources and not for headers. --each gives it every source by itself instead, which
-`./check --long` does for the few judgements that need it: whether something in a source is used by nobody, and
-whether memory is lost, of which the analyzer is wrong where it follows an object from one source into the next. Where
-something is wrong with those of a room, or two of them cannot stand in one source, they are looked at one by one, and
-that counts.
+makes the analyzer take them for sources and not for headers, and it follows calls not far, which takes half as long.
+--each, of `./check --long`, has it follow them as far as it does by itself, in one source and in the room, and gives it
+every source by itself for the few judgements that need it: whether something in a source is used by nobody, and whether
+memory is lost, of which the analyzer is wrong where it follows an object from one source into the next. Where something
+is wrong with those of a room, or two of them cannot stand in one source, they are looked at one by one, and that
+counts.
 
 What was found clean is not looked at again as long as it, its headers, the rules and the linter are the same.
 
@@ -37,6 +38,7 @@ LEFT_OUT = re.compile(r"_test\.cpp$|/gtest_main\.cpp$|/(host|port)_windows\.cpp$
 # How many sources of a room are looked at in one go, where not all: the analyzer follows calls from one source into the
 # next, of which the described machine has so many that all of it in one takes twice as long as in pieces.
 AT_MOST = {"bench": 5}
+SHALLOW = ["-Xclang", "-analyzer-config", "-Xclang", "mode=shallow"]
 # Functions of which each program has one.
 ENTRY = re.compile(r'^(?:extern "C" )?int (main|LLVMFuzzerTestOneInput)\(', re.M)
 
@@ -122,14 +124,14 @@ def look(name, source, options, folder, more=()):
 class Room:
     """Sources that are looked at in one go."""
 
-    def __init__(self, name, sources, found, folder):
-        self.name, self.sources, self.found, self.folder = name, sources, found, folder
+    def __init__(self, name, sources, found, folder, deep):
+        self.name, self.sources, self.found, self.folder, self.deep = name, sources, found, folder, deep
         self.size = sum(os.path.getsize(os.path.join(ROOT, source)) for source in sources)
 
     def options(self, sources):
         seen = dict.fromkeys(option for source in sources for option in self.found[source][0])
         return [*(word for option in [*seen, *self.found[sources[0]][1]] for word in option),
-                "-Wno-unknown-warning-option"]
+                "-Wno-unknown-warning-option", *([] if self.deep else SHALLOW)]
 
     def look_at_all(self):
         """The texts on what is wrong."""
@@ -170,15 +172,16 @@ def main():
     in_rooms = collections.defaultdict(list)
     for source in sorted(found):
         name, declarations = room(source, found[source][0])
-        in_rooms[(name, declarations, source) if arguments.each else (name, declarations)].append(source)
+        in_rooms[(name, declarations)].append(source)
     rooms = []
     for key, sources in in_rooms.items():
         count = AT_MOST.get(key[0], len(sources))
-        rooms += [Room(key[0], sources[i:i + count], found, folder) for i in range(0, len(sources), count)]
+        rooms += [Room(key[0], sources[i:i + count], found, folder, arguments.each)
+                  for i in range(0, len(sources), count)]
     rooms.sort(key=lambda one: -one.size)  # the longest first, so that none is left alone at the end
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-        work = Room.look_at_each if arguments.each else Room.look_at_all
-        troubles = [trouble for texts in pool.map(work, rooms) for trouble in texts]
+        looks = [Room.look_at_all, Room.look_at_each] if arguments.each else [Room.look_at_all]
+        troubles = [trouble for work in looks for texts in pool.map(work, rooms) for trouble in texts]
     print("\n".join(troubles))
     print(f"{len(found)} sources, in {len(rooms)} looks: {len(troubles)} with something wrong")
     sys.exit(0 if found and not troubles else 1)
