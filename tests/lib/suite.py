@@ -9,7 +9,8 @@ context of its runs, what was skipped and why, and as its last line `N passed, N
     tests/run tests/scenarios/test_verify.py --list        the names
 
 With VORNIX_RECORD=FOLDER each test leaves a normalised account of its runs in FOLDER/<suite>/<test>.json, for the
-comparison of two builds. VORNIX_JOBS says how many tests run at a time (2 when absent).
+comparison of two builds. VORNIX_JOBS says how many tests run at a time (2 when absent). With VORNIX_TEST_FILES=FOLDER
+the suites on described machines have their files there.
 """
 
 import argparse
@@ -30,6 +31,10 @@ from console import ANY_NUMBER
 from machine import SETTINGS, Machine
 
 ANY_NUMBER_BYTES = ANY_NUMBER.encode()
+
+FOLDER_OF_SUITE = os.path.basename(os.path.dirname(os.path.abspath(sys.argv[0])))
+if FOLDER_OF_SUITE in ("scenarios", "faults", "reader") and os.environ.get("VORNIX_TEST_FILES"):
+    tempfile.tempdir = os.environ["VORNIX_TEST_FILES"]
 
 
 def as_bytes(text):
