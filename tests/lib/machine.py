@@ -100,6 +100,18 @@ class Settings:
         return environment
 
 
+    def run(self, executable, *arguments, cwd, environment=None, timeout=300, gave_up=lambda: True):
+        """Runs one of the build's executables; gives what subprocess.run gives. `gave_up`: as for run_to_files; the
+        programs of the project hardly ever end with 1 and no word."""
+        command = [*self.runner, executable, *arguments]
+        settled = {**self.environment(), **(environment or {})}
+
+        def run(stdout, stderr):
+            return wait_for(subprocess.Popen(command, cwd=cwd, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr,
+                                             env=settled), timeout)
+        return subprocess.CompletedProcess(command, *run_to_files(run, lambda: self.windows and gave_up()))
+
+
 SETTINGS = Settings()
 
 
@@ -384,14 +396,17 @@ class Machine:
         used = self.description if description is None else description
         content = used if isinstance(used, bytes) else json.dumps(used).encode()
         self.write_home("machine.json", content)
-        command = [*self.settings.runner, self.settings.bench, os.path.join("..", "machine"), *arguments]
+        if not os.path.exists(self.settings.bench):
+            raise FileNotFoundError(f"no such executable: {self.settings.bench} (VORNIX_BENCH, VORNIX_BUILD)")
         log_path = self._log_path(used)
         if log_path is not None and os.path.exists(log_path):
             os.remove(log_path)
         environment = self.settings.environment(leaks=self.leaks and not loses_memory(used))
-        # The described machine makes the log's file before the program starts.
-        done = self._start(command, timeout, environment,
-                           lambda: log_path is not None and not os.path.exists(log_path))
+        # The described machine makes the log's file before the program starts; without a log, what ends with 1 and not
+        # a word is taken for Wine.
+        done = self.settings.run(self.settings.bench, os.path.join("..", "machine"), *arguments, cwd=self.work,
+                                 environment=environment, timeout=timeout,
+                                 gave_up=lambda: log_path is None or not os.path.exists(log_path))
         log = self._read_log(used)
         result = Result(list(arguments), done.returncode, done.stdout, done.stderr, log,
                         json.loads(json.dumps(used)) if isinstance(used, dict) else {"content": repr(used)},
@@ -400,16 +415,6 @@ class Machine:
         if self.onlooker is not None:
             self.onlooker(self, result)
         return result
-
-    def _start(self, command, timeout, environment=None, did_not_begin=lambda: False):
-        if not os.path.exists(self.settings.bench):
-            raise FileNotFoundError(f"no such executable: {self.settings.bench} (VORNIX_BENCH, VORNIX_BUILD)")
-
-        def run(stdout, stderr):
-            return wait_for(subprocess.Popen(command, cwd=self.work, stdin=subprocess.DEVNULL, stdout=stdout,
-                                             stderr=stderr, env=environment or self.settings.environment()), timeout)
-        return subprocess.CompletedProcess(
-            command, *run_to_files(run, lambda: self.settings.windows and did_not_begin()))
 
     def _log_path(self, description):
         name = description.get("calls") if isinstance(description, dict) else None

@@ -38,7 +38,7 @@ class DescribedMachine(suite.Scenario):
     def test_a_missing_description_or_folder_is_malformed(self):
         machine = self.machine()
         for folder in ("../machine", "../nowhere"):
-            done = machine._start([*self.settings.runner, self.settings.bench, folder, "list-disks"], 60)
+            done = self.settings.run(self.settings.bench, folder, "list-disks", cwd=machine.work)
             self.assertEqual((done.returncode, done.stdout), (2, b""))
             self.assertTrue(done.stderr.startswith(b"vornix-bench: ") and done.stderr.count(b"\n") == 1, done.stderr)
 

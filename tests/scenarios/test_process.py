@@ -477,9 +477,7 @@ int DllMain(void* instance, unsigned reason, void* reserved) {
         self.plant(name, folder)
         program = shutil.copy(executable, folder)
         build_image(os.path.join(folder, "full.vrnx"), PLAIN)
-        done = subprocess.run([*self.settings.runner, program, *arguments], cwd=folder, stdin=subprocess.DEVNULL,
-                              capture_output=True, timeout=300, check=False,
-                              env={**self.settings.environment(), "WINEDLLOVERRIDES": f"{name}=n,b"})
+        done = self.settings.run(program, *arguments, cwd=folder, environment={"WINEDLLOVERRIDES": f"{name}=n,b"})
         return done, os.path.exists(os.path.join(folder, "planted"))
 
     def test_a_planted_library_for_cryptography_is_not_loaded(self):

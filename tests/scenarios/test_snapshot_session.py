@@ -6,7 +6,6 @@ which of the two it was read."""
 
 import os
 import re
-import subprocess
 
 import suite
 from console import NO_TRACKER, USAGE, gib, fatal, fatal_status, meter_run, source_line
@@ -603,9 +602,7 @@ class WindowsProgram(suite.Scenario):
             self.skipTest("the Windows program is the Windows build's")
 
     def program(self, executable, *arguments, **environment):
-        return subprocess.run([*SETTINGS.runner, executable, *arguments], cwd=self.folder, capture_output=True,
-                              env={**SETTINGS.environment(), **environment}, check=False, stdin=subprocess.DEVNULL,
-                              timeout=300)
+        return SETTINGS.run(executable, *arguments, cwd=self.folder, environment=environment)
 
     def test_the_program_starts_either_way(self):
         for mode, environment in self.MODES.items():

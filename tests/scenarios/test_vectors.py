@@ -26,8 +26,7 @@ def files_in(folder):
 
 def verify(name):
     """The real program over one file, run beside it: (status, last line of standard error)."""
-    command = [*SETTINGS.runner, SETTINGS.program, "verify", "--in", name, "--password-file", "password.txt"]
-    run = subprocess.run(command, cwd=VECTORS, capture_output=True, check=False, env=SETTINGS.environment())
+    run = SETTINGS.run(SETTINGS.program, "verify", "--in", name, "--password-file", "password.txt", cwd=VECTORS)
     lines = run.stderr.decode().splitlines()
     return run.returncode, lines[-1] if lines else ""
 
@@ -38,7 +37,7 @@ class Vectors(suite.Scenario):
     def expect_verdict(self, name):
         expected = EXPECTATIONS[name]
         status, line = verify(name)
-        self.assertEqual(status, expected["status"], name)
+        self.assertEqual(status, expected["status"], f"{name}: {line}")
         if expected["message"] is None:
             self.assertEqual(line, "", name)
         elif expected["message"].startswith("Verify FAILED"):

@@ -484,6 +484,14 @@ def suites_find_their_modules_by_the_runner(tree):
             if isinstance(node, ast.Attribute) and node.attr == "path" and getattr(node.value, "id", "") == "sys"]
 
 
+def suites_leave_starting_to_their_settings(tree):
+    """No suite puts Wine before a program by itself: what lib/ starts is started again where Wine gave up."""
+    return [f"{path}:{node.lineno}: starts the runner by itself; Settings.run does it"
+            for path, text in of_kind(tree, "tests/", (".py",)) if not path.startswith("tests/lib/")
+            for node in ast.walk(ast.parse(text, path))
+            if isinstance(node, ast.Starred) and getattr(node.value, "attr", "") == "runner"]
+
+
 def python_calls(function):
     return {node.func.attr if isinstance(node.func, ast.Attribute) else getattr(node.func, "id", "")
             for node in ast.walk(function) if isinstance(node, ast.Call)}

@@ -2,12 +2,14 @@
 """The runner of the suites: what it leaves out under Wine and the sanitizers is said by name, and counted."""
 
 import os
+import shlex
 import subprocess
 import sys
 import tempfile
 import unittest
 
 import suite
+from machine import Settings
 
 TESTS_OF_ONE = 20
 
@@ -42,6 +44,27 @@ class LeftOut(unittest.TestCase):
     def test_a_long_run_leaves_none_out(self):
         self.assertEqual([f"{TESTS_OF_ONE} passed, 0 failed, 0 skipped"],
                          self.run_long_suite(VORNIX_LONG="1", VORNIX_BUILD="sanitize"))
+
+
+class Starts(unittest.TestCase):
+
+    def run_by(self, script, windows):
+        """What the settings of a build give that starts its programs by this script of a shell."""
+        with tempfile.TemporaryDirectory(prefix="vornix-") as folder:
+            suffix = ".exe" if windows else ""
+            settings = Settings({"VORNIX_RUNNER": shlex.join(["sh", "-c", script]), "VORNIX_BENCH": "bench" + suffix})
+            done = settings.run("program", "argument", cwd=folder)
+        return done.returncode, done.stdout, done.stderr
+
+    def test_a_start_that_wine_gave_up_is_made_again(self):
+        begins_late = 'echo >> starts; [ $(wc -l < starts) -lt 3 ] && exit 1; echo "$0 $1"; exit 5'
+        self.assertEqual((5, b"program argument\n", b""), self.run_by(begins_late, windows=True))
+        self.assertEqual((1, b"", b""), self.run_by(begins_late, windows=False))
+
+    def test_a_program_that_never_begins_or_says_something_is_taken_at_its_word(self):
+        self.assertEqual((1, b"", b""), self.run_by("exit 1", windows=True))
+        says = "echo >> starts; cat starts >&2; exit 1"
+        self.assertEqual((1, b"", b"\n"), self.run_by(says, windows=True))
 
 
 suite.main()

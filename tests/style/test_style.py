@@ -159,6 +159,10 @@ PROOFS = {
         [{"tests/scenarios/test_a.py": f"import sys\n\n{PATH}.insert(0, 'lib')\nimport suite\n"},
          {"tests/style/test_a.py": f"import sys\n\n{PATH} += ['lib']\n"}],
         [{"tests/scenarios/test_a.py": "import os\n\nimport suite\n\nHERE = os.path.dirname(__file__)\n"}]),
+    rules.suites_leave_starting_to_their_settings: (
+        [{"tests/scenarios/test_a.py": "run = subprocess.run([*SETTINGS.runner, SETTINGS.program])\n"}],
+        [{"tests/scenarios/test_a.py": "settings.runner = VALGRIND\nrun = SETTINGS.run(SETTINGS.program, *names)\n",
+          "tests/lib/machine.py": "command = [*self.runner, executable]\n"}]),
     rules.python_tests_assert: (
         [{"tests/scenarios/test_a.py": "def test_a(self):\n    self.machine().run()\n"},
          {"tests/scenarios/test_a.py": "def helper():\n    return 1\n\n\ndef test_a():\n    helper()\n"}],

@@ -9,7 +9,6 @@ import json
 import os
 import random
 import shutil
-import subprocess
 import threading
 
 import suite
@@ -685,8 +684,7 @@ class ThreeAccounts(Library):
                 changed[chance.randrange(interesting)] = chance.choice((0, 1, 2, 3, 0x7F, 0x80, 0xFF))
             with open(self.path(name), "wb") as image:
                 image.write(changed)
-            run = subprocess.run([*SETTINGS.runner, SETTINGS.program, "verify", "--in", "thin"], cwd=self.folder,
-                                 capture_output=True, check=False, env=SETTINGS.environment())
+            run = SETTINGS.run(SETTINGS.program, "verify", "--in", "thin", cwd=self.folder)
             try:
                 reader = reference_plain_bytes(self.path("thin"))
             except (ImageError, OSError, ValueError):
