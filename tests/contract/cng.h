@@ -13,6 +13,9 @@
 
 using Bytes = std::vector<UCHAR>;
 
+constexpr NTSTATUS invalidHandle = static_cast<NTSTATUS>(0xC0000008u);
+constexpr NTSTATUS invalidParameter = static_cast<NTSTATUS>(0xC000000Du);
+constexpr NTSTATUS bufferTooSmall = static_cast<NTSTATUS>(0xC0000023u);
 constexpr NTSTATUS authTagMismatch = static_cast<NTSTATUS>(0xC000A002u);
 
 inline Bytes FromHex(const std::string& hex) {

@@ -7,10 +7,6 @@
 
 namespace {
 
-constexpr NTSTATUS invalidParameter = static_cast<NTSTATUS>(0xC000000Du);
-constexpr NTSTATUS invalidHandle = static_cast<NTSTATUS>(0xC0000008u);
-constexpr NTSTATUS bufferTooSmall = static_cast<NTSTATUS>(0xC0000023u);
-
 TEST(CryptoContract, Sha256OfPiecesIsThatOfTheWhole) {
     EXPECT_EQ(Sha256({FromText("a"), FromText(""), FromText("bc")}), Sha256({FromText("abc")}));
 }

@@ -17,12 +17,16 @@
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <string>
+#include <utility>
 
+#include "linux_host_calls.h"
 #include "snapshot/create_components_guarded.h"
 
 namespace {
@@ -100,6 +104,46 @@ TEST_F(RefusalDeathTest, CryptographyNamesWhatItDoesNotSupport) {
                  "a chaining mode other than GCM");
     EXPECT_DEATH((void)BCryptGenerateSymmetricKey(algorithm, &key, nullptr, 0, secret, 16, 0), "a key of length 0x10");
     EXPECT_EQ(BCryptCloseAlgorithmProvider(algorithm, 0), 0);
+    EXPECT_DEATH((void)BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_RNG_ALGORITHM, L"x", 0), "implementation \"x\"");
+    const Provider hmac(BCRYPT_SHA256_ALGORITHM, BCRYPT_ALG_HANDLE_HMAC_FLAG);
+    EXPECT_DEATH((void)BCryptCreateHash(hmac.Get(), &key, nullptr, 0, nullptr, 0, 0), "a hash with a secret");
+    EXPECT_DEATH((void)BCryptSetProperty(hmac.Get(), BCRYPT_CHAINING_MODE, secret, 32, 0), "property \"ChainingMode\"");
+    const Provider aes(BCRYPT_AES_ALGORITHM, 0);
+    EXPECT_DEATH((void)BCryptSetProperty(aes.Get(), L"BlockLength", secret, 4, 0), "property \"BlockLength\"");
+    EXPECT_DEATH((void)BCryptEncrypt(nullptr, nullptr, 0, nullptr, nullptr, 1, nullptr, 0, &written, 0),
+                 "an initialisation vector of length 0x1");
+    const GcmKey good(Bytes(32, 1));
+    Message message{Bytes(12), {}, {}, {}, Bytes(16)};
+    BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO chained = ModeOf(message);
+    chained.dwFlags = 1;
+    EXPECT_DEATH((void)BCryptEncrypt(good.Get(), nullptr, 0, &chained, nullptr, 0, nullptr, 0, &written, 0),
+                 "chaining of calls, flags 0x1");
+}
+
+TEST_F(RefusalDeathTest, CryptographyTakesNoFlags) {
+    const std::pair<const char*, std::function<void()>> calls[] = {
+        {"BCryptOpenAlgorithmProvider",
+         [] {
+             BCRYPT_ALG_HANDLE algorithm = nullptr;
+             (void)BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_RNG_ALGORITHM, nullptr, 1);
+         }},
+        {"BCryptGetProperty", [] { (void)BCryptGetProperty(nullptr, nullptr, nullptr, 0, nullptr, 1); }},
+        {"BCryptSetProperty", [] { (void)BCryptSetProperty(nullptr, nullptr, nullptr, 0, 1); }},
+        {"BCryptCloseAlgorithmProvider", [] { (void)BCryptCloseAlgorithmProvider(nullptr, 1); }},
+        {"BCryptCreateHash", [] { (void)BCryptCreateHash(nullptr, nullptr, nullptr, 0, nullptr, 0, 1); }},
+        {"BCryptHashData", [] { (void)BCryptHashData(nullptr, nullptr, 0, 1); }},
+        {"BCryptFinishHash", [] { (void)BCryptFinishHash(nullptr, nullptr, 0, 1); }},
+        {"BCryptGenRandom", [] { (void)BCryptGenRandom(nullptr, nullptr, 0, 1); }},
+        {"BCryptDeriveKeyPBKDF2",
+         [] { (void)BCryptDeriveKeyPBKDF2(nullptr, nullptr, 0, nullptr, 0, 1, nullptr, 0, 1); }},
+        {"BCryptGenerateSymmetricKey",
+         [] { (void)BCryptGenerateSymmetricKey(nullptr, nullptr, nullptr, 0, nullptr, 0, 1); }},
+        {"BCryptDecrypt",
+         [] { (void)BCryptDecrypt(nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr, 0, nullptr, 1); }},
+    };
+    for (const auto& [name, call] : calls) {
+        EXPECT_DEATH(call(), std::string(name) + ": flags 0x1 is not supported");
+    }
 }
 
 TEST_F(RefusalDeathTest, RuntimeNamesWhatItDoesNotSupport) {
@@ -208,6 +252,138 @@ TEST(AbsenceOnLinux, FullPathThatDoesNotFitSaysSo) {
     errno = 0;
     EXPECT_EQ(_fullpath(buffer, "/ab", sizeof buffer), nullptr);
     EXPECT_EQ(errno, ERANGE);
+}
+
+TEST(CryptoOnLinux, WhatACallCannotTakeHasItsStatus) {
+    const Provider sha(BCRYPT_SHA256_ALGORITHM, 0);
+    const Provider hmac(BCRYPT_SHA256_ALGORITHM, BCRYPT_ALG_HANDLE_HMAC_FLAG);
+    const Provider aes(BCRYPT_AES_ALGORITHM, 0);
+    const Provider random(BCRYPT_RNG_ALGORITHM, 0);
+    UCHAR bytes[64] = {};
+    ULONG written = 0;
+    BCRYPT_HANDLE handle = nullptr;
+    EXPECT_EQ(BCryptOpenAlgorithmProvider(nullptr, BCRYPT_RNG_ALGORITHM, nullptr, 0), invalidParameter);
+    EXPECT_EQ(BCryptGetProperty(sha.Get(), nullptr, bytes, 4, &written, 0), invalidParameter);
+    EXPECT_EQ(BCryptSetProperty(aes.Get(), nullptr, bytes, 4, 0), invalidParameter);
+    std::wstring longer = L"ChainingModeGCMx";
+    EXPECT_EQ(BCryptSetProperty(aes.Get(), BCRYPT_CHAINING_MODE, reinterpret_cast<PUCHAR>(longer.data()), 30, 0), 0);
+
+    EXPECT_EQ(BCryptCreateHash(sha.Get(), nullptr, nullptr, 0, nullptr, 0, 0), invalidParameter);
+    EXPECT_EQ(BCryptCreateHash(aes.Get(), &handle, nullptr, 0, nullptr, 0, 0), invalidParameter);
+    EXPECT_EQ(BCryptCreateHash(sha.Get(), &handle, nullptr, 64, nullptr, 0, 0), invalidParameter);
+    EXPECT_EQ(BCryptCreateHash(sha.Get(), &handle, bytes, 8, nullptr, 0, 0), bufferTooSmall);
+    ASSERT_EQ(BCryptCreateHash(sha.Get(), &handle, bytes, 64, nullptr, 0, 0), 0);
+    UCHAR digest[32];
+    EXPECT_EQ(BCryptHashData(handle, nullptr, 1, 0), invalidParameter);
+    EXPECT_EQ(BCryptFinishHash(handle, nullptr, 32, 0), invalidParameter);
+    EXPECT_EQ(BCryptFinishHash(handle, digest, 32, 0), 0);
+    EXPECT_EQ(BCryptFinishHash(handle, digest, 32, 0), invalidParameter);
+    EXPECT_EQ(BCryptHashData(handle, digest, 32, 0), invalidParameter);
+    EXPECT_EQ(BCryptDestroyHash(handle), 0);
+    EXPECT_EQ(BCryptDestroyHash(handle), invalidHandle);
+
+    EXPECT_EQ(BCryptGenRandom(nullptr, bytes, 8, 0), invalidHandle);
+    EXPECT_EQ(BCryptGenRandom(sha.Get(), bytes, 8, 0), invalidHandle);
+    EXPECT_EQ(BCryptGenRandom(random.Get(), nullptr, 1, 0), invalidParameter);
+    EXPECT_EQ(BCryptGenRandom(random.Get(), nullptr, 0, 0), 0);
+    const struct {
+        PUCHAR Password;
+        ULONG PasswordLength;
+        PUCHAR Salt;
+        ULONG SaltLength;
+        ULONG KeyLength;
+        NTSTATUS Status;
+    } derivations[] = {
+        {nullptr, 0, nullptr, 0, 1, 0},
+        {nullptr, 1, bytes, 8, 8, invalidParameter},
+        {bytes, 8, nullptr, 1, 8, invalidParameter},
+        {bytes, 8, bytes, 8, 0, invalidParameter},
+    };
+    for (const auto& row : derivations) {
+        EXPECT_EQ(BCryptDeriveKeyPBKDF2(hmac.Get(), row.Password, row.PasswordLength, row.Salt, row.SaltLength, 1,
+                                        digest, row.KeyLength, 0),
+                  row.Status)
+            << row.PasswordLength << ' ' << row.SaltLength << ' ' << row.KeyLength;
+    }
+    EXPECT_EQ(BCryptGenerateSymmetricKey(nullptr, &handle, nullptr, 0, bytes, 32, 0), invalidHandle);
+    EXPECT_EQ(BCryptGenerateSymmetricKey(sha.Get(), &handle, nullptr, 0, bytes, 32, 0), invalidHandle);
+    EXPECT_EQ(BCryptGenerateSymmetricKey(aes.Get(), nullptr, nullptr, 0, bytes, 32, 0), invalidParameter);
+    EXPECT_EQ(BCryptGenerateSymmetricKey(aes.Get(), &handle, nullptr, 0, nullptr, 32, 0), invalidParameter);
+}
+
+TEST(CryptoOnLinux, ModeThatLacksSomethingIsRefused) {
+    using Mode = BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO;
+    const GcmKey key(Bytes(32, 1));
+    Message message{Bytes(12), Bytes(4), Bytes(8), Bytes(8), Bytes(17)};
+    const auto encrypt = [&](const std::function<void(Mode&)>& change, PUCHAR input) {
+        Mode mode = ModeOf(message);
+        mode.cbTag = 12;
+        change(mode);
+        ULONG written = 0;
+        return BCryptEncrypt(key.Get(), input, 8, &mode, nullptr, 0, message.Sealed.data(), 8, &written, 0);
+    };
+    const std::function<void(Mode&)> changes[] = {
+        [](Mode& mode) { mode.pbNonce = nullptr; }, [](Mode& mode) { mode.cbNonce = 11; },
+        [](Mode& mode) { mode.pbTag = nullptr; },   [](Mode& mode) { mode.cbTag = 11; },
+        [](Mode& mode) { mode.cbTag = 17; },        [](Mode& mode) { mode.pbAuthData = nullptr; },
+    };
+    for (const auto& change : changes) {
+        EXPECT_EQ(encrypt(change, message.Plain.data()), invalidParameter) << &change - changes;
+    }
+    EXPECT_EQ(encrypt([](Mode&) {}, nullptr), invalidParameter);
+    EXPECT_EQ(encrypt([](Mode&) {}, message.Plain.data()), 0);
+}
+
+TEST(CryptoOnLinux, EveryByteThatIsAskedForIsDrawn) {
+    const Provider random(BCRYPT_RNG_ALGORITHM, 0);
+    Bytes bytes(32);
+    for (UCHAR& byte : bytes) {
+        EXPECT_EQ(BCryptGenRandom(random.Get(), &byte, 1, 0), 0);
+    }
+    EXPECT_NE(bytes, Bytes(32));
+}
+
+TEST(CryptoOnLinux, MemoryIsHiddenBeforeAKeyIsInIt) {
+    const struct {
+        LPCWSTR Id;
+        ULONG Flags;
+        int IsOpenToOthers;
+    } rows[] = {{BCRYPT_SHA256_ALGORITHM, 0, 1},
+                {BCRYPT_RNG_ALGORITHM, 0, 1},
+                {BCRYPT_SHA256_ALGORITHM, BCRYPT_ALG_HANDLE_HMAC_FLAG, 0},
+                {BCRYPT_AES_ALGORITHM, 0, 0}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(InChild([&] {
+                      (void)prctl(PR_SET_DUMPABLE, 1);
+                      const Provider provider(row.Id, row.Flags);
+                      return prctl(PR_GET_DUMPABLE);
+                  }),
+                  row.IsOpenToOthers)
+            << &row - rows;
+    }
+}
+
+TEST(CryptoOnLinux, WhatIsMadeIsGivenBack) {
+    const Provider sha(BCRYPT_SHA256_ALGORITHM, 0);
+    const Provider hmac(BCRYPT_SHA256_ALGORITHM, BCRYPT_ALG_HANDLE_HMAC_FLAG);
+    const Provider aes(BCRYPT_AES_ALGORITHM, 0);
+    std::wstring mode = BCRYPT_CHAIN_MODE_GCM;
+    ASSERT_EQ(BCryptSetProperty(aes.Get(), BCRYPT_CHAINING_MODE, reinterpret_cast<PUCHAR>(mode.data()), 32, 0), 0);
+    const auto makeAll = [&] {
+        BCRYPT_HANDLE handle = nullptr;
+        UCHAR secret[32] = {};
+        EXPECT_EQ(BCryptCreateHash(sha.Get(), &handle, nullptr, 0, nullptr, 0, 0), 0);
+        EXPECT_EQ(BCryptDestroyHash(handle), 0);
+        EXPECT_EQ(BCryptDeriveKeyPBKDF2(hmac.Get(), secret, 8, secret, 8, 1, secret, 32, 0), 0);
+        EXPECT_EQ(BCryptGenerateSymmetricKey(aes.Get(), &handle, nullptr, 0, secret, 32, 0), 0);
+        EXPECT_EQ(BCryptDestroyKey(handle), 0);
+    };
+    makeAll();
+    const size_t before = mallinfo2().uordblks;
+    for (int time = 0; time < 100; time++) {
+        makeAll();
+    }
+    EXPECT_LT(mallinfo2().uordblks, before + 100 * sizeof(void*));
 }
 
 TEST(CryptoOnLinux, UnauthenticatedBytesAreWipedFromTheOutput) {
