@@ -1,14 +1,27 @@
 // What vornix-disks makes of texts that come from disks, of what lsblk prints, and of its own report.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
+#include <iterator>
 #include <string>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
 #include "linux/disks_tool/clean_text.h"
 #include "linux/disks_tool/print_report.h"
+#include "linux/owned_descriptor.h"
+#include "linux_host_calls.h"
+#include "linux_loop_disks.h"
+#include "linux_made_up_host.h"
 
 namespace {
 
@@ -182,6 +195,139 @@ TEST(LinuxDisksTool, JsonSaysTheSameToScripts) {
     EXPECT_EQ(disks[2]["serial"], "\x1B[2J\xEF\xBF\xBD");
     EXPECT_EQ(disks[2]["contents"][0]["label"], "a\nb");
     EXPECT_EQ(disks[2]["used_by"][0]["kind"], "process");
+}
+
+class LinuxDisksToolHost : public MadeUpHostTest {
+protected:
+    // "kind what, kind what"
+    static std::string Text(const std::vector<DeviceUser>& users) {
+        std::string text;
+        for (const DeviceUser& user : users) {
+            text += (text.empty() ? "" : ", ") + user.Kind + " " + user.What;
+        }
+        return text;
+    }
+
+    // A process in the namespace of mounts of this name, with this table of them.
+    void AddProcess(const std::string& name, const std::string& space, const std::string& mounts) const {
+        Link("proc/" + name + "/ns/mnt", space);
+        Write("proc/" + name + "/mountinfo", mounts);
+    }
+};
+
+TEST_F(LinuxDisksToolHost, EachDiskHasItsContentsAndItsUsers) {
+    Add({"sda", "8:0", true, "1", "1000"});
+    Write("sys/block/sda/queue/logical_block_size", "4096");
+    Write("sys/block/sda/removable", "1");
+    AddPartition("sda", "sda1", "8:1", "100", "300");
+    AddPartition("sda", "sda2", "8:2", "400", "500");
+    Add({"sdb", "8:16", true, "2", "2000"});
+    Write("sys/block/sdb/ro", "1");
+    Write("sys/class/block/sda1/start", "100");
+    Write("sys/class/block/sda1/size", "300");
+    AddProcess("self", "space0", "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n21 1 8:16 / /b rw - ext4 /dev/sdb rw");
+    AddProcess("1", "space0", "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n21 1 8:16 / /b rw - ext4 /dev/sdb rw");
+    AddProcess("70", "space1", "20 1 8:2 / /\n20 1 8:2 / /c\n20 1 8:1 / /d\n20 1 none / /e");
+    AddProcess("71", "space2", "20 1 8:2 / /");
+    AddProcess("72", "space1", "20 1 8:16 / /");
+    AddProcess("fs", "space3", "20 1 8:16 / /");
+    BlockDevices devices;
+    BlockDevice volume{"dm-0", "/dev/mapper/v", "253:0", "lvm", "", "", "", {"/v"}, {}};
+    BlockDevice member{"md0", "/dev/md0", "9:0", "raid1", "", "", "", {}, {volume}};
+    BlockDevice first{"sda1", "/none/sda1", "8:1", "part", "", "", "", {"/", "[SWAP]"}, {member}};
+    BlockDevice second{"sda2", "/none/sda2", "8:2", "part", "", "", "", {}, {}};
+    devices.Devices = {{"sda", "/dev/sda", "8:0", "disk", "Model", "Serial", "usb", {}, {first, second, volume}}};
+    const Report report = MakeReport(roots_, devices);
+    ASSERT_EQ(report.Disks.size(), 2u);
+    const DiskReport& disk = report.Disks[0];
+    EXPECT_EQ(disk.Model + disk.Serial + disk.Transport, "ModelSerialusb");
+    EXPECT_EQ(disk.Size, 512000u);
+    EXPECT_EQ(disk.SectorSize, 4096u);
+    EXPECT_TRUE(disk.IsRemovable && disk.IsSystem && disk.IsInUse() && !disk.IsReadOnly);
+    EXPECT_EQ(Text(disk.Users), "device lvm /dev/mapper/v, mount /v");
+    ASSERT_EQ(disk.Contents.size(), 2u);
+    EXPECT_EQ(disk.Contents[0].Node, "/none/sda1");
+    EXPECT_EQ(disk.Contents[0].Start, 51200u);
+    EXPECT_EQ(disk.Contents[0].Size, 153600u);
+    EXPECT_EQ(disk.Contents[0].MountPoints, first.MountPoints);
+    EXPECT_EQ(Text(disk.Contents[0].Users),
+              "mount /, swap [SWAP], device raid1 /dev/md0, device lvm /dev/mapper/v, mount /v");
+    EXPECT_EQ(Text(disk.Contents[1].Users), "foreign_mount process 70");
+    const DiskReport& other = report.Disks[1];
+    EXPECT_TRUE(other.IsReadOnly && !other.IsSystem && !other.IsRemovable && !other.IsInUse());
+    EXPECT_EQ(other.WhyNotOpened, "No such file or directory");
+}
+
+TEST_F(LinuxDisksToolHost, DeviceIsUsedByOtherProcessesAndLoopsThatHaveItOpen) {
+    if (!TheLoopDisks().WhyNone.empty()) {
+        GTEST_SKIP() << TheLoopDisks().WhyNone;
+    }
+    const LoopDisk& loop = TheLoopDisks().Large;
+    struct stat status {};
+    ASSERT_EQ(stat(("/dev/" + loop.Name).c_str(), &status), 0);
+    AddLoop(static_cast<int>(minor(status.st_rdev)), 1);
+    std::filesystem::create_symlink("/dev/" + loop.Name, Path("dev/" + loop.Name));
+    Link("proc/70/fd/3", "dev/" + loop.Name);
+    Link("proc/70/fd/4", "dev/" + loop.Name);
+    Link("proc/70/fd/5", "proc");
+    // No block device, though of the same number. Where there may be no such node there is none to be mistaken.
+    (void)mknod(Path("dev/tty").c_str(), S_IFCHR | 0600, status.st_rdev);
+    Link("proc/71/fd/3", "dev/tty");
+    Write("proc/70/comm", "holder");
+    Link("proc/" + std::to_string(getpid()) + "/fd/3", "dev/" + loop.Name);
+    Link("proc/fs/fd/3", "dev/" + loop.Name);
+    Write("sys/class/block/loop99/loop/backing_file", Path("dev/" + loop.Name));
+    Write("sys/class/block/loop98/loop/backing_file", "/dev/" + loop.Name);
+    const Report report = MakeReport(roots_, {});
+    ASSERT_EQ(report.Disks.size(), 1u);
+    const DiskReport& disk = report.Disks[0];
+    EXPECT_EQ(Text(disk.Users), "loop /dev/loop99, process holder (process 70)");
+    EXPECT_EQ(disk.WhyNotOpened, "");
+    EXPECT_EQ(disk.Size, loop.Length);
+    EXPECT_EQ(disk.SectorSize, loop.SectorSize);
+    EXPECT_TRUE(disk.Contents.empty());
+}
+
+ptrdiff_t CountDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// What a function gives, which leaves neither a descriptor nor a process behind, and is interrupted by signals at each
+// wait the second time.
+template <typename Function>
+auto RunInterrupted(Function function, bool HostCalls::*interrupts) {
+    const ScopedHostCalls scope;
+    const ptrdiff_t before = CountDescriptors();
+    (void)function();
+    TheHostCalls().*interrupts = true;
+    auto result = function();
+    TheHostCalls().*interrupts = false;
+    EXPECT_EQ(CountDescriptors(), before);
+    EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
+    return result;
+}
+
+TEST_F(LinuxDisksToolHost, SignatureIsThatOfTheMedium) {
+    std::string medium(65536, '\0');
+    Write("empty", medium);
+    medium.replace(1024, 8, std::string("\1\0\0\0\17\0\0\0", 8)).replace(1036, 16, 16, 'u').replace(1052, 4, "ab c");
+    medium.replace(4086, 10, "SWAPSPACE2");
+    Write("swap", medium);
+    medium.replace(450, 12, std::string("\x83\0\0\0\10\0\0\0\100\0\0\0", 12)).replace(510, 2, "\x55\xAA");
+    Write("both", medium);
+    const std::pair<const char*, std::string> media[] = {
+        {"empty", "//"}, {"swap", "swap/ab c/"}, {"both", "swap/ab c/dos"}};
+    for (const auto& [name, expected] : media) {
+        const vornix::platform::OwnedDescriptor file(open(Path(name).c_str(), O_RDONLY | O_CLOEXEC));
+        const Signature found = RunInterrupted([&] { return FindSignature(file.Get()); }, &HostCalls::InterruptsWaits);
+        EXPECT_EQ(found.Type + "/" + found.Label + "/" + found.PartitionTable, expected);
+    }
+}
+
+TEST(LinuxLsblk, IsAskedWhateverInterrupts) {
+    const std::string error = AskLsblk().Error;
+    EXPECT_EQ(RunInterrupted(AskLsblk, &HostCalls::InterruptsPipes).Error, error);
+    EXPECT_EQ(RunInterrupted(AskLsblk, &HostCalls::InterruptsWaits).Error, error);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/magic.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -129,6 +130,20 @@ bool AdmitTransfer(size_t& length) {
     return true;
 }
 
+// Whether a signal interrupts a wait, with errno set.
+bool IsInterrupted(bool isAsked) {
+    if (!isAsked || ++TheHostCalls().Waits % 2 == 0) {
+        return false;
+    }
+    errno = EINTR;
+    return true;
+}
+
+bool IsPipe(int descriptor) {
+    struct stat status {};
+    return fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 bool IsOfRegistry(int descriptor) {
     char name[4096];
     const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), name, sizeof name);
@@ -160,7 +175,19 @@ ssize_t pwrite(int descriptor, const void* buffer, size_t length, off_t offset) 
     return AdmitTransfer(length) ? Next<decltype(pwrite)>("pwrite")(descriptor, buffer, length, offset) : -1;
 }
 
+int poll(struct pollfd* waited, nfds_t count, int timeout) {
+    return IsInterrupted(TheHostCalls().InterruptsWaits) ? -1 : Next<decltype(poll)>("poll")(waited, count, timeout);
+}
+
+pid_t waitpid(pid_t child, int* status, int options) {
+    return IsInterrupted(TheHostCalls().InterruptsWaits) ? -1
+                                                         : Next<decltype(waitpid)>("waitpid")(child, status, options);
+}
+
 ssize_t read(int descriptor, void* buffer, size_t length) {
+    if (IsInterrupted(TheHostCalls().InterruptsPipes && IsPipe(descriptor))) {
+        return -1;
+    }
     return !IsOfRegistry(descriptor) || AdmitTransfer(length) ? syscall(SYS_read, descriptor, buffer, length) : -1;
 }
 

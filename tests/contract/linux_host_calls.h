@@ -18,6 +18,10 @@ struct HostCalls {
     size_t LongestTransfer = 0; // a transfer moves no more than this; 0: as much as it likes
     int InterruptTransfers = 0; // so many transfers are interrupted by a signal before they move anything
 
+    bool InterruptsWaits = false; // every other poll and wait for another process is interrupted by a signal
+    bool InterruptsPipes = false; // every other read of a pipe is
+    int Waits = 0;                // so many of these there were
+
     int LockError = 0; // the next flock fails with this, once
 
     bool HasLocks = true; // the file system has advisory locks

@@ -83,11 +83,16 @@ class DisksTool(LoopScenario):
         content, = disk["contents"]
         self.assertEqual((content["type"], content["label"], content["size"]), ("ext2", "März", SIZE))
         self.expect_unused(device)
+        for locale, label in ("C.UTF-8", "März"), ("C", "M?rz"):
+            done = subprocess.run(self.disks.tool_command(), env={**SETTINGS.environment(), "LC_ALL": locale},
+                                  capture_output=True, check=True)
+            self.assertIn(f'ext2 "{label}"'.encode(), done.stdout)
         place = self.mount(device, name="a place")
         disk = self.disk(device)
         self.assertEqual(disk["contents"][0]["mount_points"], [place])
         self.assertTrue(disk["in_use"])
         self.assertIn({"kind": "mount", "what": place}, disk["used_by"])
+        self.assertNotIn("kernel", [user["kind"] for user in disk["used_by"]])
         self.assertIn(f"mounted at {place}".encode(), self.table())
         LoopDisks.unmount(place, device)
         self.expect_unused(device)
@@ -150,6 +155,24 @@ class DisksTool(LoopScenario):
         self.assertEqual((disks[device]["number"], disks[device]["listed"]), (number, False))
         self.assertEqual(disks[device]["not_opened"], "no device behind the node")
         self.assertEqual(disks[other]["not_opened"], "No such file or directory")
+
+    def test_list_that_lsblk_does_not_give_is_missed(self):
+        self.attach()
+        fake = os.path.join(self.folder, "lsblk")
+        for script, error in (("echo '{\"blockdevices\": []}'; exit 1", "lsblk failed"),
+                              ("echo '{\"blockdevices\": []}'; kill -9 $$", "lsblk failed"),
+                              ("echo []", "lsblk printed something else than a list of devices")):
+            with self.subTest(script=script):
+                with open(fake, "w", encoding="ascii") as file:
+                    file.write(f"#!/bin/sh\n{script}\n")
+                os.chmod(fake, 0o755)
+                command = self.disks.tool_command("--json")
+                command[-2:-2] = ["sh", "-c", 'mount --bind "$0" "$1" && shift && exec "$@"', fake,
+                                  shutil.which("lsblk")]
+                done = subprocess.run(command, capture_output=True, env=SETTINGS.environment(), check=False)
+                self.assertEqual((done.returncode, done.stderr), (1, f"vornix-disks: {error}\n".encode()))
+                document = json.loads(done.stdout)
+                self.assertEqual((document["error"], len(document["disks"])), (error, 1))
 
     def test_where_numbers_are_ranks_it_says_so_and_why(self):
         self.attach()
