@@ -103,13 +103,16 @@ class Native(suite.Scenario):
         return process
 
     def waiting_for_its_password(self, program, folder, **options):
-        """A run that has read a part of its password and waits for the rest: the process, and the pipe's other end."""
+        """A run that has read a part of its password and waits for the rest."""
         build_image(os.path.join(folder, "sealed.vrnx"), PLAIN, password=PASSWORD)
-        pipe = os.path.join(folder, "password")
+        return self.waiting_with([program, "verify", "--in", "sealed.vrnx"], folder, **options)
+
+    def waiting_with(self, command, folder, **options):
+        """The same of any command."""
+        pipe = os.path.join(folder, f"password{len(os.listdir(folder))}")
         os.mkfifo(pipe)
         os.chmod(pipe, 0o666)
-        process = self.start([program, "verify", "--in", "sealed.vrnx", "--password-file", "password"], cwd=folder,
-                             **options)
+        process = self.start([*command, "--password-file", pipe], cwd=folder, **options)
 
         def opened():
             try:
@@ -128,10 +131,12 @@ class Limits(Native):
 
         def limit():
             resource.setrlimit(resource.RLIMIT_FSIZE, (2 * CHUNK, 2 * CHUNK))
-        done = product.start("consolidate", "--in", "full.vrnx", "--out", "out.vrnx", stdout=subprocess.DEVNULL,
-                             stderr=subprocess.PIPE, preexec_fn=limit)
-        self.assertEqual((done.returncode, done.stderr.decode()), (
-            1, "FATAL: WriteFile failed while consolidating (disk full?) (GetLastError=112)\n"))
+        for output, told in ("/dev/null", ""), ("/dev/full", lost("an earlier write failed")):
+            with self.subTest(output=output), open(output, "wb") as stream:
+                done = product.start("consolidate", "--in", "full.vrnx", "--out", f"{len(told)}.vrnx", stdout=stream,
+                                     stderr=subprocess.PIPE, preexec_fn=limit)
+                self.assertEqual((done.returncode, done.stderr.decode()), (
+                    1, "FATAL: WriteFile failed while consolidating (disk full?) (GetLastError=112)\n" + told))
 
 
 class StandardStreams(Native):
@@ -161,6 +166,17 @@ class StandardStreams(Native):
             with open(f"/proc/{process.pid}/fdinfo/{stream}", encoding="ascii") as file:
                 flags = int(re.search(r"flags:\s*([0-7]+)", file.read()).group(1), 8)
             self.assertEqual(flags & os.O_ACCMODE, access)
+
+    def test_a_stream_that_is_open_stays_what_it_is(self):
+        process = self.waiting_for_its_password(SETTINGS.program, self.folder, stdout=subprocess.PIPE,
+                                                preexec_fn=lambda: os.close(0))
+        streams = pathlib.Path(f"/proc/{process.pid}/fd")
+        try:
+            names = [stream.name for stream in streams.iterdir() if os.readlink(stream) == "/dev/null"]
+        except PermissionError:
+            self.skipTest("only root sees the streams of a run that may hold a key")
+        process.stdout.close()
+        self.assertEqual(names, ["0"])
 
 
 class DevicesInPlaceOfFiles(Native):
@@ -275,6 +291,8 @@ class Interrupted(Native):
             with self.subTest(number=number):
                 _, process, reading = self.consolidation()
                 process.send_signal(number)
+                time.sleep(0.3)
+                self.assertIsNone(process.poll(), "it waits for its reader for a while")
                 output = self.rest(reading)
                 self.assertEqual(process.stderr.read().decode(),
                                  f"INTERRUPTED: ended by {number.name}; the file out.vrnx is left unfinished\n")
@@ -314,6 +332,36 @@ class Interrupted(Native):
         process.send_signal(signal.SIGINT)
         self.assertEqual(process.wait(60), -signal.SIGINT)
         self.assertEqual(process.stderr.read(), b"INTERRUPTED: ended by SIGINT; nothing is left unfinished\n")
+
+    def test_what_was_printed_before_a_wait_arrives_from_the_first_process_of_a_container_too(self):
+        disks = self.disks()
+        self.attach(disks, bytes(1 << 20))
+        command = disks.command("capture", "--disk", "0", "--out", "a.vrnx", "--encrypt")
+        for around, status in ((), -signal.SIGTERM), (("unshare", "--pid", "--fork"), 128 + signal.SIGTERM):
+            with self.subTest(around=around):
+                process = self.waiting_with([*around, *command], self.folder, stdout=subprocess.PIPE)
+                children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text(encoding="ascii")
+                os.kill(int(children) if around else process.pid, signal.SIGTERM)
+                with process.stdout:
+                    self.assertRegex(process.stdout.read(), b"^Source: PhysicalDrive0 ")
+                self.assertEqual(process.stderr.read(), b"INTERRUPTED: ended by SIGTERM; nothing is left unfinished\n")
+                self.assertEqual(process.wait(60), status)
+
+    def test_a_run_that_is_done_leaves_nothing_unfinished(self):
+        product = self.product()
+        printed = len(product.run("consolidate", "--in", "full.vrnx", "--out", "1.vrnx").raw)
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        # All has room but the end of the last line, which is handed on when the run is over.
+        os.write(writing, bytes(fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096) - printed + 20))
+        process = self.start([SETTINGS.program, "consolidate", "--in", "full.vrnx", "--out", "2.vrnx"],
+                             cwd=product.work, stdout=writing)
+        os.close(writing)
+        wait_for(lambda: "pipe_write" in pathlib.Path(f"/proc/{process.pid}/wchan").read_text(encoding="ascii"))
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(60), -signal.SIGTERM)
+        self.assertEqual(process.stderr.read(), b"INTERRUPTED: ended by SIGTERM; nothing is left unfinished\n")
+        self.expect_file(product, "2.vrnx", plain_full_image(PLAIN, CHUNK))
 
     def test_a_capture_leaves_its_partial_file_and_publishes_nothing(self):
         disks = self.disks()
