@@ -12,12 +12,14 @@ import suite
 from image import build_image
 from incremental import marked
 from machine import SETTINGS, Machine, pattern
+from product import Product
 from snapshot import volume_name
 
 SANITIZED = os.path.basename(SETTINGS.build) == "sanitize"
 os.environ["ASAN_OPTIONS"] = "detect_leaks=1:" + os.environ.get("ASAN_OPTIONS", "")
 VALGRIND = ["valgrind", "--quiet", "--error-exitcode=86", "--leak-check=full",
-            "--errors-for-leak-kinds=definite,indirect"]
+            "--errors-for-leak-kinds=definite,indirect", "--show-leak-kinds=definite,indirect",
+            "--soname-synonyms=somalloc=nouserintercepts", "--show-mismatched-frees=no"]
 SIZE = 3 * 4096 + 512
 SOURCE = pattern(1048576, "source")
 MIB4 = 0x400000
@@ -34,11 +36,11 @@ class Memory(suite.Scenario):
         if self.settings.windows or not SANITIZED and shutil.which("valgrind") is None:
             self.skipTest("no tool that looks at memory")
 
-    def watched(self, **options):
+    def watched(self, kind=Machine, **options):
         settings = copy.copy(SETTINGS)
         if not SANITIZED:
             settings.runner = VALGRIND
-        made = Machine(os.path.join(self.folder, f"m{len(self.machines) + 1}"), settings=settings, **options)
+        made = kind(os.path.join(self.folder, f"m{len(self.machines) + 1}"), settings=settings, **options)
         self.machines.append(made)
         return made
 
@@ -53,6 +55,11 @@ class Memory(suite.Scenario):
         build_image(machine.path("a.vrnx"), pattern(4096, "new") + pattern(SIZE, "base")[4096:], password=password,
                     base=machine.path("base.vrnx"))
         return machine
+
+    def test_the_product_with_its_own_allocation_functions(self):
+        product = self.watched(Product)
+        build_image(product.path("a.vrnx"), SOURCE)
+        self.expect_clean(product, "consolidate", "--in", "a.vrnx", "--out", "b.vrnx")
 
     def test_list_disks(self):
         self.expect_clean(self.watched(), "list-disks")
