@@ -308,15 +308,17 @@ auto RunInterrupted(Function function, bool HostCalls::*interrupts) {
 }
 
 TEST_F(LinuxDisksToolHost, SignatureIsThatOfTheMedium) {
-    std::string medium(65536, '\0');
+    std::string medium(2 << 20, '\0'); // in a smaller one the library looks for one kind alone
     Write("empty", medium);
     medium.replace(1024, 8, std::string("\1\0\0\0\17\0\0\0", 8)).replace(1036, 16, 16, 'u').replace(1052, 4, "ab c");
     medium.replace(4086, 10, "SWAPSPACE2");
     Write("swap", medium);
     medium.replace(450, 12, std::string("\x83\0\0\0\10\0\0\0\100\0\0\0", 12)).replace(510, 2, "\x55\xAA");
     Write("both", medium);
+    medium.replace(0, 4, "hsqs").replace(28, 1, 1, '\4'); // a squashfs as well
+    Write("two", medium);
     const std::pair<const char*, std::string> media[] = {
-        {"empty", "//"}, {"swap", "swap/ab c/"}, {"both", "swap/ab c/dos"}};
+        {"empty", "//"}, {"swap", "swap/ab c/"}, {"both", "swap/ab c/dos"}, {"two", "ambivalent//"}};
     for (const auto& [name, expected] : media) {
         const vornix::platform::OwnedDescriptor file(open(Path(name).c_str(), O_RDONLY | O_CLOEXEC));
         const Signature found = RunInterrupted([&] { return FindSignature(file.Get()); }, &HostCalls::InterruptsWaits);

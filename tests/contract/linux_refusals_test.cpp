@@ -17,11 +17,14 @@
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <cwchar>
 #include <functional>
 #include <string>
 #include <utility>
@@ -204,6 +207,18 @@ TEST(RuntimeOnLinux, FreedMemoryIsGivenBack) {
     SysFreeString(SysAllocString(text.c_str()));
     _aligned_free(_aligned_malloc(4 << 20, 4096));
     EXPECT_EQ(mallinfo2().hblkhd, before);
+}
+
+TEST(RuntimeOnLinux, NothingBehindAStringIsRead) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* const pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    auto* const end = static_cast<wchar_t*>(pages) + page / sizeof(wchar_t);
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    const BSTR string = SysAllocString(std::wmemcpy(end - 3, L"ab", 3));
+    EXPECT_STREQ(string, L"ab");
+    SysFreeString(string);
+    EXPECT_EQ(munmap(pages, 2 * page), 0);
 }
 
 TEST(RuntimeOnLinux, CallsTellWhatIsWrongAndWriteNoFurtherThanTheirResult) {
