@@ -113,7 +113,7 @@ NTSTATUS WINAPI BenchBCryptGenRandom(BCRYPT_ALG_HANDLE algorithm, PUCHAR buffer,
     }
     CallRecord call("BCryptGenRandom");
     call.Add("length", length);
-    return Answer(call, [&] { return RealBCryptGenRandom(algorithm, buffer, length, flags); });
+    return Answer(call, [&] { return DrawOrSameSalt(algorithm, buffer, length, flags); });
 }
 
 NTSTATUS WINAPI BenchBCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt,

@@ -15,4 +15,9 @@ namespace vornix::bench {
 NTSTATUS DeriveKeyOnce(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt, ULONG saltLength,
                        ULONGLONG iterations, PUCHAR key, ULONG keyLength, ULONG flags);
 
+// As BCryptGenRandom. A run that seals draws a salt, so that its key is in no folder: where the environment asks for
+// one salt (VORNIX_BENCH_SALT is not empty), what is as long as a salt is the same in each run. All else is drawn,
+// nonces among it.
+NTSTATUS DrawOrSameSalt(BCRYPT_ALG_HANDLE algorithm, PUCHAR buffer, ULONG length, ULONG flags);
+
 } // namespace vornix::bench

@@ -376,18 +376,22 @@ class WineSession:
 
 
 class RememberedKeys:
-    """A folder in which the described machines of this suite keep the keys that they derive: see
-    bench/remembered_keys.h."""
+    """A folder in which the described machines of this suite keep the keys that they derive, and one salt for all that
+    they seal, where the suite wants that: see bench/remembered_keys.h."""
 
-    def __init__(self, settings=SETTINGS):
-        self.windows, self.folder = settings.windows, tempfile.TemporaryDirectory(prefix="vornix-keys-")
+    def __init__(self, one_salt, settings=SETTINGS):
+        self.one_salt, self.windows = one_salt, settings.windows
+        self.folder = tempfile.TemporaryDirectory(prefix="vornix-keys-")
 
     def __enter__(self):
         name = self.folder.name
         os.environ["VORNIX_BENCH_KEYS"] = "Z:" + name.replace("/", "\\") if self.windows else name
+        if self.one_salt:
+            os.environ["VORNIX_BENCH_SALT"] = "same"
 
     def __exit__(self, *_):
         del os.environ["VORNIX_BENCH_KEYS"]
+        os.environ.pop("VORNIX_BENCH_SALT", None)
         self.folder.cleanup()
 
 
@@ -413,8 +417,9 @@ def of_this_build(tests, settings=SETTINGS, script=None):
     return run, left_out
 
 
-def main():
-    """Runs the tests of the file that was started, and ends the process."""
+def main(one_salt=FOLDER_OF_SUITE == "faults"):
+    """Runs the tests of the file that was started, and ends the process. `one_salt`: for suites that make the same runs
+    hundreds of times, and ask no salt to be another than the one before."""
     parser = argparse.ArgumentParser(description="Runs this suite.")
     parser.add_argument("-k", metavar="TEXT", action="append", help="only tests whose name contains TEXT")
     parser.add_argument("--list", action="store_true", help="print the names of the tests")
@@ -435,7 +440,7 @@ def main():
         skipped += 1
         print(f"skipped {test.id().removeprefix('__main__.')}: one scenario in three is run here, all with VORNIX_LONG",
               flush=True)
-    with WineSession(), RememberedKeys(), concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+    with WineSession(), RememberedKeys(one_salt), concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         for test, result in pool.map(_run_one, tests):
             troubles = result.failures + result.errors
             if troubles or result.unexpectedSuccesses:

@@ -320,4 +320,4 @@ class Generations(suite.Scenario):
 
 
 if __name__ == "__main__":
-    suite.main()
+    suite.main(one_salt=True)

@@ -142,4 +142,23 @@ TEST_F(RememberedKeys, AreRefusedWhereTheHostRefuses) {
     EXPECT_EQ(key, Key{});
 }
 
+TEST_F(RememberedKeys, ComeBackWithTheOneSaltThatIsAskedFor) {
+    BCRYPT_ALG_HANDLE random = nullptr;
+    ASSERT_EQ(RealBCryptOpenAlgorithmProvider(&random, BCRYPT_RNG_ALGORITHM, nullptr, 0), 0);
+    const auto draw = [random](ULONG length) {
+        std::string bytes(length, '\0');
+        EXPECT_EQ(DrawOrSameSalt(random, reinterpret_cast<PUCHAR>(bytes.data()), length, 0), 0);
+        return bytes;
+    };
+    EXPECT_NE(draw(16), draw(16));
+    std::string wish = "VORNIX_BENCH_SALT=same";
+    ASSERT_EQ(putenv(wish.data()), 0);
+    EXPECT_EQ(draw(16), draw(16));
+    EXPECT_NE(draw(12), draw(12));
+    std::string none = "VORNIX_BENCH_SALT=";
+    ASSERT_EQ(putenv(none.data()), 0);
+    EXPECT_NE(draw(16), draw(16));
+    EXPECT_EQ(RealBCryptCloseAlgorithmProvider(random, 0), 0);
+}
+
 } // namespace
