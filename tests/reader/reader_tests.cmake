@@ -52,6 +52,7 @@ foreach(suite ${suites})
   get_filename_component(name ${suite} NAME_WE)
   string(REGEX REPLACE "^test_" "reader/" name ${name})
   vornix_add_test(${name} ${Python3_EXECUTABLE} ${suite})
+  set_tests_properties(${name} PROPERTIES COST 10)
   set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
     "VORNIX=$<TARGET_FILE:vornix>" "VRNX=$<TARGET_FILE:vrnx>" "VORNIX_BUILD=${PROJECT_BINARY_DIR}" "VORNIX_JOBS=1"
     ${preload})
