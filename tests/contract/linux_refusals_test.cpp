@@ -358,6 +358,29 @@ TEST(CryptoOnLinux, EveryByteThatIsAskedForIsDrawn) {
     EXPECT_NE(bytes, Bytes(32));
 }
 
+// The providers that are missing where the library is set up to show no algorithm, a bit each.
+int FindMissing() {
+    const int settings = memfd_create("settings", 0);
+    dprintf(settings, "openssl_conf = all\n[all]\nalg_section = own\n[own]\ndefault_properties = fips=yes\n");
+    EXPECT_EQ(setenv("OPENSSL_CONF", ("/proc/self/fd/" + std::to_string(settings)).c_str(), 1), 0);
+    const std::pair<LPCWSTR, ULONG> providers[] = {{BCRYPT_SHA256_ALGORITHM, 0},
+                                                   {BCRYPT_SHA256_ALGORITHM, BCRYPT_ALG_HANDLE_HMAC_FLAG},
+                                                   {BCRYPT_AES_ALGORITHM, 0},
+                                                   {BCRYPT_RNG_ALGORITHM, 0}};
+    int missing = 0;
+    for (const auto& [id, flags] : providers) {
+        BCRYPT_ALG_HANDLE handle = nullptr;
+        const NTSTATUS status = BCryptOpenAlgorithmProvider(&handle, id, nullptr, flags);
+        missing = missing << 1 | (status == static_cast<NTSTATUS>(0xC0000225u) ? 1 : 0);
+    }
+    return missing;
+}
+
+TEST(CryptoOnLinuxDeathTest, AlgorithmThatTheLibraryLacksHasNoProvider) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process anew, for what one has used it keeps
+    EXPECT_EXIT(exit(FindMissing()), testing::ExitedWithCode(0b1110), "");
+}
+
 TEST(CryptoOnLinux, MemoryIsHiddenBeforeAKeyIsInIt) {
     const struct {
         LPCWSTR Id;
