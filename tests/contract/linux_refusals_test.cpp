@@ -371,6 +371,9 @@ int FindMissing() {
     for (const auto& [id, flags] : providers) {
         BCRYPT_ALG_HANDLE handle = nullptr;
         const NTSTATUS status = BCryptOpenAlgorithmProvider(&handle, id, nullptr, flags);
+        if (status == 0) {
+            EXPECT_EQ(BCryptCloseAlgorithmProvider(handle, 0), 0);
+        }
         missing = missing << 1 | (status == static_cast<NTSTATUS>(0xC0000225u) ? 1 : 0);
     }
     return missing;
