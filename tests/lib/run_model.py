@@ -674,13 +674,12 @@ class Restore(Reader):
 
 # --- The sweeps -----------------------------------------------------------------------------------------------------
 
-def sweep_model(test, make, arguments, model, clean_text, least, kinds=None):
-    """Sweeps with `model(fault)` as oracle, over calls of these kinds where they are given; the healthy run prints
-    `clean_text`, and at least so many runs are worth it."""
+def sweep_model(test, make, arguments, model, clean_text, least):
+    """Sweeps with `model(fault)` as oracle; the healthy run prints `clean_text`, and at least so many runs are worth
+    it."""
     clean = model(None).run()
     test.assertEqual((clean.status, clean.stdout, clean.stderr), (0, clean_text, ""))
-    sweep_faults(test, make, arguments, clean.expected(), lambda fault: model(fault).run().expected(), kinds,
-                 least=least)
+    sweep_faults(test, make, arguments, clean.expected(), lambda fault: model(fault).run().expected(), least=least)
 
 
 def sweep_capture_kills(test, scene, arguments, clean_text, least, *, tracker=False, committed_text=None,

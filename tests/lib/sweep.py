@@ -149,13 +149,11 @@ def effects_of(call):
     return effects
 
 
-def faults_of(log, kinds=None):
-    """Every fault of a sweep over this clean log; `kinds` narrows it to calls of these names."""
+def faults_of(log):
+    """Every fault of a sweep over this clean log."""
     calls = calls_of(log)
     faults = []
     for call in calls:
-        if kinds is not None and call.kind not in kinds:
-            continue
         later = [other for other in calls if other.kind == call.kind and other.index >= call.index]
         for variant, effect in effects_of(call):
             faults.append(Fault(call, variant, effect, False, [call]))
@@ -264,11 +262,11 @@ def clean_run(test, make, arguments, expected):
     return _in_fresh_folder(make, body)
 
 
-def sweep_faults(test, make, arguments, clean, oracle, kinds=None, limit=None, made=None, least=0):
+def sweep_faults(test, make, arguments, clean, oracle, limit=None, made=None, least=0):
     """The fault sweep; `clean` is the Expected of the healthy machine, and `made` what `clean_run` gave where the
     caller has asked it already. There are at most `limit` runs, and at least `least` unless they are sampled."""
     result, _ = made or clean_run(test, make, arguments, clean)
-    possible = faults_of(result.log, kinds)
+    possible = faults_of(result.log)
     faults = sample(possible, _limit(limit))
     test.assertTrue(faults, "the clean run made no call that can fail")
 
