@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <ctime>
 #include <cwchar>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <utility>
@@ -379,9 +380,12 @@ int FindMissing() {
     return missing;
 }
 
-TEST(CryptoOnLinuxDeathTest, AlgorithmThatTheLibraryLacksHasNoProvider) {
+TEST_F(RefusalDeathTest, CryptographyThatTheLibraryLacksHasNoProvider) {
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process anew, for what one has used it keeps
+    const std::string before = std::filesystem::temp_directory_path().string();
+    EXPECT_EQ(setenv("TMPDIR", Folder().c_str(), 1), 0); // of which that process removes nothing
     EXPECT_EXIT(exit(FindMissing()), testing::ExitedWithCode(0b1110), "");
+    EXPECT_EQ(setenv("TMPDIR", before.c_str(), 1), 0);
 }
 
 TEST(CryptoOnLinux, MemoryIsHiddenBeforeAKeyIsInIt) {
