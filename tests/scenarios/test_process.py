@@ -357,7 +357,12 @@ class Interrupted(Native):
         process = self.start([SETTINGS.program, "consolidate", "--in", "full.vrnx", "--out", "2.vrnx"],
                              cwd=product.work, stdout=writing)
         os.close(writing)
-        wait_for(lambda: "pipe_write" in pathlib.Path(f"/proc/{process.pid}/wchan").read_text(encoding="ascii"))
+        place = pathlib.Path(f"/proc/{process.pid}/wchan")
+        try:
+            wait_for(lambda: "pipe_write" in place.read_text(encoding="ascii"))
+        except (TimeoutError, PermissionError):
+            self.assertIsNone(process.poll(), "it waits for room in the pipe")
+            self.skipTest("this kernel does not show what a process waits for")
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(60), -signal.SIGTERM)
         self.assertEqual(process.stderr.read(), b"INTERRUPTED: ended by SIGTERM; nothing is left unfinished\n")
