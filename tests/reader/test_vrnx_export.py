@@ -251,7 +251,7 @@ class Salvage(Exports):
         vrnx.write("password", PASSWORD)
         vrnx.write("raw", THIN)
         build_image(vrnx.path("x.vrnx"), THIN, chunk_size=CHUNK, password=PASSWORD)
-        for number in (0, 3) if SETTINGS.windows or SETTINGS.sampled else range(COUNT):
+        for number in (0, 3) if SETTINGS.sampled else range(COUNT):
             zero = number in (0,)
             for what, offset, bad, healed in (
                     ("disk offset", 3, [number], False), ("stored length", 8, [number], False),
