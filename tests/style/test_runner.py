@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The runner of the suites: what it leaves out under Wine and the sanitizers is said by name, and counted."""
+"""The runner of the suites: what it leaves out under Wine and the sanitizers is said by name, and counted; what Wine
+does not begin is begun again."""
 
 import os
 import shlex
